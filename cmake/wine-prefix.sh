@@ -1,0 +1,38 @@
+#!/bin/sh
+# Starts or stops the private Wine prefix that the tests and the demo use.
+#   wine-prefix.sh start PREFIX   create the prefix when new, then run a persistent Wine server
+#   wine-prefix.sh stop PREFIX    stop that prefix's Wine server (and every process in it)
+# A new prefix briefly runs two service managers during its first start, which confuses the
+# service control manager; so a new prefix is created, its server stopped, and only then the
+# persistent server started. All output goes to /dev/null: a Wine process that kept the
+# caller's stdout open would keep CTest waiting.
+set -eu
+cmd=${1:?start or stop}
+prefix=${2:?prefix folder}
+export WINEPREFIX="$prefix"
+export WINEDEBUG=-all
+
+case "$cmd" in
+start)
+  mkdir -p "$prefix"
+  wineserver -k </dev/null >/dev/null 2>&1 || true
+  wineserver -w </dev/null >/dev/null 2>&1 || true
+  if [ ! -f "$prefix/system.reg" ]; then
+    wine cmd /c exit </dev/null >/dev/null 2>&1 || true
+    wineserver -k </dev/null >/dev/null 2>&1 || true
+    wineserver -w </dev/null >/dev/null 2>&1 || true
+  fi
+  wineserver -p </dev/null >/dev/null 2>&1
+  wine cmd /c exit </dev/null >/dev/null 2>&1
+  echo "Wine prefix ready: $prefix"
+  ;;
+stop)
+  wineserver -k </dev/null >/dev/null 2>&1 || true
+  wineserver -w </dev/null >/dev/null 2>&1 || true
+  echo "Wine server stopped: $prefix"
+  ;;
+*)
+  echo "usage: $0 start|stop PREFIX" >&2
+  exit 2
+  ;;
+esac

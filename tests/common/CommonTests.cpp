@@ -1,0 +1,107 @@
+#include "common/BaseItem.h"
+#include "common/DaxException.h"
+#include "common/UniqueHandle.h"
+#include "common/WideFormat.h"
+#include "tests/common/CapturingLogger.h"
+#include "tests/common/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <thread>
+
+using testing_support::CapturingLogger;
+
+TEST(UniqueHandle, ResetClosesAndKeepsLastError)
+{
+    daxlib::unique_handle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ASSERT_TRUE(event);
+    HANDLE raw = event.get();
+    ::SetLastError(1234);
+    event.reset();
+    EXPECT_EQ(1234u, ::GetLastError());
+    EXPECT_FALSE(event);
+    // The handle value is closed: using it fails.
+    EXPECT_FALSE(::SetEvent(raw));
+
+    daxlib::unique_hfile file;
+    EXPECT_EQ(INVALID_HANDLE_VALUE, file.get());
+    daxlib::unique_handle moved(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    daxlib::unique_handle target = std::move(moved);
+    EXPECT_FALSE(moved);
+    EXPECT_TRUE(target);
+}
+
+TEST(WideFormat, CutsLongTextAndKeepsWindowsConventions)
+{
+    std::wstring longText(5000, L'x');
+    wchar_t buffer[daxlib::kFormatCapacity];
+    const int n = daxlib::FormatTruncated(buffer, daxlib::kFormatCapacity, L"%s", longText.c_str());
+    EXPECT_EQ(4095, n);
+    EXPECT_EQ(4095u, wcslen(buffer));
+    EXPECT_EQ(L"w=wide n=narrow 10400 -5", daxlib::Format(L"w=%s n=%S %X %I64d", L"wide", "narrow", 0x10400, -5LL));
+}
+
+TEST(DaxException, CapturesLastErrorAtConstruction)
+{
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    try
+    {
+        daxlib::ThrowDaxException(L"ThreadPool", 58);
+    }
+    catch (daxlib::CDaxException* raw)
+    {
+        daxlib::DaxExceptionPtr e(raw);
+        EXPECT_EQ(5u, e->ErrorCode());
+        EXPECT_EQ(58u, e->Line());
+        EXPECT_EQ(L"ThreadPool", e->Module());
+        EXPECT_EQ(L"", e->Description());
+    }
+}
+
+namespace
+{
+class TaggedItem : public IBaseItem
+{
+public:
+    using IBaseItem::IBaseItem;
+    std::wstring GetLogTag() const override { return L"[object: tag]"; }
+    int Start() override { return 1; }
+    int Stop() override { return 1; }
+};
+} // namespace
+
+TEST(BaseLogger, WritesOriginTagAndMessageAndKeepsLastError)
+{
+    auto logger = std::make_shared<CapturingLogger>(2);
+    TaggedItem item(logger);
+    ::SetLastError(87);
+    item.Log(2, L"CPipeServer::Start: (51)", L"waiting for %s...", L"connections");
+    EXPECT_EQ(87u, ::GetLastError());
+    item.Log(3, L"X::Y: (1)", L"filtered out");
+    const auto records = logger->Records();
+    ASSERT_EQ(1u, records.size());
+    EXPECT_EQ(L"CPipeServer::Start: (51): [object: tag]: waiting for connections...", records[0].text);
+
+    TaggedItem silent(nullptr);
+    silent.Log(0, L"X::Y: (1)", L"nobody listens"); // must not crash
+}
+
+TEST(LeakCounters, SeeHandlesAndThreadsComeAndGo)
+{
+    const long long handlesBefore = testing_support::CountProcessHandles();
+    ASSERT_GT(handlesBefore, 0) << "the system handle table could not be read";
+    {
+        daxlib::unique_handle a(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        daxlib::unique_handle b(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        EXPECT_EQ(handlesBefore + 2, testing_support::CountProcessHandles());
+    }
+    EXPECT_EQ(handlesBefore, testing_support::CountProcessHandles());
+
+    const long long threadsBefore = testing_support::CountProcessThreads();
+    daxlib::unique_handle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::thread worker([&] { ::WaitForSingleObject(release.get(), INFINITE); });
+    EXPECT_EQ(threadsBefore + 1, testing_support::CountProcessThreads());
+    ::SetEvent(release.get());
+    worker.join();
+}

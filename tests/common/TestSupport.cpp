@@ -1,0 +1,156 @@
+#include "tests/common/TestSupport.h"
+
+#include <tlhelp32.h>
+
+#include <atomic>
+#include <vector>
+
+namespace testing_support
+{
+
+std::wstring UniqueName(const std::wstring& stem)
+{
+    static std::atomic<unsigned> counter{0};
+    return stem + L"-" + std::to_wstring(::GetCurrentProcessId()) + L"-" + std::to_wstring(::GetTickCount()) +
+           L"-" + std::to_wstring(++counter);
+}
+
+TempDir::TempDir(const std::wstring& stem)
+{
+    wchar_t base[MAX_PATH];
+    const DWORD n = ::GetTempPathW(MAX_PATH, base);
+    std::wstring root(base, n);
+    if (!root.empty() && root.back() == L'\\')
+        root.pop_back();
+    m_path = root + L"\\" + UniqueName(stem);
+    ::CreateDirectoryW(m_path.c_str(), nullptr);
+}
+
+TempDir::~TempDir()
+{
+    RemoveTree(m_path);
+}
+
+void RemoveTree(const std::wstring& path)
+{
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return;
+    // A junction is removed as a link; its target is left alone.
+    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) && !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
+    {
+        WIN32_FIND_DATAW data;
+        HANDLE find = ::FindFirstFileW((path + L"\\*").c_str(), &data);
+        if (find != INVALID_HANDLE_VALUE)
+        {
+            do
+            {
+                const std::wstring name = data.cFileName;
+                if (name != L"." && name != L"..")
+                    RemoveTree(path + L"\\" + name);
+            } while (::FindNextFileW(find, &data));
+            ::FindClose(find);
+        }
+    }
+    if (attributes & FILE_ATTRIBUTE_DIRECTORY)
+        ::RemoveDirectoryW(path.c_str());
+    else
+    {
+        ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+        ::DeleteFileW(path.c_str());
+    }
+}
+
+namespace
+{
+struct HandleEntryEx
+{
+    PVOID Object;
+    ULONG_PTR UniqueProcessId;
+    ULONG_PTR HandleValue;
+    ULONG GrantedAccess;
+    USHORT CreatorBackTraceIndex;
+    USHORT ObjectTypeIndex;
+    ULONG HandleAttributes;
+    ULONG Reserved;
+};
+struct HandleInformationEx
+{
+    ULONG_PTR NumberOfHandles;
+    ULONG_PTR Reserved;
+    HandleEntryEx Handles[1];
+};
+using NtQuerySystemInformationFn = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
+constexpr ULONG kSystemExtendedHandleInformation = 64;
+constexpr LONG kStatusInfoLengthMismatch = static_cast<LONG>(0xC0000004L);
+} // namespace
+
+long long CountProcessHandles(DWORD processId)
+{
+    HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
+    auto query = ntdll ? reinterpret_cast<NtQuerySystemInformationFn>(
+                             reinterpret_cast<void*>(::GetProcAddress(ntdll, "NtQuerySystemInformation")))
+                       : nullptr;
+    if (!query)
+        return -1;
+    std::vector<unsigned char> buffer(1 << 20);
+    for (int attempt = 0; attempt < 8; ++attempt)
+    {
+        ULONG needed = 0;
+        const LONG status =
+            query(kSystemExtendedHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed);
+        if (status == kStatusInfoLengthMismatch)
+        {
+            buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 65536));
+            continue;
+        }
+        if (status < 0)
+            return -1;
+        const auto* info = reinterpret_cast<const HandleInformationEx*>(buffer.data());
+        long long count = 0;
+        for (ULONG_PTR i = 0; i < info->NumberOfHandles; ++i)
+            count += info->Handles[i].UniqueProcessId == processId ? 1 : 0;
+        return count;
+    }
+    return -1;
+}
+
+long long CountProcessThreads(DWORD processId)
+{
+    HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    if (snapshot == INVALID_HANDLE_VALUE)
+        return -1;
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof(entry);
+    long long count = 0;
+    for (BOOL more = ::Thread32First(snapshot, &entry); more; more = ::Thread32Next(snapshot, &entry))
+        count += entry.th32OwnerProcessID == processId ? 1 : 0;
+    ::CloseHandle(snapshot);
+    return count;
+}
+
+std::string ReadFileBytes(const std::wstring& path)
+{
+    HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return {};
+    std::string bytes;
+    char chunk[65536];
+    DWORD read = 0;
+    while (::ReadFile(file, chunk, sizeof(chunk), &read, nullptr) && read > 0)
+        bytes.append(chunk, read);
+    ::CloseHandle(file);
+    return bytes;
+}
+
+std::wstring FromUtf16Bytes(const std::string& bytes)
+{
+    std::wstring text(bytes.size() / 2, L'\0');
+    for (size_t i = 0; i < text.size(); ++i)
+        text[i] = static_cast<wchar_t>(static_cast<unsigned char>(bytes[2 * i]) |
+                                       (static_cast<unsigned char>(bytes[2 * i + 1]) << 8));
+    return text;
+}
+
+} // namespace testing_support

@@ -1,0 +1,45 @@
+#pragma once
+// Helpers for tests that run under Windows or Wine: unique names, temporary folders, and the
+// process's real handle and thread counts for leak checks.
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+
+namespace testing_support
+{
+
+// A name unique to this process and call, for pipes, registry keys and folders, so that tests
+// running in parallel never meet.
+std::wstring UniqueName(const std::wstring& stem);
+
+// A folder under the temporary folder, removed with everything in it at destruction.
+class TempDir
+{
+public:
+    explicit TempDir(const std::wstring& stem = L"velomar-test");
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::wstring& Path() const { return m_path; } // no trailing backslash
+    std::wstring File(const std::wstring& name) const { return m_path + L"\\" + name; }
+
+private:
+    std::wstring m_path;
+};
+
+void RemoveTree(const std::wstring& path);
+
+// Handles the process holds, counted from the system's handle table (GetProcessHandleCount
+// reports 0 under Wine). Returns -1 when the table cannot be read.
+long long CountProcessHandles(DWORD processId = ::GetCurrentProcessId());
+// Threads of the process.
+long long CountProcessThreads(DWORD processId = ::GetCurrentProcessId());
+
+// Reads a whole file; empty when it cannot be opened.
+std::string ReadFileBytes(const std::wstring& path);
+// Decodes UTF-16LE bytes (no byte-order mark) to a wide string.
+std::wstring FromUtf16Bytes(const std::string& bytes);
+
+} // namespace testing_support
