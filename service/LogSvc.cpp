@@ -1,0 +1,79 @@
+#include "service/LogSvc.h"
+
+#include "common/DaxException.h"
+#include "log/CvLogger.h"
+#include "service/ServiceConfig.h"
+#include "service/ServiceSingletons.h"
+#include "service/StartupComposition.h"
+
+#include <process.h>
+
+#include <exception>
+
+namespace
+{
+unsigned __stdcall EndProcessAfterDelay(void*)
+{
+    ::Sleep(service::kStopDelayMs);
+    ::TerminateProcess(::GetCurrentProcess(), 0);
+    return 0;
+}
+} // namespace
+
+CLogSvc::CLogSvc(const wchar_t* name, void* context) : base_service(name, context)
+{
+}
+
+void CLogSvc::main(DWORD, LPWSTR*, void*, SERVICE_STATUS_HANDLE)
+{
+    m_pLogger = service::GetServiceLogger();
+    if (!m_pLogger)
+    {
+        m_pLogger = service::CreateServiceLogger();
+        if (m_pLogger)
+            service::SetServiceLogger(m_pLogger);
+    }
+    if (m_pLogger)
+        m_pLogger->Log(LogLevel::Info, L"CLogSvc::main: Service Running...");
+
+    try
+    {
+        service::RunStartupComposition(m_pLogger);
+    }
+    catch (daxlib::CDaxException* raw)
+    {
+        daxlib::DaxExceptionPtr e(raw);
+        if (m_pLogger)
+            m_pLogger->Log(LogLevel::Error, L"CLogSvc::main: Exception => Error (%d), Module: \"%s\" (%d). %s",
+                           static_cast<int>(e->ErrorCode()), e->Module().c_str(), static_cast<int>(e->Line()),
+                           e->Description().c_str());
+        // A service that cannot build its objects would otherwise hang in start-pending.
+        OnStop();
+        return;
+    }
+    catch (const std::exception& e)
+    {
+        if (m_pLogger)
+            m_pLogger->Log(LogLevel::Error, L"CLogSvc::main: Exception => Descr: \"%S\"", e.what());
+        OnStop();
+        return;
+    }
+    ReportStatus(SERVICE_RUNNING, service::kAcceptedControls);
+}
+
+bool CLogSvc::OnShutdown()
+{
+    return OnStop();
+}
+
+bool CLogSvc::OnStop()
+{
+    if (m_pLogger)
+        m_pLogger->Log(LogLevel::Info, L"CLogSvc::OnStop: Service Stopping...");
+    ReportStatus(SERVICE_STOPPED, service::kAcceptedControls);
+    // The servers are not torn down in order: the process ends under them.
+    const uintptr_t thread = _beginthreadex(nullptr, 128, &EndProcessAfterDelay, nullptr, 0, nullptr);
+    if (thread)
+        ::CloseHandle(reinterpret_cast<HANDLE>(thread));
+    return true;
+}

@@ -1,0 +1,21 @@
+#pragma once
+#include "service/BaseService.h"
+
+#include <memory>
+
+class CCvLogger;
+
+// The velomard service: starts the servers and, on stop, reports stopped and ends its own
+// process half a second later instead of tearing the servers down.
+class CLogSvc : public service::base_service<SERVICE_WIN32_OWN_PROCESS>
+{
+public:
+    CLogSvc(const wchar_t* name, void* context);
+
+    void main(DWORD argc, LPWSTR* argv, void* context, SERVICE_STATUS_HANDLE statusHandle) override;
+    bool OnShutdown() override;
+    bool OnStop() override;
+
+private:
+    std::shared_ptr<CCvLogger> m_pLogger;
+};

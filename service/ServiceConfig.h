@@ -1,0 +1,43 @@
+#pragma once
+// Compiled-in settings of the service and the one registry reader of this module.
+#include <cstdint>
+#include <string>
+
+namespace service
+{
+
+constexpr wchar_t kServiceName[] = L"velomard";
+constexpr wchar_t kProductKey[] = L"Software\\Corvane\\Velomar (Server)";
+constexpr wchar_t kCompanyFolder[] = L"Corvane";
+constexpr wchar_t kProductFolder[] = L"Velomar (Server)";
+constexpr wchar_t kLogBaseName[] = L"velomard";
+constexpr int kLogShellFolder = 35; // the common application-data folder
+constexpr uint32_t kProgramVersion = 0x10400; // 1.4.0 as major, minor and patch bytes
+constexpr uint32_t kStopDelayMs = 500;
+constexpr uint32_t kThreadPoolMaximum = 1000;
+constexpr uint32_t kServiceLogHeaderFlags = 0x804F;
+
+struct ServiceLogSettings
+{
+    std::wstring fileName;
+    uint32_t level = 0;
+    uint32_t maxSize = 0;
+};
+
+class CServiceConfig
+{
+public:
+    explicit CServiceConfig(std::wstring serviceName = kServiceName) : m_serviceName(std::move(serviceName)) {}
+
+    // Reads "logLevel", "logFileName" and (when maxSize is given) "logFileMaxSize" from the
+    // service's own key. Missing values take their defaults; value types are not checked.
+    // False only when the key cannot be opened.
+    bool ReadServiceLogSettings(std::wstring& fileName, uint32_t& level, uint32_t* maxSize) const;
+
+    const std::wstring& ServiceName() const noexcept { return m_serviceName; }
+
+private:
+    std::wstring m_serviceName;
+};
+
+} // namespace service

@@ -1,0 +1,40 @@
+#include "service/ServiceSingletons.h"
+
+#include "log/CvLogger.h"
+#include "service/ServiceConfig.h"
+
+#include <mutex>
+
+namespace service
+{
+
+namespace
+{
+std::mutex g_slotLock;
+std::shared_ptr<CCvLogger> g_logger;
+} // namespace
+
+std::shared_ptr<CCvLogger> GetServiceLogger()
+{
+    std::lock_guard lock(g_slotLock);
+    return g_logger;
+}
+
+void SetServiceLogger(std::shared_ptr<CCvLogger> logger)
+{
+    std::lock_guard lock(g_slotLock);
+    g_logger = std::move(logger);
+}
+
+std::shared_ptr<CCvLogger> CreateServiceLogger()
+{
+    auto logger = CCvLogger::CreateLogger(HKEY_LOCAL_MACHINE, kProductKey, kCompanyFolder, kProductFolder,
+                                          kLogBaseName, nullptr, kLogShellFolder, TRUE, TRUE, 0);
+    if (!logger)
+        return nullptr;
+    logger->Log(LogLevel::Info, L"Service logger is working.");
+    logger->SetHeaderFlags(kServiceLogHeaderFlags);
+    return logger;
+}
+
+} // namespace service

@@ -1,0 +1,18 @@
+#pragma once
+// The process-wide objects of the service, each in a slot of its own. They are created at
+// start-up and live until the process ends.
+#include <memory>
+
+class CCvLogger;
+
+namespace service
+{
+
+std::shared_ptr<CCvLogger> GetServiceLogger();
+void SetServiceLogger(std::shared_ptr<CCvLogger> logger);
+
+// Creates the service's logger from the product key, writes its first record and sets the
+// service's header fields. Null when the logger cannot be created.
+std::shared_ptr<CCvLogger> CreateServiceLogger();
+
+} // namespace service

@@ -1,0 +1,151 @@
+#include "service/BaseService.h"
+#include "service/ServiceConfig.h"
+#include "tests/common/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace
+{
+
+std::vector<DWORD> g_reported;
+
+BOOL WINAPI RecordStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status)
+{
+    EXPECT_EQ(16u, status->dwServiceType);
+    EXPECT_EQ(133u, status->dwControlsAccepted);
+    EXPECT_EQ(0u, status->dwWin32ExitCode);
+    EXPECT_EQ(0u, status->dwCheckPoint);
+    EXPECT_EQ(0u, status->dwWaitHint);
+    g_reported.push_back(status->dwCurrentState);
+    return TRUE;
+}
+
+class TestService : public service::base_service<SERVICE_WIN32_OWN_PROCESS>
+{
+public:
+    TestService() : base_service(L"velomar-framework-test", nullptr) {}
+    int sessionChanges = 0;
+    bool OnSessionChange(DWORD eventType, void* data, void* context) override
+    {
+        ++sessionChanges;
+        return base_service::OnSessionChange(eventType, data, context);
+    }
+};
+
+class ServiceFramework : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        g_reported.clear();
+        service::CServiceBase::s_setStatus = &RecordStatus;
+    }
+    void TearDown() override { service::CServiceBase::s_setStatus = &::SetServiceStatus; }
+};
+
+} // namespace
+
+TEST_F(ServiceFramework, ControlsReportOnlyWhatTheFrameworkPromises)
+{
+    TestService svc;
+    EXPECT_EQ(&svc, service::CServiceBase::Instance());
+
+    // Interrogation re-reports nothing, and unknown controls are ignored silently.
+    svc.HandleControl(SERVICE_CONTROL_INTERROGATE, 0, nullptr, nullptr);
+    for (DWORD control : {6u, 7u, 8u, 9u, 10u, 12u, 13u, 15u, 16u, 128u, 255u})
+        svc.HandleControl(control, 0, nullptr, nullptr);
+    EXPECT_TRUE(g_reported.empty());
+
+    // Session changes reach their handler without a status report.
+    svc.HandleControl(SERVICE_CONTROL_SESSIONCHANGE, 5, nullptr, nullptr);
+    EXPECT_EQ(1, svc.sessionChanges);
+    EXPECT_TRUE(g_reported.empty());
+
+    // Pause and continue report the pending states only; the base stop reports stop-pending
+    // and then stopped.
+    svc.HandleControl(SERVICE_CONTROL_PAUSE, 0, nullptr, nullptr);
+    svc.HandleControl(SERVICE_CONTROL_CONTINUE, 0, nullptr, nullptr);
+    svc.HandleControl(SERVICE_CONTROL_STOP, 0, nullptr, nullptr);
+    EXPECT_EQ((std::vector<DWORD>{SERVICE_PAUSE_PENDING, SERVICE_CONTINUE_PENDING, SERVICE_STOP_PENDING,
+                                  SERVICE_STOPPED}),
+              g_reported);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), svc.CurrentState());
+}
+
+TEST(ServiceDispatchTable, GrowsByTenAndStaysTerminated)
+{
+    service::CServiceDispatchTable& table = service::CServiceDispatchTable::Instance();
+    const size_t before = table.Count();
+    for (int i = 0; i < 12; ++i)
+        table.Append(L"extra", nullptr);
+    EXPECT_EQ(before + 12, table.Count());
+    // Capacity moves in steps of ten and always leaves room for the terminator.
+    EXPECT_EQ(0u, table.Capacity() % 10);
+    EXPECT_GE(table.Capacity(), table.Count() + 1);
+}
+
+class ServiceLogSettings : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_name = testing_support::UniqueName(L"velomar-config");
+        m_keyPath = L"System\\CurrentControlSet\\Services\\" + m_name;
+        ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, m_keyPath.c_str(), 0, nullptr, 0,
+                                                   KEY_ALL_ACCESS, nullptr, &m_key, nullptr));
+    }
+    void TearDown() override
+    {
+        ::RegCloseKey(m_key);
+        ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, m_keyPath.c_str());
+    }
+    std::wstring m_name;
+    std::wstring m_keyPath;
+    HKEY m_key = nullptr;
+};
+
+TEST_F(ServiceLogSettings, MissingValuesTakeDefaults)
+{
+    service::CServiceConfig config(m_name);
+    std::wstring file;
+    uint32_t level = 99;
+    uint32_t maxSize = 0;
+    ASSERT_TRUE(config.ReadServiceLogSettings(file, level, &maxSize));
+    EXPECT_EQ(m_name + L".log", file);
+    EXPECT_EQ(0u, level);
+    EXPECT_EQ(104857600u, maxSize);
+
+    service::CServiceConfig velomard;
+    EXPECT_EQ(L"velomard", velomard.ServiceName());
+    service::CServiceConfig missing(testing_support::UniqueName(L"velomar-absent"));
+    EXPECT_FALSE(missing.ReadServiceLogSettings(file, level, nullptr));
+}
+
+TEST_F(ServiceLogSettings, ValuesAreTakenAndOverlongNameFallsBack)
+{
+    const DWORD level = 3;
+    const DWORD maxSize = 4096;
+    const std::wstring name = L"custom.log";
+    ::RegSetValueExW(m_key, L"logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&level), sizeof(level));
+    ::RegSetValueExW(m_key, L"logFileMaxSize", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&maxSize),
+                     sizeof(maxSize));
+    ::RegSetValueExW(m_key, L"logFileName", 0, REG_SZ, reinterpret_cast<const BYTE*>(name.c_str()),
+                     static_cast<DWORD>((name.size() + 1) * sizeof(wchar_t)));
+    service::CServiceConfig config(m_name);
+    std::wstring file;
+    uint32_t readLevel = 0;
+    uint32_t readMax = 0;
+    ASSERT_TRUE(config.ReadServiceLogSettings(file, readLevel, &readMax));
+    EXPECT_EQ(name, file);
+    EXPECT_EQ(3u, readLevel);
+    EXPECT_EQ(4096u, readMax);
+
+    // 300 characters do not fit the 256-character buffer: the read fails and the default wins.
+    const std::wstring longName(300, L'n');
+    ::RegSetValueExW(m_key, L"logFileName", 0, REG_SZ, reinterpret_cast<const BYTE*>(longName.c_str()),
+                     static_cast<DWORD>((longName.size() + 1) * sizeof(wchar_t)));
+    ASSERT_TRUE(config.ReadServiceLogSettings(file, readLevel, nullptr));
+    EXPECT_EQ(m_name + L".log", file);
+}
