@@ -1,0 +1,149 @@
+#include "tools/agent/AgentOptions.h"
+
+#include <cwctype>
+
+namespace agent
+{
+
+namespace
+{
+bool IsSchemeChar(wchar_t c, bool first)
+{
+    const bool letter = (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z');
+    if (first)
+        return letter;
+    return letter || (c >= L'0' && c <= L'9') || c == L'+' || c == L'-' || c == L'.';
+}
+
+bool ParseMilliseconds(const std::wstring& text, uint32_t& value)
+{
+    if (text.empty() || text.size() > 7)
+        return false;
+    uint32_t result = 0;
+    for (wchar_t c : text)
+    {
+        if (c < L'0' || c > L'9')
+            return false;
+        result = result * 10 + static_cast<uint32_t>(c - L'0');
+    }
+    value = result;
+    return true;
+}
+} // namespace
+
+ParseResult ParseCommandLine(const std::vector<std::wstring>& args)
+{
+    ParseResult result;
+    auto refuse = [&](int code, std::wstring message) {
+        result.exitCode = code;
+        result.error = std::move(message);
+        return result;
+    };
+    for (const std::wstring& arg : args)
+    {
+        if (arg == L"--help" || arg == L"-h" || arg == L"/?")
+        {
+            result.options.action = Action::Help;
+            return result;
+        }
+    }
+    bool haveUrl = false;
+    bool haveAction = false;
+    for (size_t i = 0; i < args.size(); ++i)
+    {
+        const std::wstring& arg = args[i];
+        if (arg == L"--no-fallback")
+            result.options.fallback = false;
+        else if (arg == L"--register" || arg == L"--unregister")
+        {
+            if (haveAction)
+                return refuse(kExitUsage, L"--register and --unregister cannot be combined");
+            haveAction = true;
+            result.options.action = arg == L"--register" ? Action::Register : Action::Unregister;
+        }
+        else if (arg == L"--timeout")
+        {
+            if (i + 1 >= args.size() || !ParseMilliseconds(args[i + 1], result.options.timeoutMs))
+                return refuse(kExitUsage, L"--timeout needs a number of milliseconds");
+            ++i;
+        }
+        else if (arg.size() > 1 && arg[0] == L'-' && arg[1] == L'-')
+            return refuse(kExitUsage, L"unknown option " + arg + L" (see --help)");
+        else
+        {
+            if (haveUrl)
+                return refuse(kExitUsage, L"only one URL can be given");
+            haveUrl = true;
+            result.options.url = arg;
+        }
+    }
+    if (result.options.action != Action::OpenUrl)
+    {
+        if (haveUrl)
+            return refuse(kExitUsage, L"--register and --unregister take no URL");
+        return result;
+    }
+    if (!haveUrl)
+        return refuse(kExitUsage, L"no URL given (see --help)");
+    if (std::wstring reason = CheckUrl(result.options.url); !reason.empty())
+        return refuse(kExitBadUrl, reason);
+    return result;
+}
+
+std::wstring CheckUrl(const std::wstring& url)
+{
+    if (url.empty())
+        return L"the URL is empty";
+    if (url.size() > kMaxUrlLength)
+        return L"the URL is longer than " + std::to_wstring(kMaxUrlLength) + L" characters";
+    const size_t colon = url.find(L':');
+    if (colon == std::wstring::npos || colon < 2)
+        return L"not a URL: it has no scheme such as https:";
+    for (size_t i = 0; i < colon; ++i)
+    {
+        if (!IsSchemeChar(url[i], i == 0))
+            return L"not a URL: its scheme has a character that is not allowed";
+    }
+    if (colon + 1 == url.size())
+        return L"not a URL: nothing follows the scheme";
+    for (wchar_t c : url)
+    {
+        if (c <= L' ' || c == 0x7F)
+            return L"not a URL: it contains blanks or control characters";
+    }
+    return {};
+}
+
+std::wstring UrlScheme(const std::wstring& url)
+{
+    const size_t colon = url.find(L':');
+    std::wstring scheme = colon == std::wstring::npos ? std::wstring() : url.substr(0, colon);
+    for (wchar_t& c : scheme)
+        c = static_cast<wchar_t>(std::towlower(c));
+    return scheme;
+}
+
+std::wstring HelpText()
+{
+    return L"Usage: velomar-open [--no-fallback] [--timeout MS] URL\n"
+           L"       velomar-open --register | --unregister | --help\n"
+           L"\n"
+           L"Hands URL to the velomard service, which opens it on the client side of this remote\n"
+           L"session. When the service is absent or cannot send it, the URL is opened on this host\n"
+           L"with its default handler, unless --no-fallback is given.\n"
+           L"\n"
+           L"  --no-fallback   never open the URL on this host\n"
+           L"  --timeout MS    longest wait for the service, in milliseconds (default 5000)\n"
+           L"  --register      make velomar-open selectable as this user's browser for http and https\n"
+           L"  --unregister    undo --register\n"
+           L"\n"
+           L"Exit codes:\n"
+           L"   0  sent to the client side of this session\n"
+           L"   1  not sent; opened on this host instead\n"
+           L"   2  not sent and not opened (--no-fallback, or the local opening failed)\n"
+           L"  64  usage error: no URL, an unknown option, or too many arguments\n"
+           L"  65  not a URL, or longer than 16384 characters\n"
+           L"  70  --register or --unregister failed\n";
+}
+
+} // namespace agent
