@@ -87,6 +87,29 @@ std::u16string ExtractUrl(const uint8_t* payload, size_t size)
     return url;
 }
 
+Decision Interpret(const MessageHeader& header, const uint8_t* payload, size_t size)
+{
+    Decision decision;
+    // A payload that is not what the header announced, or an empty handshake or URL message,
+    // gets no answer; reading goes on with the next header.
+    if (size != header.length || header.length == 0)
+        return decision;
+    if (header.type == kTypeHandshake)
+    {
+        if (auto values = DecodeHandshake(payload, size))
+        {
+            decision.kind = Decision::Kind::Handshake;
+            decision.values = *values;
+        }
+    }
+    else if (header.type == kTypeOpenUrl)
+    {
+        decision.kind = Decision::Kind::OpenUrl;
+        decision.url = ExtractUrl(payload, size);
+    }
+    return decision;
+}
+
 std::vector<uint8_t> EncodeHandshake(const HandshakeValues& values)
 {
     std::vector<uint8_t> bytes(kHeaderSize + kHandshakePayloadSize, 0);

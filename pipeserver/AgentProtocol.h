@@ -53,6 +53,21 @@ std::optional<HandshakeValues> DecodeHandshake(const uint8_t* payload, size_t si
 // to the end of the payload when it holds none (an odd last byte is ignored).
 std::u16string ExtractUrl(const uint8_t* payload, size_t size);
 
+// What the service does with one complete message (header plus the payload bytes read for it).
+struct Decision
+{
+    enum class Kind
+    {
+        None,      // no answer: a short payload, an unknown type, or an empty message
+        Handshake, // keep `values`, answer with EncodeHandshakeAnswer()
+        OpenUrl,   // send `url` to the agent's session, answer with EncodeOpenUrlAnswer()
+    };
+    Kind kind = Kind::None;
+    HandshakeValues values;
+    std::u16string url;
+};
+Decision Interpret(const MessageHeader& header, const uint8_t* payload, size_t size);
+
 // Agent side.
 std::vector<uint8_t> EncodeHandshake(const HandshakeValues& values);
 // Header, a reserved zero word, the URL and its terminating NUL.

@@ -53,3 +53,26 @@ TEST(AgentProtocol, UrlStopsAtNulOrAtThePayloadEnd)
     EXPECT_EQ(u"", ExtractUrl(noNul.data(), 4));
     EXPECT_EQ(u"", ExtractUrl(nullptr, 0));
 }
+
+TEST(AgentProtocol, InterpretAnswersOnlyCompleteKnownMessages)
+{
+    const auto hello = EncodeHandshake({5, 6});
+    auto d = Interpret({kTypeHandshake, 16}, hello.data() + 8, 16);
+    EXPECT_EQ(Decision::Kind::Handshake, d.kind);
+    EXPECT_EQ(5u, d.values.a);
+    EXPECT_EQ(6u, d.values.b);
+
+    const auto open = EncodeOpenUrl(u"https://a.test/");
+    const uint32_t length = static_cast<uint32_t>(open.size() - 8);
+    d = Interpret({kTypeOpenUrl, length}, open.data() + 8, length);
+    EXPECT_EQ(Decision::Kind::OpenUrl, d.kind);
+    EXPECT_EQ(u"https://a.test/", d.url);
+
+    // Fewer bytes than announced, an empty message, a handshake of the wrong size, another type.
+    EXPECT_EQ(Decision::Kind::None, Interpret({kTypeOpenUrl, length}, open.data() + 8, length - 1).kind);
+    EXPECT_EQ(Decision::Kind::None, Interpret({kTypeOpenUrl, 0}, nullptr, 0).kind);
+    EXPECT_EQ(Decision::Kind::None, Interpret({kTypeHandshake, 0}, nullptr, 0).kind);
+    EXPECT_EQ(Decision::Kind::None, Interpret({kTypeHandshake, 8}, hello.data() + 8, 8).kind);
+    EXPECT_EQ(Decision::Kind::None, Interpret({2, 0}, nullptr, 0).kind);
+    EXPECT_EQ(Decision::Kind::None, Interpret({7, 4}, hello.data(), 4).kind);
+}
