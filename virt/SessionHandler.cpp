@@ -409,6 +409,9 @@ bool CSessionHandler::DoHandshake()
     };
     const bool ok = exchange();
 
+    // Whoever learns of state 50 may send at once, so reading and sending are allowed first.
+    if (ok)
+        ::SetEvent(m_hevStartRead.get());
     std::lock_guard lock(m_csState);
     m_status = local;
     m_status.dwState = ok ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpInvalidProtocol;
@@ -434,6 +437,11 @@ void CSessionHandler::ReadOneMessage()
 {
     std::lock_guard lock(m_csRead);
     const HANDLE connection = GetConnection();
+    // The handle is set before its handshake ends; reading it then would take the handshake's
+    // bytes. The event is reset before a new handle appears, so looking at it after taking
+    // the handle is enough.
+    if (connection && ::WaitForSingleObject(m_hevStartRead.get(), 0) != WAIT_OBJECT_0)
+        return;
     if (!connection || !SkApi::pfnSkReadData)
     {
         Log(LogLevel::Info, kReadThread, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer", 1017u);
@@ -480,7 +488,11 @@ void CSessionHandler::ReadOneMessage()
 bool CSessionHandler::SendURL(std::wstring url)
 {
     std::lock_guard lock(m_csSend);
-    const HANDLE connection = GetConnection();
+    // A handle whose handshake has not ended yet counts as no connection: a submit written
+    // then would land between the handshake's items.
+    HANDLE connection = GetConnection();
+    if (connection && (!m_hevStartRead || ::WaitForSingleObject(m_hevStartRead.get(), 0) != WAIT_OBJECT_0))
+        connection = nullptr;
     if (!connection || !SkApi::pfnSkWriteData)
     {
         Log(LogLevel::Info, kSendURL, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer", 443u);
