@@ -130,10 +130,13 @@ struct Library
     HANDLE controlStop = nullptr;
 };
 
-// Never destroyed: the library's threads may outlive static destruction at process exit.
+// Created on first use and deleted when the library is unloaded after a clean-up, never at
+// process exit, where the library's threads may still run.
+Library* g_library;
+
 Library& Lib()
 {
-    static Library* library = new Library;
+    static Library* library = g_library = new Library;
     return *library;
 }
 
@@ -634,6 +637,8 @@ void ControlThread(HANDLE stop)
     wchar_t name[256] = {};
     if (!::GetEnvironmentVariableW(L"CVSKAPI_STANDIN_PIPE", name, 256))
         wcscpy(name, L"\\\\.\\pipe\\CorvaneSkeinStandin");
+    if (wcscmp(name, L"none") == 0)
+        return;
     HANDLE connected = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
     if (!connected)
         return;
@@ -1099,12 +1104,19 @@ void WINAPI StandinFailNextInit(DWORD error)
     lib.failNextInit = error;
 }
 
-BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID)
+BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID reserved)
 {
     if (reason == DLL_PROCESS_ATTACH)
     {
         g_hSelf = instance;
         ::DisableThreadLibraryCalls(instance);
+    }
+    else if (reason == DLL_PROCESS_DETACH && reserved == nullptr && g_library && !g_library->initialized &&
+             !g_library->notificationThread.joinable() && !g_library->eventThread.joinable() &&
+             !g_library->controlThread.joinable())
+    {
+        delete g_library;
+        g_library = nullptr;
     }
     return TRUE;
 }
