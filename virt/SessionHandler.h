@@ -3,6 +3,7 @@
 // GUID text, runs the handshake, reconnects every 3 seconds after a failure, reads and drops
 // whatever the client side sends, and writes one submit message per URL.
 #include "common/BaseItem.h"
+#include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "virt/ChannelStatus.h"
 #include "virt/FmallocBuffer.h"
@@ -62,10 +63,10 @@ private:
     void Publish(const ChannelStatusRecord& record) const; // with the state lock held
 
     wchar_t m_szSessionGUID[GuidTextLength] = {};
-    mutable std::recursive_mutex m_csState;
+    mutable daxlib::critical_section m_csState;
     uint32_t m_dwSessionId;
     std::wstring m_name;
-    mutable std::recursive_mutex m_csConnection;
+    mutable daxlib::critical_section m_csConnection;
     HANDLE m_hConnection = nullptr; // the library's handle; closed with SkCloseConnection
     daxlib::unique_handle m_hevStop;
     daxlib::unique_handle m_hevDisconnected;
@@ -73,8 +74,8 @@ private:
     daxlib::unique_handle m_hevStartRead;
     daxlib::unique_handle m_hConnectionThread;
     daxlib::unique_handle m_hReadThread;
-    std::recursive_mutex m_csSend;
-    std::recursive_mutex m_csRead;
+    daxlib::critical_section m_csSend;
+    daxlib::critical_section m_csRead;
     fmalloc_buffer<4096> m_fmReceiveBuff;
     ChannelStatusRecord m_status{};
     std::atomic<bool> m_bProtocolInvalid{false};

@@ -3,6 +3,7 @@
 // notifications with one CSessionHandler per open remote session, and routes each URL to the
 // handler of the agent's session.
 #include "common/BaseItem.h"
+#include "common/Locks.h"
 #include "virt/ChannelStatus.h"
 #include "virt/SessionHandler.h"
 #include "virt/SkApiTypes.h"
@@ -11,7 +12,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 
 class CVirtServer : public IBaseItem
@@ -56,8 +56,8 @@ private:
     void Publish(const ChannelStatusRecord& record, uint32_t sessionId) const;
 
     std::atomic<bool> m_bInitialized{false};
-    mutable std::shared_mutex m_srwSessions;
+    mutable daxlib::srw_lock m_srwSessions;
     std::map<uint32_t, std::shared_ptr<CSessionHandler>> m_sessions;
-    mutable std::mutex m_listenerLock;
+    mutable daxlib::critical_section m_listenerLock;
     ChannelStatusListener m_listener;
 };

@@ -9,11 +9,11 @@
 #include "virt/UrlClientParser.h"
 #include "virt/UrlProtocol.h"
 
+#include <process.h>
 #include <shlobj.h>
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -24,7 +24,6 @@
 #include <new>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -107,10 +106,92 @@ struct QueuedEvent
     DWORD event;
 };
 
+// The library's own locks and threads are the system's, so that loading and unloading it
+// costs nothing that outlives it.
+class SrwMutex
+{
+public:
+    void lock() noexcept { ::AcquireSRWLockExclusive(&m_lock); }
+    void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_lock); }
+    bool try_lock() noexcept { return ::TryAcquireSRWLockExclusive(&m_lock) != FALSE; }
+    PSRWLOCK native() noexcept { return &m_lock; }
+
+private:
+    SRWLOCK m_lock = SRWLOCK_INIT;
+};
+
+class CondVar
+{
+public:
+    template <typename Pred> void wait(std::unique_lock<SrwMutex>& lock, Pred ready)
+    {
+        while (!ready())
+            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), INFINITE, 0);
+    }
+    template <typename Pred> bool wait_for(std::unique_lock<SrwMutex>& lock, std::chrono::milliseconds limit, Pred ready)
+    {
+        const ULONGLONG end = ::GetTickCount64() + static_cast<ULONGLONG>(limit.count());
+        while (!ready())
+        {
+            const ULONGLONG now = ::GetTickCount64();
+            if (now >= end)
+                return false;
+            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), static_cast<DWORD>(end - now), 0);
+        }
+        return true;
+    }
+    void notify_all() noexcept { ::WakeAllConditionVariable(&m_cv); }
+
+private:
+    CONDITION_VARIABLE m_cv = CONDITION_VARIABLE_INIT;
+};
+
+class Thread
+{
+public:
+    void start(void (*entry)(void*), void* argument)
+    {
+        m_entry = entry;
+        m_argument = argument;
+        m_handle = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Run, this, 0, &m_id));
+    }
+    bool joinable() const noexcept { return m_handle != nullptr; }
+    bool is_current() const noexcept { return m_handle && ::GetCurrentThreadId() == m_id; }
+    // Waits unless called on the thread itself; closes the handle either way.
+    void join() noexcept
+    {
+        if (!m_handle)
+            return;
+        if (!is_current())
+            ::WaitForSingleObject(m_handle, INFINITE);
+        ::CloseHandle(m_handle);
+        m_handle = nullptr;
+    }
+
+private:
+    static unsigned __stdcall Run(void* self)
+    {
+        auto* thread = static_cast<Thread*>(self);
+        try
+        {
+            thread->m_entry(thread->m_argument);
+        }
+        catch (...)
+        {
+            // Nothing unwinds out of the library's threads.
+        }
+        return 0;
+    }
+    HANDLE m_handle = nullptr;
+    unsigned m_id = 0;
+    void (*m_entry)(void*) = nullptr;
+    void* m_argument = nullptr;
+};
+
 struct Library
 {
-    std::mutex mu;
-    std::condition_variable cv; // data, breaks, queue changes, finished dispatches
+    SrwMutex mu;
+    CondVar cv; // data, breaks, queue changes, finished dispatches
     bool initialized = false;
     bool notifying = false;
     bool stopping = false;
@@ -123,9 +204,9 @@ struct Library
     std::deque<QueuedNotification> notifications;
     std::deque<QueuedEvent> events;
     std::shared_ptr<Connection> dispatching;
-    std::thread notificationThread;
-    std::thread eventThread;
-    std::thread controlThread;
+    Thread notificationThread;
+    Thread eventThread;
+    Thread controlThread;
     DWORD eventThreadId = 0;
     HANDLE controlStop = nullptr;
 };
@@ -359,7 +440,7 @@ std::shared_ptr<Connection> Find(Library& lib, HANDLE handle)
 // ---------------------------------------------------------------------------------------
 // Threads of the library
 
-void NotificationThread()
+void NotificationThread(void*)
 {
     Library& lib = Lib();
     std::unique_lock lock(lib.mu);
@@ -380,7 +461,7 @@ void NotificationThread()
     }
 }
 
-void EventThread()
+void EventThread(void*)
 {
     Library& lib = Lib();
     std::unique_lock lock(lib.mu);
@@ -632,8 +713,9 @@ void RunScenario()
 }
 
 // The control pipe: one command per connection, answered with one reply message.
-void ControlThread(HANDLE stop)
+void ControlThread(void* argument)
 {
+    const HANDLE stop = static_cast<HANDLE>(argument);
     wchar_t name[256] = {};
     if (!::GetEnvironmentVariableW(L"CVSKAPI_STANDIN_PIPE", name, 256))
         wcscpy(name, L"\\\\.\\pipe\\CorvaneSkeinStandin");
@@ -741,10 +823,10 @@ DWORD WINAPI SkInit()
         lib.initialized = true;
         lib.stopping = false;
         lib.controlStop = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
-        lib.notificationThread = std::thread(NotificationThread);
-        lib.eventThread = std::thread(EventThread);
+        lib.notificationThread.start(&NotificationThread, nullptr);
+        lib.eventThread.start(&EventThread, nullptr);
         if (lib.controlStop)
-            lib.controlThread = std::thread(ControlThread, lib.controlStop);
+            lib.controlThread.start(&ControlThread, lib.controlStop);
     }
     RunScenario();
     return 0;
@@ -770,16 +852,8 @@ DWORD WINAPI SkCleanUp()
         if (lib.controlStop)
             ::SetEvent(lib.controlStop);
     }
-    const auto self = std::this_thread::get_id();
-    for (std::thread* t : {&lib.notificationThread, &lib.eventThread, &lib.controlThread})
-    {
-        if (!t->joinable())
-            continue;
-        if (t->get_id() == self)
-            t->detach();
-        else
-            t->join();
-    }
+    for (Thread* t : {&lib.notificationThread, &lib.eventThread, &lib.controlThread})
+        t->join();
     std::lock_guard lock(lib.mu);
     if (lib.controlStop)
         ::CloseHandle(lib.controlStop);
