@@ -5,6 +5,8 @@
 #include "virt/SkApi.h"
 
 #include <exception>
+#include <mutex>
+#include <shared_mutex>
 #include <vector>
 
 namespace
