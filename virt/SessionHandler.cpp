@@ -74,24 +74,24 @@ bool CSessionHandler::StartThreads()
     if (m_hevStop)
         return true;
 
-    struct EventSpec
+    struct NewEvent
     {
         daxlib::unique_handle* event;
         BOOL initialState;
         const wchar_t* failure;
     };
-    const EventSpec events[] = {
+    const NewEvent events[] = {
         {&m_hevStop, FALSE, L"CreateEventW(m_hevStop) failed. LastError=%u"},
         {&m_hevDisconnected, TRUE, L"CreateEventW(m_hevDisconnected) failed. LastError=%u"},
         {&m_hevConnected, FALSE, L"CreateEventW(m_hevConnected) failed. LastError=%u"},
         {&m_hevStartRead, FALSE, L"CreateEventW(m_hevStartRead) failed. LastError=%u"},
     };
-    for (const auto& spec : events)
+    for (const auto& e : events)
     {
-        spec.event->reset(::CreateEventW(nullptr, TRUE, spec.initialState, nullptr));
-        if (!*spec.event)
+        e.event->reset(::CreateEventW(nullptr, TRUE, e.initialState, nullptr));
+        if (!*e.event)
         {
-            Log(LogLevel::Error, kStartThreads, spec.failure, ::GetLastError());
+            Log(LogLevel::Error, kStartThreads, e.failure, ::GetLastError());
             StopThreads();
             return false;
         }

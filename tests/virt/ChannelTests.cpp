@@ -227,3 +227,28 @@ TEST_F(ChannelProtocolTest, StartAndStopWithBadPeersLeaveNothingBehind)
     EXPECT_LE(handles[5], handles[2] + 2) << handles[0] << " " << handles[1] << " " << handles[2] << " "
                                           << handles[3] << " " << handles[4] << " " << handles[5];
 }
+
+TEST(SessionHandler, StartsOnceStopsTwiceAndKeepsItsStateWithoutALibrary)
+{
+    auto logger = std::make_shared<testing_support::CapturingLogger>(4);
+    const long long threadsBefore = testing_support::CountProcessThreads();
+    {
+        CSessionHandler handler(logger, L"00000007-5e1c-4a3b-9d2e-0000c0ffee07", 7, L"seven");
+        ChannelStatusRecord record{};
+        handler.GetChannelStatus(record);
+        EXPECT_EQ(51u, record.dwState);
+        EXPECT_FALSE(handler.SendURL(L"https://x/"));
+
+        EXPECT_TRUE(handler.StartThreads());
+        EXPECT_TRUE(handler.StartThreads());
+        EXPECT_EQ(1u, logger->Count(L"CSessionHandler::StartThreads: Session 7: Success"));
+        // No library: every attempt fails and is retried, never published.
+        EXPECT_TRUE(logger->WaitFor(L"Session 7: SkResolveAddressW(\"00000007-5e1c-4a3b-9d2e-0000c0ffee07\") failed", 5s));
+        EXPECT_EQ(1, handler.Stop());
+        EXPECT_EQ(1u, logger->Count(L"CSessionHandler::ConnectionThread: Session 7: Stopped"));
+        EXPECT_EQ(1u, logger->Count(L"CSessionHandler::ReadThread: Session 7: Stopped"));
+    }
+    // The destructor's second stop finds nothing to do.
+    EXPECT_EQ(2u, logger->Count(L"CSessionHandler::CloseConnection: Session 7: Success"));
+    EXPECT_TRUE(WaitUntil([&] { return testing_support::CountProcessThreads() <= threadsBefore; }, 5s));
+}
