@@ -49,6 +49,13 @@ TEST_F(ChannelProtocolTest, SubmitBytesForAsciiBmpAndAstralUrls)
     }
     EXPECT_EQ(expected, Received(2));
 
+    // An unpaired surrogate goes out as U+FFFD, as the system's converter makes it.
+    const size_t before = Received(2).size();
+    EXPECT_EQ(1, m_server->SendURL(2, std::wstring(L"h/") + wchar_t(0xD800) + L"y"));
+    const Bytes lone = Received(2);
+    EXPECT_EQ(Submit("h/\xEF\xBF\xBDy"), Bytes(lone.begin() + static_cast<std::ptrdiff_t>(before), lone.end()));
+    expected = lone;
+
     // An empty URL is not sent; the channel stays usable.
     EXPECT_EQ(0, m_server->SendURL(2, L""));
     EXPECT_TRUE(m_logger->Contains(L"WideCharToMultiByte failed. ret=0"));
