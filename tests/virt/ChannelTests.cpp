@@ -1,0 +1,261 @@
+// One session's channel against scripted client sides: the bytes on the wire, the handshake's
+// outcomes, reconnection, and peers that send what nobody asked for.
+#include "tests/virt/VirtTestSupport.h"
+
+#include "tests/common/TestSupport.h"
+#include "virt/UrlProtocol.h"
+
+#include <thread>
+
+using namespace virt_test;
+using Bytes = std::vector<uint8_t>;
+
+namespace
+{
+const Bytes kHandshakeFromService = {0x01, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
+
+Bytes Submit(const std::string& utf8)
+{
+    return UrlNet::BuildSubmitMessage(utf8);
+}
+
+std::wstring Tag(uint32_t session)
+{
+    return L"Session " + std::to_wstring(session) + L": ";
+}
+} // namespace
+
+class ChannelProtocolTest : public ChannelTest
+{
+};
+
+TEST_F(ChannelProtocolTest, SubmitBytesForAsciiBmpAndAstralUrls)
+{
+    ASSERT_TRUE(StartServer());
+    Command("open 2 auto 1 Desk two");
+    ASSERT_TRUE(WaitConnected(2));
+
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://example.org/a?b=c"));
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://\u4F8B\u3048.jp/\u00E9"));
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://x/\U0001F600"));
+
+    Bytes expected = kHandshakeFromService;
+    for (const std::string& utf8 : {std::string("https://example.org/a?b=c"),
+                                    std::string("https://\xE4\xBE\x8B\xE3\x81\x88.jp/\xC3\xA9"),
+                                    std::string("https://x/\xF0\x9F\x98\x80")})
+    {
+        const Bytes message = Submit(utf8);
+        expected.insert(expected.end(), message.begin(), message.end());
+    }
+    EXPECT_EQ(expected, Received(2));
+
+    // An unpaired surrogate goes out as U+FFFD, as the system's converter makes it.
+    const size_t before = Received(2).size();
+    EXPECT_EQ(1, m_server->SendURL(2, std::wstring(L"h/") + wchar_t(0xD800) + L"y"));
+    const Bytes lone = Received(2);
+    EXPECT_EQ(Submit("h/\xEF\xBF\xBDy"), Bytes(lone.begin() + static_cast<std::ptrdiff_t>(before), lone.end()));
+    expected = lone;
+
+    // An empty URL is not sent; the channel stays usable.
+    EXPECT_EQ(0, m_server->SendURL(2, L""));
+    EXPECT_TRUE(m_logger->Contains(L"WideCharToMultiByte failed. ret=0"));
+    EXPECT_EQ(expected.size(), Received(2).size());
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://after/"));
+}
+
+// Every outcome of the handshake at once, each on a session of its own, so that the 3-second
+// retry rhythm is waited for only once.
+TEST_F(ChannelProtocolTest, HandshakeOutcomesAndRetriesPerClientSide)
+{
+    ASSERT_TRUE(StartServer());
+    Command("peer 3 refuse-version");
+    Command("peer 4 refuse-options");
+    Command("peer 5 version=0x00010000");
+    Command("peer 6 version=0x00020000");
+    Command("peer 7 options=12 send=0900000000000000"); // announces options, sends none
+    Command("peer 8 absent");
+    Command("peer 9 silent");
+    for (int id = 2; id <= 9; ++id)
+        Command("open " + std::to_string(id) + " auto");
+
+    ASSERT_TRUE(WaitConnected(2));
+    ASSERT_TRUE(WaitConnected(6));
+    ASSERT_TRUE(WaitConnected(7));
+    for (uint32_t refused : {3u, 4u, 5u})
+        ASSERT_TRUE(m_status.WaitForState(refused, eCvUrlApiEvent_RdpInvalidProtocol, 10s)) << refused;
+
+    ChannelStatusRecord accepted{};
+    m_server->FindSession(6)->GetChannelStatus(accepted);
+    EXPECT_EQ(0x00010001u, accepted.dwLocalVersion);
+    EXPECT_EQ(0x00020000u, accepted.dwRemoteVersion);
+    EXPECT_EQ(0x00010001u, accepted.dwNegotiatedVersion);
+    EXPECT_EQ(50u, accepted.dwState);
+
+    EXPECT_TRUE(m_logger->Contains(Tag(3) + L"Remote side is not compatible with local protocol version"));
+    EXPECT_TRUE(m_logger->Contains(Tag(4) + L"Remote side is not compatible with local protocol options"));
+    // A low version passes every step and is dropped at the end without a word of its own.
+    EXPECT_EQ(1u, Stats(5).handshakes);
+    EXPECT_FALSE(m_logger->Contains(Tag(5) + L"Remote side is not compatible"));
+    ChannelStatusRecord low{};
+    m_server->FindSession(5)->GetChannelStatus(low);
+    EXPECT_EQ(0x00010000u, low.dwRemoteVersion);
+    EXPECT_EQ(53u, low.dwState);
+    // The announced option bytes were not waited for: the next header was read at once.
+    EXPECT_TRUE(m_logger->WaitFor(Tag(7) + L"CSessionHandler::ReadThread: Unknown command. Command=undefined command(9)", 5s));
+    EXPECT_EQ(1, m_server->SendURL(7, L"https://seven/"));
+
+    // The absent client side is tried about every 3 seconds while the others are not retried.
+    ASSERT_TRUE(m_logger->WaitFor(Tag(8) + L"SkConnectTo() failed", 15s, 3));
+    const auto times = ConnectTimes(8);
+    ASSERT_GE(times.size(), 3u);
+    for (size_t i = 1; i < times.size(); ++i)
+    {
+        EXPECT_GE(times[i] - times[i - 1], 2800u);
+        EXPECT_LE(times[i] - times[i - 1], 4500u);
+    }
+    EXPECT_EQ(51u, StateOf(8));
+    EXPECT_TRUE(m_status.States(8).empty());
+    // The silent one waits 3 s for CONNECTED, then 3 s before the next attempt.
+    EXPECT_TRUE(WaitUntil([&] { return Stats(9).connectAttempts >= 2; }, 10s));
+    EXPECT_EQ(51u, StateOf(9));
+    for (uint32_t refused : {3u, 4u, 5u})
+    {
+        EXPECT_EQ(1u, Stats(refused).connectAttempts) << refused;
+        EXPECT_EQ(0, m_server->SendURL(refused, L"https://refused/"));
+        EXPECT_TRUE(m_logger->Contains(Tag(refused) + L"Connection is closed. Module=\"VirtServer\", Line=443"));
+    }
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://two/"));
+    EXPECT_EQ(1, m_server->SendURL(6, L"https://six/"));
+}
+
+TEST_F(ChannelProtocolTest, BrokenConnectionPublishesBrokenAndReconnects)
+{
+    ASSERT_TRUE(StartServer());
+    Command("open 2 auto");
+    ASSERT_TRUE(WaitConnected(2));
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://before/"));
+
+    Command("break 2");
+    ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpConnectionBroken, 10s));
+    ASSERT_TRUE(WaitConnected(2, 10s) && m_status.WaitForState(2, eCvUrlApiEvent_RdpConnected, 10s, 2));
+    EXPECT_EQ(2u, Stats(2).connectAttempts);
+    EXPECT_EQ((std::vector<uint32_t>{50, 52, 50}), m_status.States(2));
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://after/"));
+    EXPECT_EQ((std::vector<std::string>{"https://before/", "https://after/"}), Urls(2));
+
+    // An address that no longer resolves to a session: not connected, and tried again.
+    Command("peer 2 invalid-address");
+    Command("break 2");
+    ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpNotConnected, 10s));
+    EXPECT_TRUE(m_logger->WaitFor(Tag(2) + L"Event=INVALIDADRESS", 5s));
+}
+
+TEST_F(ChannelProtocolTest, UnknownMessagesAreReadWholeAndDropped)
+{
+    ASSERT_TRUE(StartServer());
+    // Command 7 with 5 bytes, command 0 with none, and a submit from the client side.
+    Command("peer 2 send=0700000005000000aabbccddee" "0000000000000000" "0100000006000000000000006869");
+    Command("open 2 auto");
+    ASSERT_TRUE(WaitConnected(2));
+    const std::wstring prefix = Tag(2) + L"CSessionHandler::ReadThread: Unknown command. Command=";
+    EXPECT_TRUE(m_logger->WaitFor(prefix + L"eUrlNet_Submit(1)", 5s));
+    EXPECT_EQ(1u, m_logger->Count(prefix + L"undefined command(7)"));
+    EXPECT_EQ(1u, m_logger->Count(prefix + L"eUrlNet_Handshake(0)"));
+    EXPECT_TRUE(m_logger->Contains(Tag(2) + L"SkReadData(Header) undefined command 7 5"));
+
+    // Still in step: a message sent later is seen as such, and URLs still go out.
+    Command("send 2 2a00000000000000");
+    EXPECT_TRUE(m_logger->WaitFor(prefix + L"undefined command(42)", 5s));
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://still/"));
+    EXPECT_EQ((std::vector<uint32_t>{50}), m_status.States(2));
+}
+
+TEST_F(ChannelProtocolTest, BadPeersDoNotWedgeTheirSessionOrDisturbOthers)
+{
+    ASSERT_TRUE(StartServer());
+    // Garbage that makes the service wait for a message of ~1.5 GB which never comes.
+    Command("peer 3 send=5a5a5a5a5a5a5a5aff13ee37c0");
+    // A huge cbData, then the connection closes.
+    Command("peer 4 send=07000000f0ffffff0102 close-after-send");
+    // Closed in the middle of a message.
+    Command("peer 5 send=0700000064000000000102030405060708 close-after-send");
+    for (int id = 2; id <= 5; ++id)
+        Command("open " + std::to_string(id) + " auto");
+
+    for (uint32_t id : {2u, 3u, 4u, 5u})
+        ASSERT_TRUE(WaitConnected(id)) << id;
+    ASSERT_TRUE(m_status.WaitForState(4, eCvUrlApiEvent_RdpConnectionBroken, 10s));
+    ASSERT_TRUE(m_status.WaitForState(5, eCvUrlApiEvent_RdpConnectionBroken, 10s));
+    EXPECT_TRUE(m_logger->WaitFor(Tag(5) + L"SkReadData(Data) failed. Error=ERROR_NOT_CONNECTED(2250)", 5s));
+
+    // Once the peers behave, their sessions work again: each reconnects right after a break.
+    // (A break during a handshake would end the session's attempts for good, hence no forced
+    // break here.)
+    Command("peer 4 accept");
+    Command("peer 5 accept");
+    for (uint32_t id : {4u, 5u})
+        ASSERT_TRUE(WaitUntil([&] { return StateOf(id) == 50u && Stats(id).liveConnections == 1; }, 10s)) << id;
+    for (uint32_t id : {2u, 3u, 4u, 5u})
+        EXPECT_EQ(1, m_server->SendURL(id, L"https://ok/" + std::to_wstring(id))) << id;
+    EXPECT_EQ((std::vector<std::string>{"https://ok/2"}), Urls(2));
+    EXPECT_EQ(0u, Stats(2).malformed);
+
+}
+
+// Start, bad peers, stop, again and again: later rounds end with the handles and threads of earlier ones,
+// including the read thread that was waiting for an endless message.
+TEST_F(ChannelProtocolTest, StartAndStopWithBadPeersLeaveNothingBehind)
+{
+    long long handles[6] = {};
+    long long threads[6] = {};
+    ASSERT_TRUE(InstallLibrary(VIRT_STANDIN_DLL));
+    for (int round = 0; round < 6; ++round)
+    {
+        ASSERT_TRUE(m_server->Init());
+        Command("peer 3 send=5a5a5a5a5a5a5a5aff13ee37c0");
+        Command("peer 4 send=0700000064000000000102 close-after-send");
+        for (int id = 2; id <= 4; ++id)
+            Command("open " + std::to_string(id) + " auto");
+        for (uint32_t id : {2u, 3u})
+            ASSERT_TRUE(m_status.WaitForState(id, eCvUrlApiEvent_RdpConnected, 10s, round + 1)) << id;
+        ASSERT_TRUE(m_logger->WaitFor(L"Session 3: SkReadData(Header) undefined command", 5s, round + 1));
+        EXPECT_EQ(1, m_server->SendURL(2, L"https://x/"));
+        // The library stays loaded, as in the service: each load of it brings its own copy of
+        // the C++ runtime, whose few handles stay behind when it is unloaded.
+        m_server->Free();
+        if (round > 0)
+            WaitUntil([&] { return testing_support::CountProcessThreads() <= threads[round - 1]; }, 5s);
+        threads[round] = testing_support::CountProcessThreads();
+        handles[round] = testing_support::CountProcessHandles();
+    }
+    // The first rounds also pay for what the system caches once; a handle lost per round
+    // would still show over the last three.
+    EXPECT_LE(threads[5], threads[2]);
+    EXPECT_LE(handles[5], handles[2] + 2) << handles[0] << " " << handles[1] << " " << handles[2] << " "
+                                          << handles[3] << " " << handles[4] << " " << handles[5];
+}
+
+TEST(SessionHandler, StartsOnceStopsTwiceAndKeepsItsStateWithoutALibrary)
+{
+    auto logger = std::make_shared<testing_support::CapturingLogger>(4);
+    const long long threadsBefore = testing_support::CountProcessThreads();
+    {
+        CSessionHandler handler(logger, L"00000007-5e1c-4a3b-9d2e-0000c0ffee07", 7, L"seven");
+        ChannelStatusRecord record{};
+        handler.GetChannelStatus(record);
+        EXPECT_EQ(51u, record.dwState);
+        EXPECT_FALSE(handler.SendURL(L"https://x/"));
+
+        EXPECT_TRUE(handler.StartThreads());
+        EXPECT_TRUE(handler.StartThreads());
+        EXPECT_EQ(1u, logger->Count(L"CSessionHandler::StartThreads: Session 7: Success"));
+        // No library: every attempt fails and is retried, never published.
+        EXPECT_TRUE(logger->WaitFor(L"Session 7: SkResolveAddressW(\"00000007-5e1c-4a3b-9d2e-0000c0ffee07\") failed", 5s));
+        EXPECT_EQ(1, handler.Stop());
+        EXPECT_EQ(1u, logger->Count(L"CSessionHandler::ConnectionThread: Session 7: Stopped"));
+        EXPECT_EQ(1u, logger->Count(L"CSessionHandler::ReadThread: Session 7: Stopped"));
+    }
+    // The destructor's second stop finds nothing to do.
+    EXPECT_EQ(2u, logger->Count(L"CSessionHandler::CloseConnection: Session 7: Success"));
+    EXPECT_TRUE(WaitUntil([&] { return testing_support::CountProcessThreads() <= threadsBefore; }, 5s));
+}

@@ -1,0 +1,77 @@
+// Binding the channel library: found only at its one path, all 40 exports or refused, and
+// the server's start-up when the library is missing or fails to initialise.
+#include "tests/virt/VirtTestSupport.h"
+
+using namespace virt_test;
+
+class LoaderTest : public ChannelTest
+{
+};
+
+TEST_F(LoaderTest, AbsentLibraryFailsLoadAndInitAndSendsNothing)
+{
+    RemoveLibrary();
+    EXPECT_FALSE(SkApiLoadLib());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_MOD_NOT_FOUND), ::GetLastError());
+    EXPECT_EQ(nullptr, SkApi::LoadedModule());
+
+    EXPECT_FALSE(m_server->Init());
+    EXPECT_TRUE(m_logger->Contains(L"CVirtServer::Init: : SkApiLoadLib() failed. LastError=126"));
+    EXPECT_FALSE(m_server->IsInitialized());
+    EXPECT_EQ(0, m_server->SendURL(1, L"https://example.org/"));
+}
+
+TEST_F(LoaderTest, LibraryMissingOneExportIsRefusedButASecondCallSaysTrue)
+{
+    ASSERT_TRUE(InstallLibrary(VIRT_INCOMPLETE_DLL));
+    EXPECT_FALSE(SkApiLoadLib());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_PROC_NOT_FOUND), ::GetLastError());
+    // The module stays loaded and what resolved stays set.
+    EXPECT_NE(nullptr, SkApi::LoadedModule());
+    EXPECT_NE(nullptr, SkApi::pfnSkInit);
+    // Only the module handle is looked at the second time: kept as it has always been.
+    EXPECT_TRUE(SkApiLoadLib());
+
+    SkApiFreeLib();
+    EXPECT_EQ(nullptr, SkApi::LoadedModule());
+    EXPECT_EQ(nullptr, SkApi::pfnSkInit);
+    EXPECT_EQ(nullptr, SkApi::pfnSkReadData);
+}
+
+TEST_F(LoaderTest, CompleteLibraryResolvesEveryExportOfTheTable)
+{
+    ASSERT_TRUE(InstallLibrary(VIRT_STANDIN_DLL));
+    ASSERT_TRUE(SkApiLoadLib());
+    for (const char* name : SkApi::ExportNames)
+        EXPECT_NE(nullptr, ::GetProcAddress(SkApi::LoadedModule(), name)) << name;
+    EXPECT_NE(nullptr, SkApi::pfnSkRegisterEventNotification);
+    EXPECT_NE(nullptr, SkApi::pfnSkResolveAddressW);
+    EXPECT_NE(nullptr, SkApi::pfnSkConnectTo);
+    EXPECT_NE(nullptr, SkApi::pfnSkRegisterConnectionEventsCallback);
+    EXPECT_NE(nullptr, SkApi::pfnSkStartNotification);
+    EXPECT_NE(nullptr, SkApi::pfnSkCloseConnection);
+    EXPECT_NE(nullptr, SkApi::pfnSkReadData);
+    EXPECT_NE(nullptr, SkApi::pfnSkWriteData);
+    EXPECT_NE(nullptr, SkApi::pfnSkFreeProtocolParameter);
+    EXPECT_NE(nullptr, SkApi::pfnSkInit);
+    EXPECT_NE(nullptr, SkApi::pfnSkCleanUp);
+}
+
+TEST_F(LoaderTest, FailingSkInitFailsInitAndFreesTheServer)
+{
+    ASSERT_TRUE(InstallLibrary(VIRT_STANDIN_DLL));
+    ASSERT_TRUE(SkApiLoadLib());
+    auto failNext = reinterpret_cast<PFN_StandinFailNextInit>(
+        reinterpret_cast<void (*)()>(::GetProcAddress(SkApi::LoadedModule(), "StandinFailNextInit")));
+    ASSERT_NE(nullptr, failNext);
+    failNext(1234);
+
+    EXPECT_FALSE(m_server->Init());
+    EXPECT_TRUE(m_logger->Contains(L"CVirtServer::Init: : SkInit() failed. Error=1234"));
+    EXPECT_TRUE(m_logger->Contains(L"CVirtServer::Free: : Success"));
+    EXPECT_FALSE(m_server->IsInitialized());
+
+    // The next attempt goes through.
+    EXPECT_TRUE(m_server->Init());
+    EXPECT_TRUE(m_server->Init()); // already initialised
+}

@@ -1,0 +1,240 @@
+#pragma once
+// The state of the stand-in channel library, shared by its parts: the sessions and their
+// scripted client sides, the connections, and the library's threads.
+#include "tools/skein/Standin.h"
+#include "virt/SkApiTypes.h"
+#include "virt/UrlClientParser.h"
+#include "virt/UrlProtocol.h"
+
+#include <windows.h>
+
+#include <process.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace standin
+{
+
+// The library's address record: the service writes the port at byte offset 524.
+struct AddressRecord
+{
+    wchar_t address[260];
+    uint32_t kind;
+    uint32_t port;
+};
+static_assert(offsetof(AddressRecord, port) == SkApi::AddressPortOffset);
+
+enum class PeerMode
+{
+    Accept,         // answers the handshake as scripted
+    Absent,         // SkConnectTo fails
+    Silent,         // connects, but CONNECTED never comes
+    Mute,           // CONNECTED, then never answers
+    InvalidAddress, // INVALIDADRESS instead of CONNECTED
+};
+
+struct PeerScript
+{
+    PeerMode mode = PeerMode::Accept;
+    uint32_t version = UrlNet::LocalVersion;
+    uint8_t versionStatus = 0;
+    uint8_t optionsStatus = 0;
+    uint32_t optionsLength = 0;
+    uint32_t breakAfter = 0; // submits, 0 = never
+    std::vector<uint8_t> afterHandshake;
+    bool closeAfterSend = false;
+};
+
+struct Session
+{
+    uint32_t id = 0;
+    std::wstring guidText;
+    std::wstring name;
+    uint32_t type = 1;
+    bool open = false;
+    PeerScript peer;
+    StandinStats stats{};
+    std::vector<uint64_t> connectTimes;
+    std::vector<std::string> urls;
+    std::vector<uint8_t> lastReceived;
+    std::wstring sink; // file that collects received URLs, one per line
+};
+
+struct Connection
+{
+    uintptr_t handle = 0;
+    uint32_t sessionId = 0;
+    PeerScript peer;
+    UrlNet::UrlClientParser parser;
+    std::deque<uint8_t> inbound; // client side to service
+    bool closed = false;         // closed by the service
+    bool broken = false;
+    bool counted = false;        // counted as live in the session's stats
+    DWORD pendingEvent = 0;      // reported once a callback is registered
+    SkApi::ConnectionCallback callback = nullptr;
+    void* context = nullptr;
+    DWORD mask = 0;
+    uint32_t submits = 0;
+};
+
+struct QueuedNotification
+{
+    DWORD kind;
+    SkApi::SessionNotification record;
+};
+
+struct QueuedEvent
+{
+    std::shared_ptr<Connection> connection;
+    DWORD event;
+};
+
+// The library's own locks and threads are the system's, so that loading and unloading it
+// costs nothing that outlives it.
+class SrwMutex
+{
+public:
+    void lock() noexcept { ::AcquireSRWLockExclusive(&m_lock); }
+    void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_lock); }
+    bool try_lock() noexcept { return ::TryAcquireSRWLockExclusive(&m_lock) != FALSE; }
+    PSRWLOCK native() noexcept { return &m_lock; }
+
+private:
+    SRWLOCK m_lock = SRWLOCK_INIT;
+};
+
+class CondVar
+{
+public:
+    template <typename Pred> void wait(std::unique_lock<SrwMutex>& lock, Pred ready)
+    {
+        while (!ready())
+            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), INFINITE, 0);
+    }
+    template <typename Pred> bool wait_for(std::unique_lock<SrwMutex>& lock, std::chrono::milliseconds limit, Pred ready)
+    {
+        const ULONGLONG end = ::GetTickCount64() + static_cast<ULONGLONG>(limit.count());
+        while (!ready())
+        {
+            const ULONGLONG now = ::GetTickCount64();
+            if (now >= end)
+                return false;
+            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), static_cast<DWORD>(end - now), 0);
+        }
+        return true;
+    }
+    void notify_all() noexcept { ::WakeAllConditionVariable(&m_cv); }
+
+private:
+    CONDITION_VARIABLE m_cv = CONDITION_VARIABLE_INIT;
+};
+
+class Thread
+{
+public:
+    void start(void (*entry)(void*), void* argument)
+    {
+        m_entry = entry;
+        m_argument = argument;
+        m_handle = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Run, this, 0, &m_id));
+    }
+    bool joinable() const noexcept { return m_handle != nullptr; }
+    bool is_current() const noexcept { return m_handle && ::GetCurrentThreadId() == m_id; }
+    // Waits unless called on the thread itself; closes the handle either way.
+    void join() noexcept
+    {
+        if (!m_handle)
+            return;
+        if (!is_current())
+            ::WaitForSingleObject(m_handle, INFINITE);
+        ::CloseHandle(m_handle);
+        m_handle = nullptr;
+    }
+
+private:
+    static unsigned __stdcall Run(void* self)
+    {
+        auto* thread = static_cast<Thread*>(self);
+        try
+        {
+            thread->m_entry(thread->m_argument);
+        }
+        catch (...)
+        {
+            // Nothing unwinds out of the library's threads.
+        }
+        return 0;
+    }
+    HANDLE m_handle = nullptr;
+    unsigned m_id = 0;
+    void (*m_entry)(void*) = nullptr;
+    void* m_argument = nullptr;
+};
+
+struct Library
+{
+    SrwMutex mu;
+    CondVar cv; // data, breaks, queue changes, finished dispatches
+    bool initialized = false;
+    bool notifying = false;
+    bool stopping = false;
+    DWORD failNextInit = 0;
+    std::map<uint32_t, Session> sessions;
+    std::map<uintptr_t, std::shared_ptr<Connection>> connections;
+    uintptr_t nextHandle = 0x5c40;
+    SkApi::SessionCallback sessionCallbacks[3] = {};
+    void* sessionContexts[3] = {};
+    std::deque<QueuedNotification> notifications;
+    std::deque<QueuedEvent> events;
+    std::shared_ptr<Connection> dispatching;
+    Thread notificationThread;
+    Thread eventThread;
+    Thread controlThread;
+    DWORD eventThreadId = 0;
+    HANDLE controlStop = nullptr;
+};
+
+
+// Created on first use; deleted when the library is unloaded after a clean-up.
+extern Library* g_library;
+extern HMODULE g_hSelf;
+Library& Lib();
+
+// Text
+std::wstring Widen(const std::string& text);
+std::string Narrow(const std::wstring& text);
+std::wstring Lower(std::wstring text);
+bool ParseHex(const std::string& text, std::vector<uint8_t>& out);
+bool ParseGuid(const std::wstring& text, GUID& guid);
+std::wstring AutoGuid(uint32_t id);
+std::wstring DefaultSink();
+void AppendLine(const std::wstring& path, const std::string& line);
+
+// Connections and notifications, all with the library lock held
+void QueueEvent(Library& lib, const std::shared_ptr<Connection>& c, DWORD event);
+void MarkDead(Library& lib, Connection& c);
+void Break(Library& lib, const std::shared_ptr<Connection>& c);
+void PeerSend(Connection& c, const uint8_t* bytes, size_t size);
+void PeerReceive(Library& lib, const std::shared_ptr<Connection>& c, const uint8_t* bytes, size_t size);
+std::shared_ptr<Connection> Find(Library& lib, HANDLE handle);
+void QueueNotification(Library& lib, DWORD kind, uint32_t id, const std::wstring& guidText, const std::wstring& name,
+                       uint32_t type);
+
+// The library's threads
+void NotificationThread(void*);
+void EventThread(void*);
+void ControlThread(void* stopEvent);
+
+// Scripting
+std::string RunCommand(const std::string& line);
+void RunScenario();
+
+} // namespace standin

@@ -1,0 +1,559 @@
+#include "virt/SessionHandler.h"
+
+#include "common/DaxException.h"
+#include "common/WideFormat.h"
+#include "virt/SkApi.h"
+#include "virt/UrlProtocol.h"
+
+#include <process.h>
+
+#include <climits>
+#include <cstring>
+#include <exception>
+
+namespace
+{
+
+constexpr wchar_t kStartThreads[] = L"CSessionHandler::StartThreads";
+constexpr wchar_t kStopThreads[] = L"CSessionHandler::StopThreads";
+constexpr wchar_t kConnectionThread[] = L"CSessionHandler::ConnectionThread";
+constexpr wchar_t kReadThread[] = L"CSessionHandler::ReadThread";
+constexpr wchar_t kDoHandshake[] = L"CSessionHandler::DoHandshake";
+constexpr wchar_t kOnConnectionEvent[] = L"CSessionHandler::OnConnectionEvent";
+constexpr wchar_t kSendURL[] = L"CSessionHandler::SendURL";
+constexpr wchar_t kCloseConnection[] = L"CSessionHandler::CloseConnection";
+
+constexpr DWORD kEventMask = SkApi::EventConnected | SkApi::EventBrokenConnection | SkApi::EventInvalidAddress;
+// A message this large is read into a buffer that is given back right after, so one odd
+// message from a peer does not pin its memory for the life of the session.
+constexpr size_t kKeepReceiveBuffer = 1u << 20;
+
+bool ChannelFunctionsResolved() noexcept
+{
+    using namespace SkApi;
+    return pfnSkResolveAddressW && pfnSkConnectTo && pfnSkFreeProtocolParameter &&
+           pfnSkRegisterConnectionEventsCallback && pfnSkReadData && pfnSkWriteData && pfnSkCloseConnection;
+}
+
+unsigned HandleBits(HANDLE h) noexcept
+{
+    return static_cast<unsigned>(reinterpret_cast<uintptr_t>(h));
+}
+
+} // namespace
+
+CSessionHandler::CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText, uint32_t sessionId,
+                                 std::wstring name, ChannelStatusListener listener)
+    : IBaseItem(std::move(logger)), m_dwSessionId(sessionId), m_name(std::move(name)),
+      m_listener(std::move(listener))
+{
+    if (guidText)
+        wcsncpy(m_szSessionGUID, guidText, GuidTextLength - 1);
+    m_status.dwState = eCvUrlApiEvent_RdpNotConnected;
+}
+
+CSessionHandler::~CSessionHandler()
+{
+    try
+    {
+        CloseConnection();
+    }
+    catch (...)
+    {
+        // A destructor never throws; CloseConnection only logs.
+    }
+}
+
+std::wstring CSessionHandler::GetLogTag() const
+{
+    return daxlib::Format(L"Session %u", m_dwSessionId);
+}
+
+bool CSessionHandler::StartThreads()
+{
+    if (m_hevStop)
+        return true;
+
+    struct NewEvent
+    {
+        daxlib::unique_handle* event;
+        BOOL initialState;
+        const wchar_t* failure;
+    };
+    const NewEvent events[] = {
+        {&m_hevStop, FALSE, L"CreateEventW(m_hevStop) failed. LastError=%u"},
+        {&m_hevDisconnected, TRUE, L"CreateEventW(m_hevDisconnected) failed. LastError=%u"},
+        {&m_hevConnected, FALSE, L"CreateEventW(m_hevConnected) failed. LastError=%u"},
+        {&m_hevStartRead, FALSE, L"CreateEventW(m_hevStartRead) failed. LastError=%u"},
+    };
+    for (const auto& e : events)
+    {
+        e.event->reset(::CreateEventW(nullptr, TRUE, e.initialState, nullptr));
+        if (!*e.event)
+        {
+            Log(LogLevel::Error, kStartThreads, e.failure, ::GetLastError());
+            StopThreads();
+            return false;
+        }
+    }
+
+    m_hConnectionThread.reset(
+        reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &ConnectionThreadEntry, this, 0, nullptr)));
+    if (!m_hConnectionThread)
+    {
+        Log(LogLevel::Error, kStartThreads, L"_beginthreadex(m_hConnectionThread) failed. LastError=%u",
+            ::GetLastError());
+        StopThreads();
+        return false;
+    }
+    m_hReadThread.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &ReadThreadEntry, this, 0, nullptr)));
+    if (!m_hReadThread)
+    {
+        Log(LogLevel::Error, kStartThreads, L"_beginthreadex(m_hReadThread) failed. LastError=%u", ::GetLastError());
+        StopThreads();
+        return false;
+    }
+    Log(LogLevel::Info, kStartThreads, L"Success");
+    return true;
+}
+
+void CSessionHandler::StopThreads()
+{
+    if (m_hevStop)
+        ::SetEvent(m_hevStop.get());
+    if (m_hReadThread)
+        ::WaitForSingleObject(m_hReadThread.get(), INFINITE);
+    if (m_hConnectionThread)
+        ::WaitForSingleObject(m_hConnectionThread.get(), INFINITE);
+    // The connection thread may have connected after CloseConnection looked; with both
+    // threads gone, nothing else can hand the library a new handle.
+    DropConnection();
+    m_hConnectionThread.reset();
+    m_hevStartRead.reset();
+    m_hevConnected.reset();
+    m_hevDisconnected.reset();
+    m_hevStop.reset();
+    // m_hReadThread stays until the next start or destruction; kept that way deliberately.
+    Log(LogLevel::Info, kStopThreads, L"Success");
+}
+
+void CSessionHandler::CloseConnection()
+{
+    if (m_hevStartRead)
+        ::ResetEvent(m_hevStartRead.get());
+    DropConnection();
+    StopThreads();
+    Log(LogLevel::Info, kCloseConnection, L"Success");
+}
+
+HANDLE CSessionHandler::GetConnection() const
+{
+    std::lock_guard lock(m_csConnection);
+    return m_hConnection;
+}
+
+void CSessionHandler::SetConnection(HANDLE connection)
+{
+    std::lock_guard lock(m_csConnection);
+    m_hConnection = connection;
+}
+
+void CSessionHandler::DropConnection()
+{
+    HANDLE connection = nullptr;
+    {
+        std::lock_guard lock(m_csConnection);
+        std::swap(connection, m_hConnection);
+    }
+    if (connection && SkApi::pfnSkCloseConnection)
+        SkApi::pfnSkCloseConnection(connection);
+}
+
+void CSessionHandler::Publish(const ChannelStatusRecord& record) const
+{
+    if (!m_listener)
+        return;
+    try
+    {
+        m_listener(record, m_dwSessionId);
+    }
+    catch (...)
+    {
+        // The listener's troubles stay with the listener.
+    }
+}
+
+void CSessionHandler::GetChannelStatus(ChannelStatusRecord& record) const
+{
+    std::lock_guard lock(m_csState);
+    record = m_status;
+}
+
+unsigned __stdcall CSessionHandler::ConnectionThreadEntry(void* self)
+{
+    auto* handler = static_cast<CSessionHandler*>(self);
+    try
+    {
+        return handler->ConnectionThread();
+    }
+    catch (daxlib::CDaxException* e)
+    {
+        daxlib::DaxExceptionPtr owned(e);
+        handler->LogDaxException(LogLevel::Error, kConnectionThread, *owned);
+    }
+    catch (const std::exception& e)
+    {
+        handler->LogStdException(LogLevel::Error, kConnectionThread, e);
+    }
+    catch (...)
+    {
+        handler->Log(LogLevel::Error, kConnectionThread, L"Unknown exception");
+    }
+    return 1;
+}
+
+unsigned __stdcall CSessionHandler::ReadThreadEntry(void* self)
+{
+    auto* handler = static_cast<CSessionHandler*>(self);
+    try
+    {
+        return handler->ReadThread();
+    }
+    catch (daxlib::CDaxException* e)
+    {
+        daxlib::DaxExceptionPtr owned(e);
+        handler->LogDaxException(LogLevel::Error, kReadThread, *owned);
+    }
+    catch (const std::exception& e)
+    {
+        handler->LogStdException(LogLevel::Error, kReadThread, e);
+    }
+    catch (...)
+    {
+        handler->Log(LogLevel::Error, kReadThread, L"Unknown exception");
+    }
+    return 1;
+}
+
+void WINAPI CSessionHandler::ConnectionEventTrampoline(HANDLE connection, DWORD event, void* context)
+{
+    if (!context)
+        return;
+    try
+    {
+        static_cast<CSessionHandler*>(context)->OnConnectionEvent(connection, event);
+    }
+    catch (...)
+    {
+        // Nothing may unwind into the library's thread.
+    }
+}
+
+unsigned CSessionHandler::ConnectionThread()
+{
+    Log(LogLevel::Info, kConnectionThread, L"Started");
+    for (;;)
+    {
+        const HANDLE wakers[] = {m_hevStop.get(), m_hevDisconnected.get()};
+        if (::WaitForMultipleObjects(2, wakers, FALSE, INFINITE) != WAIT_OBJECT_0 + 1)
+            break;
+
+        ::ResetEvent(m_hevStartRead.get());
+        ::ResetEvent(m_hevConnected.get());
+        ::ResetEvent(m_hevDisconnected.get());
+        DropConnection();
+
+        if (ConnectOnce())
+        {
+            ::SetEvent(m_hevStartRead.get());
+            continue; // sleep until the connection breaks
+        }
+
+        ::SetEvent(m_hevDisconnected.get());
+        DropConnection();
+        if (m_bProtocolInvalid)
+            ::ResetEvent(m_hevDisconnected.get()); // a refused handshake is never retried
+        if (::WaitForSingleObject(m_hevStop.get(), ReconnectPauseMs) != WAIT_TIMEOUT)
+            break;
+    }
+    Log(LogLevel::Info, kConnectionThread, L"Stopped");
+    return 0;
+}
+
+bool CSessionHandler::ConnectOnce()
+{
+    using namespace SkApi;
+    Log(LogLevel::Info, kConnectionThread, L"m_szSessionGUID=\"%s\"", m_szSessionGUID);
+    if (!ChannelFunctionsResolved())
+    {
+        ::SetLastError(ERROR_PROC_NOT_FOUND);
+        Log(LogLevel::Error, kConnectionThread, L"SkResolveAddressW(\"%s\") failed", m_szSessionGUID);
+        return false;
+    }
+
+    void* address = nullptr;
+    if (!pfnSkResolveAddressW(AddressKindSession, m_szSessionGUID, UrlNet::ChannelPort, &address) || !address)
+    {
+        Log(LogLevel::Error, kConnectionThread, L"SkResolveAddressW(\"%s\") failed", m_szSessionGUID);
+        return false;
+    }
+    const uint32_t port = UrlNet::ChannelPort;
+    std::memcpy(static_cast<uint8_t*>(address) + AddressPortOffset, &port, sizeof(port));
+    HANDLE connection = pfnSkConnectTo(address, ConnectModeDefault, INFINITE);
+    pfnSkFreeProtocolParameter(address);
+    if (!connection)
+    {
+        Log(LogLevel::Error, kConnectionThread, L"SkConnectTo() failed");
+        return false;
+    }
+    SetConnection(connection);
+
+    if (!pfnSkRegisterConnectionEventsCallback(connection, kEventMask, &ConnectionEventTrampoline, this))
+    {
+        Log(LogLevel::Error, kConnectionThread, L"RegisterConnectionEventsCallback() failed");
+        return false;
+    }
+    const HANDLE wakers[] = {m_hevStop.get(), m_hevConnected.get(), m_hevDisconnected.get()};
+    if (::WaitForMultipleObjects(3, wakers, FALSE, ConnectedWaitMs) != WAIT_OBJECT_0 + 1)
+        return false;
+
+    if (!DoHandshake())
+    {
+        m_bProtocolInvalid = true;
+        return false;
+    }
+    return true;
+}
+
+bool CSessionHandler::DoHandshake()
+{
+    using namespace SkApi;
+    // Each exchange holds the state lock on its own, never the whole handshake.
+    auto write = [this](const void* bytes, DWORD size) {
+        std::lock_guard lock(m_csState);
+        DWORD count = size;
+        return pfnSkWriteData(GetConnection(), bytes, &count, INFINITE) != FALSE;
+    };
+    auto read = [this](void* bytes, DWORD size) {
+        std::lock_guard lock(m_csState);
+        DWORD count = size;
+        return pfnSkReadData(GetConnection(), bytes, &count, INFINITE) != FALSE;
+    };
+    auto writeFailed = [this](const wchar_t* format) {
+        Log(LogLevel::Error, kDoHandshake, format, ::GetLastError());
+        return false;
+    };
+    auto readFailed = [this](const wchar_t* what) {
+        const DWORD error = ::GetLastError();
+        if (error == ERROR_NOT_CONNECTED)
+            Log(LogLevel::Info, kDoHandshake, L"%s failed. Error=ERROR_NOT_CONNECTED(2250)", what);
+        else
+            Log(LogLevel::Error, kDoHandshake, L"%s failed. Error=%u", what, error);
+        return false;
+    };
+
+    {
+        std::lock_guard lock(m_csState);
+        m_status = ChannelStatusRecord{};
+    }
+    ChannelStatusRecord local{};
+
+    auto exchange = [&]() -> bool {
+        uint8_t item[4];
+        UrlNet::PutU32(item, UrlNet::LocalVersion);
+        if (!write(item, 4))
+            return writeFailed(L"SkWriteData(LocalVersion) failed. Error=%u");
+        Log(LogLevel::Info, kDoHandshake, L"LocalVersion=%#.8x", UrlNet::LocalVersion);
+        local.dwLocalVersion = UrlNet::LocalVersion;
+
+        if (!read(item, 4))
+            return readFailed(L"First SkReadData(RemoteVersion)");
+        local.dwRemoteVersion = UrlNet::GetU32(item);
+        Log(LogLevel::Info, kDoHandshake, L"RemoteVersion=%#.8x", local.dwRemoteVersion);
+
+        // Accepted whatever the remote version says; a low version is refused only at the end.
+        uint8_t status = UrlNet::StatusAccepted;
+        if (!write(&status, 1))
+            return writeFailed(L"SkWriteData(bVersionStatus) failed for incompatible version. Error=%u");
+        if (!read(&status, 1))
+            return readFailed(L"First SkReadData(bVersionStatus)");
+        if (status != UrlNet::StatusAccepted)
+        {
+            Log(LogLevel::Warning, kDoHandshake, L"Remote side is not compatible with local protocol version");
+            return false;
+        }
+        Log(LogLevel::Info, kDoHandshake, L"Negotiations about the version are successful. Version=%#.8x",
+            UrlNet::LocalVersion);
+        local.dwNegotiatedVersion = UrlNet::LocalVersion;
+
+        UrlNet::PutU32(item, UrlNet::LocalOptionsLength);
+        if (!write(item, 4))
+            return writeFailed(L"SkWriteData(cbLocalOptions) failed. Error=%u");
+        if (!read(item, 4))
+            return readFailed(L"SkReadData(cbRemoteOptions)");
+        // Announced option bytes are never read: the next thing expected is a message header.
+        Log(LogLevel::Info, kDoHandshake, L"cbRemoteOptions=%u", UrlNet::GetU32(item));
+
+        status = UrlNet::StatusAccepted;
+        if (!write(&status, 1))
+            return writeFailed(L"SkWriteData(bOptionsStatus) failed for incompatible version. Error=%u");
+        if (!read(&status, 1))
+            return readFailed(L"First SkReadData(bOptionsStatus)");
+        if (status != UrlNet::StatusAccepted)
+        {
+            Log(LogLevel::Warning, kDoHandshake, L"Remote side is not compatible with local protocol options");
+            return false;
+        }
+        // Told "accepted" in the version exchange, dropped now without a word: kept as it is.
+        return local.dwRemoteVersion >= UrlNet::LowestRemoteVersion;
+    };
+    const bool ok = exchange();
+
+    // Whoever learns of state 50 may send at once, so reading and sending are allowed first.
+    if (ok)
+        ::SetEvent(m_hevStartRead.get());
+    std::lock_guard lock(m_csState);
+    m_status = local;
+    m_status.dwState = ok ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpInvalidProtocol;
+    Publish(m_status);
+    return ok;
+}
+
+unsigned CSessionHandler::ReadThread()
+{
+    Log(LogLevel::Info, kReadThread, L"Started");
+    for (;;)
+    {
+        const HANDLE wakers[] = {m_hevStop.get(), m_hevStartRead.get()};
+        if (::WaitForMultipleObjects(2, wakers, FALSE, INFINITE) != WAIT_OBJECT_0 + 1)
+            break;
+        ReadOneMessage();
+    }
+    Log(LogLevel::Info, kReadThread, L"Stopped");
+    return 0;
+}
+
+void CSessionHandler::ReadOneMessage()
+{
+    std::lock_guard lock(m_csRead);
+    const HANDLE connection = GetConnection();
+    // The handle is set before its handshake ends; reading it then would take the handshake's
+    // bytes. The event is reset before a new handle appears, so looking at it after taking
+    // the handle is enough.
+    if (connection && ::WaitForSingleObject(m_hevStartRead.get(), 0) != WAIT_OBJECT_0)
+        return;
+    if (!connection || !SkApi::pfnSkReadData)
+    {
+        Log(LogLevel::Info, kReadThread, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer", 1017u);
+        return;
+    }
+    auto readFailed = [this](const wchar_t* what) {
+        const DWORD error = ::GetLastError();
+        if (error == ERROR_NOT_CONNECTED)
+            Log(LogLevel::Info, kReadThread, L"%s failed. Error=ERROR_NOT_CONNECTED(2250)", what);
+        else
+            Log(LogLevel::Error, kReadThread, L"%s failed. Error=%u", what, error);
+    };
+
+    uint8_t headerBytes[UrlNet::HeaderSize];
+    DWORD count = UrlNet::HeaderSize;
+    if (!SkApi::pfnSkReadData(connection, headerBytes, &count, INFINITE))
+        return readFailed(L"SkReadData(Header)");
+    const UrlNet::UrlNetHeader header = UrlNet::DecodeHeader(headerBytes);
+    const char* name = UrlNet::CommandName(header.command);
+    Log(LogLevel::Debug, kReadThread, L"SkReadData(Header) %S %d %d", name, static_cast<int>(header.command),
+        static_cast<int>(header.cbData));
+
+    if (header.cbData != 0)
+    {
+        if (!m_fmReceiveBuff.malloc(header.cbData))
+        {
+            // The data stay unread, as they always have.
+            Log(LogLevel::Error, kReadThread, L"m_fmReceiveBuff.malloc(cbData=%u for %S) failed", header.cbData, name);
+            return;
+        }
+        count = header.cbData;
+        const BOOL ok = SkApi::pfnSkReadData(connection, m_fmReceiveBuff.data(), &count, INFINITE);
+        const DWORD error = ::GetLastError();
+        if (m_fmReceiveBuff.capacity() > kKeepReceiveBuffer)
+            m_fmReceiveBuff.free();
+        ::SetLastError(error);
+        if (!ok)
+            return readFailed(L"SkReadData(Data)");
+    }
+    Log(LogLevel::Warning, kReadThread, L"CSessionHandler::ReadThread: Unknown command. Command=%S(%u)", name,
+        header.command);
+}
+
+bool CSessionHandler::SendURL(std::wstring url)
+{
+    std::lock_guard lock(m_csSend);
+    // A handle whose handshake has not ended yet counts as no connection: a submit written
+    // then would land between the handshake's items.
+    HANDLE connection = GetConnection();
+    if (connection && (!m_hevStartRead || ::WaitForSingleObject(m_hevStartRead.get(), 0) != WAIT_OBJECT_0))
+        connection = nullptr;
+    if (!connection || !SkApi::pfnSkWriteData)
+    {
+        Log(LogLevel::Info, kSendURL, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer", 443u);
+        return false;
+    }
+    const int length = url.size() > static_cast<size_t>(INT_MAX / 4) ? -1 : static_cast<int>(url.size());
+    int n = length < 0 ? 0 : ::WideCharToMultiByte(CP_UTF8, 0, url.data(), length, nullptr, 0, nullptr, nullptr);
+    std::string utf8;
+    if (n >= 1)
+    {
+        utf8.resize(static_cast<size_t>(n));
+        n = ::WideCharToMultiByte(CP_UTF8, 0, url.data(), length, utf8.data(), n, nullptr, nullptr);
+    }
+    if (n < 1)
+    {
+        Log(LogLevel::Error, kSendURL, L"WideCharToMultiByte failed. ret=%i, gle=%d", n,
+            static_cast<int>(::GetLastError()));
+        return false;
+    }
+
+    const std::vector<uint8_t> message = UrlNet::BuildSubmitMessage(utf8);
+    DWORD count = static_cast<DWORD>(message.size());
+    if (!SkApi::pfnSkWriteData(connection, message.data(), &count, INFINITE))
+    {
+        // The text names LocalVersion although it reports the submit; kept word for word.
+        Log(LogLevel::Error, kSendURL, L"SkWriteData(LocalVersion) failed. Error=%u", ::GetLastError());
+        return false;
+    }
+    return true;
+}
+
+void CSessionHandler::OnConnectionEvent(HANDLE connection, DWORD event)
+{
+    DWORD state = 0;
+    switch (event)
+    {
+    case SkApi::EventConnected:
+        Log(LogLevel::Info, kOnConnectionEvent, L"Event=CONNECTED, hHandle=0x%x", HandleBits(connection));
+        if (m_hevConnected)
+            ::SetEvent(m_hevConnected.get());
+        return;
+    case SkApi::EventBrokenConnection:
+        Log(LogLevel::Info, kOnConnectionEvent, L"Event=BROKENCONNECTION, hHandle=0x%x", HandleBits(connection));
+        state = eCvUrlApiEvent_RdpConnectionBroken;
+        break;
+    case SkApi::EventInvalidAddress:
+        Log(LogLevel::Info, kOnConnectionEvent, L"Event=INVALIDADRESS, hHandle=0x%x", HandleBits(connection));
+        state = eCvUrlApiEvent_RdpNotConnected;
+        break;
+    default:
+        Log(LogLevel::Info, kOnConnectionEvent, L"Event=%u, hHandle=0x%x", event, HandleBits(connection));
+        return;
+    }
+    if (m_bProtocolInvalid)
+        return;
+    {
+        std::lock_guard lock(m_csState);
+        m_status = ChannelStatusRecord{};
+        m_status.dwState = state;
+        Publish(m_status);
+    }
+    if (m_hevDisconnected)
+        ::SetEvent(m_hevDisconnected.get());
+}

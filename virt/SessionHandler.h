@@ -1,0 +1,83 @@
+#pragma once
+// The channel connection to the client side of one remote session: connects by the session's
+// GUID text, runs the handshake, reconnects every 3 seconds after a failure, reads and drops
+// whatever the client side sends, and writes one submit message per URL.
+#include "common/BaseItem.h"
+#include "common/Locks.h"
+#include "common/UniqueHandle.h"
+#include "virt/ChannelStatus.h"
+#include "virt/FmallocBuffer.h"
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+
+class CSessionHandler : public IBaseItem
+{
+public:
+    static constexpr size_t GuidTextLength = 64;
+    static constexpr DWORD ConnectedWaitMs = 3000;
+    static constexpr DWORD ReconnectPauseMs = 3000;
+
+    // guidText: up to 64 characters including the terminator (longer text is cut).
+    CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText, uint32_t sessionId,
+                    std::wstring name, ChannelStatusListener listener = {});
+    ~CSessionHandler() override;
+    CSessionHandler(const CSessionHandler&) = delete;
+    CSessionHandler& operator=(const CSessionHandler&) = delete;
+
+    std::wstring GetName() const override { return m_name; }
+    std::wstring GetLogTag() const override;
+    int Start() override { return StartThreads() ? 1 : 0; }
+    int Stop() override
+    {
+        CloseConnection();
+        return 1;
+    }
+
+    bool StartThreads();
+    void CloseConnection();
+    bool SendURL(std::wstring url);
+    void GetChannelStatus(ChannelStatusRecord& record) const;
+    void OnConnectionEvent(HANDLE connection, DWORD event);
+
+    const wchar_t* GetSessionGUID() const noexcept { return m_szSessionGUID; }
+    uint32_t GetSessionId() const noexcept { return m_dwSessionId; }
+
+private:
+    static unsigned __stdcall ConnectionThreadEntry(void* self);
+    static unsigned __stdcall ReadThreadEntry(void* self);
+    static void WINAPI ConnectionEventTrampoline(HANDLE connection, DWORD event, void* context);
+
+    unsigned ConnectionThread();
+    unsigned ReadThread();
+    bool ConnectOnce();
+    bool DoHandshake();
+    void ReadOneMessage();
+    void StopThreads();
+    void DropConnection();
+
+    HANDLE GetConnection() const;
+    void SetConnection(HANDLE connection);
+    void Publish(const ChannelStatusRecord& record) const; // with the state lock held
+
+    wchar_t m_szSessionGUID[GuidTextLength] = {};
+    mutable daxlib::critical_section m_csState;
+    uint32_t m_dwSessionId;
+    std::wstring m_name;
+    mutable daxlib::critical_section m_csConnection;
+    HANDLE m_hConnection = nullptr; // the library's handle; closed with SkCloseConnection
+    daxlib::unique_handle m_hevStop;
+    daxlib::unique_handle m_hevDisconnected;
+    daxlib::unique_handle m_hevConnected;
+    daxlib::unique_handle m_hevStartRead;
+    daxlib::unique_handle m_hConnectionThread;
+    daxlib::unique_handle m_hReadThread;
+    daxlib::critical_section m_csSend;
+    daxlib::critical_section m_csRead;
+    fmalloc_buffer<4096> m_fmReceiveBuff;
+    ChannelStatusRecord m_status{};
+    std::atomic<bool> m_bProtocolInvalid{false};
+    ChannelStatusListener m_listener;
+};

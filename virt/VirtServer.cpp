@@ -1,0 +1,250 @@
+#include "virt/VirtServer.h"
+
+#include "common/DaxException.h"
+#include "common/WideFormat.h"
+#include "virt/SkApi.h"
+
+#include <exception>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+namespace
+{
+
+constexpr wchar_t kInit[] = L"CVirtServer::Init";
+constexpr wchar_t kFree[] = L"CVirtServer::Free";
+constexpr wchar_t kOnSessionOpened[] = L"CVirtServer::OnSessionOpened";
+constexpr wchar_t kOnSessionClosed[] = L"CVirtServer::OnSessionClosed";
+constexpr wchar_t kSendURL[] = L"CVirtServer::SendURL";
+
+// The name text of a notification, bounded by its field even when the library forgot the zero.
+std::wstring NameOf(const SkApi::SessionNotification& notification)
+{
+    const wchar_t* name = notification.szName;
+    size_t length = 0;
+    while (length < std::size(notification.szName) && name[length] != L'\0')
+        ++length;
+    return std::wstring(name, length);
+}
+
+} // namespace
+
+CVirtServer::CVirtServer(std::shared_ptr<ICvLogger> logger) : IBaseItem(std::move(logger))
+{
+}
+
+CVirtServer::~CVirtServer()
+{
+    // The handlers go first, while the listener they publish to still exists.
+    std::map<uint32_t, std::shared_ptr<CSessionHandler>> released;
+    {
+        std::unique_lock lock(m_srwSessions);
+        released.swap(m_sessions);
+    }
+}
+
+void CVirtServer::SetStatusListener(ChannelStatusListener listener)
+{
+    std::lock_guard lock(m_listenerLock);
+    m_listener = std::move(listener);
+}
+
+void CVirtServer::Publish(const ChannelStatusRecord& record, uint32_t sessionId) const
+{
+    ChannelStatusListener listener;
+    {
+        std::lock_guard lock(m_listenerLock);
+        listener = m_listener;
+    }
+    if (!listener)
+        return;
+    try
+    {
+        listener(record, sessionId);
+    }
+    catch (...)
+    {
+        // The listener's troubles stay with the listener.
+    }
+}
+
+std::wstring CVirtServer::GuidText(const GUID& g)
+{
+    wchar_t text[CSessionHandler::GuidTextLength] = {};
+    daxlib::FormatTruncated(text, std::size(text), L"%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
+                            static_cast<unsigned>(g.Data1), g.Data2, g.Data3, g.Data4[0], g.Data4[1],
+                            g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
+    return text;
+}
+
+bool CVirtServer::Init()
+{
+    if (m_bInitialized)
+        return true;
+    if (!SkApiLoadLib())
+    {
+        Log(LogLevel::Error, kInit, L"SkApiLoadLib() failed. LastError=%u", ::GetLastError());
+    }
+    else if (const DWORD error = SkApi::pfnSkInit ? SkApi::pfnSkInit() : ERROR_PROC_NOT_FOUND; error != 0)
+    {
+        Log(LogLevel::Error, kInit, L"SkInit() failed. Error=%u", error);
+    }
+    else
+    {
+        if (SkApi::pfnSkRegisterEventNotification)
+        {
+            SkApi::pfnSkRegisterEventNotification(SkApi::EventSessionOpened, &SessionOpenedTrampoline, this);
+            SkApi::pfnSkRegisterEventNotification(SkApi::EventSessionClosed, &SessionClosedTrampoline, this);
+        }
+        if (!SkApi::pfnSkStartNotification || !SkApi::pfnSkStartNotification())
+            Log(LogLevel::Warning, kInit, L"SkStartNotification() failed. LastError=%u", ::GetLastError());
+        m_bInitialized = true;
+        Log(LogLevel::Info, kInit, L"Success");
+    }
+    if (!m_bInitialized)
+        Free();
+    return m_bInitialized;
+}
+
+void CVirtServer::Free()
+{
+    std::map<uint32_t, std::shared_ptr<CSessionHandler>> released;
+    {
+        std::unique_lock lock(m_srwSessions);
+        released.swap(m_sessions);
+        released.clear();
+    }
+    // Outside the lock: the library's notification thread may be waiting for it, and clean-up
+    // waits for that thread.
+    if (SkApi::pfnSkCleanUp)
+        SkApi::pfnSkCleanUp();
+    {
+        // A session that opened while the library was being cleaned up.
+        std::unique_lock lock(m_srwSessions);
+        released.swap(m_sessions);
+        released.clear();
+    }
+    m_bInitialized = false;
+    Log(LogLevel::Info, kFree, L"Success");
+}
+
+void WINAPI CVirtServer::SessionOpenedTrampoline(DWORD, const SkApi::SessionNotification* notification,
+                                                 void* context)
+{
+    if (!context || !notification)
+        return;
+    auto* server = static_cast<CVirtServer*>(context);
+    try
+    {
+        server->OnSessionOpened(notification->dwSessionType, *notification);
+    }
+    catch (daxlib::CDaxException* e)
+    {
+        daxlib::DaxExceptionPtr owned(e);
+        server->LogDaxException(LogLevel::Error, kOnSessionOpened, *owned);
+    }
+    catch (const std::exception& e)
+    {
+        server->LogStdException(LogLevel::Error, kOnSessionOpened, e);
+    }
+    catch (...)
+    {
+    }
+}
+
+void WINAPI CVirtServer::SessionClosedTrampoline(DWORD, const SkApi::SessionNotification* notification,
+                                                 void* context)
+{
+    if (!context || !notification)
+        return;
+    auto* server = static_cast<CVirtServer*>(context);
+    try
+    {
+        server->OnSessionClosed(notification->dwSessionType, *notification);
+    }
+    catch (daxlib::CDaxException* e)
+    {
+        daxlib::DaxExceptionPtr owned(e);
+        server->LogDaxException(LogLevel::Error, kOnSessionClosed, *owned);
+    }
+    catch (const std::exception& e)
+    {
+        server->LogStdException(LogLevel::Error, kOnSessionClosed, e);
+    }
+    catch (...)
+    {
+    }
+}
+
+void CVirtServer::OnSessionOpened(uint32_t type, const SkApi::SessionNotification& notification)
+{
+    const std::wstring guid = GuidText(notification.guidSession);
+    const uint32_t sessionId = notification.dwSessionId;
+    // "old GUID" although it is the new session's: the text is kept as it always was.
+    Log(LogLevel::Info, kOnSessionOpened, L"Session %d (type %u), old GUID=%s", static_cast<int>(sessionId), type,
+        guid.c_str());
+
+    ChannelStatusListener forward = [this](const ChannelStatusRecord& record, uint32_t id) { Publish(record, id); };
+    auto handler = std::make_shared<CSessionHandler>(m_pLogger, guid.c_str(), sessionId, NameOf(notification),
+                                                     std::move(forward));
+    std::shared_ptr<CSessionHandler> replaced;
+    std::unique_lock lock(m_srwSessions);
+    auto& slot = m_sessions[sessionId];
+    replaced = std::exchange(slot, handler);
+    // The replaced handler's threads are stopped here, under the lock, before the new one starts.
+    replaced.reset();
+    handler->Start();
+}
+
+void CVirtServer::OnSessionClosed(uint32_t type, const SkApi::SessionNotification& notification)
+{
+    const std::wstring guid = GuidText(notification.guidSession);
+    const uint32_t sessionId = notification.dwSessionId;
+    Log(LogLevel::Info, kOnSessionClosed, L"Session %d (type %u), GUID=%s", static_cast<int>(sessionId), type,
+        guid.c_str());
+
+    ChannelStatusRecord record{};
+    {
+        std::shared_ptr<CSessionHandler> closed;
+        std::unique_lock lock(m_srwSessions);
+        const auto found = m_sessions.find(sessionId);
+        if (found != m_sessions.end())
+        {
+            // Guards against a late close of an earlier session that had the same id.
+            if (guid != found->second->GetSessionGUID())
+            {
+                Log(LogLevel::Info, kOnSessionClosed, L"Session mismatch");
+                return;
+            }
+            found->second->GetChannelStatus(record);
+            closed = std::move(found->second);
+            m_sessions.erase(found);
+        }
+        closed.reset(); // stops its threads while the lock is held
+    }
+    record.dwState = eCvUrlApiEvent_RdpNotConnected;
+    Publish(record, sessionId);
+}
+
+int CVirtServer::SendURL(uint32_t sessionId, std::wstring url)
+{
+    Log(LogLevel::Debug, kSendURL, L" %s to session %d", url.c_str(), static_cast<int>(sessionId));
+    std::shared_ptr<CSessionHandler> handler;
+    {
+        std::shared_lock lock(m_srwSessions);
+        const auto found = m_sessions.find(sessionId);
+        if (found != m_sessions.end())
+            handler = found->second;
+    }
+    if (!handler)
+        return 0;
+    return handler->SendURL(std::move(url)) ? 1 : 0;
+}
+
+std::shared_ptr<CSessionHandler> CVirtServer::FindSession(uint32_t sessionId) const
+{
+    std::shared_lock lock(m_srwSessions);
+    const auto found = m_sessions.find(sessionId);
+    return found == m_sessions.end() ? nullptr : found->second;
+}

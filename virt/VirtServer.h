@@ -1,0 +1,63 @@
+#pragma once
+// The process's virtual-channel server: binds the channel library, follows its session
+// notifications with one CSessionHandler per open remote session, and routes each URL to the
+// handler of the agent's session.
+#include "common/BaseItem.h"
+#include "common/Locks.h"
+#include "virt/ChannelStatus.h"
+#include "virt/SessionHandler.h"
+#include "virt/SkApiTypes.h"
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+class CVirtServer : public IBaseItem
+{
+public:
+    explicit CVirtServer(std::shared_ptr<ICvLogger> logger);
+    ~CVirtServer() override;
+    CVirtServer(const CVirtServer&) = delete;
+    CVirtServer& operator=(const CVirtServer&) = delete;
+
+    int Start() override { return Init() ? 1 : 0; }
+    int Stop() override
+    {
+        Free();
+        return 1;
+    }
+
+    // Loads and initialises the channel library and subscribes to session notifications.
+    bool Init();
+    void Free();
+    // Nonzero when the URL was written to that session's channel.
+    int SendURL(uint32_t sessionId, std::wstring url);
+
+    // Every status change of every session; set it before Init. May be left empty.
+    void SetStatusListener(ChannelStatusListener listener);
+
+    void OnSessionOpened(uint32_t type, const SkApi::SessionNotification& notification);
+    void OnSessionClosed(uint32_t type, const SkApi::SessionNotification& notification);
+
+    bool IsInitialized() const noexcept { return m_bInitialized; }
+    // The handler of a session, empty when there is none (for status queries and tests).
+    std::shared_ptr<CSessionHandler> FindSession(uint32_t sessionId) const;
+
+    // "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x", lower-case, no braces.
+    static std::wstring GuidText(const GUID& guid);
+
+private:
+    static void WINAPI SessionOpenedTrampoline(DWORD event, const SkApi::SessionNotification* notification,
+                                               void* context);
+    static void WINAPI SessionClosedTrampoline(DWORD event, const SkApi::SessionNotification* notification,
+                                               void* context);
+    void Publish(const ChannelStatusRecord& record, uint32_t sessionId) const;
+
+    std::atomic<bool> m_bInitialized{false};
+    mutable daxlib::srw_lock m_srwSessions;
+    std::map<uint32_t, std::shared_ptr<CSessionHandler>> m_sessions;
+    mutable daxlib::critical_section m_listenerLock;
+    ChannelStatusListener m_listener;
+};
