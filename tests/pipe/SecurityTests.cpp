@@ -73,6 +73,37 @@ std::wstring ReadBack(CDaxSecattr* attributes)
     return text;
 }
 
+// The mandatory label of a created pipe as "<mask>:<label SID>", or "none".
+std::string ReadLabel(CDaxSecattr* attributes)
+{
+    const std::wstring name = L"\\\\.\\pipe\\" + testing_support::UniqueName(L"velomar-label");
+    HANDLE pipe = ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 1024, 1024, 1000,
+                                     CDaxSecattr::Get(attributes));
+    if (pipe == INVALID_HANDLE_VALUE)
+        return "<no pipe>";
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    PACL sacl = nullptr;
+    const DWORD error = ::GetSecurityInfo(pipe, SE_KERNEL_OBJECT, LABEL_SECURITY_INFORMATION, nullptr, nullptr, nullptr,
+                                          &sacl, &descriptor);
+    ::CloseHandle(pipe);
+    if (error != ERROR_SUCCESS)
+        return "<GetSecurityInfo failed>";
+    std::string result = "none";
+    for (DWORD i = 0; sacl && i < sacl->AceCount; ++i)
+    {
+        ACE_HEADER* ace = nullptr;
+        if (!::GetAce(sacl, i, reinterpret_cast<void**>(&ace)) || ace->AceType != SYSTEM_MANDATORY_LABEL_ACE_TYPE)
+            continue;
+        auto* label = reinterpret_cast<SYSTEM_MANDATORY_LABEL_ACE*>(ace);
+        LPSTR sid = nullptr;
+        ::ConvertSidToStringSidA(&label->SidStart, &sid);
+        result = std::to_string(label->Mask) + ":" + (sid ? sid : "?");
+        ::LocalFree(sid);
+    }
+    ::LocalFree(descriptor);
+    return result;
+}
+
 BOOL WINAPI ReportVersion5(LPOSVERSIONINFOW info)
 {
     info->dwMajorVersion = 5;
@@ -101,8 +132,12 @@ TEST(SecurityAttributes, EachVariantMatchesItsDescriptor)
     EXPECT_FALSE(localLI.IsHandBuilt());
     ExpectDescriptor(localLI, CDaxSecattrLocalLI::kSddl);
 
+    // Low integrity (S-1-16-4096), no write up.
+    EXPECT_EQ("1:S-1-16-4096", ReadLabel(&localLI));
+
     CDaxSecattrEveryoneLI everyoneLI;
     ExpectDescriptor(everyoneLI, CDaxSecattrEveryoneLI::kSddl);
+    EXPECT_EQ("1:S-1-16-4096", ReadLabel(&everyoneLI));
 
     CDaxSecattrAdmin admin;
     ExpectDescriptor(admin, CDaxSecattrAdmin::kSddl);
@@ -119,7 +154,8 @@ TEST(SecurityAttributes, BeforeVersion6TheLabelledVariantsAreHandBuilt)
 {
     CDaxSecattrLocalLI localLI(&ReportVersion5);
     EXPECT_TRUE(localLI.IsHandBuilt());
-    ExpectDescriptor(localLI, kLocalSddl); // no integrity label
+    ExpectDescriptor(localLI, kLocalSddl);
+    EXPECT_NE("1:S-1-16-4096", ReadLabel(&localLI)); // no low-integrity label
     CDaxSecattrEveryoneLI everyoneLI(&ReportVersion5);
     EXPECT_TRUE(everyoneLI.IsHandBuilt());
     ExpectDescriptor(everyoneLI, kLocalSddl);
