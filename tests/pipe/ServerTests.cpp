@@ -10,37 +10,6 @@ using namespace pipe_tests;
 
 namespace
 {
-// Opens the client end synchronously, waiting for a free instance.
-HANDLE OpenClient(const std::wstring& fullName)
-{
-    for (int attempt = 0; attempt < 200; ++attempt)
-    {
-        HANDLE h = ::CreateFileW(fullName.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (h != INVALID_HANDLE_VALUE)
-            return h;
-        const DWORD error = ::GetLastError();
-        if (error == ERROR_PIPE_BUSY)
-            ::WaitNamedPipeW(fullName.c_str(), 1000);
-        else if (error == ERROR_FILE_NOT_FOUND)
-            ::Sleep(10);
-        else
-            return INVALID_HANDLE_VALUE;
-    }
-    return INVALID_HANDLE_VALUE;
-}
-
-bool RoundTrip(HANDLE client, const std::vector<unsigned char>& payload)
-{
-    const uint32_t length = static_cast<uint32_t>(payload.size());
-    std::vector<unsigned char> message(4 + payload.size());
-    std::memcpy(message.data(), &length, 4);
-    std::memcpy(message.data() + 4, payload.data(), payload.size());
-    if (!WriteAll(client, message.data(), static_cast<DWORD>(message.size())))
-        return false;
-    std::vector<unsigned char> echo(message.size());
-    return ReadAll(client, echo.data(), static_cast<DWORD>(echo.size())) && echo == message;
-}
-
 class ServerTest : public PoolTest
 {
 protected:
