@@ -257,22 +257,9 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
             std::lock_guard lock(m_readQueueMutex);
             m_pendingReads.push_back(request);
         }
-        if (!SubmitSelf<void, unsigned long>(&CNamedPipeStream::ProcessQueueReadRequest, 0))
-        {
-            const DWORD error = ::GetLastError();
-            std::lock_guard lock(m_readQueueMutex);
-            for (auto it = m_pendingReads.begin(); it != m_pendingReads.end(); ++it)
-                if (*it == request)
-                {
-                    m_pendingReads.erase(it);
-                    break;
-                }
-            std::lock_guard recordLock(m_recordMutex);
-            request->ov = nullptr;
-            record->m_pRequest.reset();
-            ::SetLastError(error);
-            return FALSE;
-        }
+        // Data already received is handed over at once; the owner's callback still runs as a
+        // pool task, never inside this call.
+        ProcessQueueReadRequest(0);
         return TRUE;
     }
     catch (const std::exception& e)

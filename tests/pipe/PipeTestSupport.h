@@ -73,7 +73,8 @@ inline bool Eventually(const std::function<bool()>& condition, std::chrono::mill
 inline std::string HandleTypes()
 {
     using QueryObject = LONG(WINAPI*)(HANDLE, int, PVOID, ULONG, PULONG);
-    static auto query = reinterpret_cast<QueryObject>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQueryObject"));
+    static auto query = reinterpret_cast<QueryObject>(
+        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
     std::map<std::wstring, int> types;
     for (uintptr_t v = 4; query && v < 0x10000; v += 4)
     {
