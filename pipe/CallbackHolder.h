@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 template <typename Sig> class CCallbackHolder;

@@ -6,6 +6,7 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 #if defined(__GNUC__)
 #include <cxxabi.h>

@@ -2,7 +2,9 @@
 
 #include "common/WideFormat.h"
 
+#include <chrono>
 #include <stdexcept>
+#include <utility>
 
 namespace
 {

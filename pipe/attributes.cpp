@@ -6,6 +6,8 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include <utility>
+
 namespace
 {
 constexpr DWORD kLocalMask = 0xC0100000; // generic read, generic write, synchronize
@@ -13,6 +15,9 @@ constexpr const wchar_t* kModule = L"attributes";
 
 BOOL WINAPI QueryVersion(LPOSVERSIONINFOW info)
 {
+#if defined(_MSC_VER)
+#pragma warning(suppress : 4996) // the version is what decides the descriptor here
+#endif
     return ::GetVersionExW(info);
 }
 
