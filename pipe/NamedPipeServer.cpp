@@ -98,14 +98,15 @@ void CNamedPipeServerStream::OnConnectCompleted(unsigned long ioResult)
     // A failed wait would otherwise sit in the accept list until the server ends.
     auto server = GetServerLink();
     auto pool = GetThreadPool();
+    // Only a weak link here: a completion thread must never end up as the server's last owner.
     if (pool && !server.expired())
     {
-        HANDLE pipe = GetHandle();
-        pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>([server](void* h) {
+        const void* identity = this;
+        pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>([server, identity](void* h) {
                                           if (auto s = server.lock())
-                                              s->OnConnectFailed(h);
+                                              s->OnConnectFailed(h, identity);
                                       }),
-                                      pipe);
+                                      GetHandle());
     }
 }
 
@@ -404,13 +405,14 @@ void CNamedPipeServer::OnClientDisconnected(void* pipe)
     CloseStream(stream);
 }
 
-void CNamedPipeServer::OnConnectFailed(void* pipe)
+void CNamedPipeServer::OnConnectFailed(void* pipe, const void* identity)
 {
     std::shared_ptr<CNamedPipeServerStream> stream;
     {
         std::lock_guard lock(m_mutex);
         auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
-        if (it == m_acceptList.end())
+        // The handle value may belong to a newer instance by now.
+        if (it == m_acceptList.end() || it->second.get() != identity)
             return;
         stream = it->second;
         m_acceptList.erase(it);

@@ -100,7 +100,7 @@ public:
 private:
     friend class CNamedPipeServerStream;
     int AcceptThread(void* stopEvent, void* parameter);
-    void OnConnectFailed(void* pipe);
+    void OnConnectFailed(void* pipe, const void* identity);
     std::shared_ptr<CNamedPipeServer> Self();
     void CloseStream(const std::shared_ptr<CNamedPipeServerStream>& stream);
 

@@ -130,14 +130,13 @@ public:
         std::unique_lock lock(m_mutex);
         for (const Request& request : m_requests)
         {
-            if (!::CancelIoEx(m_hFile, &request->overlapped) && ::GetLastError() == ERROR_NOT_FOUND)
-                continue;
-            DWORD bytes = 0;
-            result = ::GetOverlappedResult(m_hFile, &request->overlapped, &bytes, TRUE);
+            // ERROR_NOT_FOUND: it has ended already and its completion is queued.
+            if (!::CancelIoEx(m_hFile, &request->overlapped) && ::GetLastError() != ERROR_NOT_FOUND)
+                result = FALSE;
         }
-        // Every listed request has ended in the kernel, so its completion is on its way; the
-        // callback takes it off the list. Closing before that would let a late completion reach
-        // a freed object.
+        // Every listed request has ended or been cancelled, so its completion is on its way and
+        // the callback takes it off the list. Closing before that would let a late completion
+        // reach a freed object.
         if (!m_emptied.wait_for(lock, std::chrono::seconds(30), [this] { return m_requests.empty(); }))
             Log(LogLevel::Error, Origin(L"Stop: (140)").c_str(), L": %d request(s) never completed (this = 0x%p)",
                 static_cast<int>(m_requests.size()), static_cast<void*>(this));

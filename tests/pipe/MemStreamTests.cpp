@@ -69,28 +69,3 @@ TEST(MemStream, ShortReadTakesNothing)
     EXPECT_TRUE(std::equal(bytes.begin(), bytes.end(), out.begin()));
 }
 
-TEST(MemStream, InterleavedWritesAndReadsOnPageEdges)
-{
-    CMemStream stream;
-    std::vector<unsigned char> expected;
-    std::vector<unsigned char> got;
-    unsigned char next = 0;
-    for (int round = 0; round < 50; ++round)
-    {
-        const size_t length = 512 + static_cast<size_t>(round) * 37;
-        auto bytes = Sequence(length, next);
-        next = static_cast<unsigned char>(next + length);
-        ASSERT_EQ(0u, stream.Write(bytes.data(), bytes.size()));
-        expected.insert(expected.end(), bytes.begin(), bytes.end());
-        std::vector<unsigned char> part(stream.Size() / 2 + 1);
-        ASSERT_TRUE(stream.Read(part.data(), part.size()));
-        got.insert(got.end(), part.begin(), part.end());
-    }
-    std::vector<unsigned char> rest(stream.Size());
-    if (!rest.empty())
-    {
-        ASSERT_TRUE(stream.Read(rest.data(), rest.size()));
-    }
-    got.insert(got.end(), rest.begin(), rest.end());
-    EXPECT_EQ(expected, got);
-}

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
 
 using namespace pipe_states;
 
@@ -21,16 +20,6 @@ TEST(PipeStates, TransitionTable)
         for (uint32_t to = 0; to < 6; ++to)
             EXPECT_EQ(allowed[from][to], IsTransitionAllowed(from, to)) << from << " -> " << to;
     EXPECT_FALSE(IsTransitionAllowed(7, ePipeConnectionState_Connected));
-}
-
-TEST(PipeStates, DisplayNames)
-{
-    EXPECT_EQ(std::wstring(L"ConnectionError"), ConnectionStateName(ePipeConnectionState_ConnectionError));
-    EXPECT_EQ(std::wstring(L"Unknown"), ConnectionStateName(6));
-    EXPECT_EQ(std::wstring(L"DoCallback"), RequestStateName(ePipeRequestState_DoCallback));
-    EXPECT_EQ(std::wstring(L"Unknown"), RequestStateName(5));
-    EXPECT_EQ(std::wstring(L"NamedPipe_Write"), SignalName(ePipeTaskSignal_Write));
-    EXPECT_EQ(std::wstring(L"Unknown signal"), SignalName(3));
 }
 
 TEST(PipeStates, AcceptsClamping)
