@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <exception>
+#include <new>
 
 CNamedPipeStream::CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context)
     : CBaseLogger(logger), m_pPipe(std::move(pipe)), m_hPipe(m_pPipe ? m_pPipe->get() : INVALID_HANDLE_VALUE),
