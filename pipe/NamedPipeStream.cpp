@@ -7,6 +7,8 @@
 #include <exception>
 #include <new>
 
+using namespace pipe_states;
+
 CNamedPipeStream::CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context)
     : CBaseLogger(logger), m_pPipe(std::move(pipe)), m_hPipe(m_pPipe ? m_pPipe->get() : INVALID_HANDLE_VALUE),
       m_pContext(context)

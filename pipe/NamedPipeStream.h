@@ -19,8 +19,6 @@
 #include <memory>
 #include <mutex>
 
-using namespace pipe_states;
-
 struct PIPE_IO_REQUEST;
 
 // The caller's completion record of one read or write. The request object (CPipeRequest) that

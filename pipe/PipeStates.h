@@ -3,9 +3,6 @@
 // natively as well.
 #include <cstdint>
 
-namespace pipe_states
-{
-
 enum ePipeConnectionState : uint32_t
 {
     ePipeConnectionState_WaitConnection = 0,
@@ -31,6 +28,9 @@ enum ePipeTaskSignal : uint32_t
     ePipeTaskSignal_Read = 1,
     ePipeTaskSignal_Write = 2,
 };
+
+namespace pipe_states
+{
 
 const wchar_t* ConnectionStateName(uint32_t state) noexcept;
 const wchar_t* RequestStateName(uint32_t state) noexcept;
