@@ -225,3 +225,19 @@ TEST_F(ServerTest, MisbehavingClientsDoNotStopOthers)
         server.reset();
     });
 }
+
+TEST_F(ServerTest, AcceptingCanBeResumedAfterItEnded)
+{
+    EchoOwner owner(m_log);
+    auto server = MakeServer(2);
+    ASSERT_TRUE(owner.Start(server));
+    ASSERT_TRUE(Eventually([&] { return server->AcceptCount() == 2; }));
+    server->EndWaitForConnection();
+    EXPECT_EQ(0u, server->AcceptCount());
+    ASSERT_TRUE(owner.Start(server)); // the accept thread and its stop event come back
+    HANDLE client = OpenClient(FullName());
+    ASSERT_NE(INVALID_HANDLE_VALUE, client);
+    EXPECT_TRUE(RoundTrip(client, {4, 5, 6}));
+    ::CloseHandle(client);
+    EXPECT_TRUE(Eventually([&] { return owner.Disconnects() == 1 && server->AcceptCount() == 2; }));
+}
