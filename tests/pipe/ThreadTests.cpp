@@ -134,7 +134,7 @@ TEST_F(ThreadTest, StopForceDropsTheQueue)
     for (int i = 1; i <= 10; ++i)
         ASSERT_EQ(1, queue.Push(Item{i}));
     std::thread stopper([&] { queue.StopForce(); });
-    ASSERT_TRUE(Eventually([&] { return queue.GetState() == CJoinableThread<int>::eStateStopping; }));
+    EXPECT_TRUE(Eventually([&] { return queue.GetState() == CJoinableThread<int>::eStateStopping; }));
     ::SetEvent(gate);
     stopper.join();
     EXPECT_EQ(1, handled.Get());
