@@ -1,12 +1,15 @@
 // Round trips and connects per second through CNamedPipeServer, against a minimal synchronous
 // echo server with one thread per client, both measured in the same run.
-//   pipe_bench [seconds per measurement, default 2] [message bytes, default 64]
+//   pipe_bench [seconds per measurement, default 2] [message bytes, default 64] [repeats, default 3]
+// The two servers are measured alternately and each figure is the median of its repeats, so that
+// load from elsewhere on a shared machine falls on both alike.
 #include "pipe/NamedPipeServer.h"
 #include "pipe/ThreadPool.h"
 #include "tests/pipe/EchoOwner.h"
 
 #include <windows.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -187,6 +190,12 @@ double Connects(const std::wstring& name, int clients, double seconds, size_t by
     });
 }
 
+double Median(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
 std::wstring UniqueName(const wchar_t* stem)
 {
     static int counter = 0;
@@ -199,32 +208,42 @@ int main(int argc, char** argv)
 {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 2.0;
     const size_t bytes = argc > 2 ? static_cast<size_t>(std::atoi(argv[2])) : 64;
+    const int repeats = argc > 3 ? std::max(1, std::atoi(argv[3])) : 3;
     SetThreadPool(std::make_shared<CThreadPool>(1000, nullptr));
-    std::printf("pipe_bench: %.1f s per figure, %zu-byte messages (plus 4-byte length)\n", seconds, bytes);
+    std::printf("pipe_bench: %.1f s per measurement, median of %d, %zu-byte messages (plus 4-byte length)\n", seconds,
+                repeats, bytes);
     std::printf("%-8s %-12s %14s %14s %8s\n", "clients", "figure", "CNamedPipeSrv", "sync baseline", "ratio");
     for (int clients : {1, 16, 128})
     {
         for (int figure = 0; figure < 2; ++figure)
         {
             const bool connects = figure == 1;
-            double transport = 0;
-            double baseline = 0;
+            std::vector<double> transport;
+            std::vector<double> baseline;
+            for (int r = 0; r < repeats; ++r)
             {
-                const std::wstring full = UniqueName(L"velomar-bench");
-                EchoOwner owner(nullptr);
-                auto server = std::make_shared<CNamedPipeServer>(full.substr(9), PIPE_UNLIMITED_INSTANCES, 3, nullptr, nullptr);
-                owner.Start(server);
-                transport = connects ? Connects(full, clients, seconds, bytes) : RoundTrips(full, clients, seconds, bytes);
-                server->ResetCallback();
-                server.reset();
+                {
+                    const std::wstring full = UniqueName(L"velomar-bench");
+                    EchoOwner owner(nullptr);
+                    auto server =
+                        std::make_shared<CNamedPipeServer>(full.substr(9), PIPE_UNLIMITED_INSTANCES, 3, nullptr, nullptr);
+                    owner.Start(server);
+                    transport.push_back(connects ? Connects(full, clients, seconds, bytes)
+                                                 : RoundTrips(full, clients, seconds, bytes));
+                    server->ResetCallback();
+                    server.reset();
+                }
+                {
+                    const std::wstring full = UniqueName(L"velomar-bench-sync");
+                    SyncEchoServer sync(full);
+                    baseline.push_back(connects ? Connects(full, clients, seconds, bytes)
+                                                : RoundTrips(full, clients, seconds, bytes));
+                }
             }
-            {
-                const std::wstring full = UniqueName(L"velomar-bench-sync");
-                SyncEchoServer sync(full);
-                baseline = connects ? Connects(full, clients, seconds, bytes) : RoundTrips(full, clients, seconds, bytes);
-            }
-            std::printf("%-8d %-12s %14.0f %14.0f %8.2f\n", clients, connects ? "connects/s" : "roundtrips/s", transport,
-                        baseline, baseline > 0 ? transport / baseline : 0.0);
+            const double ours = Median(transport);
+            const double theirs = Median(baseline);
+            std::printf("%-8d %-12s %14.0f %14.0f %8.2f\n", clients, connects ? "connects/s" : "roundtrips/s", ours,
+                        theirs, theirs > 0 ? ours / theirs : 0.0);
             std::fflush(stdout);
         }
     }
