@@ -2,6 +2,14 @@
 // The server end: a fixed number of pipe instances wait for clients on one name; each accepted
 // instance becomes a connected CNamedPipeServerStream, and the owner hears of connections and
 // disconnections through two callbacks.
+//
+// An owner's round: the connect callback gets the pipe handle; AttachStream(handle, channelId)
+// gives the connected stream and tags it with the owner's channel id; one CPipeServerRequest per
+// connection then reads (ReadAsync, callbacks on pool threads, one read outstanding at a time
+// keeps messages in order) and answers (Write, blocking); the disconnect callback gets the handle
+// and that channel id, after which the server closes the stream. Both callbacks run on
+// CThreadPool threads, never under the server's lock, and the disconnect of a connection is never
+// reported before its connect.
 #include "common/BaseLogger.h"
 #include "common/UniqueHandle.h"
 #include "pipe/JoinableThread.h"

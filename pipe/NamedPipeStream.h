@@ -74,6 +74,7 @@ struct PipeTaskSignal
 
 using SharedPipeHandle = std::shared_ptr<daxlib::unique_hfile>;
 
+// Streams are always owned through std::shared_ptr: the tasks a stream submits hold it weakly.
 class CNamedPipeStream : public CommonHelper::CvLogger::CBaseLogger,
                          public std::enable_shared_from_this<CNamedPipeStream>
 {
