@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,7 +15,7 @@
 class EchoOwner
 {
 public:
-    using ReadCallback = CCallbackHolder<void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*)>;
+    using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*);
 
     explicit EchoOwner(std::shared_ptr<ICvLogger> log) : m_log(std::move(log)) {}
 
@@ -83,13 +84,12 @@ private:
         return it == m_connections.end() ? nullptr : it->second;
     }
 
+    // The channel id is bound as a fifth argument, the way a connection owner binds its callbacks.
     void ReadHeader(uint64_t id)
     {
+        using namespace std::placeholders;
         if (auto connection = Find(id))
-            connection->request->ReadAsync(4, MakeGlobalCallback<void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*)>(
-                                                   [this, id](std::shared_ptr<unsigned char[]> d, unsigned long n, unsigned long e, PIPE_OVERLAPPED* o) {
-                                                       OnHeader(d, n, e, o, id);
-                                                   }),
+            connection->request->ReadAsync(4, MakeGlobalCallback<ReadSignature>(std::bind(&EchoOwner::OnHeader, this, _1, _2, _3, _4, id)),
                                            new PIPE_OVERLAPPED());
     }
 
@@ -103,11 +103,9 @@ private:
         if (error != 0 || bytes != 4)
             return;
         std::memcpy(&connection->length, data.get(), 4);
+        using namespace std::placeholders;
         connection->request->ReadAsync(connection->length,
-                                       MakeGlobalCallback<void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*)>(
-                                           [this, id](std::shared_ptr<unsigned char[]> d, unsigned long n, unsigned long e, PIPE_OVERLAPPED* o) {
-                                               OnBody(d, n, e, o, id);
-                                           }),
+                                       MakeGlobalCallback<ReadSignature>(std::bind(&EchoOwner::OnBody, this, _1, _2, _3, _4, id)),
                                        new PIPE_OVERLAPPED());
     }
 
