@@ -570,6 +570,8 @@ void CCvLogger::WatchLoop()
     };
     if (!arm())
         return;
+    // A value changed between the first read and the arming would otherwise go unnoticed.
+    LoadSettings(key.get(), FALSE);
     const HANDLE events[] = {m_hevStop.get(), changed.get()};
     for (;;)
     {
