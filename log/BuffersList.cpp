@@ -5,6 +5,7 @@
 #include <process.h>
 
 #include <algorithm>
+#include <mutex>
 #include <cstring>
 #include <new>
 

@@ -4,10 +4,10 @@
 // block. Read blocks go back to a free pool, which a background thread tops up before it runs
 // dry, so steady use allocates nothing.
 #include "common/UniqueHandle.h"
+#include "log/SrwMutex.h"
 
 #include <cstdint>
 #include <deque>
-#include <mutex>
 #include <vector>
 
 class CBuffersList
@@ -52,7 +52,7 @@ private:
     uint64_t m_qwWritePos = 0;
     std::vector<uint8_t> m_output;
 
-    mutable std::mutex m_mutex;
+    mutable CSrwMutex m_mutex;
     daxlib::unique_handle m_hevNeedBlocks;
     daxlib::unique_handle m_hevStop;
     daxlib::unique_handle m_hAllocThread;

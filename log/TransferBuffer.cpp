@@ -5,12 +5,13 @@
 #include <process.h>
 
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 CTransferBuffer::CTransferBuffer()
 {
     m_pList = std::make_unique<CBuffersList>(kBlockSize, TRUE, 3, 100);
-    for (auto* event : {&m_hevData, &m_hevStop, &m_hevRefuseNow, &m_hevRefuseAfter})
+    for (auto* event : {&m_hevData, &m_hevStop})
     {
         event->reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         if (!*event)
@@ -31,9 +32,9 @@ CTransferBuffer::~CTransferBuffer()
 
 BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
 {
-    if (::WaitForSingleObject(m_hevRefuseNow.get(), 0) == WAIT_OBJECT_0 ||
-        ::WaitForSingleObject(m_hevRefuseAfter.get(), 0) == WAIT_OBJECT_0)
+    if (m_bRefuseNow.load(std::memory_order_acquire) || m_bRefuseAfter.load(std::memory_order_acquire))
         return FALSE;
+    bool wake = false;
     {
         std::lock_guard lock(m_mutex);
         try
@@ -49,9 +50,13 @@ BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
         {
             return FALSE;
         }
-        ::SetEvent(m_hevData.get());
+        wake = !m_bDataSignalled;
+        m_bDataSignalled = true;
     }
-    ::Sleep(0);
+    // No yield after the append: on a busy machine giving up the processor costs the caller a
+    // whole time slice, which is exactly the wait the queue exists to avoid.
+    if (wake)
+        ::SetEvent(m_hevData.get());
     return TRUE;
 }
 
@@ -67,9 +72,10 @@ void CTransferBuffer::Close(BOOL immediate)
         return;
     if (immediate)
     {
-        ::SetEvent(m_hevRefuseNow.get());
+        m_bRefuseNow.store(true, std::memory_order_release);
         std::lock_guard lock(m_mutex);
         m_pList->Clear();
+        m_bDataSignalled = false;
         ::ResetEvent(m_hevData.get());
     }
     else
@@ -78,10 +84,11 @@ void CTransferBuffer::Close(BOOL immediate)
         {
         }
     }
+    m_bStop.store(true, std::memory_order_release);
     ::SetEvent(m_hevStop.get());
     ::WaitForSingleObject(m_hThread.get(), INFINITE);
     m_hThread.reset();
-    ::SetEvent(m_hevRefuseAfter.get());
+    m_bRefuseAfter.store(true, std::memory_order_release);
 }
 
 unsigned __stdcall CTransferBuffer::WriterThread(void* context)
@@ -109,7 +116,7 @@ unsigned CTransferBuffer::WriterLoop()
     }
     catch (...)
     {
-        ::SetEvent(m_hevRefuseAfter.get());
+        m_bRefuseAfter.store(true, std::memory_order_release);
         return 1;
     }
     const HANDLE events[] = {m_hevStop.get(), m_hevData.get()};
@@ -117,57 +124,64 @@ unsigned CTransferBuffer::WriterLoop()
     {
         if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0 + 1)
             return 0;
-        uint64_t size = 0;
+        // One wake-up drains the whole queue, so a burst costs one kernel wait, not one a piece.
         BOOL last = FALSE;
-        bool have = false;
+        while (!last)
         {
-            std::lock_guard lock(m_mutex);
-            const uint8_t* piece = m_pList->Take(&size, TRUE);
-            if (piece)
+            if (m_bStop.load(std::memory_order_acquire))
+                return 0;
+            uint64_t size = 0;
+            bool have = false;
             {
-                if (size > copy.size())
+                std::lock_guard lock(m_mutex);
+                const uint8_t* piece = m_pList->Take(&size, TRUE);
+                if (piece)
                 {
-                    try
+                    if (size > copy.size())
                     {
-                        copy.resize(static_cast<size_t>(size));
+                        try
+                        {
+                            copy.resize(static_cast<size_t>(size));
+                        }
+                        catch (...)
+                        {
+                            // Without room for a piece this writer cannot go on; writes are
+                            // refused from now on instead of piling up.
+                            m_bRefuseAfter.store(true, std::memory_order_release);
+                            return 1;
+                        }
                     }
-                    catch (...)
-                    {
-                        // Without room for a piece this writer cannot go on; writes are refused
-                        // from now on instead of piling up.
-                        ::SetEvent(m_hevRefuseAfter.get());
-                        return 1;
-                    }
+                    std::memcpy(copy.data(), piece, static_cast<size_t>(size));
+                    have = true;
+                    m_bBusy = true;
                 }
-                std::memcpy(copy.data(), piece, static_cast<size_t>(size));
-                have = true;
-                m_bBusy = true;
+                if (m_pList->IsEmpty())
+                {
+                    m_bDataSignalled = false;
+                    ::ResetEvent(m_hevData.get());
+                    last = TRUE;
+                }
             }
-            if (m_pList->IsEmpty())
+            if (have && size > 0 && !m_bStop.load(std::memory_order_acquire))
             {
-                ::ResetEvent(m_hevData.get());
-                last = TRUE;
+                try
+                {
+                    Transfer(copy.data(), size, last);
+                }
+                catch (daxlib::CDaxException* e)
+                {
+                    delete e;
+                }
+                catch (...)
+                {
+                }
+            }
+            if (have)
+            {
+                std::lock_guard lock(m_mutex);
+                m_bBusy = false;
             }
         }
         ::Sleep(0);
-        if (have && size > 0 && ::WaitForSingleObject(m_hevStop.get(), 0) != WAIT_OBJECT_0)
-        {
-            try
-            {
-                Transfer(copy.data(), size, last);
-            }
-            catch (daxlib::CDaxException* e)
-            {
-                delete e;
-            }
-            catch (...)
-            {
-            }
-        }
-        if (have)
-        {
-            std::lock_guard lock(m_mutex);
-            m_bBusy = false;
-        }
     }
 }

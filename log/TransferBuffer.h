@@ -3,10 +3,11 @@
 // thread hands the pieces, in order, to Transfer() of the derived class.
 #include "common/UniqueHandle.h"
 #include "log/BuffersList.h"
+#include "log/SrwMutex.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 
 class CTransferBuffer
 {
@@ -35,11 +36,15 @@ private:
     bool Drained() const;
 
     std::unique_ptr<CBuffersList> m_pList;
-    mutable std::mutex m_mutex;
-    bool m_bBusy = false; // the writer holds a piece that has not reached Transfer() yet
+    mutable CSrwMutex m_mutex;
+    bool m_bBusy = false;        // the writer holds a piece that has not reached Transfer() yet
+    bool m_bDataSignalled = false; // data-available is set; set once per burst, not per piece
     daxlib::unique_handle m_hevData;
     daxlib::unique_handle m_hevStop;
-    daxlib::unique_handle m_hevRefuseNow;   // Close(immediate)
-    daxlib::unique_handle m_hevRefuseAfter; // the writer thread has ended
+    // The refusals and the stop request are also kept as flags: a write must not pay for a
+    // kernel wait just to learn that nothing has changed.
+    std::atomic<bool> m_bRefuseNow{false};   // Close(immediate)
+    std::atomic<bool> m_bRefuseAfter{false}; // the writer thread has ended
+    std::atomic<bool> m_bStop{false};
     daxlib::unique_handle m_hThread;
 };
