@@ -7,6 +7,7 @@
 #include <sddl.h>
 
 #include <algorithm>
+#include <mutex>
 #include <optional>
 #include <vector>
 

@@ -3,11 +3,11 @@
 // the first write, writes the banner at the top of every new file, rotates it by size and
 // closes it when idle.
 #include "common/UniqueHandle.h"
+#include "log/SrwMutex.h"
 #include "log/TransferBuffer.h"
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 class CCvLogger;
@@ -69,7 +69,7 @@ private:
     std::atomic<BOOL> m_bDropAdministrators;
     std::wstring m_strBanner;
     std::wstring m_strFolder;
-    std::mutex m_lock;
+    CSrwMutex m_lock;
     DWORD m_dwJunctionBlock = 0;
     bool m_bJunctionBlocked = false;
     // A rotation stopped by the junction guard leaves the file closed but counted as open, so

