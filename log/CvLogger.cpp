@@ -4,6 +4,7 @@
 #include "common/WideFormat.h"
 #include "log/BuildInfo.h"
 #include "log/CvLoggerBuffer.h"
+#include "log/FileSearch.h"
 #include "log/LogText.h"
 #include "log/RestrictedToken.h"
 
@@ -260,7 +261,7 @@ void CCvLogger::DumpToFileV(uint32_t fileIndex, uint32_t level, const void* byte
     const int length = daxlib::FormatTruncatedV(message, cvlog::kTextCapacity, format, args, &truncated);
     if (length < 1 || truncated)
     {
-        // The header stays in the file without a line end; an old behaviour kept as it is.
+        // The header stays in the file without a line end; an old behaviour, kept on purpose.
         keep.set(kBadParameter);
         return;
     }
@@ -644,23 +645,16 @@ std::wstring CCvLogger::PerProcessStem(const wchar_t* name) const
     FILETIME nowUtc;
     ::GetSystemTimeAsFileTime(&nowUtc);
     const uint64_t hourAgo = FileTimeValue(nowUtc) - 3600ULL * 10000000ULL;
-    WIN32_FIND_DATAW data;
     std::wstring latest;
     uint64_t latestTime = 0;
-    HANDLE find = ::FindFirstFileW(pattern.c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE)
-    {
-        do
+    cvlog::ForEachFile(pattern, [&](const WIN32_FIND_DATAW& data) {
+        const uint64_t written = FileTimeValue(data.ftLastWriteTime);
+        if (latest.empty() || written > latestTime)
         {
-            const uint64_t written = FileTimeValue(data.ftLastWriteTime);
-            if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && (latest.empty() || written > latestTime))
-            {
-                latest = data.cFileName;
-                latestTime = written;
-            }
-        } while (::FindNextFileW(find, &data));
-        ::FindClose(find);
-    }
+            latest = data.cFileName;
+            latestTime = written;
+        }
+    });
     if (!latest.empty() && latestTime > hourAgo && latest.size() > 4)
         return m_strFolder + latest.substr(0, latest.size() - 4);
 
@@ -801,11 +795,8 @@ bool CCvLogger::IsMountPoint(const std::wstring& folder)
     if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
         return false;
     WIN32_FIND_DATAW data;
-    HANDLE find = ::FindFirstFileW(path.c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE)
-        return false;
-    ::FindClose(find);
-    return data.dwReserved0 == IO_REPARSE_TAG_MOUNT_POINT;
+    cvlog::unique_find find(::FindFirstFileW(path.c_str(), &data));
+    return find && data.dwReserved0 == IO_REPARSE_TAG_MOUNT_POINT;
 }
 
 // ---- clean-up pool ---------------------------------------------------------------------------
@@ -887,17 +878,9 @@ void CCvLogger::Cleanup()
 
     const auto list = [&](const std::wstring& pattern) {
         std::vector<cvlog::FileStamp> files;
-        WIN32_FIND_DATAW data;
-        HANDLE find = ::FindFirstFileW(pattern.c_str(), &data);
-        if (find != INVALID_HANDLE_VALUE)
-        {
-            do
-            {
-                if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-                    files.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
-            } while (::FindNextFileW(find, &data));
-            ::FindClose(find);
-        }
+        cvlog::ForEachFile(pattern, [&](const WIN32_FIND_DATAW& data) {
+            files.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
+        });
         return files;
     };
 

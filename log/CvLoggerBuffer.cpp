@@ -1,6 +1,7 @@
 #include "log/CvLoggerBuffer.h"
 
 #include "log/CvLogger.h"
+#include "log/FileSearch.h"
 #include "log/LogText.h"
 #include "log/RestrictedToken.h"
 
@@ -212,17 +213,8 @@ uint32_t CCvLoggerBuffer::Compact()
     const std::wstring stem = m_strFileStem.substr(directory.size());
 
     std::vector<std::u16string> names;
-    WIN32_FIND_DATAW data;
-    HANDLE find = ::FindFirstFileW((m_strFileStem + L"(*).txt").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE)
-    {
-        do
-        {
-            if (!(data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-                names.push_back(ToU16(data.cFileName));
-        } while (::FindNextFileW(find, &data));
-        ::FindClose(find);
-    }
+    cvlog::ForEachFile(m_strFileStem + L"(*).txt",
+                       [&](const WIN32_FIND_DATAW& data) { names.push_back(ToU16(data.cFileName)); });
     std::sort(names.begin(), names.end());
     const cvlog::CompactionPlan plan = cvlog::PlanCompaction(names, ToU16(stem), m_dwRotationCount.load());
     for (const auto& name : plan.deletes)

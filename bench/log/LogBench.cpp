@@ -5,11 +5,13 @@
 #include "common/UniqueHandle.h"
 #include "common/WideFormat.h"
 #include "log/CvLogger.h"
+#include "log/FileSearch.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -96,8 +98,7 @@ Result RunLogger(const std::wstring& folder, const wchar_t* base, BOOL buffered,
 Result RunOpenWriteClose(const std::wstring& folder, int threads, int perThread)
 {
     const std::wstring path = folder + L"\\plain.txt";
-    CRITICAL_SECTION cs;
-    ::InitializeCriticalSection(&cs);
+    std::mutex serialise; // one writer at a time, as the logger's own lock does
     const Result r = Measure(
         threads, perThread,
         [&](int t, int i) {
@@ -105,30 +106,20 @@ Result RunOpenWriteClose(const std::wstring& folder, int threads, int perThread)
                 daxlib::Format(L"2025.06.06 14:03:07.123 (+02:00) [1] [%d] [INFO]: CBench::Run: (42): thread %d "
                                L"record %d url=https://example.test/%d\r\n",
                                t, t, i, i);
-            ::EnterCriticalSection(&cs);
+            std::lock_guard lock(serialise);
             daxlib::unique_hfile file(::CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                                     nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
             DWORD written = 0;
             ::WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size() * sizeof(wchar_t)), &written, nullptr);
-            file.reset();
-            ::LeaveCriticalSection(&cs);
         },
         [] {});
-    ::DeleteCriticalSection(&cs);
     return r;
 }
 
 void RemoveFolder(const std::wstring& folder)
 {
-    WIN32_FIND_DATAW data;
-    HANDLE find = ::FindFirstFileW((folder + L"\\*").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE)
-    {
-        do
-            ::DeleteFileW((folder + L"\\" + data.cFileName).c_str());
-        while (::FindNextFileW(find, &data));
-        ::FindClose(find);
-    }
+    cvlog::ForEachFile(folder + L"\\*",
+                       [&](const WIN32_FIND_DATAW& data) { ::DeleteFileW((folder + L"\\" + data.cFileName).c_str()); });
     ::RemoveDirectoryW(folder.c_str());
 }
 } // namespace

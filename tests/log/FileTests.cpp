@@ -72,14 +72,11 @@ public:
     }
     const wchar_t* Path() const { return m_path.c_str(); }
     HKEY Get() const { return m_key.get(); }
-    void SetDword(const wchar_t* name, DWORD value) const
-    {
-        ::RegSetValueExW(m_key.get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof value);
-    }
     void SetRaw(const wchar_t* name, DWORD type, const void* data, DWORD size) const
     {
         ::RegSetValueExW(m_key.get(), name, 0, type, static_cast<const BYTE*>(data), size);
     }
+    void SetDword(const wchar_t* name, DWORD value) const { SetRaw(name, REG_DWORD, &value, sizeof value); }
     void SetText(const wchar_t* name, const std::wstring& text) const
     {
         SetRaw(name, REG_SZ, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
@@ -87,11 +84,8 @@ public:
     void Delete(const wchar_t* name) const { ::RegDeleteValueW(m_key.get(), name); }
     bool GetDword(const wchar_t* name, DWORD* value) const
     {
-        DWORD type = 0;
         DWORD size = sizeof *value;
-        return ::RegQueryValueExW(m_key.get(), name, nullptr, &type, reinterpret_cast<BYTE*>(value), &size) ==
-                   ERROR_SUCCESS &&
-               type == REG_DWORD;
+        return ::RegGetValueW(m_key.get(), nullptr, name, RRF_RT_REG_DWORD, nullptr, value, &size) == ERROR_SUCCESS;
     }
 
 private:

@@ -65,13 +65,6 @@ TEST(RecordHeader, CategoryAndSeparatorOnlyWhenSomethingIsWritten)
     EXPECT_EQ(N(FormatHeaderFields(f)), "[1234] : ");
 }
 
-TEST(RecordHeader, OverlongCategoryIsCut)
-{
-    HeaderFields f = ServiceFields(nullptr);
-    f.category = std::u16string(5000, u'c');
-    EXPECT_EQ(FormatHeaderFields(f).size(), kTextCapacity - 1);
-}
-
 TEST(UtcOffsetRule, HoursFromTheLaterDateAndAbsoluteMinutes)
 {
     struct Case
@@ -115,12 +108,6 @@ TEST(RecordHeader, AlignmentPadsShorterHeadersAndOnlyGrows)
     alignment.Pad(shorter);
     EXPECT_EQ(N(shorter), "[1] [INFO]:    ");
     EXPECT_EQ(alignment.Width(), 15u);
-
-    std::u16string nearCapacity(4090, u'x');
-    alignment.Pad(nearCapacity);
-    std::u16string small = u"x";
-    alignment.Pad(small, 100);
-    EXPECT_EQ(small.size(), 100u); // never beyond the buffer
 }
 
 TEST(LevelLabels, NamesAndTraceLevelsWithAndWithoutBlank)
@@ -158,8 +145,6 @@ TEST(WindowsVersion, TextForATableOfVersions)
         {{true, 2, 5, 2, 3790, u"Service Pack 2", 0x2, 3, Arch::X64, 0},
          "Windows Server 2003, Enterprise x64 Edition Service Pack 2 (build 3790)"},
         {{true, 2, 5, 2, 3790, u"", 0x0, 3, Arch::X86, 1}, "Windows Server 2003 R2, Standard Edition (build 3790)"},
-        {{true, 2, 5, 2, 3790, u"", 0x80, 3, Arch::Itanium, 0},
-         "Windows Server 2003, Datacenter Edition for Itanium-based Systems (build 3790)"},
         {{true, 2, 5, 1, 2600, u"Service Pack 3", 0x200, 1, Arch::X86, 0},
          "Windows XP Home Edition Service Pack 3 (build 2600)"},
         {{true, 2, 5, 0, 2195, u"", 0x2, 3, Arch::X86, 0}, "Windows 2000 Advanced Server (build 2195)"},
@@ -237,11 +222,8 @@ TEST(RegistryLimits, ClampedAsDocumented)
 
     EXPECT_EQ(ParseDecimalLevel(u"3"), 3u);
     EXPECT_EQ(ParseDecimalLevel(u" 12 "), 12u);
-    EXPECT_EQ(ParseDecimalLevel(u""), std::nullopt);
-    EXPECT_EQ(ParseDecimalLevel(u"abc"), std::nullopt);
-    EXPECT_EQ(ParseDecimalLevel(u"4x"), std::nullopt);
-    EXPECT_EQ(ParseDecimalLevel(u"-1"), std::nullopt);
-    EXPECT_EQ(ParseDecimalLevel(u"99999999999"), std::nullopt);
+    for (const char16_t* bad : {u"", u"abc", u"4x", u"-1", u"99999999999"})
+        EXPECT_EQ(ParseDecimalLevel(bad), std::nullopt);
 }
 
 TEST(BuildInfo, CompilerDateLayout)

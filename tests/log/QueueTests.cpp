@@ -120,34 +120,6 @@ TEST(BuffersList, LengthNeverStartsInTheLastSevenBytes)
     EXPECT_EQ(TakePiece(list), first);
     EXPECT_EQ(TakePiece(list), second);
     EXPECT_TRUE(list.IsEmpty());
-
-    // Exactly 8 bytes left: the length still fits in the same block.
-    const auto third = Pattern(static_cast<size_t>(kBlock - 8 - 8 - 13), 4);
-    list.Append(third.size(), third.data());
-    list.Append(0, nullptr);
-    EXPECT_EQ(TakePiece(list), third);
-    uint64_t size = 99;
-    EXPECT_NE(list.Take(&size, TRUE), nullptr);
-    EXPECT_EQ(size, 0u);
-}
-
-TEST(BuffersList, ManyPiecesOfMixedSizesKeepOrderAndRecycleBlocks)
-{
-    CBuffersList list(kBlock, TRUE, 3, 100);
-    std::vector<std::vector<uint8_t>> pieces;
-    for (int round = 0; round < 3; ++round)
-    {
-        pieces.clear();
-        for (size_t i = 0; i < 500; ++i)
-        {
-            pieces.push_back(Pattern((i * 7919) % 9000, static_cast<uint8_t>(i)));
-            list.Append(pieces.back().size(), pieces.back().data());
-        }
-        for (const auto& expected : pieces)
-            ASSERT_EQ(TakePiece(list), expected);
-        EXPECT_TRUE(list.IsEmpty());
-        EXPECT_LE(list.FreeBlockCount(), 100u + 3u);
-    }
 }
 
 TEST(TransferBuffer, DrainingCloseDeliversEveryQueuedPiece)
