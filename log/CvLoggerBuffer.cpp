@@ -77,21 +77,32 @@ void CCvLoggerBuffer::CloseIfIdle(DWORD now, DWORD idleMs)
 
 BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL /*last*/)
 {
+    // A write that should run restricted but cannot is dropped rather than made with full rights.
     if (m_bBuffered)
     {
         // The writer thread is ours: it keeps the restricted token for the rest of its life.
-        if (m_bDropAdministrators.exchange(FALSE))
+        if (m_bDropAdministrators.load())
         {
             daxlib::unique_handle token = cvlog::MakeAdminRestrictedToken();
-            if (token)
-                ::SetThreadToken(nullptr, token.get());
+            if (!token || !::SetThreadToken(nullptr, token.get()))
+                return FALSE;
+            m_bDropAdministrators.store(FALSE);
         }
         return TransferLocked(data, size);
     }
-    // Without the queue this runs on the caller's thread, whose own token must survive.
+    // Without the queue this runs on the caller's thread (under the logger's lock), whose own
+    // token must survive the write.
     std::optional<cvlog::ScopedRestrictedImpersonation> restricted;
     if (m_bDropAdministrators.load())
-        restricted.emplace();
+    {
+        if (!m_hRestrictedToken)
+            m_hRestrictedToken = cvlog::MakeAdminRestrictedToken();
+        if (!m_hRestrictedToken)
+            return FALSE;
+        restricted.emplace(m_hRestrictedToken.get());
+        if (!restricted->Active())
+            return FALSE;
+    }
     return TransferLocked(data, size);
 }
 

@@ -67,6 +67,7 @@ private:
     uint32_t m_dwWriteCounter = 0;
     std::atomic<uint32_t> m_dwRotationCount;
     std::atomic<BOOL> m_bDropAdministrators;
+    daxlib::unique_handle m_hRestrictedToken; // made once when writing without the queue
     std::wstring m_strBanner;
     std::wstring m_strFolder;
     CSrwMutex m_lock;

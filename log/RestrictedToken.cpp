@@ -25,14 +25,19 @@ daxlib::unique_handle MakeAdminRestrictedToken()
     return restricted;
 }
 
-ScopedRestrictedImpersonation::ScopedRestrictedImpersonation()
+ScopedRestrictedImpersonation::ScopedRestrictedImpersonation(HANDLE token)
 {
-    daxlib::unique_handle token = MakeAdminRestrictedToken();
+    daxlib::unique_handle made;
+    if (!token)
+    {
+        made = MakeAdminRestrictedToken();
+        token = made.get();
+    }
     if (!token)
         return;
     if (!::OpenThreadToken(::GetCurrentThread(), TOKEN_IMPERSONATE, TRUE, m_hPrevious.put()))
         m_hPrevious.reset();
-    m_bActive = ::SetThreadToken(nullptr, token.get()) != FALSE;
+    m_bActive = ::SetThreadToken(nullptr, token) != FALSE;
 }
 
 ScopedRestrictedImpersonation::~ScopedRestrictedImpersonation()

@@ -10,12 +10,12 @@ namespace cvlog
 // single restricting SID; empty on failure (last error set).
 daxlib::unique_handle MakeAdminRestrictedToken();
 
-// Sets the restricted token on the current thread for the scope and puts back whatever token
-// the thread had before.
+// Sets a token on the current thread for the scope and puts back whatever token the thread had
+// before. Without a token one is made with MakeAdminRestrictedToken().
 class ScopedRestrictedImpersonation
 {
 public:
-    ScopedRestrictedImpersonation();
+    explicit ScopedRestrictedImpersonation(HANDLE token = nullptr);
     ~ScopedRestrictedImpersonation();
     ScopedRestrictedImpersonation(const ScopedRestrictedImpersonation&) = delete;
     ScopedRestrictedImpersonation& operator=(const ScopedRestrictedImpersonation&) = delete;
