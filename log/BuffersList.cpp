@@ -8,6 +8,7 @@
 #include <mutex>
 #include <cstring>
 #include <new>
+#include <utility>
 
 CBuffersList::CBuffersList(uint64_t blockSize, BOOL backgroundAllocation, uint32_t refillCount,
                            uint32_t freePoolLimit)
@@ -66,6 +67,10 @@ void CBuffersList::AllocationLoop()
         if (wait != WAIT_OBJECT_0 + 1 || ::WaitForSingleObject(m_hevStop.get(), 0) == WAIT_OBJECT_0)
             return;
         ::ResetEvent(m_hevNeedBlocks.get());
+        {
+            std::lock_guard lock(m_mutex);
+            m_bNeedRequested = false;
+        }
         try
         {
             Refill(true);
@@ -113,7 +118,21 @@ void CBuffersList::TakeNewBlock()
     m_used.push_back(m_free.back());
     m_free.pop_back();
     m_qwWritePos = 0;
-    if (m_bBackground && m_free.size() < m_dwRefill)
+    if (m_bBackground && m_free.size() < m_dwRefill && !m_bNeedRequested)
+    {
+        m_bNeedRequested = true;
+        m_bNeedPending = true;
+    }
+}
+
+void CBuffersList::WakeAllocator()
+{
+    bool wake = false;
+    {
+        std::lock_guard lock(m_mutex);
+        wake = std::exchange(m_bNeedPending, false);
+    }
+    if (wake)
         ::SetEvent(m_hevNeedBlocks.get());
 }
 
@@ -134,6 +153,13 @@ void CBuffersList::ReleaseBlock(uint8_t* block)
 }
 
 void CBuffersList::Append(uint64_t size, const void* data)
+{
+    AppendLocked(size, data);
+    if (m_bBackground)
+        WakeAllocator();
+}
+
+void CBuffersList::AppendLocked(uint64_t size, const void* data)
 {
     std::lock_guard lock(m_mutex);
     // Reserve every block the piece needs first, so a failed allocation leaves no half piece.

@@ -38,6 +38,8 @@ private:
     void AllocationLoop();
     void Refill(bool oneAtATime);
     void TakeNewBlock();
+    void WakeAllocator();
+    void AppendLocked(uint64_t size, const void* data);
     void ReleaseBlock(uint8_t* block);
     static constexpr uint64_t kLengthSize = sizeof(uint64_t);
 
@@ -53,6 +55,10 @@ private:
     std::vector<uint8_t> m_output;
 
     mutable CSrwMutex m_mutex;
+    // The allocation thread is asked once until it has run, and asked after the mutex is
+    // released, so that taking a block never pays for a kernel call under the lock.
+    bool m_bNeedRequested = false;
+    bool m_bNeedPending = false;
     daxlib::unique_handle m_hevNeedBlocks;
     daxlib::unique_handle m_hevStop;
     daxlib::unique_handle m_hAllocThread;

@@ -33,11 +33,12 @@ const wchar_t kEventLogKey[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\
 
 std::u16string ToU16(const wchar_t* text)
 {
-    return text ? std::u16string(reinterpret_cast<const char16_t*>(text)) : std::u16string();
+    const std::wstring_view view = text ? std::wstring_view(text) : std::wstring_view();
+    return std::u16string(view.begin(), view.end());
 }
 std::wstring FromU16(const std::u16string& text)
 {
-    return std::wstring(reinterpret_cast<const wchar_t*>(text.data()), text.size());
+    return std::wstring(text.begin(), text.end());
 }
 cvlog::TimeParts ToParts(const SYSTEMTIME& t)
 {
@@ -187,8 +188,9 @@ void CCvLogger::LogToFileV(uint32_t fileIndex, uint32_t level, const wchar_t* fo
     const int length = daxlib::FormatTruncatedV(message, cvlog::kTextCapacity, format, args);
     if (length <= 0)
         return;
-    const std::wstring label = FromU16(cvlog::LevelLabel(level, false));
-    WriteRecord(fileIndex, label.c_str(), message, static_cast<size_t>(length));
+    wchar_t label[260];
+    cvlog::LevelLabelInto(level, false, label, 260);
+    WriteRecord(fileIndex, label, message, static_cast<size_t>(length));
 }
 
 void CCvLogger::LogCategoryV(const wchar_t* category, const wchar_t* format, va_list args)
@@ -208,8 +210,9 @@ void CCvLogger::WriteRecord(uint32_t fileIndex, const wchar_t* category, const w
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
         return;
-    const std::wstring header = BuildHeader(category);
-    it->second->Append(header.data(), header.size() * sizeof(wchar_t));
+    wchar_t header[cvlog::kTextCapacity];
+    const size_t headerLength = BuildHeader(category, header);
+    it->second->Append(header, headerLength * sizeof(wchar_t));
     it->second->Append(message, length * sizeof(wchar_t));
     it->second->Append(L"\r\n", 2 * sizeof(wchar_t));
     if (m_bEchoDebugger)
@@ -244,7 +247,8 @@ void CCvLogger::DumpToFileV(uint32_t fileIndex, uint32_t level, const void* byte
 {
     if (m_dwLevel.load() < level)
         return;
-    const std::wstring label = FromU16(cvlog::LevelLabel(level, true));
+    wchar_t label[260];
+    cvlog::LevelLabelInto(level, true, label, 260);
     daxlib::last_error_guard keep;
     std::lock_guard lock(m_cs);
     const auto it = m_files.find(fileIndex);
@@ -254,8 +258,9 @@ void CCvLogger::DumpToFileV(uint32_t fileIndex, uint32_t level, const void* byte
         return;
     }
     CCvLoggerBuffer& file = *it->second;
-    const std::wstring header = BuildHeader(label.c_str());
-    file.Append(header.data(), header.size() * sizeof(wchar_t));
+    wchar_t header[cvlog::kTextCapacity];
+    const size_t headerLength = BuildHeader(label, header);
+    file.Append(header, headerLength * sizeof(wchar_t));
     wchar_t message[cvlog::kTextCapacity];
     bool truncated = false;
     const int length = daxlib::FormatTruncatedV(message, cvlog::kTextCapacity, format, args, &truncated);
@@ -274,7 +279,7 @@ void CCvLogger::DumpToFileV(uint32_t fileIndex, uint32_t level, const void* byte
         {
             try
             {
-                std::vector<char16_t>().swap(m_dumpBuffer);
+                std::vector<wchar_t>().swap(m_dumpBuffer);
                 m_dumpBuffer.resize(needed);
             }
             catch (...)
@@ -285,7 +290,7 @@ void CCvLogger::DumpToFileV(uint32_t fileIndex, uint32_t level, const void* byte
         if (ready)
         {
             cvlog::WriteDumpText(bytes, count, m_dumpBuffer.data());
-            file.Append(m_dumpBuffer.data(), static_cast<uint64_t>(count) * 3 * sizeof(char16_t));
+            file.Append(m_dumpBuffer.data(), static_cast<uint64_t>(count) * 3 * sizeof(wchar_t));
         }
     }
     file.Append(L"\r\n", 2 * sizeof(wchar_t));
@@ -296,9 +301,9 @@ bool CCvLogger::IsLevelEnabled(uint32_t level) const
     return m_dwLevel.load() >= level && m_nFileCount.load() > 0;
 }
 
-std::wstring CCvLogger::BuildHeader(const wchar_t* category) const
+size_t CCvLogger::BuildHeader(const wchar_t* category, wchar_t* out) const
 {
-    cvlog::HeaderFields fields;
+    cvlog::BasicHeaderFields<wchar_t> fields;
     fields.flags = m_dwHeaderFlags.load();
     if (fields.flags & (cvlog::HeaderFlag::Date | cvlog::HeaderFlag::Time | cvlog::HeaderFlag::UtcOffset))
     {
@@ -312,26 +317,22 @@ std::wstring CCvLogger::BuildHeader(const wchar_t* category) const
     fields.processId = m_dwProcessId;
     fields.threadId = ::GetCurrentThreadId();
     fields.sessionId = m_dwSessionId;
+    wchar_t user[260] = {};
     if (fields.flags & cvlog::HeaderFlag::User)
     {
+        DWORD size = 260;
         if (!m_pfnGetUserName)
             fields.userState = cvlog::UserNameState::Unavailable;
-        else
+        else if (m_pfnGetUserName(user, &size))
         {
-            wchar_t user[260] = {};
-            DWORD size = 260;
-            if (m_pfnGetUserName(user, &size))
-            {
-                fields.userState = cvlog::UserNameState::Known;
-                fields.user = ToU16(user);
-            }
+            fields.userState = cvlog::UserNameState::Known;
+            fields.user = user;
         }
     }
     if (category)
-        fields.category = ToU16(category);
-    std::u16string header = cvlog::FormatHeaderFields(fields);
-    ProcessAlignment().Pad(header);
-    return FromU16(header);
+        fields.category = std::wstring_view(category);
+    const size_t length = cvlog::FormatHeaderInto(fields, out, cvlog::kTextCapacity);
+    return ProcessAlignment().Pad(out, length, cvlog::kTextCapacity);
 }
 
 size_t CCvLogger::HeaderWidth()
@@ -908,9 +909,10 @@ void CCvLogger::BuildBanner()
 {
     wchar_t version[cvlog::kTextCapacity];
     GetWindowsVersionText(version, cvlog::kTextCapacity);
-    const std::wstring header = BuildHeader(L"SERVICE");
+    wchar_t header[cvlog::kTextCapacity];
+    BuildHeader(L"SERVICE", header);
     const std::wstring build = daxlib::Format(L"Build %S. ", BuildDateText());
-    std::wstring banner = daxlib::Format(L"\r\n%s%s%s\r\n", header.c_str(), build.c_str(), version);
+    std::wstring banner = daxlib::Format(L"\r\n%s%s%s\r\n", header, build.c_str(), version);
     std::lock_guard lock(m_cs);
     m_strBanner = std::move(banner);
 }

@@ -108,7 +108,8 @@ private:
     class CriticalSection
     {
     public:
-        CriticalSection() { ::InitializeCriticalSection(&m_cs); }
+        // Records hold the lock for a few copies; a short spin avoids sleeping on it.
+        CriticalSection() { ::InitializeCriticalSectionAndSpinCount(&m_cs, 4000); }
         ~CriticalSection() { ::DeleteCriticalSection(&m_cs); }
         CriticalSection(const CriticalSection&) = delete;
         CriticalSection& operator=(const CriticalSection&) = delete;
@@ -123,7 +124,8 @@ private:
     void DumpToFileV(uint32_t fileIndex, uint32_t level, const void* bytes, uint32_t count, const wchar_t* format,
                      va_list args);
     void WriteRecord(uint32_t fileIndex, const wchar_t* category, const wchar_t* message, size_t length);
-    std::wstring BuildHeader(const wchar_t* category) const;
+    // Into out[kTextCapacity]; returns the length, alignment blanks included.
+    size_t BuildHeader(const wchar_t* category, wchar_t* out) const;
     void ApplyLevel(uint32_t level);
     void PropagateFileSettings();
     std::unique_ptr<CCvLoggerBuffer> MakeFile(const std::wstring& stem);
@@ -142,7 +144,7 @@ private:
     uint32_t m_dwSessionId = 0xFFFFFFFF;
     std::atomic<uint32_t> m_dwHeaderFlags{0};
     mutable CriticalSection m_cs;
-    std::vector<char16_t> m_dumpBuffer;
+    std::vector<wchar_t> m_dumpBuffer;
     BOOL m_bEchoConsole = FALSE;
     BOOL m_bEchoDebugger = FALSE;
     std::map<uint32_t, std::unique_ptr<CCvLoggerBuffer>> m_files;

@@ -36,19 +36,8 @@ std::u16string Widen(const std::string& ascii)
 
 std::u16string LevelLabel(uint32_t level, bool forDump)
 {
-    switch (level)
-    {
-    case 0:
-        return u"ERROR";
-    case 1:
-        return u"WARNING";
-    case 2:
-        return u"INFO";
-    case 3:
-        return u"DEBUG";
-    default:
-        return AsciiFormat(forDump ? "LOGLEVEL:%u" : "LOGLEVEL:%u ", level);
-    }
+    char16_t buffer[260];
+    return std::u16string(buffer, LevelLabelInto(level, forDump, buffer, 260));
 }
 
 UtcOffset ComputeUtcOffset(const TimeParts& local, const TimeParts& utc)
@@ -64,65 +53,28 @@ UtcOffset ComputeUtcOffset(const TimeParts& local, const TimeParts& utc)
     return {localHour - utcHour, std::abs(local.minute - utc.minute)};
 }
 
-std::u16string FormatHeaderFields(const HeaderFields& f)
+std::u16string FormatHeaderFields(const HeaderFields& fields, size_t capacity)
 {
-    std::u16string h;
-    if (f.flags & HeaderFlag::Date)
-        h += AsciiFormat("%.4d.%.2d.%.2d ", f.local.year, f.local.month, f.local.day);
-    if (f.flags & HeaderFlag::Time)
-        h += AsciiFormat("%.2d:%.2d:%.2d.%.3d ", f.local.hour, f.local.minute, f.local.second,
-                         f.local.milliseconds);
-    if (f.flags & HeaderFlag::UtcOffset)
+    std::u16string header(capacity, u'\0');
+    header.resize(FormatHeaderInto(fields, header.data(), capacity));
+    return header;
+}
+
+size_t HeaderAlignment::PaddingFor(size_t length, size_t capacity)
+{
+    const size_t width = m_width.load(std::memory_order_relaxed);
+    if (length > width)
     {
-        const UtcOffset offset = ComputeUtcOffset(f.local, f.utc);
-        h += AsciiFormat("(%+03d:%02d) ", offset.hours, offset.minutes);
+        m_width.store(length, std::memory_order_relaxed);
+        return 0;
     }
-    if (f.flags & HeaderFlag::ProcessId)
-        h += AsciiFormat("[%u] ", f.processId);
-    if (f.flags & HeaderFlag::ThreadId)
-        h += AsciiFormat("[%u] ", f.threadId);
-    if (f.flags & HeaderFlag::SessionId)
-        h += AsciiFormat("[%u] ", f.sessionId);
-    if (f.flags & HeaderFlag::User)
-    {
-        if (f.userState == UserNameState::Unavailable)
-            h += u"[] ";
-        else if (f.userState == UserNameState::Known)
-            h += u"[" + f.user + u"] ";
-    }
-    if ((f.flags & HeaderFlag::Category) && f.category)
-        h += u"[" + *f.category + u"]";
-    if (!h.empty())
-        h += u": ";
-    if (h.size() > kTextCapacity - 1)
-        h.resize(kTextCapacity - 1);
-    return h;
+    const size_t target = capacity > 0 ? std::min(width, capacity - 1) : 0;
+    return target > length ? target - length : 0;
 }
 
 void HeaderAlignment::Pad(std::u16string& header, size_t capacity)
 {
-    const size_t length = header.size();
-    size_t width = m_width.load(std::memory_order_relaxed);
-    if (length > width)
-    {
-        m_width.store(length, std::memory_order_relaxed);
-        return;
-    }
-    const size_t target = std::min(width, capacity);
-    if (target > length)
-        header.append(target - length, u' ');
-}
-
-void WriteDumpText(const void* bytes, size_t count, char16_t* out)
-{
-    static const char16_t digits[] = u"0123456789abcdef";
-    const auto* p = static_cast<const unsigned char*>(bytes);
-    for (size_t i = 0; i < count; ++i)
-    {
-        *out++ = u' ';
-        *out++ = digits[p[i] >> 4];
-        *out++ = digits[p[i] & 0x0F];
-    }
+    header.append(PaddingFor(header.size(), capacity), u' ');
 }
 
 std::u16string DumpText(const void* bytes, size_t count)

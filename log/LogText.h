@@ -3,11 +3,14 @@
 // the Windows version sentence, file naming for rotation and clean-up, and the limits applied
 // to registry settings. UTF-16 text is std::u16string so this also builds where wchar_t is
 // 4 bytes.
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -40,8 +43,60 @@ struct TimeParts
     int milliseconds = 0;
 };
 
+// Appends to a fixed buffer, cutting at capacity - 1 characters and keeping it terminated. The
+// logger fills stack buffers with it, so a record costs no allocation.
+template <typename Char> class BoundedText
+{
+public:
+    BoundedText(Char* out, size_t capacity, size_t length = 0) : m_out(out), m_capacity(capacity), m_length(length)
+    {
+        if (m_capacity > 0)
+            m_out[std::min(m_length, m_capacity - 1)] = Char();
+    }
+    void Put(Char c)
+    {
+        if (m_length + 1 < m_capacity)
+        {
+            m_out[m_length++] = c;
+            m_out[m_length] = Char();
+        }
+    }
+    void Put(std::basic_string_view<Char> text)
+    {
+        for (Char c : text)
+            Put(c);
+    }
+    void PutAscii(const char* text)
+    {
+        while (*text)
+            Put(static_cast<Char>(static_cast<unsigned char>(*text++)));
+    }
+    template <typename... Args> void Printf(const char* format, Args... args)
+    {
+        char buffer[64];
+        if (std::snprintf(buffer, sizeof buffer, format, args...) > 0)
+            PutAscii(buffer);
+    }
+    size_t Length() const { return m_length; }
+
+private:
+    Char* m_out;
+    size_t m_capacity;
+    size_t m_length;
+};
+
 // "ERROR", "WARNING", "INFO", "DEBUG"; above that "LOGLEVEL:%u " for records and
 // "LOGLEVEL:%u" (no trailing blank) for dumps. The difference is old and kept on purpose.
+template <typename Char> size_t LevelLabelInto(uint32_t level, bool forDump, Char* out, size_t capacity)
+{
+    static const char* const names[] = {"ERROR", "WARNING", "INFO", "DEBUG"};
+    BoundedText<Char> text(out, capacity);
+    if (level < 4)
+        text.PutAscii(names[level]);
+    else
+        text.Printf(forDump ? "LOGLEVEL:%u" : "LOGLEVEL:%u ", level);
+    return text.Length();
+}
 std::u16string LevelLabel(uint32_t level, bool forDump);
 
 struct UtcOffset
@@ -60,7 +115,7 @@ enum class UserNameState
     Known
 };
 
-struct HeaderFields
+template <typename Char> struct BasicHeaderFields
 {
     uint32_t flags = 0;
     TimeParts local;
@@ -69,21 +124,69 @@ struct HeaderFields
     uint32_t threadId = 0;
     uint32_t sessionId = 0;
     UserNameState userState = UserNameState::Failed;
-    std::u16string user;
-    std::optional<std::u16string> category;
+    std::basic_string_view<Char> user;
+    std::optional<std::basic_string_view<Char>> category;
 };
+using HeaderFields = BasicHeaderFields<char16_t>;
 
 // The fields selected by flags, in the fixed order date, time, offset, process, thread,
-// session, user, category, followed by ": " when anything was written. At most 4095
-// characters. No alignment padding.
-std::u16string FormatHeaderFields(const HeaderFields& fields);
+// session, user, category, followed by ": " when anything was written. No alignment padding.
+template <typename Char> size_t FormatHeaderInto(const BasicHeaderFields<Char>& f, Char* out, size_t capacity)
+{
+    BoundedText<Char> h(out, capacity);
+    if (f.flags & HeaderFlag::Date)
+        h.Printf("%.4d.%.2d.%.2d ", f.local.year, f.local.month, f.local.day);
+    if (f.flags & HeaderFlag::Time)
+        h.Printf("%.2d:%.2d:%.2d.%.3d ", f.local.hour, f.local.minute, f.local.second, f.local.milliseconds);
+    if (f.flags & HeaderFlag::UtcOffset)
+    {
+        const UtcOffset offset = ComputeUtcOffset(f.local, f.utc);
+        h.Printf("(%+03d:%02d) ", offset.hours, offset.minutes);
+    }
+    if (f.flags & HeaderFlag::ProcessId)
+        h.Printf("[%u] ", f.processId);
+    if (f.flags & HeaderFlag::ThreadId)
+        h.Printf("[%u] ", f.threadId);
+    if (f.flags & HeaderFlag::SessionId)
+        h.Printf("[%u] ", f.sessionId);
+    if (f.flags & HeaderFlag::User)
+    {
+        if (f.userState == UserNameState::Unavailable)
+            h.PutAscii("[] ");
+        else if (f.userState == UserNameState::Known)
+        {
+            h.Put(Char('['));
+            h.Put(f.user);
+            h.PutAscii("] ");
+        }
+    }
+    if ((f.flags & HeaderFlag::Category) && f.category)
+    {
+        h.Put(Char('['));
+        h.Put(*f.category);
+        h.Put(Char(']'));
+    }
+    if (h.Length() > 0)
+        h.PutAscii(": ");
+    return h.Length();
+}
+std::u16string FormatHeaderFields(const HeaderFields& fields, size_t capacity = kTextCapacity);
 
 // Keeps the widest header seen so far and pads shorter ones to it, so that message texts start
 // in one column that only ever moves right. Updated without a lock: a race only changes padding.
 class HeaderAlignment
 {
 public:
-    void Pad(std::u16string& header, size_t capacity = kTextCapacity - 1);
+    // Blanks to append to a header of `length` characters in a buffer of `capacity`.
+    size_t PaddingFor(size_t length, size_t capacity);
+    template <typename Char> size_t Pad(Char* out, size_t length, size_t capacity)
+    {
+        BoundedText<Char> text(out, capacity, length);
+        for (size_t n = PaddingFor(length, capacity); n > 0; --n)
+            text.Put(Char(' '));
+        return text.Length();
+    }
+    void Pad(std::u16string& header, size_t capacity = kTextCapacity);
     size_t Width() const { return m_width.load(std::memory_order_relaxed); }
 
 private:
@@ -91,7 +194,17 @@ private:
 };
 
 // " %.2x" for every byte: count * 3 characters into out.
-void WriteDumpText(const void* bytes, size_t count, char16_t* out);
+template <typename Char> void WriteDumpText(const void* bytes, size_t count, Char* out)
+{
+    static const char digits[] = "0123456789abcdef";
+    const auto* p = static_cast<const unsigned char*>(bytes);
+    for (size_t i = 0; i < count; ++i)
+    {
+        *out++ = Char(' ');
+        *out++ = Char(digits[p[i] >> 4]);
+        *out++ = Char(digits[p[i] & 0x0F]);
+    }
+}
 std::u16string DumpText(const void* bytes, size_t count);
 
 struct WindowsVersionInfo

@@ -68,8 +68,9 @@ Result Measure(int threads, int perThread, const std::function<void(int, int)>& 
     Result r;
     r.p50us = all[all.size() / 2] * 1e6;
     r.p99us = all[all.size() * 99 / 100] * 1e6;
-    r.callsPerSecond = all.size() / (called - start);
-    r.recordsPerSecond = all.size() / (done - start);
+    const double count = static_cast<double>(all.size());
+    r.callsPerSecond = count / (called - start);
+    r.recordsPerSecond = count / (done - start);
     return r;
 }
 
