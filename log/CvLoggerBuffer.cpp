@@ -59,15 +59,13 @@ BOOL CCvLoggerBuffer::Append(const void* data, uint64_t size)
     return Transfer(data, size, TRUE);
 }
 
-bool CCvLoggerBuffer::IsOpen()
-{
-    std::lock_guard lock(m_lock);
-    return m_hFile.valid() || m_bStale;
-}
-
 void CCvLoggerBuffer::CloseIfIdle(DWORD now, DWORD idleMs)
 {
-    std::lock_guard lock(m_lock);
+    // A writer holding the lock is busy writing, not idle; waiting for it here would hold up
+    // every logging thread behind the disk, because the caller holds the logger's lock.
+    std::unique_lock lock(m_lock, std::try_to_lock);
+    if (!lock.owns_lock())
+        return;
     if ((m_hFile || m_bStale) && now - m_dwLastWrite.load() > idleMs)
     {
         m_hFile.reset();

@@ -42,7 +42,6 @@ public:
     void CloseIfIdle(DWORD now, DWORD idleMs);
 
     const std::wstring& FileName() const { return m_strFileName; }
-    bool IsOpen();
 
 private:
     BOOL Transfer(const void* data, uint64_t size, BOOL last) override;

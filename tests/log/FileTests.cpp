@@ -323,14 +323,6 @@ TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
     EXPECT_TRUE(Contains(text, L"probe"));
 }
 
-TEST(JunctionGuard, PlainFoldersAreNotMountPoints)
-{
-    TempDir dir(L"velomar-junction");
-    EXPECT_FALSE(CCvLogger::IsMountPoint(dir.Path()));
-    EXPECT_FALSE(CCvLogger::IsMountPoint(dir.Path() + L"\\"));
-    EXPECT_FALSE(CCvLogger::IsMountPoint(dir.File(L"missing")));
-}
-
 class BadInput : public ::testing::TestWithParam<BOOL>
 {
 };
