@@ -209,17 +209,9 @@ TEST(OldFiles, CountLimitDeletesOldestUntilFewerThanLimitRemain)
     EXPECT_FALSE(IsExpired(0, 10 * day));
 }
 
-TEST(RegistryLimits, ClampedAsDocumented)
+// The limits themselves are checked through the registry in the file tests.
+TEST(RegistryLimits, LevelAsDecimalText)
 {
-    EXPECT_EQ(ClampRotationCount(std::nullopt), 10u);
-    EXPECT_EQ(ClampRotationCount(0u), 1u);
-    EXPECT_EQ(ClampRotationCount(7u), 7u);
-    EXPECT_EQ(ClampRotationCount(150u), 99u);
-    EXPECT_EQ(MaxFileSizeFromMegabytes(0), 1000u << 20);
-    EXPECT_EQ(MaxFileSizeFromMegabytes(5000), 1000u << 20);
-    EXPECT_EQ(MaxFileSizeFromMegabytes(1), 1048576u);
-    EXPECT_EQ(MaxFileSizeFromMegabytes(1000), 1048576000u);
-
     EXPECT_EQ(ParseDecimalLevel(u"3"), 3u);
     EXPECT_EQ(ParseDecimalLevel(u" 12 "), 12u);
     for (const char16_t* bad : {u"", u"abc", u"4x", u"-1", u"99999999999"})

@@ -1,6 +1,5 @@
 #include "log/BuffersList.h"
 #include "log/TransferBuffer.h"
-#include "tests/common/TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -190,25 +189,4 @@ TEST(TransferBuffer, ConcurrentWritersLoseNothingAndKeepEachOrder)
     }
     for (int t = 0; t < kThreads; ++t)
         EXPECT_EQ(next[t], kPerThread);
-}
-
-TEST(TransferBuffer, CreatingAndDestroyingLeavesNoThreadsOrHandles)
-{
-    {
-        RecordingBuffer warmUp;
-        WriteText(warmUp, "x");
-    }
-    const long long threads = testing_support::CountProcessThreads();
-    const long long handles = testing_support::CountProcessHandles();
-    for (int i = 0; i < 30; ++i)
-    {
-        RecordingBuffer buffer;
-        for (int j = 0; j < 20; ++j)
-            WriteText(buffer, std::string(40000, 'y')); // spans blocks, wakes the allocation thread
-    }
-    EXPECT_EQ(testing_support::CountProcessThreads(), threads);
-    if (handles >= 0)
-    {
-        EXPECT_LE(testing_support::CountProcessHandles(), handles + 2);
-    }
 }
