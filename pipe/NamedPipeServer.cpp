@@ -1,0 +1,478 @@
+#include "pipe/NamedPipeServer.h"
+
+#include "common/DaxException.h"
+#include "pipe/ThreadPool.h"
+#include "pipe/attributes.h"
+
+#include <exception>
+#include <vector>
+
+// ---- CNamedPipeServerStream ----
+
+CNamedPipeServerStream::CNamedPipeServerStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context)
+    : CNamedPipeStream(std::move(logger), std::move(pipe), context)
+{
+}
+
+CNamedPipeServerStream::~CNamedPipeServerStream()
+{
+    // The I/O must stop while this part of the object still exists: completions call its hooks.
+    WaitForIoCallbacks();
+}
+
+void CNamedPipeServerStream::SetOwnerData(std::weak_ptr<void> data)
+{
+    std::lock_guard lock(m_ownerMutex);
+    m_ownerData = std::move(data);
+}
+
+std::shared_ptr<void> CNamedPipeServerStream::GetOwnerData() const
+{
+    std::lock_guard lock(m_ownerMutex);
+    return m_ownerData.lock();
+}
+
+void CNamedPipeServerStream::ReleaseAcceptUnit()
+{
+    if (auto semaphore = m_acceptSemaphore.lock())
+        ::ReleaseSemaphore(semaphore->get(), 1, nullptr);
+}
+
+BOOL CNamedPipeServerStream::ConnectAsync()
+{
+    auto signal = std::make_shared<PipeTaskSignal>();
+    signal->signal = ePipeTaskSignal_Connected;
+    auto request = std::make_shared<PipeRequestIo>(signal);
+    if (!GetIo()->StartIo(request))
+        return FALSE;
+    SetPipeConnectionState(ePipeConnectionState_Connecting);
+    if (::ConnectNamedPipe(GetHandle(), &request->overlapped))
+    {
+        Log(LogLevel::Warning, L"CNamedPipeServerStream::ConnectAsync: (78)", L"Unexpected behavior: ConnectNamedPipe succeeds");
+        GetIo()->Cancel(request, TRUE);
+        SetPipeConnectionState(ePipeConnectionState_Connected);
+        if (OnClientConnected())
+            ReleaseAcceptUnit();
+        return TRUE;
+    }
+    const DWORD error = ::GetLastError();
+    switch (error)
+    {
+    case ERROR_IO_PENDING:
+        if (GetIo()->IsStopping())
+        {
+            Log(LogLevel::Debug, L"CNamedPipeServerStream::ConnectAsync: (92)",
+                L"ConnectNamedPipe(ov = 0x%p)...ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p: 0x%p",
+                static_cast<void*>(&request->overlapped), static_cast<void*>(request.get()));
+            GetIo()->Cancel(request, FALSE);
+            SetPipeConnectionState(ePipeConnectionState_ConnectionError);
+            ::SetLastError(ERROR_OPERATION_ABORTED);
+            return FALSE;
+        }
+        return TRUE;
+    case ERROR_PIPE_CONNECTED:
+        // A client arrived between creation and connect: connected, and no completion follows.
+        GetIo()->Cancel(request, TRUE);
+        SetPipeConnectionState(ePipeConnectionState_Connected);
+        if (OnClientConnected())
+            ReleaseAcceptUnit();
+        return TRUE;
+    default:
+        Log(LogLevel::Error, L"CNamedPipeServerStream::ConnectAsync: (112)", L"ConnectNamedPipe failed. GLE=%d",
+            static_cast<int>(error));
+        GetIo()->Cancel(request, TRUE);
+        SetPipeConnectionState(ePipeConnectionState_ConnectionError);
+        if (error == ERROR_NO_DATA)
+            ::DisconnectNamedPipe(GetHandle());
+        ::SetLastError(error);
+        return FALSE;
+    }
+}
+
+void CNamedPipeServerStream::OnConnectCompleted(unsigned long ioResult)
+{
+    ReleaseAcceptUnit();
+    if (ioResult == 0)
+        return;
+    ForceConnectionState(ePipeConnectionState_ConnectionError);
+    // A failed wait would otherwise sit in the accept list until the server ends.
+    auto server = GetServerLink();
+    auto pool = GetThreadPool();
+    // Only a weak link here: a completion thread must never end up as the server's last owner.
+    if (pool && !server.expired())
+    {
+        const void* identity = this;
+        pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>([server, identity](void* h) {
+                                          if (auto s = server.lock())
+                                              s->OnConnectFailed(h, identity);
+                                      }),
+                                      GetHandle());
+    }
+}
+
+int CNamedPipeServerStream::OnClientConnected()
+{
+    ULONG processId = 0;
+    ULONG sessionId = 0;
+    if (::GetNamedPipeClientProcessId(GetHandle(), &processId))
+        m_dwClientProcessId = processId;
+    else
+        Log(LogLevel::Error, L"CNamedPipeServerStream::OnClientConnected: (137)", L"Unable to get client ProcessId. GLE=%d",
+            static_cast<int>(::GetLastError()));
+    if (::GetNamedPipeClientSessionId(GetHandle(), &sessionId))
+        m_dwClientSessionId = sessionId;
+    else
+        Log(LogLevel::Error, L"CNamedPipeServerStream::OnClientConnected: (143)", L"Unable to get client SessionId. GLE=%d",
+            static_cast<int>(::GetLastError()));
+    Log(LogLevel::Debug, L"CNamedPipeServerStream::OnClientConnected: (147)", L"ClientProcessId = %d, SessionId = %d",
+        static_cast<int>(processId), static_cast<int>(sessionId));
+    auto server = GetServerLink();
+    auto pool = GetThreadPool();
+    if (server.expired() || !pool)
+        return 0;
+    std::future<int> result;
+    // The task holds the server only while it runs, never from an I/O completion thread.
+    return pool->CreateTask<void*>(result, MakeGlobalCallback<int(void*)>([server](void* h) {
+                                       if (auto s = server.lock())
+                                           return s->OnClientConnected(h);
+                                       return 0;
+                                   }),
+                                   GetHandle());
+}
+
+void CNamedPipeServerStream::OnReadLoopEnded()
+{
+    Disconnect();
+    if (m_bDisconnectNotified.exchange(true))
+        return;
+    auto server = GetServerLink();
+    auto pool = GetThreadPool();
+    if (server.expired() || !pool)
+        return;
+    pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>([server](void* h) {
+                                      if (auto s = server.lock())
+                                          s->OnClientDisconnected(h);
+                                  }),
+                                  GetHandle());
+}
+
+void CNamedPipeServerStream::Disconnect()
+{
+    SetPipeConnectionState(ePipeConnectionState_Disconnecting);
+    const BOOL result = ::DisconnectNamedPipe(GetHandle());
+    const DWORD error = ::GetLastError();
+    SetPipeConnectionState(ePipeConnectionState_Disconnected);
+    Log(LogLevel::Debug, L"CNamedPipeServerStream::Disconnect: (205)",
+        L"Server end of a named pipe instance disconnected from a client process. bRes = %d, GLE=%d", result,
+        static_cast<int>(error));
+}
+
+void CNamedPipeServerStream::Close()
+{
+    WaitForIoCallbacks();
+    std::lock_guard lock(m_ownerMutex);
+    m_server.reset();
+}
+
+std::weak_ptr<CNamedPipeServer> CNamedPipeServerStream::GetServerLink() const
+{
+    std::lock_guard lock(m_ownerMutex);
+    return m_server;
+}
+
+// ---- CNamedPipeServer ----
+
+CNamedPipeServer::CNamedPipeServer(const std::wstring& name, uint32_t maxInstances, uint32_t accepts,
+                                   std::shared_ptr<CDaxSecattr> securityAttributes, std::shared_ptr<ICvLogger> logger)
+    : CBaseLogger(std::move(logger)), m_pSecurityAttributes(std::move(securityAttributes)),
+      m_dwMaxInstances(maxInstances), m_dwAccepts(pipe_states::ClampAccepts(accepts)),
+      m_strPipeName(L"\\\\.\\pipe\\" + name)
+{
+    Log(LogLevel::Debug, L"CNamedPipeServer::CNamedPipeServer: (50)", L"constructor start (accepts: %d)...",
+        static_cast<int>(accepts));
+    Log(LogLevel::Debug, L"CNamedPipeServer::CNamedPipeServer: (62)", L"constructor end.");
+}
+
+CNamedPipeServer::~CNamedPipeServer()
+{
+    Log(LogLevel::Debug, L"CNamedPipeServer::~CNamedPipeServer: (70)", L"[~] destructor start...");
+    EndWaitForConnection();
+    std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> connections;
+    {
+        std::lock_guard lock(m_mutex);
+        connections.swap(m_connectionList);
+    }
+    for (auto& [pipe, stream] : connections)
+        CloseStream(stream);
+    Log(LogLevel::Debug, L"CNamedPipeServer::~CNamedPipeServer: (76)", L"[~] destructor end.");
+}
+
+std::shared_ptr<CNamedPipeServer> CNamedPipeServer::Self()
+{
+    if (auto self = m_self.lock())
+        return self;
+    return weak_from_this().lock();
+}
+
+BOOL CNamedPipeServer::BeginWaitForConnection(std::shared_ptr<PipeConnectionCallback> onConnected,
+                                              std::shared_ptr<PipeConnectionCallback> onDisconnected, void* context)
+{
+    Log(LogLevel::Debug, L"CNamedPipeServer::BeginWaitForConnection: (83)", L" (accepts: %d)...",
+        static_cast<int>(m_dwAccepts));
+    if (m_self.expired())
+        m_self = weak_from_this();
+    {
+        std::lock_guard lock(m_mutex);
+        m_pOnConnected = std::move(onConnected);
+        m_pOnDisconnected = std::move(onDisconnected);
+        m_pContext = context;
+    }
+    if (m_pAcceptThread && m_pAcceptThread->IsRunning())
+        return TRUE;
+    m_bStopping = false;
+    m_pAcceptSemaphore = std::make_shared<daxlib::unique_handle>(
+        ::CreateSemaphoreW(nullptr, static_cast<LONG>(m_dwAccepts), static_cast<LONG>(m_dwAccepts), nullptr));
+    if (!*m_pAcceptSemaphore)
+        return FALSE;
+    try
+    {
+        if (!m_pAcceptThread)
+            m_pAcceptThread = std::make_unique<CJoinableThread<int>>(
+                MakeMemberCallback<int(void*, void*)>(this, &CNamedPipeServer::AcceptThread), nullptr, m_pLogger,
+                L"AcceptThread");
+    }
+    catch (daxlib::CDaxException* raw)
+    {
+        daxlib::DaxExceptionPtr e(raw);
+        LogDaxException(LogLevel::Error, L"CNamedPipeServer::BeginWaitForConnection: (95)", *e);
+        return FALSE;
+    }
+    return m_pAcceptThread->Start();
+}
+
+int CNamedPipeServer::AcceptThread(void* stopEvent, void*)
+{
+    Log(LogLevel::Debug, L"CNamedPipeServer::AcceptThread: (140)", L"begin thread...");
+    int result = 1;
+    const HANDLE handles[2] = {static_cast<HANDLE>(stopEvent), m_pAcceptSemaphore->get()};
+    for (;;)
+    {
+        const DWORD wait = ::WaitForMultipleObjects(2, handles, FALSE, INFINITE);
+        if (wait == WAIT_OBJECT_0 + 1)
+        {
+            result = WaitForConnection();
+            continue;
+        }
+        if (wait == WAIT_OBJECT_0)
+        {
+            Log(LogLevel::Debug, L"CNamedPipeServer::AcceptThread: (155)", L"Thread stopped");
+            break;
+        }
+        Log(LogLevel::Error, L"CNamedPipeServer::AcceptThread: (160)", L"WaitForMultipleObjects failed. dwWait = %d, GLE = %d",
+            static_cast<int>(wait), static_cast<int>(::GetLastError()));
+        result = 0;
+        break;
+    }
+    Log(LogLevel::Debug, L"CNamedPipeServer::AcceptThread: (167)", L"End thread. res = %d", result);
+    return result;
+}
+
+BOOL CNamedPipeServer::WaitForConnection()
+{
+    try
+    {
+        SECURITY_ATTRIBUTES* attributes = CDaxSecattr::Get(m_pSecurityAttributes.get());
+        auto pipe = std::make_shared<daxlib::unique_hfile>(::CreateNamedPipeW(
+            m_strPipeName.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, m_dwMaxInstances, m_dwOutBufferSize,
+            m_dwInBufferSize, kDefaultTimeoutMs, attributes));
+        if (!*pipe)
+        {
+            // As built, the unit is not given back: each creation failure leaves one waiting
+            // instance fewer.
+            Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (190)", L"Unable to create Named Pipe instance: GLE = %d",
+                static_cast<int>(::GetLastError()));
+            return FALSE;
+        }
+        const HANDLE handle = pipe->get();
+        auto stream = std::make_shared<CNamedPipeServerStream>(m_pLogger, std::move(pipe), m_pContext);
+        {
+            std::lock_guard lock(stream->m_ownerMutex);
+            stream->m_server = Self();
+        }
+        stream->m_acceptSemaphore = m_pAcceptSemaphore;
+        {
+            std::lock_guard lock(m_mutex);
+            m_acceptList[handle] = stream;
+        }
+        if (stream->ConnectAsync())
+            return TRUE;
+        Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)", L"Failed to connect pipe <hPipe = 0x%p>",
+            static_cast<void*>(handle));
+        {
+            std::lock_guard lock(m_mutex);
+            m_acceptList.erase(handle);
+        }
+        CloseStream(stream);
+        ::ReleaseSemaphore(m_pAcceptSemaphore->get(), 1, nullptr);
+        return FALSE;
+    }
+    catch (daxlib::CDaxException* raw)
+    {
+        daxlib::DaxExceptionPtr e(raw);
+        LogDaxException(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (218)", *e);
+    }
+    catch (const std::exception& e)
+    {
+        LogStdException(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (222)", e);
+    }
+    return FALSE;
+}
+
+int CNamedPipeServer::OnClientConnected(void* pipe)
+{
+    Log(LogLevel::Debug, L"CNamedPipeServer::OnClientConnected: (234)", L"Client connected: hPipe = 0x%p", pipe);
+    std::shared_ptr<CNamedPipeServerStream> stream;
+    std::shared_ptr<PipeConnectionCallback> onConnected;
+    void* context = nullptr;
+    {
+        std::lock_guard lock(m_mutex);
+        auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
+        if (it == m_acceptList.end())
+        {
+            Log(LogLevel::Error, L"CNamedPipeServer::OnClientConnected: (241)", L"Pipe <hPipe: 0x%p> not found in the accept list",
+                pipe);
+            return 0;
+        }
+        stream = it->second;
+        m_acceptList.erase(it);
+        m_connectionList[static_cast<HANDLE>(pipe)] = stream;
+        onConnected = m_pOnConnected;
+        context = m_pContext;
+    }
+    if (!stream->BeginRead())
+    {
+        Log(LogLevel::Error, L"CNamedPipeServer::OnClientConnected: (256)",
+            L"Failed to start asynchronous read operation <hPipe = 0x%p>. Close pipe instance...", pipe);
+        {
+            std::lock_guard lock(m_mutex);
+            m_connectionList.erase(static_cast<HANDLE>(pipe));
+        }
+        stream->Disconnect();
+        CloseStream(stream);
+        return 0;
+    }
+    if (onConnected)
+        onConnected->Invoke(pipe, 0, context);
+    bool deferred = false;
+    {
+        std::lock_guard lock(m_mutex);
+        stream->m_bConnectReported = true;
+        deferred = stream->m_bDisconnectDeferred;
+    }
+    if (deferred)
+        OnClientDisconnected(pipe);
+    return 1;
+}
+
+void CNamedPipeServer::OnClientDisconnected(void* pipe)
+{
+    Log(LogLevel::Debug, L"CNamedPipeServer::OnClientDisconnected: (277)", L"Client disonnected: hPipe = 0x%p", pipe);
+    std::shared_ptr<CNamedPipeServerStream> stream;
+    std::shared_ptr<PipeConnectionCallback> onDisconnected;
+    void* context = nullptr;
+    {
+        std::lock_guard lock(m_mutex);
+        auto it = m_connectionList.find(static_cast<HANDLE>(pipe));
+        if (it == m_connectionList.end())
+        {
+            Log(LogLevel::Error, L"CNamedPipeServer::OnClientDisconnected: (284)",
+                L"Pipe <hPipe: 0x%p> not found in the connection list", pipe);
+            return;
+        }
+        if (!it->second->m_bConnectReported)
+        {
+            // The owner has not heard of the connection yet; it hears of the end right after.
+            it->second->m_bDisconnectDeferred = true;
+            return;
+        }
+        stream = it->second;
+        m_connectionList.erase(it);
+        onDisconnected = m_pOnDisconnected;
+        context = m_pContext;
+    }
+    if (onDisconnected)
+        onDisconnected->Invoke(pipe, stream->GetChannelId(), context);
+    CloseStream(stream);
+}
+
+void CNamedPipeServer::OnConnectFailed(void* pipe, const void* identity)
+{
+    std::shared_ptr<CNamedPipeServerStream> stream;
+    {
+        std::lock_guard lock(m_mutex);
+        auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
+        // The handle value may belong to a newer instance by now.
+        if (it == m_acceptList.end() || it->second.get() != identity)
+            return;
+        stream = it->second;
+        m_acceptList.erase(it);
+    }
+    CloseStream(stream);
+}
+
+void CNamedPipeServer::CloseStream(const std::shared_ptr<CNamedPipeServerStream>& stream)
+{
+    if (stream)
+        stream->Close();
+}
+
+std::shared_ptr<CNamedPipeServerStream> CNamedPipeServer::AttachStream(void* pipe, uint64_t channelId)
+{
+    std::lock_guard lock(m_mutex);
+    auto it = m_connectionList.find(static_cast<HANDLE>(pipe));
+    if (it == m_connectionList.end())
+    {
+        ::SetLastError(ERROR_NOT_FOUND);
+        return nullptr;
+    }
+    it->second->SetChannelId(channelId);
+    return it->second;
+}
+
+void CNamedPipeServer::ResetCallback()
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_pOnConnected.reset();
+        m_pOnDisconnected.reset();
+        m_pContext = nullptr;
+    }
+    Log(LogLevel::Trace, L"CNamedPipeServer::ResetCallback: (335)", L"Reset [connect & disconnect] callbacks");
+}
+
+void CNamedPipeServer::EndWaitForConnection()
+{
+    m_bStopping = true;
+    if (m_pAcceptThread)
+        m_pAcceptThread->Stop();
+    std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> waiting;
+    {
+        std::lock_guard lock(m_mutex);
+        waiting.swap(m_acceptList);
+    }
+    for (auto& [pipe, stream] : waiting)
+        CloseStream(stream);
+    m_pAcceptSemaphore.reset();
+}
+
+size_t CNamedPipeServer::AcceptCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_acceptList.size();
+}
+
+size_t CNamedPipeServer::ConnectionCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_connectionList.size();
+}

@@ -1,0 +1,176 @@
+#pragma once
+// One asynchronous pipe instance: its connection state, overlapped reads and writes through a
+// thread-pool I/O binding, and the hand-over of completions to the owner's callbacks, which run
+// as tasks on the process's CThreadPool.
+#include "common/BaseLogger.h"
+#include "common/UniqueHandle.h"
+#include "pipe/CallbackHolder.h"
+#include "pipe/MemStream.h"
+#include "pipe/PipeStates.h"
+#include "pipe/ThreadPoolIo.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+
+struct PIPE_IO_REQUEST;
+
+// The caller's completion record of one read or write. The request object (CPipeRequest) that
+// created it deletes it; the stream only borrows it while the operation runs.
+struct PIPE_OVERLAPPED
+{
+    virtual ~PIPE_OVERLAPPED() = default;
+
+    HANDLE m_hEvent = nullptr;        // only for a blocked write
+    uint32_t m_dwIoStatus = 0;        // 0 or the Windows error of the completion
+    uint32_t m_dwBytesTransferred = 0;
+    std::shared_ptr<PIPE_IO_REQUEST> m_pRequest; // set when the stream accepts the operation
+    std::shared_ptr<unsigned char[]> m_pData;
+};
+
+// The owner's read or write callback: (data, its length, I/O status, completion record).
+using PipeIoCallback = CCallbackHolder<void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*)>;
+
+struct PipeTaskSignal;
+using PipeRequestIo = CRequestIo<std::shared_ptr<PipeTaskSignal>>;
+using PipeThreadPoolIo = CThreadPoolIo<std::shared_ptr<PipeTaskSignal>>;
+
+// One read or write at the stream's level ("Pipe_IO" in messages).
+struct PIPE_IO_REQUEST
+{
+    enum : uint32_t
+    {
+        eKindRead = 0,
+        eKindWrite = 1,
+    };
+
+    uint32_t kind = eKindRead;
+    std::atomic<uint32_t> state{ePipeRequestState_Created};
+    std::atomic<bool> completed{false};
+    int64_t id = 0;
+    std::shared_ptr<unsigned char[]> buffer;
+    uint32_t length = 0;
+    uint32_t transferred = 0;
+    PIPE_OVERLAPPED* ov = nullptr;  // guarded by the stream's record lock; null once detached
+    HANDLE hEvent = nullptr;        // borrowed from the record of a blocked write
+    std::shared_ptr<PipeIoCallback> callback;
+    std::weak_ptr<PipeRequestIo> io; // the kernel-level request while a write is in flight
+};
+
+// What an overlapped operation was, carried by its kernel-level request.
+struct PipeTaskSignal
+{
+    uint32_t signal = ePipeTaskSignal_Read;
+    std::shared_ptr<PIPE_IO_REQUEST> request;   // writes
+    std::shared_ptr<unsigned char[]> buffer;    // reads
+    uint32_t length = 0;
+};
+
+using SharedPipeHandle = std::shared_ptr<daxlib::unique_hfile>;
+
+// Streams are always owned through std::shared_ptr: the tasks a stream submits hold it weakly.
+class CNamedPipeStream : public CommonHelper::CvLogger::CBaseLogger,
+                         public std::enable_shared_from_this<CNamedPipeStream>
+{
+public:
+    static constexpr uint32_t kReadBufferSize = 2048;
+
+    // Throws CDaxException when the I/O binding cannot be created.
+    CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context);
+    ~CNamedPipeStream() override;
+    CNamedPipeStream(const CNamedPipeStream&) = delete;
+    CNamedPipeStream& operator=(const CNamedPipeStream&) = delete;
+
+    HANDLE GetHandle() const { return m_hPipe; }
+    void* GetContext() const { return m_pContext; }
+
+    // Returns the previous state; changes it only along the allowed transitions.
+    uint32_t SetPipeConnectionState(uint32_t newState);
+    uint32_t GetPipeConnectionState() const;
+    bool IsConnected() const { return GetPipeConnectionState() == ePipeConnectionState_Connected; }
+
+    // Starts one overlapped read into the received-data queue.
+    BOOL BeginRead();
+    // Asks for the next `bytes` bytes of received data; the callback gets them, or the error
+    // that ended the connection. FALSE when the stream did not keep the record.
+    BOOL Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> callback, PIPE_OVERLAPPED* record);
+
+    // Writes: a request made by CreateWriteRequest is queued with AddWriteRequest. FALSE when
+    // the write could not be started; the request has then been finished with the error.
+    std::shared_ptr<PIPE_IO_REQUEST> CreateWriteRequest(const void* data, uint32_t length, PIPE_OVERLAPPED* record);
+    BOOL AddWriteRequest(const std::shared_ptr<PIPE_IO_REQUEST>& request);
+    BOOL BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& request);
+    BOOL EndWrite(const std::shared_ptr<PIPE_IO_REQUEST>& request, uint32_t ioResult, uint32_t bytesWritten);
+    void CancelWriteRequest();
+    // The callback of writes started with a record but no event.
+    void SetWriteCallback(std::shared_ptr<PipeIoCallback> callback);
+
+    // Cancels the operation a record belongs to and detaches the record from it (a blocked
+    // write keeps its record so that the completion can wake the writer).
+    BOOL CancelRequest(PIPE_OVERLAPPED* record);
+
+    // The single place where a request is finished; a second completion is refused.
+    BOOL CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>& request, uint32_t ioStatus);
+
+    // Stops the instance's I/O and waits for its completions to finish.
+    void WaitForIoCallbacks();
+
+    size_t PendingReadCount() const;
+    size_t OutstandingWriteCount() const;
+    size_t BufferedBytes() const { return m_memStream.Size(); }
+
+protected:
+    int IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::Request& request, unsigned long long bytes,
+                        PipeThreadPoolIo* io, void* context);
+    const std::shared_ptr<PipeThreadPoolIo>& GetIo() const { return m_pIo; }
+    // Sets the state without the transition rules (a completed connect).
+    void ForceConnectionState(uint32_t state);
+
+    // Hooks of the two ends.
+    virtual void OnConnectCompleted(unsigned long /*ioResult*/) {}
+    virtual int OnClientConnected() { return 0; }
+    virtual void OnReadLoopEnded() {}
+
+private:
+    BOOL EndRead(unsigned long ioResult);
+    int ProcessReadCallback(int64_t requestId);
+    int ProcessWriteCallback(int64_t requestId);
+    void ProcessQueueReadRequest(unsigned long ioResult);
+    int ProcessCallback(int64_t requestId, bool read);
+    template <typename R, typename P> BOOL SubmitSelf(R (CNamedPipeStream::*method)(P), P argument);
+
+    std::shared_ptr<PipeThreadPoolIo> m_pIo;
+    SharedPipeHandle m_pPipe;
+    HANDLE m_hPipe;
+    void* m_pContext;
+
+    mutable std::mutex m_stateMutex;
+    uint32_t m_state = ePipeConnectionState_WaitConnection;
+
+    mutable std::mutex m_writeListMutex;
+    std::list<std::shared_ptr<PIPE_IO_REQUEST>> m_writeRequests;
+    std::mutex m_writeMapMutex;
+    std::map<int64_t, std::shared_ptr<PIPE_IO_REQUEST>> m_writeCallbacks;
+    std::mutex m_readMapMutex;
+    std::map<int64_t, std::shared_ptr<PIPE_IO_REQUEST>> m_readCallbacks;
+
+    mutable std::mutex m_readQueueMutex;
+    std::deque<std::shared_ptr<PIPE_IO_REQUEST>> m_pendingReads;
+    std::atomic<uint32_t> m_readFinalError{0}; // set once no more data can arrive
+    CMemStream m_memStream;
+
+    // Guards the records (PIPE_OVERLAPPED) against a cancel that detaches them.
+    std::mutex m_recordMutex;
+    std::shared_ptr<PipeIoCallback> m_pWriteCallback;
+
+    std::atomic<int64_t> m_nextRequestId{1};
+    std::atomic<uint32_t> m_cntWrite{0};
+    std::atomic<uint32_t> m_cntBeginWrite{0};
+    std::atomic<bool> m_bEndWrite{false};
+};
