@@ -1,0 +1,302 @@
+#include "log/BuffersList.h"
+
+#include "common/DaxException.h"
+
+#include <process.h>
+
+#include <algorithm>
+#include <mutex>
+#include <cstring>
+#include <new>
+#include <utility>
+
+CBuffersList::CBuffersList(uint64_t blockSize, BOOL backgroundAllocation, uint32_t refillCount,
+                           uint32_t freePoolLimit)
+    : m_qwBlockSize(std::max<uint64_t>(blockSize, 2 * kLengthSize)), m_bBackground(backgroundAllocation),
+      m_dwRefill(std::max<uint32_t>(refillCount, 1)), m_dwFreeLimit(freePoolLimit)
+{
+    m_output.resize(static_cast<size_t>(m_qwBlockSize));
+    m_hevNeedBlocks.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!m_hevNeedBlocks)
+        daxlib::ThrowDaxException(L"BuffersList", __LINE__);
+    m_hevStop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!m_hevStop)
+        daxlib::ThrowDaxException(L"BuffersList", __LINE__);
+    if (m_bBackground)
+    {
+        m_hAllocThread.reset(reinterpret_cast<HANDLE>(
+            ::_beginthreadex(nullptr, 16384, &CBuffersList::AllocateNewBuffersThread, this, 0, nullptr)));
+        if (!m_hAllocThread)
+            daxlib::ThrowDaxException(L"BuffersList", __LINE__, L"error creating of AllocateNewBuffersThread()");
+    }
+}
+
+CBuffersList::~CBuffersList()
+{
+    ::SetEvent(m_hevStop.get());
+    if (m_hAllocThread)
+        ::WaitForSingleObject(m_hAllocThread.get(), INFINITE);
+    for (uint8_t* block : m_used)
+        delete[] block;
+    for (uint8_t* block : m_free)
+        delete[] block;
+}
+
+unsigned __stdcall CBuffersList::AllocateNewBuffersThread(void* context)
+{
+    try
+    {
+        static_cast<CBuffersList*>(context)->AllocationLoop();
+    }
+    catch (daxlib::CDaxException* e)
+    {
+        delete e;
+    }
+    catch (...)
+    {
+    }
+    return 0;
+}
+
+void CBuffersList::AllocationLoop()
+{
+    const HANDLE events[] = {m_hevStop.get(), m_hevNeedBlocks.get()};
+    for (;;)
+    {
+        const DWORD wait = ::WaitForMultipleObjects(2, events, FALSE, INFINITE);
+        if (wait != WAIT_OBJECT_0 + 1 || ::WaitForSingleObject(m_hevStop.get(), 0) == WAIT_OBJECT_0)
+            return;
+        ::ResetEvent(m_hevNeedBlocks.get());
+        {
+            std::lock_guard lock(m_mutex);
+            m_bNeedRequested = false;
+        }
+        try
+        {
+            Refill(true);
+        }
+        catch (daxlib::CDaxException* e)
+        {
+            // The next block taken in a logging thread tries again.
+            delete e;
+        }
+        ::Sleep(0);
+    }
+}
+
+// With oneAtATime the mutex is taken for each block (background thread); otherwise the
+// caller already holds it.
+void CBuffersList::Refill(bool oneAtATime)
+{
+    for (uint32_t i = 0; i < m_dwRefill; ++i)
+    {
+        uint8_t* block = new (std::nothrow) uint8_t[static_cast<size_t>(m_qwBlockSize)];
+        if (!block)
+            daxlib::ThrowDaxException(L"BuffersList", __LINE__);
+        try
+        {
+            if (oneAtATime)
+            {
+                std::lock_guard lock(m_mutex);
+                m_free.push_back(block);
+            }
+            else
+                m_free.push_back(block);
+        }
+        catch (...)
+        {
+            delete[] block;
+            daxlib::ThrowDaxException(L"BuffersList", __LINE__);
+        }
+    }
+}
+
+void CBuffersList::TakeNewBlock()
+{
+    if (m_free.empty())
+        Refill(false);
+    m_used.push_back(m_free.back());
+    m_free.pop_back();
+    m_qwWritePos = 0;
+    if (m_bBackground && m_free.size() < m_dwRefill && !m_bNeedRequested)
+    {
+        m_bNeedRequested = true;
+        m_bNeedPending = true;
+    }
+}
+
+void CBuffersList::WakeAllocator()
+{
+    bool wake = false;
+    {
+        std::lock_guard lock(m_mutex);
+        wake = std::exchange(m_bNeedPending, false);
+    }
+    if (wake)
+        ::SetEvent(m_hevNeedBlocks.get());
+}
+
+void CBuffersList::ReleaseBlock(uint8_t* block)
+{
+    if (m_free.size() < m_dwFreeLimit)
+    {
+        try
+        {
+            m_free.push_back(block);
+            return;
+        }
+        catch (...)
+        {
+        }
+    }
+    delete[] block;
+}
+
+void CBuffersList::Append(uint64_t size, const void* data)
+{
+    AppendLocked(size, data);
+    if (m_bBackground)
+        WakeAllocator();
+}
+
+void CBuffersList::AppendLocked(uint64_t size, const void* data)
+{
+    std::lock_guard lock(m_mutex);
+    // Reserve every block the piece needs first, so a failed allocation leaves no half piece.
+    uint64_t needed = 0;
+    uint64_t pos = m_qwWritePos;
+    if (m_used.empty() || m_qwBlockSize - pos < kLengthSize)
+    {
+        ++needed;
+        pos = 0;
+    }
+    pos += kLengthSize;
+    const uint64_t spill = size > m_qwBlockSize - pos ? size - (m_qwBlockSize - pos) : 0;
+    needed += (spill + m_qwBlockSize - 1) / m_qwBlockSize;
+    while (m_free.size() < needed)
+        Refill(false);
+
+    if (m_used.empty() || m_qwBlockSize - m_qwWritePos < kLengthSize)
+        TakeNewBlock();
+    std::memcpy(m_used.back() + m_qwWritePos, &size, kLengthSize);
+    m_qwWritePos += kLengthSize;
+    const auto* source = static_cast<const uint8_t*>(data);
+    uint64_t left = size;
+    while (left > 0)
+    {
+        if (m_qwWritePos == m_qwBlockSize)
+            TakeNewBlock();
+        const uint64_t n = std::min(left, m_qwBlockSize - m_qwWritePos);
+        std::memcpy(m_used.back() + m_qwWritePos, source, static_cast<size_t>(n));
+        m_qwWritePos += n;
+        source += n;
+        left -= n;
+    }
+}
+
+const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
+{
+    if (size)
+        *size = 0;
+    std::lock_guard lock(m_mutex);
+    if (m_used.empty() || (m_used.size() == 1 && m_qwReadPos == m_qwWritePos))
+        return nullptr;
+
+    size_t block = 0;
+    uint64_t pos = m_qwReadPos;
+    if (m_qwBlockSize - pos < kLengthSize)
+    {
+        ++block;
+        pos = 0;
+    }
+    uint64_t length = 0;
+    std::memcpy(&length, m_used[block] + pos, kLengthSize);
+    pos += kLengthSize;
+
+    bool stored = true;
+    if (length > m_output.size())
+    {
+        try
+        {
+            m_output.resize(static_cast<size_t>(length));
+        }
+        catch (...)
+        {
+            std::vector<uint8_t>().swap(m_output);
+            stored = false;
+        }
+    }
+    uint64_t copied = 0;
+    while (copied < length)
+    {
+        if (pos == m_qwBlockSize)
+        {
+            ++block;
+            pos = 0;
+        }
+        const uint64_t n = std::min(length - copied, m_qwBlockSize - pos);
+        if (stored)
+            std::memcpy(m_output.data() + copied, m_used[block] + pos, static_cast<size_t>(n));
+        pos += n;
+        copied += n;
+    }
+    if (pos == m_qwBlockSize && block + 1 < m_used.size())
+    {
+        ++block;
+        pos = 0;
+    }
+
+    // A piece that cannot be assembled is dropped rather than left to block the queue.
+    if (consume || !stored)
+    {
+        for (size_t i = 0; i < block; ++i)
+        {
+            ReleaseBlock(m_used.front());
+            m_used.pop_front();
+        }
+        m_qwReadPos = pos;
+        // An emptied queue starts its only block afresh, so idle periods keep one block.
+        if (m_used.size() == 1 && m_qwReadPos == m_qwWritePos)
+            m_qwReadPos = m_qwWritePos = 0;
+    }
+    if (!stored)
+        return nullptr;
+    if (size)
+        *size = length;
+    return m_output.data();
+}
+
+bool CBuffersList::IsEmpty() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_used.empty() || (m_used.size() == 1 && m_qwReadPos == m_qwWritePos);
+}
+
+void CBuffersList::Clear()
+{
+    std::lock_guard lock(m_mutex);
+    while (!m_used.empty())
+    {
+        ReleaseBlock(m_used.front());
+        m_used.pop_front();
+    }
+    m_qwReadPos = m_qwWritePos = 0;
+}
+
+size_t CBuffersList::UsedBlockCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_used.size();
+}
+
+size_t CBuffersList::FreeBlockCount() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_free.size();
+}
+
+uint64_t CBuffersList::WritePosition() const
+{
+    std::lock_guard lock(m_mutex);
+    return m_qwWritePos;
+}

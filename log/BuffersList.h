@@ -1,0 +1,65 @@
+#pragma once
+// A byte queue made of fixed-size blocks. Each piece is stored as an 8-byte length and its
+// bytes, and may run over several blocks; a length never starts in the last 7 bytes of a
+// block. Read blocks go back to a free pool, which a background thread tops up before it runs
+// dry, so steady use allocates nothing.
+#include "common/UniqueHandle.h"
+#include "log/SrwMutex.h"
+
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+class CBuffersList
+{
+public:
+    // Throws daxlib::CDaxException* when an event, the allocation thread or a block cannot be had.
+    CBuffersList(uint64_t blockSize, BOOL backgroundAllocation, uint32_t refillCount, uint32_t freePoolLimit);
+    ~CBuffersList();
+    CBuffersList(const CBuffersList&) = delete;
+    CBuffersList& operator=(const CBuffersList&) = delete;
+
+    // Throws daxlib::CDaxException* when a block cannot be allocated.
+    void Append(uint64_t size, const void* data);
+    // The oldest piece, assembled in an internal block that stays valid until the next call;
+    // null when the queue is empty or the piece cannot be assembled. With consume FALSE the
+    // piece stays queued.
+    const uint8_t* Take(uint64_t* size, BOOL consume);
+    bool IsEmpty() const;
+    void Clear();
+
+    // For tests and statistics.
+    size_t UsedBlockCount() const;
+    size_t FreeBlockCount() const;
+    uint64_t WritePosition() const;
+
+private:
+    static unsigned __stdcall AllocateNewBuffersThread(void* context);
+    void AllocationLoop();
+    void Refill(bool oneAtATime);
+    void TakeNewBlock();
+    void WakeAllocator();
+    void AppendLocked(uint64_t size, const void* data);
+    void ReleaseBlock(uint8_t* block);
+    static constexpr uint64_t kLengthSize = sizeof(uint64_t);
+
+    const uint64_t m_qwBlockSize;
+    const BOOL m_bBackground;
+    const uint32_t m_dwRefill;
+    const uint32_t m_dwFreeLimit;
+
+    std::deque<uint8_t*> m_used;
+    std::vector<uint8_t*> m_free;
+    uint64_t m_qwReadPos = 0;
+    uint64_t m_qwWritePos = 0;
+    std::vector<uint8_t> m_output;
+
+    mutable CSrwMutex m_mutex;
+    // The allocation thread is asked once until it has run, and asked after the mutex is
+    // released, so that taking a block never pays for a kernel call under the lock.
+    bool m_bNeedRequested = false;
+    bool m_bNeedPending = false;
+    daxlib::unique_handle m_hevNeedBlocks;
+    daxlib::unique_handle m_hevStop;
+    daxlib::unique_handle m_hAllocThread;
+};

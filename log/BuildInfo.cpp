@@ -1,0 +1,6 @@
+#include "log/BuildInfo.h"
+
+const char* BuildDateText()
+{
+    return __DATE__;
+}

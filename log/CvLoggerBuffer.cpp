@@ -1,0 +1,234 @@
+#include "log/CvLoggerBuffer.h"
+
+#include "log/CvLogger.h"
+#include "log/FileSearch.h"
+#include "log/LogText.h"
+#include "log/RestrictedToken.h"
+
+#include <sddl.h>
+
+#include <algorithm>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace
+{
+constexpr uint32_t kSizeCheckInterval = 5000;
+constexpr DWORD kJunctionRefusalMs = 5000;
+
+std::u16string ToU16(const std::wstring& text)
+{
+    return std::u16string(text.begin(), text.end());
+}
+std::wstring FromU16(const std::u16string& text)
+{
+    return std::wstring(text.begin(), text.end());
+}
+} // namespace
+
+CCvLoggerBuffer::CCvLoggerBuffer(const CCvLogger* owner, Options options)
+    : m_pOwner(owner), m_strFileStem(std::move(options.fileStem)), m_strFileName(m_strFileStem + L".txt"),
+      m_dwMaxSize(options.maxSize), m_bBuffered(options.buffered),
+      m_dwRotationCount(std::max<uint32_t>(options.rotationCount, 1)),
+      m_bDropAdministrators(options.dropAdministrators), m_strBanner(std::move(options.banner)),
+      m_strFolder(std::move(options.folder))
+{
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (::ConvertStringSecurityDescriptorToSecurityDescriptorW(options.sddl.c_str(), SDDL_REVISION_1, &descriptor,
+                                                               nullptr))
+    {
+        m_pSecurityDescriptor.reset(descriptor);
+        m_sa.nLength = sizeof m_sa;
+        m_sa.lpSecurityDescriptor = descriptor;
+        m_sa.bInheritHandle = FALSE;
+    }
+}
+
+CCvLoggerBuffer::~CCvLoggerBuffer()
+{
+    Close(FALSE);
+    std::lock_guard lock(m_lock);
+    m_hFile.reset();
+}
+
+BOOL CCvLoggerBuffer::Append(const void* data, uint64_t size)
+{
+    if (m_bBuffered)
+        return Write(data, size, FALSE);
+    return Transfer(data, size, TRUE);
+}
+
+void CCvLoggerBuffer::CloseIfIdle(DWORD now, DWORD idleMs)
+{
+    // A writer holding the lock is busy writing, not idle; waiting for it here would hold up
+    // every logging thread behind the disk, because the caller holds the logger's lock.
+    std::unique_lock lock(m_lock, std::try_to_lock);
+    if (!lock.owns_lock())
+        return;
+    if ((m_hFile || m_bStale) && now - m_dwLastWrite.load() > idleMs)
+    {
+        m_hFile.reset();
+        m_bStale = false;
+    }
+}
+
+BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL /*last*/)
+{
+    // A write that should run restricted but cannot is dropped rather than made with full rights.
+    if (m_bBuffered)
+    {
+        // The writer thread is ours: it keeps the restricted token for the rest of its life.
+        if (m_bDropAdministrators.load())
+        {
+            daxlib::unique_handle token = cvlog::MakeAdminRestrictedToken();
+            if (!token || !::SetThreadToken(nullptr, token.get()))
+                return FALSE;
+            m_bDropAdministrators.store(FALSE);
+        }
+        return TransferLocked(data, size);
+    }
+    // Without the queue this runs on the caller's thread (under the logger's lock), whose own
+    // token must survive the write.
+    std::optional<cvlog::ScopedRestrictedImpersonation> restricted;
+    if (m_bDropAdministrators.load())
+    {
+        if (!m_hRestrictedToken)
+            m_hRestrictedToken = cvlog::MakeAdminRestrictedToken();
+        if (!m_hRestrictedToken)
+            return FALSE;
+        restricted.emplace(m_hRestrictedToken.get());
+        if (!restricted->Active())
+            return FALSE;
+    }
+    return TransferLocked(data, size);
+}
+
+BOOL CCvLoggerBuffer::TransferLocked(const void* data, uint64_t size)
+{
+    std::lock_guard lock(m_lock);
+    const DWORD now = ::GetTickCount();
+    if (m_bStale)
+        return FALSE;
+    if (!m_hFile || m_lRecreate.load())
+    {
+        DWORD disposition = OPEN_ALWAYS;
+        if (m_lRecreate.exchange(0))
+        {
+            m_hFile.reset();
+            m_bHeaderPending = 1;
+            disposition = CREATE_ALWAYS;
+        }
+        if (!JunctionAllows(now))
+            return FALSE;
+        m_hFile.reset(::CreateFileW(m_strFileName.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                    m_pSecurityDescriptor ? &m_sa : nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                                    nullptr));
+        if (!m_hFile)
+            return FALSE;
+        if (disposition == OPEN_ALWAYS && ::GetLastError() != ERROR_ALREADY_EXISTS)
+            m_bHeaderPending = 1;
+    }
+    LARGE_INTEGER zero{};
+    if (!::SetFilePointerEx(m_hFile.get(), zero, nullptr, FILE_END))
+        return FALSE;
+    if (m_dwWriteCounter == 0 && !CheckRotation(now))
+        return FALSE;
+    if (++m_dwWriteCounter >= kSizeCheckInterval)
+        m_dwWriteCounter = 0;
+    if (m_bHeaderPending)
+    {
+        if (!m_strBanner.empty())
+            WriteAll(m_strBanner.data(), m_strBanner.size() * sizeof(wchar_t));
+        m_bHeaderPending = 0;
+    }
+    const bool written = WriteAll(data, size);
+    m_dwLastWrite.store(::GetTickCount());
+    return written ? TRUE : FALSE;
+}
+
+bool CCvLoggerBuffer::WriteAll(const void* data, uint64_t size)
+{
+    const auto* p = static_cast<const uint8_t*>(data);
+    while (size > 0)
+    {
+        const DWORD chunk = static_cast<DWORD>(std::min<uint64_t>(size, 0x40000000));
+        DWORD written = 0;
+        if (!::WriteFile(m_hFile.get(), p, chunk, &written, nullptr) || written == 0)
+            return false;
+        p += written;
+        size -= written;
+    }
+    return true;
+}
+
+bool CCvLoggerBuffer::JunctionAllows(DWORD now)
+{
+    if (m_bJunctionBlocked && now - m_dwJunctionBlock <= kJunctionRefusalMs)
+        return false;
+    m_bJunctionBlocked = false;
+    if (m_pOwner && m_pOwner->IsJunction(m_strFolder))
+    {
+        m_bJunctionBlocked = true;
+        m_dwJunctionBlock = now;
+        return false;
+    }
+    return true;
+}
+
+bool CCvLoggerBuffer::CheckRotation(DWORD now)
+{
+    LARGE_INTEGER size{};
+    if (m_hFile)
+    {
+        if (!::GetFileSizeEx(m_hFile.get(), &size))
+            return false;
+    }
+    else
+    {
+        WIN32_FILE_ATTRIBUTE_DATA data{};
+        if (::GetFileAttributesExW(m_strFileName.c_str(), GetFileExInfoStandard, &data))
+            size.QuadPart = (static_cast<LONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    }
+    if (size.QuadPart == 0 || size.QuadPart <= static_cast<LONGLONG>(m_dwMaxSize.load()))
+        return true;
+
+    m_hFile.reset();
+    if (m_dwRotation >= m_dwRotationCount.load())
+        m_dwRotation = Compact();
+    ++m_dwRotation;
+    if (!JunctionAllows(now))
+    {
+        m_bStale = true;
+        return false;
+    }
+    const std::wstring rotated = FromU16(cvlog::RotatedFileName(ToU16(m_strFileStem), m_dwRotation));
+    // A failed rename still starts a new live file, and the old text is lost with it.
+    if (!::MoveFileW(m_strFileName.c_str(), rotated.c_str()))
+        --m_dwRotation;
+    m_hFile.reset(::CreateFileW(m_strFileName.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                m_pSecurityDescriptor ? &m_sa : nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                                nullptr));
+    if (!m_hFile)
+        return false;
+    m_bHeaderPending = 1;
+    return true;
+}
+
+uint32_t CCvLoggerBuffer::Compact()
+{
+    const size_t slash = m_strFileStem.find_last_of(L'\\');
+    const std::wstring directory = slash == std::wstring::npos ? std::wstring() : m_strFileStem.substr(0, slash + 1);
+    const std::wstring stem = m_strFileStem.substr(directory.size());
+
+    std::vector<std::u16string> names;
+    cvlog::ForEachFile(m_strFileStem + L"(*).txt",
+                       [&](const WIN32_FIND_DATAW& data) { names.push_back(ToU16(data.cFileName)); });
+    std::sort(names.begin(), names.end());
+    const cvlog::CompactionPlan plan = cvlog::PlanCompaction(names, ToU16(stem), m_dwRotationCount.load());
+    for (const auto& name : plan.deletes)
+        ::DeleteFileW((directory + FromU16(name)).c_str());
+    for (const auto& [from, to] : plan.renames)
+        ::MoveFileW((directory + FromU16(from)).c_str(), (directory + FromU16(to)).c_str());
+    return plan.remaining;
+}

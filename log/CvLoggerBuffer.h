@@ -1,0 +1,78 @@
+#pragma once
+// One log file: takes pieces of UTF-16 text (through its queue or directly), opens the file on
+// the first write, writes the banner at the top of every new file, rotates it by size and
+// closes it when idle.
+#include "common/UniqueHandle.h"
+#include "log/SrwMutex.h"
+#include "log/TransferBuffer.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+class CCvLogger;
+
+class CCvLoggerBuffer : private CTransferBuffer
+{
+public:
+    struct Options
+    {
+        std::wstring folder;   // with trailing backslash
+        std::wstring fileStem; // full path without ".txt"
+        std::wstring sddl;
+        uint32_t maxSize = 0;
+        uint32_t rotationCount = 1;
+        BOOL buffered = TRUE;
+        BOOL dropAdministrators = FALSE;
+        std::wstring banner;
+    };
+
+    // Throws daxlib::CDaxException* when the queue cannot be set up.
+    CCvLoggerBuffer(const CCvLogger* owner, Options options);
+    // Everything queued reaches the file first.
+    ~CCvLoggerBuffer() override;
+
+    // Hands one piece to the queue, or writes it at once when buffering is off.
+    BOOL Append(const void* data, uint64_t size);
+
+    void SetMaxSize(uint32_t bytes) { m_dwMaxSize.store(bytes); }
+    void SetRotationCount(uint32_t count) { m_dwRotationCount.store(count < 1 ? 1 : count); }
+    void RequestRecreate() { m_lRecreate.store(1); }
+    // Closes the handle when nothing was written for more than idleMs; the next write reopens.
+    void CloseIfIdle(DWORD now, DWORD idleMs);
+
+    const std::wstring& FileName() const { return m_strFileName; }
+
+private:
+    BOOL Transfer(const void* data, uint64_t size, BOOL last) override;
+    BOOL TransferLocked(const void* data, uint64_t size);
+    bool JunctionAllows(DWORD now);
+    bool CheckRotation(DWORD now);
+    uint32_t Compact();
+    bool WriteAll(const void* data, uint64_t size);
+
+    uint32_t m_bHeaderPending = 1;
+    const CCvLogger* m_pOwner;
+    std::wstring m_strFileStem;
+    std::wstring m_strFileName;
+    std::atomic<uint32_t> m_dwMaxSize;
+    uint32_t m_dwRotation = 0;
+    daxlib::unique_hfile m_hFile;
+    daxlib::unique_hlocal m_pSecurityDescriptor;
+    SECURITY_ATTRIBUTES m_sa{};
+    std::atomic<uint32_t> m_lRecreate{0};
+    BOOL m_bBuffered;
+    std::atomic<DWORD> m_dwLastWrite{0};
+    uint32_t m_dwWriteCounter = 0;
+    std::atomic<uint32_t> m_dwRotationCount;
+    std::atomic<BOOL> m_bDropAdministrators;
+    daxlib::unique_handle m_hRestrictedToken; // made once when writing without the queue
+    std::wstring m_strBanner;
+    std::wstring m_strFolder;
+    CSrwMutex m_lock;
+    DWORD m_dwJunctionBlock = 0;
+    bool m_bJunctionBlocked = false;
+    // A rotation stopped by the junction guard leaves the file closed but counted as open, so
+    // writes are dropped until the idle check clears it.
+    bool m_bStale = false;
+};

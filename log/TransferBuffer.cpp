@@ -1,0 +1,187 @@
+#include "log/TransferBuffer.h"
+
+#include "common/DaxException.h"
+
+#include <process.h>
+
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+CTransferBuffer::CTransferBuffer()
+{
+    m_pList = std::make_unique<CBuffersList>(kBlockSize, TRUE, 3, 100);
+    for (auto* event : {&m_hevData, &m_hevStop})
+    {
+        event->reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+        if (!*event)
+            daxlib::ThrowDaxException(L"TransferBuffer", __LINE__);
+    }
+    m_hThread.reset(reinterpret_cast<HANDLE>(
+        ::_beginthreadex(nullptr, 0, &CTransferBuffer::WriterThread, this, CREATE_SUSPENDED, nullptr)));
+    if (!m_hThread)
+        daxlib::ThrowDaxException(L"TransferBuffer", __LINE__);
+    ::ResumeThread(m_hThread.get());
+}
+
+CTransferBuffer::~CTransferBuffer()
+{
+    // Only a safety net: by now the derived part is gone, so nothing may reach Transfer().
+    Close(TRUE);
+}
+
+BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
+{
+    if (m_bRefuseNow.load(std::memory_order_acquire) || m_bRefuseAfter.load(std::memory_order_acquire))
+        return FALSE;
+    bool wake = false;
+    {
+        std::lock_guard lock(m_mutex);
+        try
+        {
+            m_pList->Append(size, data);
+        }
+        catch (daxlib::CDaxException* e)
+        {
+            delete e;
+            return FALSE;
+        }
+        catch (...)
+        {
+            return FALSE;
+        }
+        wake = !m_bDataSignalled;
+        m_bDataSignalled = true;
+    }
+    // No yield after the append: on a busy machine giving up the processor costs the caller a
+    // whole time slice, which is exactly the wait the queue exists to avoid.
+    if (wake)
+        ::SetEvent(m_hevData.get());
+    return TRUE;
+}
+
+bool CTransferBuffer::Drained() const
+{
+    std::lock_guard lock(m_mutex);
+    return !m_bBusy && m_pList->IsEmpty();
+}
+
+void CTransferBuffer::Close(BOOL immediate)
+{
+    if (!m_hThread)
+        return;
+    if (immediate)
+    {
+        m_bRefuseNow.store(true, std::memory_order_release);
+        std::lock_guard lock(m_mutex);
+        m_pList->Clear();
+        m_bDataSignalled = false;
+        ::ResetEvent(m_hevData.get());
+    }
+    else
+    {
+        while (!Drained() && ::WaitForSingleObject(m_hThread.get(), 20) == WAIT_TIMEOUT)
+        {
+        }
+    }
+    m_bStop.store(true, std::memory_order_release);
+    ::SetEvent(m_hevStop.get());
+    ::WaitForSingleObject(m_hThread.get(), INFINITE);
+    m_hThread.reset();
+    m_bRefuseAfter.store(true, std::memory_order_release);
+}
+
+unsigned __stdcall CTransferBuffer::WriterThread(void* context)
+{
+    try
+    {
+        return static_cast<CTransferBuffer*>(context)->WriterLoop();
+    }
+    catch (daxlib::CDaxException* e)
+    {
+        delete e;
+    }
+    catch (...)
+    {
+    }
+    return 1;
+}
+
+unsigned CTransferBuffer::WriterLoop()
+{
+    std::vector<uint8_t> copy;
+    try
+    {
+        copy.resize(8096);
+    }
+    catch (...)
+    {
+        m_bRefuseAfter.store(true, std::memory_order_release);
+        return 1;
+    }
+    const HANDLE events[] = {m_hevStop.get(), m_hevData.get()};
+    for (;;)
+    {
+        if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0 + 1)
+            return 0;
+        // One wake-up drains the whole queue, so a burst costs one kernel wait, not one a piece.
+        BOOL last = FALSE;
+        while (!last)
+        {
+            if (m_bStop.load(std::memory_order_acquire))
+                return 0;
+            uint64_t size = 0;
+            bool have = false;
+            {
+                std::lock_guard lock(m_mutex);
+                const uint8_t* piece = m_pList->Take(&size, TRUE);
+                if (piece)
+                {
+                    if (size > copy.size())
+                    {
+                        try
+                        {
+                            copy.resize(static_cast<size_t>(size));
+                        }
+                        catch (...)
+                        {
+                            // Without room for a piece this writer cannot go on; writes are
+                            // refused from now on instead of piling up.
+                            m_bRefuseAfter.store(true, std::memory_order_release);
+                            return 1;
+                        }
+                    }
+                    std::memcpy(copy.data(), piece, static_cast<size_t>(size));
+                    have = true;
+                    m_bBusy = true;
+                }
+                if (m_pList->IsEmpty())
+                {
+                    m_bDataSignalled = false;
+                    ::ResetEvent(m_hevData.get());
+                    last = TRUE;
+                }
+            }
+            if (have && size > 0 && !m_bStop.load(std::memory_order_acquire))
+            {
+                try
+                {
+                    Transfer(copy.data(), size, last);
+                }
+                catch (daxlib::CDaxException* e)
+                {
+                    delete e;
+                }
+                catch (...)
+                {
+                }
+            }
+            if (have)
+            {
+                std::lock_guard lock(m_mutex);
+                m_bBusy = false;
+            }
+        }
+        ::Sleep(0);
+    }
+}

@@ -1,0 +1,547 @@
+// Files, rotation, registry settings, the watch thread, the junction guard and bad input, on
+// real files in a temporary folder and real keys under HKEY_CURRENT_USER.
+#include "log/CvLogger.h"
+#include "tests/common/TestSupport.h"
+
+#include <shlobj.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <regex>
+#include <string>
+#include <thread>
+
+using testing_support::FromUtf16Bytes;
+using testing_support::ReadFileBytes;
+using testing_support::TempDir;
+
+namespace
+{
+// Polls a condition with a generous limit; true when it came true.
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(20))
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        ::Sleep(20);
+    }
+    return true;
+}
+
+std::wstring ReadText(const std::wstring& path)
+{
+    return FromUtf16Bytes(ReadFileBytes(path));
+}
+
+bool Exists(const std::wstring& path)
+{
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+bool Contains(const std::wstring& text, const std::wstring& fragment)
+{
+    return text.find(fragment) != std::wstring::npos;
+}
+
+uint32_t LevelOf(CCvLogger& logger)
+{
+    uint32_t level = 0;
+    logger.GetLevel(&level);
+    return level;
+}
+
+// A private key under HKEY_CURRENT_USER, removed at the end.
+class TestKey
+{
+public:
+    TestKey() : m_path(L"Software\\" + testing_support::UniqueName(L"VelomarLogTest"))
+    {
+        ::RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, m_key.put(),
+                          nullptr);
+    }
+    ~TestKey()
+    {
+        m_key.reset();
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, m_path.c_str());
+    }
+    const wchar_t* Path() const { return m_path.c_str(); }
+    HKEY Get() const { return m_key.get(); }
+    void SetRaw(const wchar_t* name, DWORD type, const void* data, DWORD size) const
+    {
+        ::RegSetValueExW(m_key.get(), name, 0, type, static_cast<const BYTE*>(data), size);
+    }
+    void SetDword(const wchar_t* name, DWORD value) const { SetRaw(name, REG_DWORD, &value, sizeof value); }
+    void SetText(const wchar_t* name, const std::wstring& text) const
+    {
+        SetRaw(name, REG_SZ, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+    }
+    void Delete(const wchar_t* name) const { ::RegDeleteValueW(m_key.get(), name); }
+    bool GetDword(const wchar_t* name, DWORD* value) const
+    {
+        DWORD size = sizeof *value;
+        return ::RegGetValueW(m_key.get(), nullptr, name, RRF_RT_REG_DWORD, nullptr, value, &size) == ERROR_SUCCESS;
+    }
+
+private:
+    std::wstring m_path;
+    daxlib::unique_hkey m_key;
+};
+
+std::shared_ptr<CCvLogger> MakeLogger(const TempDir& dir, const wchar_t* base, BOOL buffered,
+                                      const TestKey* key = nullptr, CCvLogger::JunctionCheck check = nullptr)
+{
+    return CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), key ? HKEY_CURRENT_USER : nullptr,
+                                           key ? key->Path() : nullptr, base, nullptr, TRUE, buffered, 2, check);
+}
+
+void SetLastWrite(const std::wstring& path, uint64_t fileTime)
+{
+    daxlib::unique_hfile file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                            FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD written = 0;
+    ::WriteFile(file.get(), "x\0", 2, &written, nullptr);
+    FILETIME time{static_cast<DWORD>(fileTime), static_cast<DWORD>(fileTime >> 32)};
+    ::SetFileTime(file.get(), nullptr, nullptr, &time);
+}
+
+uint64_t NowFileTime()
+{
+    FILETIME now;
+    ::GetSystemTimeAsFileTime(&now);
+    return (static_cast<uint64_t>(now.dwHighDateTime) << 32) | now.dwLowDateTime;
+}
+
+std::atomic<bool> g_folderIsJunction{false};
+bool FakeJunctionCheck(const std::wstring&)
+{
+    return g_folderIsJunction.load();
+}
+} // namespace
+
+TEST(Rotation, CountThreeKeepsThreeRotatedFilesAndDropsTheOldest)
+{
+    TempDir dir(L"velomar-rot");
+    auto logger = MakeLogger(dir, L"rot", FALSE);
+    ASSERT_TRUE(logger);
+    const std::wstring banner = logger->GetBanner();
+    logger->SetRotationCount(3);
+    logger->SetMaxFileSize(2000);
+    // The size is checked on the first write and then every 5000 pieces (three per record):
+    // rotations fall at records 1666, 3333, 5000 and 6666.
+    for (int i = 0; i < 6700; ++i)
+        logger->Log(2, L"rec-%05d", i);
+    logger.reset();
+
+    const std::wstring live = ReadText(dir.File(L"rot.txt"));
+    const std::wstring r1 = ReadText(dir.File(L"rot(01).txt"));
+    const std::wstring r2 = ReadText(dir.File(L"rot(02).txt"));
+    const std::wstring r3 = ReadText(dir.File(L"rot(03).txt"));
+    EXPECT_FALSE(Exists(dir.File(L"rot(04).txt")));
+    // The first batch went with the fourth rotation; the others moved down one number.
+    EXPECT_FALSE(Contains(r1, L"rec-00500"));
+    EXPECT_TRUE(Contains(r1, L"rec-02000"));
+    EXPECT_TRUE(Contains(r2, L"rec-04000"));
+    EXPECT_TRUE(Contains(r3, L"rec-05500"));
+    EXPECT_TRUE(Contains(live, L"rec-06699"));
+    EXPECT_FALSE(Contains(live, L"rec-05500"));
+    // Every new file starts with the same banner, timestamp included.
+    for (const auto* text : {&live, &r1, &r2, &r3})
+        EXPECT_EQ(text->compare(0, banner.size(), banner), 0);
+}
+
+TEST(Rotation, RecreateRequestStartsTheFileAfresh)
+{
+    TempDir dir(L"velomar-rot");
+    auto logger = MakeLogger(dir, L"re", FALSE);
+    ASSERT_TRUE(logger);
+    logger->Log(2, L"before-recreate");
+    EXPECT_TRUE(logger->RequestRecreate(0));
+    logger->Log(2, L"after-recreate");
+    ::SetLastError(0);
+    EXPECT_FALSE(logger->RequestRecreate(5));
+    EXPECT_EQ(::GetLastError(), 1168u);
+    const std::wstring banner = logger->GetBanner();
+    logger.reset();
+
+    const std::wstring text = ReadText(dir.File(L"re.txt"));
+    EXPECT_FALSE(Contains(text, L"before-recreate"));
+    EXPECT_TRUE(Contains(text, L"after-recreate"));
+    EXPECT_EQ(text.compare(0, banner.size(), banner), 0);
+}
+
+TEST(RegistrySettings, LimitsAndBadValues)
+{
+    TempDir dir(L"velomar-reg");
+    TestKey key;
+    auto logger = MakeLogger(dir, L"reg", TRUE);
+    ASSERT_TRUE(logger);
+    const auto load = [&] { logger->LoadSettings(key.Get(), FALSE); };
+
+    const std::pair<DWORD, uint32_t> counts[] = {{0, 1}, {150, 99}, {5, 5}};
+    for (const auto& [value, expected] : counts)
+    {
+        key.SetDword(L"RotationLogFileNumber", value);
+        load();
+        EXPECT_EQ(logger->GetRotationCount(), expected) << value;
+    }
+    key.Delete(L"RotationLogFileNumber");
+    load();
+    EXPECT_EQ(logger->GetRotationCount(), 10u);
+
+    const std::pair<DWORD, uint32_t> sizes[] = {{0, 1000u << 20}, {5000, 1000u << 20}, {1, 1048576u}};
+    for (const auto& [value, expected] : sizes)
+    {
+        key.SetDword(L"RotationLogFileSizeMB", value);
+        load();
+        EXPECT_EQ(logger->GetMaxFileSize(), expected) << value;
+    }
+    key.Delete(L"RotationLogFileSizeMB");
+    load();
+    EXPECT_EQ(logger->GetMaxFileSize(), 1048576u); // missing: unchanged
+    key.SetDword(L"OverrideLogMaxFiles", 0);
+    load();
+    EXPECT_EQ(logger->GetOldFileLimit(), 0u);
+
+    // Wrong types and sizes leave the settings as they were; a level as decimal text is taken.
+    key.SetDword(L"LogLevel", 3);
+    key.SetDword(L"RotationLogFileNumber", 4);
+    load();
+    const uint64_t eight = 7;
+    key.SetText(L"RotationLogFileNumber", L"6");
+    key.SetRaw(L"RotationLogFileSizeMB", REG_BINARY, &eight, sizeof eight);
+    key.SetRaw(L"LogLevel", REG_DWORD, &eight, 2);
+    load();
+    EXPECT_EQ(logger->GetRotationCount(), 4u);
+    EXPECT_EQ(logger->GetMaxFileSize(), 1048576u);
+    for (const std::wstring& text : {std::wstring(L"junk"), std::wstring(300, L'1')})
+    {
+        key.SetText(L"LogLevel", text);
+        load();
+    }
+    key.SetRaw(L"LogLevel", REG_BINARY, &eight, 4);
+    load();
+    EXPECT_EQ(LevelOf(*logger), 3u);
+    key.SetText(L"LogLevel", L"4");
+    load();
+    EXPECT_EQ(LevelOf(*logger), 4u);
+}
+
+TEST(RegistrySettings, LevelIsWrittenBackAndPicksItsFileSize)
+{
+    TempDir dir(L"velomar-reg");
+    TestKey key;
+    auto logger = MakeLogger(dir, L"reg", TRUE, &key);
+    ASSERT_TRUE(logger);
+    DWORD stored = 99;
+    ASSERT_TRUE(key.GetDword(L"LogLevel", &stored)); // missing at creation: written back
+    EXPECT_EQ(stored, 2u);
+
+    logger->SetLevelFileSizes({{5, 4096}});
+    EXPECT_EQ(logger->SetLevel(5), 0u);
+    ASSERT_TRUE(key.GetDword(L"LogLevel", &stored));
+    EXPECT_EQ(stored, 5u);
+    EXPECT_EQ(logger->GetMaxFileSize(), 4096u);
+
+    // Without a key the level is only kept in memory.
+    auto keyless = MakeLogger(dir, L"keyless", TRUE);
+    EXPECT_EQ(keyless->SetLevel(3), 0u);
+    EXPECT_EQ(LevelOf(*keyless), 3u);
+    EXPECT_EQ(keyless->GetOldFileLimit(7), 7u);
+}
+
+TEST(RegistrySettings, LevelEditedWhileRunningIsPickedUp)
+{
+    TempDir dir(L"velomar-reg");
+    TestKey key;
+    auto logger = MakeLogger(dir, L"live", TRUE, &key);
+    ASSERT_TRUE(logger);
+    key.SetDword(L"LogLevel", 4);
+    EXPECT_TRUE(WaitUntil([&] { return LevelOf(*logger) == 4; }));
+    key.SetText(L"LogLevel", L"1");
+    EXPECT_TRUE(WaitUntil([&] { return LevelOf(*logger) == 1; }));
+    key.SetDword(L"RotationLogFileNumber", 150);
+    EXPECT_TRUE(WaitUntil([&] { return logger->GetRotationCount() == 99; }));
+}
+
+TEST(IdleClose, FileIsReleasedWhenIdleAndReopenedByTheNextRecord)
+{
+    TempDir dir(L"velomar-idle");
+    TestKey key;
+    auto logger = MakeLogger(dir, L"idle", TRUE, &key);
+    ASSERT_TRUE(logger);
+    logger->Log(2, L"first-record");
+    const std::wstring path = dir.File(L"idle.txt");
+    const auto exclusive = [&] {
+        daxlib::unique_hfile file(
+            ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        return file.valid();
+    };
+    ASSERT_TRUE(WaitUntil([&] { return Exists(path); }));
+    EXPECT_TRUE(WaitUntil(exclusive)) << "the idle handle was never closed";
+    logger->Log(2, L"second-record");
+    const std::wstring banner = logger->GetBanner();
+    logger.reset();
+
+    const std::wstring text = ReadText(path);
+    EXPECT_TRUE(Contains(text, L"first-record"));
+    EXPECT_TRUE(Contains(text, L"second-record"));
+    EXPECT_EQ(text.find(banner, 1), std::wstring::npos) << "an existing file gets no second banner";
+}
+
+TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
+{
+    // Wine 8 answers FSCTL_SET_REPARSE_POINT with ERROR_NOT_SUPPORTED (50): no real mount point
+    // can be made there, so the folder check is replaced.
+    TempDir dir(L"velomar-junction");
+    g_folderIsJunction = true;
+    auto logger = MakeLogger(dir, L"jn", FALSE, nullptr, &FakeJunctionCheck);
+    ASSERT_TRUE(logger);
+    const std::wstring path = dir.File(L"jn.txt");
+    logger->Log(2, L"refused-while-junction");
+    EXPECT_FALSE(Exists(path));
+
+    g_folderIsJunction = false;
+    const auto start = std::chrono::steady_clock::now();
+    logger->Log(2, L"refused-during-block");
+    EXPECT_FALSE(Exists(path));
+    ASSERT_TRUE(WaitUntil([&] {
+        logger->Log(2, L"probe");
+        return Exists(path);
+    }));
+    const auto blocked =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_GE(blocked, 4900);
+    logger.reset();
+    const std::wstring text = ReadText(path);
+    EXPECT_FALSE(Contains(text, L"refused"));
+    EXPECT_TRUE(Contains(text, L"probe"));
+}
+
+class BadInput : public ::testing::TestWithParam<BOOL>
+{
+};
+
+TEST_P(BadInput, UnusableFolderDropsRecordsWithoutLeaks)
+{
+    TempDir dir(L"velomar-bad");
+    SetLastWrite(dir.File(L"blocker"), NowFileTime()); // a file where the folder should be
+    const std::wstring folder = dir.File(L"blocker") + L"\\logs\\";
+    auto logger = CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, L"bad", nullptr, FALSE, GetParam(),
+                                                  2);
+    ASSERT_TRUE(logger);
+    const unsigned char bytes[64] = {};
+    const auto batch = [&] {
+        for (int i = 0; i < 200; ++i)
+        {
+            logger->Log(2, L"dropped %d", i);
+            logger->Dump(2, bytes, sizeof bytes, L"dropped dump");
+        }
+    };
+    batch();
+    const long long handles = testing_support::CountProcessHandles();
+    batch();
+    logger.reset();
+    if (handles >= 0)
+    {
+        EXPECT_LE(testing_support::CountProcessHandles(), handles + 2);
+    }
+    EXPECT_FALSE(Exists(folder + L"bad.txt"));
+}
+
+// Wine runs the tests as root and does not enforce byte-range locks on writes, so neither a
+// read-only file nor a locked region makes a write fail there; a file held open exclusively
+// makes the open fail, which takes the same drop-and-retry path.
+TEST_P(BadInput, FileHeldExclusivelyDropsPiecesAndTheNextWriteTriesAgain)
+{
+    TempDir dir(L"velomar-bad");
+    const std::wstring path = dir.File(L"locked.txt");
+    auto logger = MakeLogger(dir, L"locked", GetParam());
+    ASSERT_TRUE(logger);
+    {
+        daxlib::unique_hfile lock(
+            ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+        ASSERT_TRUE(lock.valid());
+        logger->Log(2, L"dropped-while-locked");
+        // The queued writer gives no completion signal; re-opening the main file drains it.
+        logger->SetLogFileSecurity(FALSE, FALSE);
+    }
+    logger->Log(2, L"written-after-unlock");
+    const std::wstring banner = logger->GetBanner();
+    logger.reset();
+
+    const std::wstring text = ReadText(path);
+    EXPECT_FALSE(Contains(text, L"dropped-while-locked"));
+    EXPECT_TRUE(Contains(text, L"written-after-unlock"));
+    EXPECT_EQ(text.compare(0, banner.size(), banner), 0);
+}
+
+TEST_P(BadInput, StrictSecurityWritesUnderTheRestrictedTokenAndLeavesCallersAlone)
+{
+    TempDir dir(L"velomar-strict");
+    auto logger = MakeLogger(dir, L"strict", GetParam());
+    ASSERT_TRUE(logger);
+    logger->SetLogFileSecurity(TRUE, TRUE);
+    logger->Log(2, L"strict-record");
+    daxlib::unique_handle token;
+    EXPECT_FALSE(::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()));
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN)) << "the logging thread must not keep a token";
+    logger->SetLogFileSecurity(TRUE, FALSE);
+    logger->Log(2, L"restricted-record");
+    logger.reset();
+    const std::wstring text = ReadText(dir.File(L"strict.txt"));
+    EXPECT_TRUE(Contains(text, L"strict-record"));
+    EXPECT_TRUE(Contains(text, L"restricted-record"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Writers, BadInput, ::testing::Values(TRUE, FALSE),
+                         [](const auto& info) { return info.param ? "Queued" : "Direct"; });
+
+TEST(ExtraFiles, PerProcessFilesAreSeparateAndReused)
+{
+    TempDir dir(L"velomar-extra");
+    auto logger = MakeLogger(dir, L"pp", FALSE);
+    ASSERT_TRUE(logger);
+    const int index = logger->AddLogFile(L"bob", FALSE);
+    ASSERT_EQ(index, 1);
+    logger->LogToFile(1, 2, L"to-bob");
+    logger->Log(2, L"to-main");
+    wchar_t bobPath[MAX_PATH];
+    ASSERT_TRUE(logger->GetLogFilePath(1, bobPath));
+    const std::wstring name = std::wstring(bobPath).substr(dir.Path().size() + 1);
+    EXPECT_TRUE(std::regex_match(name, std::wregex(L"bob-pp-\\d+-\\d+_\\d{4}-\\d{2}-\\d{2}-\\d{6}\\.txt")))
+        << std::string(name.begin(), name.end());
+    EXPECT_TRUE(logger->RemoveLogFile(1));
+    ::SetLastError(0);
+    EXPECT_FALSE(logger->RemoveLogFile(1));
+    EXPECT_EQ(::GetLastError(), 1168u);
+    logger->LogToFile(1, 2, L"after-removal");
+    wchar_t gone[MAX_PATH];
+    EXPECT_FALSE(logger->GetLogFilePath(1, gone));
+
+    // Within the hour the same process continues its file, now as the main file.
+    EXPECT_EQ(logger->AddLogFile(L"bob", TRUE), 0);
+    wchar_t mainPath[MAX_PATH];
+    ASSERT_TRUE(logger->GetLogFilePath(0, mainPath));
+    EXPECT_STREQ(mainPath, bobPath);
+    logger->Log(2, L"bob-as-main");
+    logger.reset();
+
+    const std::wstring bob = ReadText(bobPath);
+    EXPECT_TRUE(Contains(bob, L"to-bob"));
+    EXPECT_TRUE(Contains(bob, L"bob-as-main"));
+    EXPECT_FALSE(Contains(bob, L"to-main"));
+    EXPECT_FALSE(Contains(bob, L"after-removal"));
+    EXPECT_TRUE(Contains(ReadText(dir.File(L"pp.txt")), L"to-main"));
+}
+
+TEST(ExtraFiles, CleanUpRemovesExpiredAndSurplusPerProcessFiles)
+{
+    TempDir dir(L"velomar-clean");
+    const uint64_t now = NowFileTime();
+    constexpr uint64_t hour = 36000000000ULL;
+    SetLastWrite(dir.File(L"x-cl-1-1_2020-01-01-000000(01).txt"), now - 100 * 24 * hour);
+    const wchar_t* recent[] = {L"b-cl-1-2.txt", L"c-cl-1-3.txt", L"d-cl-1-4.txt", L"e-cl-1-5.txt", L"f-cl-1-6.txt"};
+    for (int i = 0; i < 5; ++i)
+        SetLastWrite(dir.File(recent[i]), now - (6 - i) * hour);
+    SetLastWrite(dir.File(L"cl.txt"), now - 200 * 24 * hour);
+    SetLastWrite(dir.File(L"unrelated.txt"), now - 200 * 24 * hour);
+
+    auto logger = MakeLogger(dir, L"cl", FALSE);
+    ASSERT_TRUE(logger);
+    EXPECT_EQ(logger->GetOldFileLimit(3), 3u);
+    ASSERT_GE(logger->AddLogFile(L"z", FALSE), 1);
+    logger->WaitForCleanup();
+
+    EXPECT_FALSE(Exists(dir.File(L"x-cl-1-1_2020-01-01-000000(01).txt")));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(Exists(dir.File(recent[i]))) << i;
+    EXPECT_TRUE(Exists(dir.File(recent[3])));
+    EXPECT_TRUE(Exists(dir.File(recent[4])));
+    EXPECT_TRUE(Exists(dir.File(L"cl.txt")));
+    EXPECT_TRUE(Exists(dir.File(L"unrelated.txt")));
+}
+
+TEST(Creation, FolderIsShellFolderCompanyAndProduct)
+{
+    TestKey key;
+    const std::wstring product = testing_support::UniqueName(L"Product (Test)");
+    auto logger = CCvLogger::CreateLogger(HKEY_CURRENT_USER, key.Path(), L"VelomarLogTest", product.c_str(), L"svc",
+                                          nullptr, 35, TRUE, TRUE, 0);
+    ASSERT_TRUE(logger);
+    wchar_t shell[MAX_PATH];
+    ASSERT_EQ(::SHGetFolderPathW(nullptr, 35, nullptr, 0, shell), S_OK);
+    const std::wstring folder = std::wstring(shell) + L"\\VelomarLogTest\\" + product;
+    wchar_t path[MAX_PATH];
+    ASSERT_TRUE(logger->GetLogFilePath(0, path));
+    EXPECT_EQ(std::wstring(path), folder + L"\\svc.txt");
+    EXPECT_EQ(logger->GetHeaderFlags(), 0x804Fu);
+    logger->Log(0, L"service-style");
+    logger.reset();
+    EXPECT_TRUE(Contains(ReadText(path), L"service-style"));
+    testing_support::RemoveTree(folder);
+    ::RemoveDirectoryW((std::wstring(shell) + L"\\VelomarLogTest").c_str());
+}
+
+TEST(Creation, EventSourceIsRegisteredForTheRunningProgram)
+{
+    TempDir dir(L"velomar-event");
+    auto logger = MakeLogger(dir, L"ev", FALSE);
+    const std::wstring provider = testing_support::UniqueName(L"VelomarLogTest");
+    const std::wstring keyPath = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" + provider;
+    logger->InitEventLogging(provider.c_str());
+    ::SetLastError(55);
+    logger->EventLog(1, 100, nullptr, L"event %d", 1);
+    EXPECT_EQ(::GetLastError(), 55u);
+    logger.reset();
+
+    wchar_t module[MAX_PATH];
+    ::GetModuleFileNameW(nullptr, module, MAX_PATH);
+    wchar_t file[MAX_PATH] = {};
+    DWORD size = sizeof file;
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"EventMessageFile", RRF_RT_REG_SZ, nullptr, file,
+                             &size),
+              ERROR_SUCCESS);
+    EXPECT_STREQ(file, module);
+    DWORD types = 0;
+    size = sizeof types;
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"TypesSupported", RRF_RT_REG_DWORD, nullptr,
+                             &types, &size),
+              ERROR_SUCCESS);
+    EXPECT_EQ(types, 7u);
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath.c_str());
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, keyPath.c_str());
+    EXPECT_FALSE(Contains(ReadText(dir.File(L"ev.txt")), L"Event logging disabled"));
+    EXPECT_FALSE(Contains(ReadText(dir.File(L"ev.txt")), L"not installed"));
+}
+
+TEST(Lifecycle, LoggersWithWatchThreadsLeaveNoThreadsOrHandles)
+{
+    TempDir dir(L"velomar-life");
+    TestKey key;
+    {
+        auto warmUp = MakeLogger(dir, L"warm", TRUE, &key);
+        warmUp->Log(2, L"warm-up");
+    }
+    const long long threads = testing_support::CountProcessThreads();
+    const long long handles = testing_support::CountProcessHandles();
+    for (int i = 0; i < 10; ++i)
+    {
+        auto logger = MakeLogger(dir, L"life", i % 2 == 0, &key);
+        ASSERT_TRUE(logger);
+        logger->Log(2, L"record %d", i);
+        logger->AddLogFile(L"extra", FALSE);
+        logger->LogToFile(1, 2, L"extra %d", i);
+    }
+    EXPECT_TRUE(WaitUntil([&] { return testing_support::CountProcessThreads() <= threads; }))
+        << testing_support::CountProcessThreads() << " threads, " << threads << " before";
+    if (handles >= 0)
+    {
+        EXPECT_LE(testing_support::CountProcessHandles(), handles + 4);
+    }
+}
