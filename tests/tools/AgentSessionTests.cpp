@@ -1,0 +1,123 @@
+// CAgentSession in this process, as the end-to-end tests use it, against a fake service.
+#include "tests/pipe/PipeTestSupport.h"
+#include "tests/tools/FakeAgentService.h"
+#include "tools/agent/AgentSession.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+using namespace agent_tests;
+using namespace pipe_tests;
+using agent::SessionStatus;
+
+namespace
+{
+
+class AgentSessionTest : public PoolTest
+{
+protected:
+    void SetUp() override
+    {
+        PoolTest::SetUp();
+        m_log->SetLevel(LogLevel::Warning);
+        m_name = testing_support::UniqueName(L"velomar-session-test");
+    }
+    std::wstring FullName() const { return L"\\\\.\\pipe\\" + m_name; }
+
+    std::wstring m_name;
+};
+
+} // namespace
+
+TEST_F(AgentSessionTest, OneConnectionCarriesSeveralUrlsAnsweredInOrder)
+{
+    FakeAgentService service(FullName(), FakeAgentService::Mode::Answer,
+                             {agentpipe::kResultSent, agentpipe::kResultNotSent, agentpipe::kResultSent});
+    agent::CAgentSession session(m_name, m_log);
+    ASSERT_EQ(SessionStatus::Ok, session.Connect(5000));
+    ASSERT_EQ(SessionStatus::Ok, session.Handshake({42, 7}, 5000));
+    EXPECT_EQ(SessionStatus::Sent, session.OpenUrl(u"http://a.b/", 5000));
+    EXPECT_EQ(SessionStatus::NotSent, session.OpenUrl(u"http://c.d/", 5000));
+    // A message the service ignores leaves the next answer in its place.
+    const auto ignored = agentpipe::EncodeHeader({9, 0});
+    EXPECT_EQ(SessionStatus::Ok, session.Write(ignored.data(), static_cast<uint32_t>(ignored.size()), 5000));
+    EXPECT_EQ(SessionStatus::Sent, session.OpenUrl(u"http://e.f/", 5000));
+    session.Close();
+
+    const auto messages = service.Messages();
+    ASSERT_EQ(5u, messages.size());
+    EXPECT_EQ(agentpipe::EncodeHandshake({42, 7}), messages[0]);
+    EXPECT_EQ(agentpipe::EncodeOpenUrl(u"http://a.b/"), messages[1]);
+    EXPECT_EQ(agentpipe::EncodeOpenUrl(u"http://e.f/"), messages[4]);
+}
+
+TEST_F(AgentSessionTest, TakenInstanceIsWaitedForWithinTheLimit)
+{
+    FakeAgentService service(FullName(), FakeAgentService::Mode::Answer);
+    HANDLE occupant = OpenClient(FullName());
+    ASSERT_NE(INVALID_HANDLE_VALUE, occupant);
+    ASSERT_TRUE(Eventually([&] { return service.Connections() == 1; }));
+
+    agent::CAgentSession session(m_name, m_log);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(SessionStatus::Busy, session.Connect(300));
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, 250ms);
+    EXPECT_LT(waited, 5s);
+
+    // The instance comes free while the session waits. (The pause only makes the waiting path
+    // likely; the outcome is the same without it.)
+    std::thread release([&] {
+        ::Sleep(300);
+        ::CloseHandle(occupant);
+    });
+    EXPECT_EQ(SessionStatus::Sent, session.SendUrl(L"http://a.b/", {1, 2}, 15000));
+    release.join();
+    EXPECT_EQ(2, service.Connections());
+}
+
+TEST_F(AgentSessionTest, FailuresAreTellingAndCloseTheSession)
+{
+    agent::CAgentSession session(m_name, m_log);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(SessionStatus::Absent, session.Connect(10000));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s); // no waiting for a service to appear
+    EXPECT_EQ(static_cast<DWORD>(ERROR_FILE_NOT_FOUND), session.GetError());
+    EXPECT_EQ(SessionStatus::Disconnected, session.OpenUrl(u"http://a.b/", 1000));
+    {
+        FakeAgentService service(FullName(), FakeAgentService::Mode::WrongAnswer);
+        ASSERT_EQ(SessionStatus::Ok, session.Connect(5000));
+        EXPECT_EQ(SessionStatus::ProtocolError, session.Handshake({1, 2}, 5000));
+        EXPECT_FALSE(session.IsConnected());
+    }
+    {
+        FakeAgentService service(FullName(), FakeAgentService::Mode::HangUp);
+        EXPECT_EQ(SessionStatus::Disconnected, session.SendUrl(L"http://a.b/", {1, 2}, 5000));
+    }
+    {
+        FakeAgentService service(FullName(), FakeAgentService::Mode::Silent);
+        const auto sent = std::chrono::steady_clock::now();
+        EXPECT_EQ(SessionStatus::TimedOut, session.SendUrl(L"http://a.b/", {1, 2}, 400));
+        EXPECT_LT(std::chrono::steady_clock::now() - sent, 5s);
+        EXPECT_FALSE(session.IsConnected());
+    }
+}
+
+TEST_F(AgentSessionTest, AbandonedReadsAndClosedSessionsLeaveNothingBehind)
+{
+    FakeAgentService silent(FullName(), FakeAgentService::Mode::Silent);
+    ExpectNoLeaks([&] {
+        agent::CAgentSession session(m_name, m_log);
+        EXPECT_EQ(SessionStatus::TimedOut, session.SendUrl(L"http://a.b/", {1, 2}, 150));
+        // The fake's one instance is free again before the next round.
+        EXPECT_TRUE(Eventually([&] { return silent.Ended() == silent.Connections(); }));
+    });
+    const std::wstring other = testing_support::UniqueName(L"velomar-session-answer");
+    FakeAgentService answering(L"\\\\.\\pipe\\" + other, FakeAgentService::Mode::Answer);
+    ExpectNoLeaks([&] {
+        agent::CAgentSession session(other, m_log);
+        EXPECT_EQ(SessionStatus::Sent, session.SendUrl(L"http://a.b/", {1, 2}, 5000));
+        EXPECT_TRUE(Eventually([&] { return answering.Ended() == answering.Connections(); }));
+    });
+}
