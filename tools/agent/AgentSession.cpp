@@ -7,8 +7,10 @@
 #include "pipe/NamedPipeClient.h"
 #include "pipe/ThreadPool.h"
 
+#include <algorithm>
 #include <cwctype>
 #include <exception>
+#include <iterator>
 #include <mutex>
 
 namespace agent
