@@ -12,6 +12,7 @@
 #include <exception>
 #include <iterator>
 #include <mutex>
+#include <new>
 
 namespace agent
 {
@@ -260,7 +261,7 @@ SessionStatus CAgentSession::Exchange(const std::vector<uint8_t>& message, uint3
     uint8_t raw[agentpipe::kHeaderSize];
     std::copy(headerBytes.begin(), headerBytes.end(), raw);
     const agentpipe::MessageHeader header = agentpipe::DecodeHeader(raw);
-    if (header.type != answerType || header.length != answerLength || header.length > kMaxAnswerLength)
+    if (header.type != answerType || header.length != answerLength)
     {
         Log(LogLevel::Error, L"CAgentSession::Exchange: ", L"unexpected answer: type %u, length %u (expected %u, %u)",
             header.type, header.length, answerType, answerLength);

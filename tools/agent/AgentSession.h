@@ -53,9 +53,6 @@ std::wstring DescribeStatus(SessionStatus status, DWORD error);
 class CAgentSession : public CommonHelper::CvLogger::CBaseLogger
 {
 public:
-    // Answers longer than this are refused as a protocol error rather than read.
-    static constexpr uint32_t kMaxAnswerLength = 4096;
-
     explicit CAgentSession(std::wstring pipeName = AgentPipeName(), std::shared_ptr<ICvLogger> logger = nullptr);
     ~CAgentSession() override;
     CAgentSession(const CAgentSession&) = delete;
