@@ -388,7 +388,10 @@ SessionStatus CAgentSession::ReadUntil(uint32_t length, std::vector<uint8_t>& da
             }
             else
             {
-                // Completed already; its callback is on its way or has just run.
+                // Completed already; its callback is on its way or has just run. It runs on the
+                // stream, so it is waited for before the stream goes; should it not come, it
+                // frees the record whenever it does.
+                ::WaitForSingleObject(pending->done.get(), kSettleLimitMs);
                 std::lock_guard guard(pending->lock);
                 if (!pending->finished)
                 {
