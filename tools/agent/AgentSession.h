@@ -1,0 +1,96 @@
+#pragma once
+// One connection of an agent to the agent pipe: open it, send the handshake and URLs, and read
+// each answer. Every wait is bounded, so that an absent, busy or stuck service never holds an
+// agent up. Built on the transport's named-pipe client; it needs the process's CThreadPool
+// (SetThreadPool) while it is connected.
+#include "common/BaseLogger.h"
+#include "pipeserver/AgentProtocol.h"
+
+#include <windows.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+class CNamedPipeClient;
+class CNamedPipeStream;
+
+namespace agent
+{
+
+// The service's agent pipe, without the "\\.\pipe\" prefix.
+constexpr wchar_t kAgentPipeName[] = L"9FEA9DA6-BEA1-479B-9819-F9031E0B69EE";
+// A full pipe name ("\\.\pipe\name") in this variable replaces the service's pipe: for tests and
+// for trying an agent against a private server.
+constexpr wchar_t kPipeNameVariable[] = L"VELOMAR_AGENT_PIPE";
+
+// The agent pipe to use: kPipeNameVariable when set, else kAgentPipeName; without the prefix.
+std::wstring AgentPipeName();
+
+// The handshake values of this agent: A is the layout of B (1: B is the agent's process id).
+agentpipe::HandshakeValues OwnHandshakeValues();
+
+enum class SessionStatus
+{
+    Ok,            // connected, the bytes went out, or the handshake was answered
+    Sent,          // the service answered 0 to a URL: the client side opens it
+    NotSent,       // the service answered 1: no remote channel for this session
+    Absent,        // there is no agent pipe: the service is not running
+    Busy,          // every pipe instance stayed taken until the time limit
+    TimedOut,      // the time limit passed before the operation completed
+    Disconnected,  // the service closed the connection, or there is none
+    ProtocolError, // the service's answer does not fit the message it answers
+    Failed,        // any other failure; GetError() has the Windows error
+};
+
+// One line (no full stop) that tells a user what happened, such as "the service is not running".
+std::wstring DescribeStatus(SessionStatus status, DWORD error);
+
+// Not for use by several threads at once. A session whose exchange timed out or got a wrong
+// answer is closed: what the service sends later could no longer be matched to its message.
+class CAgentSession : public CommonHelper::CvLogger::CBaseLogger
+{
+public:
+    explicit CAgentSession(std::wstring pipeName = AgentPipeName(), std::shared_ptr<ICvLogger> logger = nullptr);
+    ~CAgentSession() override;
+    CAgentSession(const CAgentSession&) = delete;
+    CAgentSession& operator=(const CAgentSession&) = delete;
+
+    // Opens the pipe. No pipe at all fails at once (Absent); when every instance is taken it
+    // waits for a free one at most `timeoutMs`.
+    SessionStatus Connect(DWORD timeoutMs);
+    // Sends a handshake and checks its answer.
+    SessionStatus Handshake(const agentpipe::HandshakeValues& values, DWORD timeoutMs);
+    // Sends one URL; Sent or NotSent as the service answered.
+    SessionStatus OpenUrl(std::u16string_view url, DWORD timeoutMs);
+    // Connect, handshake and URL in one time limit, then Close.
+    SessionStatus SendUrl(const std::wstring& url, const agentpipe::HandshakeValues& values, DWORD timeoutMs);
+
+    // Raw access for callers that test the service with messages of their own.
+    SessionStatus Write(const void* data, uint32_t length, DWORD timeoutMs);
+    SessionStatus Read(uint32_t length, std::vector<uint8_t>& data, DWORD timeoutMs);
+
+    void Close();
+    bool IsConnected() const { return m_pStream != nullptr; }
+    // The Windows error behind the last status other than Ok, Sent and NotSent (0 when none).
+    DWORD GetError() const { return m_dwError; }
+    const std::wstring& GetPipeName() const { return m_strPipeName; }
+
+private:
+    struct PendingRead;
+
+    SessionStatus Exchange(const std::vector<uint8_t>& message, uint32_t answerType, uint32_t answerLength,
+                           std::vector<uint8_t>& payload, ULONGLONG deadline);
+    SessionStatus WriteUntil(const void* data, uint32_t length, ULONGLONG deadline);
+    SessionStatus ReadUntil(uint32_t length, std::vector<uint8_t>& data, ULONGLONG deadline);
+    SessionStatus Fail(SessionStatus status, DWORD error);
+
+    std::wstring m_strPipeName;
+    std::shared_ptr<CNamedPipeClient> m_pClient;
+    std::shared_ptr<CNamedPipeStream> m_pStream;
+    DWORD m_dwError = 0;
+};
+
+} // namespace agent

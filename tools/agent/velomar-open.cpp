@@ -1,0 +1,227 @@
+// velomar-open: the reference agent. Hands one URL to the velomard service and, when the
+// service cannot take it, opens it on this host with the user's default handler.
+#include "common/DaxException.h"
+#include "common/WideFormat.h"
+#include "pipe/ThreadPool.h"
+#include "tools/agent/AgentOptions.h"
+#include "tools/agent/AgentSession.h"
+#include "tools/agent/BrowserRegistration.h"
+
+#include <windows.h>
+#include <objbase.h>
+#include <shellapi.h>
+
+#include <exception>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace
+{
+
+constexpr wchar_t kProgram[] = L"velomar-open: ";
+
+// One text to stdout or stderr: through the console when it is one, so that any character shows;
+// otherwise as UTF-8 bytes with Windows line ends.
+void Print(DWORD which, const std::wstring& text)
+{
+    const HANDLE out = ::GetStdHandle(which);
+    if (!out || out == INVALID_HANDLE_VALUE)
+        return;
+    DWORD mode = 0;
+    DWORD written = 0;
+    if (::GetConsoleMode(out, &mode))
+    {
+        ::WriteConsoleW(out, text.c_str(), static_cast<DWORD>(text.size()), &written, nullptr);
+        return;
+    }
+    std::wstring lines;
+    lines.reserve(text.size() + 16);
+    for (wchar_t c : text)
+    {
+        if (c == L'\n')
+            lines += L'\r';
+        lines += c;
+    }
+    const int size = ::WideCharToMultiByte(CP_UTF8, 0, lines.c_str(), static_cast<int>(lines.size()), nullptr, 0,
+                                           nullptr, nullptr);
+    if (size <= 0)
+        return;
+    std::string bytes(static_cast<size_t>(size), '\0');
+    ::WideCharToMultiByte(CP_UTF8, 0, lines.c_str(), static_cast<int>(lines.size()), bytes.data(), size, nullptr,
+                          nullptr);
+    ::WriteFile(out, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+}
+
+void PrintError(const std::wstring& line)
+{
+    Print(STD_ERROR_HANDLE, kProgram + line + L"\n");
+}
+
+std::wstring OwnPath()
+{
+    std::wstring path(MAX_PATH, L'\0');
+    for (;;)
+    {
+        const DWORD length = ::GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()));
+        if (length == 0)
+            return {};
+        if (length < path.size())
+        {
+            path.resize(length);
+            return path;
+        }
+        path.resize(path.size() * 2);
+    }
+}
+
+// The transport runs its work on the process's pool; it lives exactly as long as the session.
+class ScopedThreadPool
+{
+public:
+    ScopedThreadPool()
+    {
+        auto pool = std::make_shared<CThreadPool>(8, nullptr);
+        if (pool->Create())
+        {
+            m_pool = std::move(pool);
+            SetThreadPool(m_pool);
+        }
+    }
+    ~ScopedThreadPool()
+    {
+        if (!m_pool)
+            return;
+        SetThreadPool(nullptr);
+        m_pool->Close();
+    }
+    ScopedThreadPool(const ScopedThreadPool&) = delete;
+    ScopedThreadPool& operator=(const ScopedThreadPool&) = delete;
+    bool Valid() const { return m_pool != nullptr; }
+
+private:
+    std::shared_ptr<CThreadPool> m_pool;
+};
+
+agent::SessionStatus SendToService(const agent::Options& options, DWORD& error)
+{
+    ScopedThreadPool pool;
+    if (!pool.Valid())
+    {
+        error = ::GetLastError();
+        return agent::SessionStatus::Failed;
+    }
+    agent::CAgentSession session;
+    const agent::SessionStatus status = session.SendUrl(options.url, agent::OwnHandshakeValues(), options.timeoutMs);
+    error = session.GetError();
+    return status;
+}
+
+// Waits until the handler has been started: the process ends right after.
+DWORD OpenLocally(const std::wstring& url)
+{
+    const HRESULT com = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED | COINIT_DISABLE_OLE1DDE);
+    SHELLEXECUTEINFOW info{};
+    info.cbSize = sizeof(info);
+    info.fMask = SEE_MASK_NOASYNC | SEE_MASK_FLAG_NO_UI;
+    info.lpVerb = L"open";
+    info.lpFile = url.c_str();
+    info.nShow = SW_SHOWNORMAL;
+    const DWORD error = ::ShellExecuteExW(&info) ? 0 : (::GetLastError() ? ::GetLastError() : ERROR_NO_ASSOCIATION);
+    if (SUCCEEDED(com))
+        ::CoUninitialize();
+    return error;
+}
+
+int OpenUrl(const agent::Options& options)
+{
+    DWORD error = 0;
+    const agent::SessionStatus status = SendToService(options, error);
+    if (status == agent::SessionStatus::Sent)
+        return agent::kExitSent;
+    const std::wstring reason = agent::DescribeStatus(status, error);
+    if (!options.fallback)
+    {
+        PrintError(L"not opened: " + reason);
+        return agent::kExitNotOpened;
+    }
+    const std::wstring scheme = agent::UrlScheme(options.url);
+    const std::wstring self = OwnPath();
+    if (!self.empty() && agent::DefaultHandlerIs(scheme, self))
+    {
+        PrintError(L"not opened: " + reason + L", and the default handler for " + scheme +
+                   L": URLs on this host is velomar-open itself");
+        return agent::kExitNotOpened;
+    }
+    const DWORD shellError = OpenLocally(options.url);
+    if (shellError != 0)
+    {
+        PrintError(L"not opened: " + reason +
+                   daxlib::Format(L", and opening it on this host failed (error %u)", static_cast<unsigned>(shellError)));
+        return agent::kExitNotOpened;
+    }
+    PrintError(L"opened on this host: " + reason);
+    return agent::kExitOpenedLocally;
+}
+
+int Registration(agent::Action action)
+{
+    const std::wstring self = OwnPath();
+    const LSTATUS status = self.empty() ? static_cast<LSTATUS>(::GetLastError())
+                           : action == agent::Action::Register
+                               ? agent::RegisterAsBrowser(HKEY_CURRENT_USER, L"Software", self)
+                               : agent::UnregisterAsBrowser(HKEY_CURRENT_USER, L"Software");
+    if (status != ERROR_SUCCESS)
+    {
+        PrintError(daxlib::Format(action == agent::Action::Register ? L"registration failed (error %ld)"
+                                                                     : L"unregistration failed (error %ld)",
+                                  static_cast<long>(status)));
+        return agent::kExitRegistration;
+    }
+    return agent::kExitSent;
+}
+
+int Run(int argc, wchar_t** argv)
+{
+    std::vector<std::wstring> args;
+    for (int i = 1; i < argc; ++i)
+        args.emplace_back(argv[i]);
+    const agent::ParseResult parsed = agent::ParseCommandLine(args);
+    if (parsed.exitCode != agent::kExitSent)
+    {
+        PrintError(parsed.error);
+        return parsed.exitCode;
+    }
+    switch (parsed.options.action)
+    {
+    case agent::Action::Help:
+        Print(STD_OUTPUT_HANDLE, agent::HelpText());
+        return agent::kExitSent;
+    case agent::Action::Register:
+    case agent::Action::Unregister:
+        return Registration(parsed.options.action);
+    case agent::Action::OpenUrl:
+        break;
+    }
+    return OpenUrl(parsed.options);
+}
+
+} // namespace
+
+int wmain(int argc, wchar_t** argv)
+{
+    try
+    {
+        return Run(argc, argv);
+    }
+    catch (daxlib::CDaxException* raw)
+    {
+        daxlib::DaxExceptionPtr e(raw);
+        PrintError(L"internal error");
+    }
+    catch (const std::exception&)
+    {
+        PrintError(L"internal error");
+    }
+    return agent::kExitNotOpened;
+}
