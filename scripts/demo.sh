@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
 # The service's main job, end to end, in a private Wine prefix: register "velomard" with the
-# service control manager, start it, show its live log, stop it, and show that it reported
-# stopped and that its process ended.
+# service control manager beside the stand-in channel library, start it, hand it a URL with the
+# reference agent, show what the client side of session 1 received and the service's log, stop
+# it, and show that it reported stopped and that its process ended.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
 scripts/setup.sh
 
 cmake --preset mingw >/dev/null
-cmake --build --preset mingw --target velomard
+cmake --build --preset mingw --target velomard velomar-open velomar_skein_standin
 
 prefix="$root/build/mingw/demo-wineprefix"
 export WINEPREFIX="$prefix" WINEDEBUG=-all
@@ -21,14 +22,21 @@ state() { sc query velomard | awk '/STATE/ {print $4; exit}'; }
 # Linux ids of the Wine process that runs the service executable (read-only look at /proc).
 service_pids() {
   for d in /proc/[0-9]*; do
-    tr '\0' ' ' <"$d/cmdline" 2>/dev/null | grep -q 'velomar\\velomard.exe' && echo "${d#/proc/}"
+    { tr '\0' ' ' <"$d/cmdline"; } 2>/dev/null | grep -q 'velomar\\velomard.exe' && echo "${d#/proc/}"
   done
   return 0
 }
 
 install_dir="$prefix/drive_c/velomar"
 mkdir -p "$install_dir"
-cp build/mingw/service/velomard.exe "$install_dir/"
+cp build/mingw/service/velomard.exe build/mingw/tools/agent/velomar-open.exe "$install_dir/"
+# The stand-in channel library, where the service looks for the real one. With no scenario it
+# opens session 1 with an accepting client side that writes every URL it receives to a file.
+skein_dir="$prefix/drive_c/Program Files/Common Files/Corvane/Skein 3"
+mkdir -p "$skein_dir"
+cp build/mingw/tools/skein/cvskapi.dll "$skein_dir/"
+received="$prefix/drive_c/ProgramData/Corvane/Skein Standin/received.txt"
+rm -f "$received"
 logdir="$prefix/drive_c/ProgramData/Corvane/Velomar (Server)"
 rm -rf "$logdir"
 
@@ -45,10 +53,23 @@ sc query velomard
 pid=$(service_pids | head -n 1)
 echo "service process (Linux id): ${pid:-not found}"
 
-for _ in $(seq 1 50); do [ -s "$logdir/velomard.txt" ] && break; sleep 0.1; done
-sleep 0.5
+# The session handler connects and handshakes with the client side right after start-up.
+url='https://example.test/velomar?demo=1&q=caf\u00e9'
+url=$(printf '%b' "$url")
+echo "== velomar-open --no-fallback '$url'"
+status=1
+for _ in $(seq 1 20); do
+  if wine 'C:\velomar\velomar-open.exe' --no-fallback "$url"; then status=0; break; fi
+  sleep 0.5
+done
+echo "velomar-open exit code: $status (0: the service sent it to the client side)"
+for _ in $(seq 1 50); do [ -s "$received" ] && break; sleep 0.1; done
+echo "== the client side of session 1 received:"
+cat "$received" 2>/dev/null || echo "(nothing)"
+
+sleep 0.3
 echo "== live log: $logdir/velomard.txt (UTF-16LE, decoded)"
-iconv -f UTF-16LE -t UTF-8 "$logdir/velomard.txt" | tr -d '\r'
+iconv -f UTF-16LE -t UTF-8 "$logdir/velomard.txt" | tr -d '\r' | grep -v -E 'SkReadData\(Header\)' | head -n 40
 
 echo "== stopping it"
 sc stop velomard
