@@ -1,0 +1,247 @@
+// Hostile clients on the agent pipe while well-behaved agents work: the agents keep getting
+// right answers, every URL they were told was sent reaches the client side exactly once, and
+// once the hostile clients have gone the service holds no more handles or threads than before.
+#include "tests/e2e/E2eTestSupport.h"
+
+#include "pipeserver/AgentProtocol.h"
+#include "tests/common/TestSupport.h"
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+using namespace e2e;
+
+namespace
+{
+
+struct Results
+{
+    std::mutex mutex;
+    std::vector<std::string> sent; // answered 0
+    std::vector<std::string> failures;
+
+    void Sent(const std::string& url)
+    {
+        std::lock_guard lock(mutex);
+        sent.push_back(url);
+    }
+    void Failed(const std::string& what)
+    {
+        std::lock_guard lock(mutex);
+        failures.push_back(what);
+    }
+};
+
+std::u16string Widen(const std::string& text)
+{
+    return std::u16string(text.begin(), text.end());
+}
+
+// A well-behaved agent: one connection, a handshake, then URLs until told to stop (and at
+// least `minimum` of them); each must be answered 0.
+void Agent(int id, int minimum, const std::atomic<bool>& enough, Results& results)
+{
+    AgentPipe agent;
+    if (!agent.Connect(30s) || !agent.Handshake(static_cast<uint32_t>(id), 0))
+        return results.Failed("agent " + std::to_string(id) + " could not connect and shake hands");
+    for (int i = 0; i < minimum || !enough.load(); ++i)
+    {
+        const std::string url = "https://example.com/agent/" + std::to_string(id) + "/" + std::to_string(i);
+        const auto answer = agent.OpenUrl(Widen(url), 30s);
+        if (answer == 0u)
+            results.Sent(url);
+        else
+            return results.Failed(url + (answer ? " answered " + std::to_string(*answer) : " not answered"));
+    }
+}
+
+// A slow but correct agent: every byte its own write.
+void Trickler(int round, Results& results)
+{
+    AgentPipe agent;
+    if (!agent.Connect(30s))
+        return results.Failed("trickler could not connect");
+    const std::string url = "https://example.com/trickle/" + std::to_string(round);
+    std::vector<uint8_t> bytes = agentpipe::EncodeHandshake({1, 2});
+    const auto open = agentpipe::EncodeOpenUrl(Widen(url));
+    bytes.insert(bytes.end(), open.begin(), open.end());
+    for (uint8_t byte : bytes)
+        if (!agent.Write(&byte, 1))
+            return results.Failed("trickler write");
+    uint8_t answers[24 + 12] = {};
+    if (!agent.ReadExact(answers, sizeof(answers), 30s))
+        return results.Failed("trickler got no answers");
+    const auto handshake = agentpipe::EncodeHandshakeAnswer();
+    const auto sent = agentpipe::EncodeOpenUrlAnswer(agentpipe::kResultSent);
+    if (std::equal(handshake.begin(), handshake.end(), answers) && std::equal(sent.begin(), sent.end(), answers + 24))
+        results.Sent(url);
+    else
+        results.Failed("trickler got wrong answers");
+}
+
+// Headers that are never answered: unknown types, lengths that are never sent in full, lengths
+// over the service's limit.
+void Garbage(std::mt19937& random, Results& results)
+{
+    AgentPipe client;
+    if (!client.Connect(30s))
+        return results.Failed("garbage client could not connect");
+    std::vector<uint8_t> bytes(8 + 24);
+    for (auto& b : bytes)
+        b = static_cast<uint8_t>(random());
+    agentpipe::StoreU32(bytes.data(), 2 + random() % 0xFFFFFF00u); // never a handshake or a URL
+    agentpipe::StoreU32(bytes.data() + 4, 24);
+    bytes.resize(bytes.size() + 8);
+    agentpipe::StoreU32(bytes.data() + 32, 0x41414141u);
+    agentpipe::StoreU32(bytes.data() + 36, static_cast<uint32_t>(random()));
+    client.Write(bytes);
+    if (!client.NothingArrives(20ms))
+        results.Failed("garbage was answered");
+}
+
+// A payload length far beyond what follows, then away; over 1 MiB the service hangs up first.
+void Oversized(bool overLimit, Results& results)
+{
+    AgentPipe client;
+    if (!client.Connect(30s))
+        return results.Failed("oversized client could not connect");
+    std::vector<uint8_t> bytes(8 + 100, 0x61);
+    agentpipe::StoreU32(bytes.data(), agentpipe::kTypeOpenUrl);
+    agentpipe::StoreU32(bytes.data() + 4, overLimit ? 0x7FFFFFF0u : 1024u * 1024u);
+    client.Write(bytes);
+    if (overLimit && !client.ClosedByPeer(10s))
+        results.Failed("a payload over 1 MiB did not close the connection");
+}
+
+// Many connections held at once, then dropped together.
+void Flood(int count, Results& results)
+{
+    std::vector<AgentPipe> clients(static_cast<size_t>(count));
+    for (auto& client : clients)
+        if (!client.Connect(30s))
+            return results.Failed("flood could not connect");
+}
+
+struct Counts
+{
+    long long handles = 0;
+    long long threads = 0;
+};
+
+Counts Measure(DWORD pid)
+{
+    return {testing_support::CountProcessHandles(pid), testing_support::CountProcessThreads(pid)};
+}
+
+// Runs the agents and hostile clients together until the agents and every hostile kind have
+// done their share.
+void Storm(int agents, int urlsPerAgent, int floodSize, Results& results)
+{
+    std::atomic<bool> enough{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < agents; ++i)
+        threads.emplace_back(Agent, i, urlsPerAgent, std::cref(enough), std::ref(results));
+
+    std::vector<std::function<void(int)>> hostile = {
+        [&](int round) { Trickler(round, results); },
+        [&](int round) {
+            std::mt19937 random(static_cast<unsigned>(round));
+            Garbage(random, results);
+        },
+        [&](int round) { Oversized(round % 2 == 0, results); },
+        [&](int) {
+            AgentPipe vanishing;
+            vanishing.Connect(30s);
+        },
+    };
+    std::atomic<int> kindsDone{0};
+    for (auto& kind : hostile)
+        threads.emplace_back([&, kind] {
+            for (int round = 0; round < 12 || !enough.load(); ++round)
+                kind(round);
+            ++kindsDone;
+        });
+    threads.emplace_back([&] {
+        for (int round = 0; round < 2; ++round)
+            Flood(floodSize, results);
+        ++kindsDone;
+    });
+
+    // The agents go on until every hostile kind has had its rounds.
+    WaitUntil([&] { return kindsDone.load() == static_cast<int>(hostile.size()) + 1; }, 60s, 20ms);
+    enough = true;
+    for (auto& thread : threads)
+        thread.join();
+}
+
+} // namespace
+
+TEST(HostileE2e, AgentsKeepTheirAnswersAndUrlsAndTheServiceGivesEverythingBack)
+{
+    ServiceRun run({});
+    StartRunning(run);
+    const DWORD pid = run.ProcessId();
+
+    // Warm-up: the same storm, smaller, so that pools and buffers have grown before the baseline.
+    Results warmUp;
+    Storm(2, 5, 100, warmUp);
+    ASSERT_TRUE(warmUp.failures.empty()) << warmUp.failures.front();
+    Counts baseline = Measure(pid);
+    ASSERT_GE(baseline.handles, 0);
+    ::Sleep(1000); // let the warm-up's stragglers go; the lowest of the two samples is the baseline
+    const Counts second = Measure(pid);
+    baseline = {std::min(baseline.handles, second.handles), std::min(baseline.threads, second.threads)};
+
+    Results results;
+    Storm(4, 30, 200, results);
+    for (const auto& failure : results.failures)
+        ADD_FAILURE() << failure;
+
+    // Every URL an agent was told was sent arrived exactly once; nothing else arrived.
+    const std::vector<std::string> received = ReceivedUrls(1);
+    std::map<std::string, int> times;
+    for (const auto& url : received)
+        ++times[url];
+    std::set<std::string> known(warmUp.sent.begin(), warmUp.sent.end());
+    for (const auto& url : results.sent)
+    {
+        EXPECT_EQ(1, times[url]) << url;
+        known.insert(url);
+    }
+    for (const auto& [url, count] : times)
+    {
+        EXPECT_TRUE(known.count(url)) << "never sent by an agent: " << url;
+        EXPECT_EQ(1, count) << url;
+    }
+    EXPECT_GE(results.sent.size(), 4u * 30u);
+    EXPECT_EQ(0u, SessionStats(1)["malformed"]);
+
+    // Handles and threads return to the baseline (with a little slack for the pools' idle threads).
+    constexpr long long kHandleSlack = 24;
+    constexpr long long kThreadSlack = 6;
+    Counts now{};
+    const bool back = WaitUntil(
+        [&] {
+            now = Measure(pid);
+            return now.handles <= baseline.handles + kHandleSlack && now.threads <= baseline.threads + kThreadSlack;
+        },
+        30s, 250ms);
+    std::printf("service handles %lld -> %lld, threads %lld -> %lld\n", baseline.handles, now.handles,
+                baseline.threads, now.threads);
+    EXPECT_TRUE(back) << "handles " << now.handles << " (baseline " << baseline.handles << "), threads "
+                      << now.threads << " (baseline " << baseline.threads << ")";
+
+    // And the service still answers a newcomer.
+    AgentPipe late;
+    ASSERT_TRUE(late.Connect());
+    EXPECT_EQ(std::optional<uint32_t>(0), late.OpenUrl(u"https://example.com/after-the-storm"));
+}
