@@ -46,31 +46,35 @@ std::u16string Widen(const std::string& text)
     return std::u16string(text.begin(), text.end());
 }
 
-// A well-behaved agent: one connection, a handshake, then URLs until told to stop (and at
-// least `minimum` of them); each must be answered 0.
+// A well-behaved agent: one connection, a handshake, then URLs until told to stop (at least
+// `minimum`, at most kMaxUrlsPerAgent of them, paced so that the storm is met all along); each
+// must be answered 0.
+constexpr int kMaxUrlsPerAgent = 250; // the client side's URL list must fit one control reply
 void Agent(int id, int minimum, const std::atomic<bool>& enough, Results& results)
 {
     AgentPipe agent;
     if (!agent.Connect(30s) || !agent.Handshake(static_cast<uint32_t>(id), 0))
         return results.Failed("agent " + std::to_string(id) + " could not connect and shake hands");
-    for (int i = 0; i < minimum || !enough.load(); ++i)
+    for (int i = 0; (i < minimum || !enough.load()) && i < kMaxUrlsPerAgent; ++i)
     {
-        const std::string url = "https://example.com/agent/" + std::to_string(id) + "/" + std::to_string(i);
+        const std::string url = "https://e.x/" + std::to_string(id) + "/" + std::to_string(i);
         const auto answer = agent.OpenUrl(Widen(url), 30s);
         if (answer == 0u)
             results.Sent(url);
         else
             return results.Failed(url + (answer ? " answered " + std::to_string(*answer) : " not answered"));
+        ::Sleep(5);
     }
 }
 
 // A slow but correct agent: every byte its own write.
-void Trickler(int round, Results& results)
+std::atomic<int> g_trickles{0};
+void Trickler(Results& results)
 {
     AgentPipe agent;
     if (!agent.Connect(30s))
         return results.Failed("trickler could not connect");
-    const std::string url = "https://example.com/trickle/" + std::to_string(round);
+    const std::string url = "https://e.x/trickle/" + std::to_string(++g_trickles);
     std::vector<uint8_t> bytes = agentpipe::EncodeHandshake({1, 2});
     const auto open = agentpipe::EncodeOpenUrl(Widen(url));
     bytes.insert(bytes.end(), open.begin(), open.end());
@@ -144,15 +148,15 @@ Counts Measure(DWORD pid)
 
 // Runs the agents and hostile clients together until the agents and every hostile kind have
 // done their share.
-void Storm(int agents, int urlsPerAgent, int floodSize, Results& results)
+void Storm(int firstAgent, int agents, int urlsPerAgent, int floodSize, Results& results)
 {
     std::atomic<bool> enough{false};
     std::vector<std::thread> threads;
     for (int i = 0; i < agents; ++i)
-        threads.emplace_back(Agent, i, urlsPerAgent, std::cref(enough), std::ref(results));
+        threads.emplace_back(Agent, firstAgent + i, urlsPerAgent, std::cref(enough), std::ref(results));
 
     std::vector<std::function<void(int)>> hostile = {
-        [&](int round) { Trickler(round, results); },
+        [&](int) { Trickler(results); },
         [&](int round) {
             std::mt19937 random(static_cast<unsigned>(round));
             Garbage(random, results);
@@ -193,7 +197,7 @@ TEST(HostileE2e, AgentsKeepTheirAnswersAndUrlsAndTheServiceGivesEverythingBack)
 
     // Warm-up: the same storm, smaller, so that pools and buffers have grown before the baseline.
     Results warmUp;
-    Storm(2, 5, 100, warmUp);
+    Storm(100, 2, 5, 100, warmUp);
     ASSERT_TRUE(warmUp.failures.empty()) << warmUp.failures.front();
     Counts baseline = Measure(pid);
     ASSERT_GE(baseline.handles, 0);
@@ -202,7 +206,7 @@ TEST(HostileE2e, AgentsKeepTheirAnswersAndUrlsAndTheServiceGivesEverythingBack)
     baseline = {std::min(baseline.handles, second.handles), std::min(baseline.threads, second.threads)};
 
     Results results;
-    Storm(4, 30, 200, results);
+    Storm(0, 4, 30, 200, results);
     for (const auto& failure : results.failures)
         ADD_FAILURE() << failure;
 
