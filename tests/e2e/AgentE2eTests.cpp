@@ -127,33 +127,40 @@ TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
     EXPECT_LT(two, one);
 }
 
-// Clients that leave before the service has made a handler for them leave nothing behind, and
-// the agents after them are served.
-TEST(AgentE2e, ClientsThatVanishBeforeTheirHandlerAreIgnored)
+// Clients that leave around the moment the service takes them up, some before it has made
+// their handler, leave nothing behind, and the agents after them are served. Which of them hit
+// that moment cannot be forced from outside; the test holds each for a different short while.
+TEST(AgentE2e, ClientsThatVanishAroundTheirConnectAreIgnored)
 {
     ServiceRun run(ServiceOptions().LogLevel(3));
     StartRunning(run);
 
-    constexpr int kVanishing = 40;
+    constexpr int kVanishing = 60;
     for (int i = 0; i < kVanishing; ++i)
     {
         AgentPipe gone;
         ASSERT_TRUE(gone.Connect());
+        ::Sleep(static_cast<DWORD>(i % 4)); // not for correctness: spreads the moments of leaving
     }
     AgentPipe agent;
     ASSERT_TRUE(agent.Connect());
     EXPECT_EQ(std::optional<uint32_t>(0), agent.OpenUrl(u"https://example.com/after-the-vanished"));
+    const std::wstring log = WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s,
+                                        CountOf(ReadLog(), L"client connected: h = 0x") - 1);
     agent.Close();
 
-    const std::wstring log = WaitForLog(L"CPipeServer::OnDisconnectedChannel", 20s, kVanishing + 1);
-    EXPECT_EQ(static_cast<size_t>(kVanishing + 1), CountOf(log, L"client connected: h = 0x"));
-    EXPECT_EQ(static_cast<size_t>(kVanishing + 1), CountOf(log, L"CPipeServer::OnDisconnectedChannel"));
-    const size_t early = CountOf(log, L"client just disconnected: h = 0x");
-    const size_t unattached = CountOf(log, L"Unable attach stream to pipe");
-    std::printf("%zu of %d left before their handler was made, %zu before their stream was attached\n", early,
-                kVanishing, unattached);
-    EXPECT_GT(early + unattached, 0u) << "no client was ever caught between connect and handler";
+    // Every connection the service saw is also seen to go, whether or not it got a handler.
+    const std::wstring after =
+        WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, CountOf(log, L"client connected: h = 0x"));
+    const size_t connected = CountOf(after, L"client connected: h = 0x");
+    EXPECT_EQ(connected, CountOf(after, L"CPipeServer::OnDisconnectedChannel"));
+    std::printf("%zu of %d connects seen; %zu left before their handler, %zu before their stream was attached\n",
+                connected, kVanishing + 1, CountOf(after, L"client just disconnected: h = 0x"),
+                CountOf(after, L"Unable attach stream to pipe"));
     EXPECT_EQ(std::vector<std::string>{"https://example.com/after-the-vanished"}, ReceivedUrls(1));
+    AgentPipe late;
+    ASSERT_TRUE(late.Connect());
+    EXPECT_EQ(std::optional<uint32_t>(0), late.OpenUrl(u"https://example.com/later"));
 }
 
 // Without a client side the service answers 1 and keeps trying; the URLs answered 1 never arrive,
