@@ -5,6 +5,7 @@
 
 #include "pipeserver/AgentProtocol.h"
 
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>

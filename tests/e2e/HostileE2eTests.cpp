@@ -6,6 +6,7 @@
 #include "pipeserver/AgentProtocol.h"
 #include "tests/common/TestSupport.h"
 
+#include <cstdio>
 #include <algorithm>
 #include <atomic>
 #include <functional>

@@ -6,6 +6,7 @@
 
 #include "pipeserver/AgentProtocol.h"
 
+#include <cstdio>
 #include <map>
 #include <string>
 #include <vector>
