@@ -1,11 +1,57 @@
 #include "service/StartupComposition.h"
 
+#include "log/CvLogger.h"
+#include "pipe/ThreadPool.h"
+#include "pipeserver/PipeServer.h"
+#include "service/ServiceConfig.h"
+#include "virt/VirtServer.h"
+
+#include <mutex>
+
 namespace service
 {
 
-void RunStartupComposition(const std::shared_ptr<CCvLogger>& /*logger*/)
+namespace
 {
-    // The service host alone has no servers to create yet.
+std::mutex g_slotLock;
+std::shared_ptr<CVirtServer> g_virtServer;
+std::shared_ptr<CPipeServer> g_pipeServer;
+} // namespace
+
+std::shared_ptr<CVirtServer> GetVirtServer()
+{
+    std::lock_guard lock(g_slotLock);
+    return g_virtServer;
+}
+
+std::shared_ptr<CPipeServer> GetPipeServer()
+{
+    std::lock_guard lock(g_slotLock);
+    return g_pipeServer;
+}
+
+void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
+{
+    SetThreadPool(std::make_shared<CThreadPool>(kThreadPoolMaximum, logger));
+
+    auto virtServer = std::make_shared<CVirtServer>(logger);
+    {
+        std::lock_guard lock(g_slotLock);
+        g_virtServer = virtServer;
+    }
+    auto pipeServer = std::make_shared<CPipeServer>(logger);
+    pipeServer->SetUrlSender([](uint32_t sessionId, const std::wstring& url) {
+        auto server = GetVirtServer();
+        return server ? server->SendURL(sessionId, url) : 0;
+    });
+    {
+        std::lock_guard lock(g_slotLock);
+        g_pipeServer = pipeServer;
+    }
+
+    // Neither result stops the service; each server logs its own failures.
+    virtServer->Init();
+    pipeServer->Start();
 }
 
 } // namespace service

@@ -2,12 +2,19 @@
 #include <memory>
 
 class CCvLogger;
+class CVirtServer;
+class CPipeServer;
 
 namespace service
 {
 
-// Creates the process-wide objects in their fixed order and starts the servers. Throws when an
-// object cannot be constructed; a server that fails to start does not stop the service.
+// Creates the process-wide objects in their fixed order (thread pool, virtual-channel server,
+// agent pipe server) and starts the two servers. Throws when an object cannot be constructed;
+// a server that fails to start does not stop the service: without the channel library agents
+// are still served, and their URLs are answered as not sent.
 void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger);
+
+std::shared_ptr<CVirtServer> GetVirtServer();
+std::shared_ptr<CPipeServer> GetPipeServer();
 
 } // namespace service

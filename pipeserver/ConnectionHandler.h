@@ -1,0 +1,66 @@
+#pragma once
+// One connected agent: the stream to answer on, the header of the message being read, the
+// client's process and session, and the values of the agent's last handshake.
+#include "common/BaseItem.h"
+
+#include <windows.h>
+#include "pipeserver/AgentProtocol.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+class CNamedPipeServerStream;
+class CPipeServerRequest;
+
+// Sends a URL to the client side of a session; nonzero when it was written to its channel.
+using UrlSender = std::function<int(uint32_t sessionId, const std::wstring& url)>;
+
+// What the service knows of a new connection. The texts and the shared reference stay empty.
+struct ConnectionInformation
+{
+    uint32_t dwClientProcessId = 0;
+    uint32_t dwClientSessionId = 0; // the only session the agent's URLs go to
+    std::wstring strText;
+    std::shared_ptr<void> pShared;
+    std::wstring strText2;
+    std::wstring strText3;
+};
+
+class CConnectionHandler : public IBaseItem
+{
+public:
+    CConnectionHandler(std::shared_ptr<ICvLogger> logger, std::shared_ptr<CNamedPipeServerStream> stream,
+                       const ConnectionInformation& information, UrlSender sendUrl);
+    ~CConnectionHandler() override;
+    CConnectionHandler(const CConnectionHandler&) = delete;
+    CConnectionHandler& operator=(const CConnectionHandler&) = delete;
+
+    int Start() override { return 1; }
+    int Stop() override { return 1; }
+
+    // Takes the 8 bytes as the current header; anything else keeps the old one.
+    bool SetHeader(const unsigned char* buffer, unsigned long bytes);
+    const agentpipe::MessageHeader& Header() const noexcept { return m_header; }
+    // Handles one message whose header was set before; answers through SendReply.
+    void ProcessMessage(const unsigned char* buffer, unsigned long bytes);
+    // The blocking write of one answer; failures are logged by the transport.
+    BOOL SendReply(const void* buffer, uint32_t length);
+
+    const std::shared_ptr<CNamedPipeServerStream>& Stream() const noexcept { return m_pStream; }
+    CPipeServerRequest& Request() noexcept { return *m_pRequest; }
+    const ConnectionInformation& Information() const noexcept { return m_information; }
+    uint32_t AgentValueA() const noexcept { return m_dwAgentValueA; }
+    uint64_t AgentValueB() const noexcept { return m_qwAgentValueB; }
+
+private:
+    agentpipe::MessageHeader m_header;
+    std::shared_ptr<CNamedPipeServerStream> m_pStream;
+    ConnectionInformation m_information;
+    uint64_t m_qwAgentValueB = 0;
+    uint32_t m_dwAgentValueA = 0;
+    // Reads and writes of this connection; it outlives every operation it started.
+    std::unique_ptr<CPipeServerRequest> m_pRequest;
+    UrlSender m_sendUrl;
+};

@@ -1,0 +1,275 @@
+#include "pipeserver/PipeServer.h"
+
+#include "common/DaxException.h"
+#include "common/UniqueHandle.h"
+#include "pipe/CallbackHolder.h"
+#include "pipe/NamedPipeServer.h"
+#include "pipe/PipeRequest.h"
+#include "pipe/SignalQueueThread.h"
+#include "pipe/attributes.h"
+
+#include <psapi.h>
+
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+namespace
+{
+// Shared by every pipe server of the process and never reset, not even by Stop and Start.
+std::atomic<uint64_t> g_channelCounter{1};
+
+using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*);
+} // namespace
+
+CPipeServer::CPipeServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName)
+    : IBaseItem(std::move(logger)), m_pipeName(std::move(pipeName))
+{
+}
+
+CPipeServer::~CPipeServer()
+{
+    Stop();
+}
+
+void CPipeServer::SetUrlSender(UrlSender sender)
+{
+    std::lock_guard lock(m_senderLock);
+    m_sendUrl = std::move(sender);
+}
+
+int CPipeServer::Start()
+{
+    try
+    {
+        if (!m_pConnectQueue)
+        {
+            auto handler = MakeMemberCallback<int(NewConnectData&)>(this, &CPipeServer::InitConnectionHandler);
+            auto queue = std::make_shared<CSignalQueueThread<NewConnectData>>(handler, GetLogger());
+            if (!queue->Start())
+                return 0;
+            m_pConnectQueue = std::move(queue);
+        }
+        if (!m_pNamedPipeServer)
+        {
+            auto attributes = std::make_shared<CDaxSecattrLocalLI>();
+            auto server = std::make_shared<CNamedPipeServer>(m_pipeName, 255, 3, attributes, GetLogger());
+            server->SetSelf(server);
+            m_pNamedPipeServer = std::move(server);
+        }
+        auto onConnected =
+            MakeMemberCallback<void(void*, unsigned long long, void*)>(this, &CPipeServer::OnConnectedChannel);
+        auto onDisconnected =
+            MakeMemberCallback<void(void*, unsigned long long, void*)>(this, &CPipeServer::OnDisconnectedChannel);
+        Log(LogLevel::Info, L"CPipeServer::Start: (51)", L"waiting for connections...");
+        if (!m_pNamedPipeServer->BeginWaitForConnection(onConnected, onDisconnected, nullptr))
+        {
+            Log(LogLevel::Error, L"CPipeServer::Start: (55)", L"BeginWaitForConnection failed");
+            return 0;
+        }
+        return 1;
+    }
+    catch (daxlib::CDaxException* raw)
+    {
+        daxlib::DaxExceptionPtr e(raw);
+        LogDaxException(LogLevel::Error, L"CPipeServer::Start: (60)", *e);
+    }
+    catch (const std::exception& e)
+    {
+        LogStdException(LogLevel::Error, L"CPipeServer::Start: (64)", e);
+    }
+    return 0;
+}
+
+int CPipeServer::Stop()
+{
+    if (auto server = std::move(m_pNamedPipeServer))
+    {
+        server->EndWaitForConnection();
+        server->ResetCallback();
+    }
+    if (auto queue = std::move(m_pConnectQueue))
+        queue->Stop();
+    std::map<uint64_t, std::shared_ptr<CConnectionHandler>> handlers;
+    {
+        std::lock_guard lock(m_tableLock);
+        handlers.swap(m_connections);
+    }
+    for (auto& [id, handler] : handlers)
+        handler->Stop();
+    return 1;
+}
+
+void CPipeServer::OnConnectedChannel(void* h, unsigned long long, void*)
+{
+    Log(LogLevel::Debug, L"CPipeServer::OnConnectedChannel: (92)", L"client connected: h = 0x%p...", h);
+    // Handler creation and the client-id queries run on the queue thread, off the I/O threads.
+    if (auto queue = m_pConnectQueue)
+        queue->Push(NewConnectData{h, GetNextChannelID()});
+}
+
+uint64_t CPipeServer::GetNextChannelID()
+{
+    const uint64_t id = g_channelCounter.fetch_add(1) & 0xFFFFFFFFull;
+    if (id == 0xFFFFFFFFull)
+        Log(LogLevel::Error, L"CPipeServer::GetNextChannelID: (162)", L"%s: Unique identifier counter overflow occurred",
+            GetName().c_str());
+    return id;
+}
+
+void CPipeServer::SetNextChannelIDForTest(uint64_t next)
+{
+    g_channelCounter = next;
+}
+
+int CPipeServer::InitConnectionHandler(NewConnectData& data)
+{
+    auto server = m_pNamedPipeServer;
+    auto stream = server ? server->AttachStream(data.h, data.channelId) : nullptr;
+    if (!stream)
+    {
+        Log(LogLevel::Error, L"CPipeServer::InitConnectionHandler: (108)",
+            L"Unable attach stream to pipe: h = 0x%p. Ignore connection handling.", data.h);
+        return 0;
+    }
+    ConnectionInformation information;
+    information.dwClientProcessId = stream->GetClientProcessId();
+    information.dwClientSessionId = stream->GetClientSessionId();
+    if (!stream->IsConnected())
+    {
+        Log(LogLevel::Debug, L"CPipeServer::InitConnectionHandler: (117)",
+            L"client just disconnected: h = 0x%p. Ignore connection handling.", data.h);
+        return 0;
+    }
+    UrlSender sender;
+    {
+        std::lock_guard lock(m_senderLock);
+        sender = m_sendUrl;
+    }
+    auto handler = std::make_shared<CConnectionHandler>(GetLogger(), stream, information, std::move(sender));
+    {
+        std::lock_guard lock(m_tableLock);
+        m_connections.insert({data.channelId, handler});
+    }
+    // A disconnect reported while the handler was being made found no entry to remove; the
+    // state tells, and the entry goes now instead of living until Stop.
+    if (!stream->IsConnected())
+    {
+        RemoveChannel(data.channelId);
+        return 0;
+    }
+    ReadHeader(handler, data.channelId);
+    return 0;
+}
+
+void CPipeServer::ReadHeader(const std::shared_ptr<CConnectionHandler>& handler, uint64_t channelId)
+{
+    using namespace std::placeholders;
+    handler->Request().ReadAsync(
+        static_cast<uint32_t>(agentpipe::kHeaderSize),
+        MakeGlobalCallback<ReadSignature>(std::bind(&CPipeServer::OnHeaderRead, this, _1, _2, _3, _4, channelId)),
+        new PIPE_OVERLAPPED());
+}
+
+void CPipeServer::ReadBody(const std::shared_ptr<CConnectionHandler>& handler, uint64_t channelId, uint32_t length)
+{
+    using namespace std::placeholders;
+    handler->Request().ReadAsync(
+        length, MakeGlobalCallback<ReadSignature>(std::bind(&CPipeServer::OnBodyRead, this, _1, _2, _3, _4, channelId)),
+        new PIPE_OVERLAPPED());
+}
+
+void CPipeServer::OnHeaderRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
+                               PIPE_OVERLAPPED* overlapped, uint64_t channelId)
+{
+    auto handler = FindHandler(channelId);
+    if (!handler)
+        return; // the request object that owned the record has gone with the handler
+    handler->Request().EndAsync(overlapped);
+    if (error != 0 || !handler->SetHeader(buffer.get(), bytes))
+        return;
+    const uint32_t length = handler->Header().length;
+    if (length > kMaxAgentPayload)
+    {
+        Log(LogLevel::Warning, L"CPipeServer::OnHeaderRead: (201)",
+            L"payload of %u byte(s) refused, ch: <%I64d>. Close connection.", length, channelId);
+        handler->Stream()->Disconnect();
+        return;
+    }
+    if (length == 0)
+    {
+        handler->ProcessMessage(nullptr, 0);
+        ReadHeader(handler, channelId);
+        return;
+    }
+    ReadBody(handler, channelId, length);
+}
+
+void CPipeServer::OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
+                             PIPE_OVERLAPPED* overlapped, uint64_t channelId)
+{
+    auto handler = FindHandler(channelId);
+    if (!handler)
+        return;
+    handler->Request().EndAsync(overlapped);
+    if (error != 0)
+        return;
+    handler->ProcessMessage(buffer.get(), bytes);
+    ReadHeader(handler, channelId);
+}
+
+void CPipeServer::OnDisconnectedChannel(void* h, unsigned long long channelId, void*)
+{
+    Log(LogLevel::Debug, L"CPipeServer::OnDisconnectedChannel: (139)", L"client disconnected: h = 0x%p, ch: <%I64d>...",
+        h, static_cast<long long>(channelId));
+    RemoveChannel(channelId);
+}
+
+void CPipeServer::RemoveChannel(uint64_t channelId)
+{
+    std::shared_ptr<CConnectionHandler> handler;
+    {
+        std::lock_guard lock(m_tableLock);
+        auto it = m_connections.find(channelId);
+        if (it == m_connections.end())
+            return;
+        handler = std::move(it->second);
+        m_connections.erase(it);
+    }
+    // The handler (and its stream) is released here, outside the lock, unless a completion
+    // still holds it.
+}
+
+size_t CPipeServer::ConnectionCount() const
+{
+    std::shared_lock lock(m_tableLock);
+    return m_connections.size();
+}
+
+std::shared_ptr<CConnectionHandler> CPipeServer::FindHandler(uint64_t channelId) const
+{
+    std::shared_lock lock(m_tableLock);
+    auto it = m_connections.find(channelId);
+    return it == m_connections.end() ? nullptr : it->second;
+}
+
+int CPipeServer::GetProcessFile(uint32_t pid, std::wstring& path)
+{
+    daxlib::unique_handle process(::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid));
+    if (!process)
+    {
+        Log(LogLevel::Error, L"CPipeServer::GetProcessFile: (268)", L"OpenProcess failed; pid=%d; GLE=%d",
+            static_cast<int>(pid), static_cast<int>(::GetLastError()));
+        return 0;
+    }
+    wchar_t buffer[MAX_PATH] = {};
+    if (!::K32GetModuleFileNameExW(process.get(), nullptr, buffer, MAX_PATH))
+    {
+        Log(LogLevel::Error, L"CPipeServer::GetProcessFile: (262)", L"GetModuleFileNameExW failed; pid=%d; GLE=%d",
+            static_cast<int>(pid), static_cast<int>(::GetLastError()));
+        return 0;
+    }
+    path = buffer;
+    return 1;
+}
