@@ -1,0 +1,242 @@
+// URLs per second and latency through the running service, from the agent's write to the
+// client side's receipt, with 1, 8 and 64 concurrent agents, beside the raw round trip of the
+// agent pipe (a handshake and its 24-byte answer, against the same service) in the same run.
+//   e2e_bench [URLs per measurement, default 3000] [handshake round trips, default 3000]
+//
+// Receipt: each URL carries the QueryPerformanceCounter value read just before its write. The
+// stand-in's client side appends every URL it receives to its sink file; a watcher thread here
+// polls that file every millisecond and stamps each new line when it sees it. The receipt figure
+// therefore includes up to about a millisecond of polling delay and the stand-in's own file write.
+#include "tests/e2e/E2eHarness.h"
+
+#include "pipeserver/AgentProtocol.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace
+{
+
+using namespace e2e;
+using namespace std::chrono_literals;
+
+double g_ticksPerMicrosecond = 1.0;
+
+long long Now()
+{
+    LARGE_INTEGER value;
+    ::QueryPerformanceCounter(&value);
+    return value.QuadPart;
+}
+
+double Micros(long long ticks)
+{
+    return static_cast<double>(ticks) / g_ticksPerMicrosecond;
+}
+
+double Percentile(std::vector<long long> values, double p)
+{
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    const size_t at = std::min(values.size() - 1, static_cast<size_t>(p * static_cast<double>(values.size())));
+    return Micros(values[at]);
+}
+
+// Follows the sink file from its current end and records, for each URL line that carries a
+// stamp, the ticks from that stamp to the moment the line was seen.
+class SinkWatcher
+{
+public:
+    SinkWatcher()
+    {
+        m_file.reset(::CreateFileW(kSinkFile, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                   nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        LARGE_INTEGER end{};
+        LARGE_INTEGER zero{};
+        if (m_file)
+            ::SetFilePointerEx(m_file.get(), zero, &end, FILE_END);
+        m_thread = std::thread([this] { Run(); });
+    }
+    ~SinkWatcher() { Stop(); }
+
+    void Stop()
+    {
+        m_stop = true;
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+    // Waits until `count` stamped lines have been seen; false when they do not come.
+    bool WaitFor(size_t count, std::chrono::milliseconds limit)
+    {
+        return WaitUntil([&] { std::lock_guard lock(m_mutex); return m_latencies.size() >= count; }, limit, 5ms);
+    }
+    std::vector<long long> Take()
+    {
+        std::lock_guard lock(m_mutex);
+        return std::exchange(m_latencies, {});
+    }
+    bool Valid() const { return m_file.valid(); }
+
+private:
+    void Run()
+    {
+        std::string pending;
+        char chunk[65536];
+        while (!m_stop)
+        {
+            DWORD got = 0;
+            if (!m_file || !::ReadFile(m_file.get(), chunk, sizeof(chunk), &got, nullptr) || got == 0)
+            {
+                ::Sleep(1);
+                continue;
+            }
+            const long long seen = Now();
+            pending.append(chunk, got);
+            size_t start = 0;
+            for (size_t end = pending.find('\n'); end != std::string::npos; end = pending.find('\n', start))
+            {
+                const size_t stamp = pending.rfind("?t=", end);
+                if (stamp != std::string::npos && stamp >= start)
+                {
+                    const long long written = std::strtoll(pending.c_str() + stamp + 3, nullptr, 10);
+                    std::lock_guard lock(m_mutex);
+                    m_latencies.push_back(seen - written);
+                }
+                start = end + 1;
+            }
+            pending.erase(0, start);
+        }
+    }
+
+    daxlib::unique_hfile m_file;
+    std::atomic<bool> m_stop{false};
+    std::mutex m_mutex;
+    std::vector<long long> m_latencies;
+    std::thread m_thread;
+};
+
+struct Round
+{
+    double urlsPerSecond = 0;
+    std::vector<long long> answers; // write to answer, per URL
+    size_t failures = 0;
+};
+
+Round RunAgents(int agents, int totalUrls)
+{
+    Round round;
+    std::mutex mutex;
+    std::atomic<int> ready{0};
+    std::atomic<bool> go{false};
+    const int perAgent = std::max(1, totalUrls / agents);
+    std::vector<std::thread> threads;
+    for (int a = 0; a < agents; ++a)
+        threads.emplace_back([&, a] {
+            AgentPipe agent;
+            const bool connected = agent.Connect(30s) && agent.Handshake();
+            ++ready;
+            while (!go)
+                ::Sleep(0);
+            std::vector<long long> answers;
+            size_t failures = connected ? 0 : static_cast<size_t>(perAgent);
+            for (int i = 0; connected && i < perAgent; ++i)
+            {
+                const long long written = Now();
+                const std::string url =
+                    "https://bench.example/" + std::to_string(a) + "/" + std::to_string(i) + "?t=" +
+                    std::to_string(written);
+                const auto answer = agent.OpenUrl(std::u16string(url.begin(), url.end()), 30s);
+                answers.push_back(Now() - written);
+                failures += answer == 0u ? 0 : 1;
+            }
+            std::lock_guard lock(mutex);
+            round.answers.insert(round.answers.end(), answers.begin(), answers.end());
+            round.failures += failures;
+        });
+    WaitUntil([&] { return ready.load() == agents; }, 60s, 5ms);
+    const long long start = Now();
+    go = true;
+    for (auto& thread : threads)
+        thread.join();
+    const double seconds = Micros(Now() - start) / 1e6;
+    round.urlsPerSecond = static_cast<double>(round.answers.size()) / seconds;
+    return round;
+}
+
+} // namespace
+
+int wmain(int argc, wchar_t** argv)
+{
+    const int urls = argc > 1 ? std::max(64, _wtoi(argv[1])) : 3000;
+    const int roundTrips = argc > 2 ? std::max(10, _wtoi(argv[2])) : 3000;
+    LARGE_INTEGER frequency;
+    ::QueryPerformanceFrequency(&frequency);
+    g_ticksPerMicrosecond = static_cast<double>(frequency.QuadPart) / 1e6;
+
+    ServiceRun run(ServiceOptions{}); // the stand-in's default: session 1, URLs to the sink file
+    if (!run.SetupError().empty())
+        return std::fprintf(stderr, "setup failed\n"), 1;
+    const auto states = run.Start();
+    if (states.empty() || states.back() != SERVICE_RUNNING)
+        return std::fprintf(stderr, "the service did not start\n"), 1;
+    {
+        AgentPipe probe;
+        if (!probe.Connect(30s) ||
+            !WaitUntil([&] { return probe.OpenUrl(u"https://bench.example/warm-up") == 0u; }, 30s, 100ms))
+            return std::fprintf(stderr, "the service does not reach the client side\n"), 1;
+    }
+
+    // The transport alone: handshake round trips on one connection.
+    std::vector<long long> raw;
+    double rawPerSecond = 0;
+    {
+        AgentPipe agent;
+        agent.Connect(30s);
+        for (int i = 0; i < 100; ++i)
+            agent.Handshake();
+        raw.reserve(static_cast<size_t>(roundTrips));
+        const long long start = Now();
+        for (int i = 0; i < roundTrips; ++i)
+        {
+            const long long before = Now();
+            if (!agent.Handshake())
+                return std::fprintf(stderr, "handshake failed\n"), 1;
+            raw.push_back(Now() - before);
+        }
+        rawPerSecond = roundTrips / (Micros(Now() - start) / 1e6);
+        std::printf("agent pipe handshake round trip (1 agent): %.0f/s, p50 %.1f us, p99 %.1f us\n", rawPerSecond,
+                    Percentile(raw, 0.5), Percentile(raw, 0.99));
+    }
+    const double rawP50 = Percentile(raw, 0.5);
+
+    SinkWatcher watcher;
+    if (!watcher.Valid())
+        return std::fprintf(stderr, "cannot read the sink file\n"), 1;
+    std::printf("%7s %10s %12s %12s %12s %12s %14s %14s\n", "agents", "URLs/s", "receipt p50", "receipt p99",
+                "answer p50", "answer p99", "rcpt p50/raw", "URLs/s / raw");
+    for (int agents : {1, 8, 64})
+    {
+        const Round round = RunAgents(agents, urls);
+        const bool complete = watcher.WaitFor(round.answers.size() - round.failures, 30s);
+        const std::vector<long long> receipts = watcher.Take();
+        const double p50 = Percentile(receipts, 0.5);
+        std::printf("%7d %10.0f %10.1fus %10.1fus %10.1fus %10.1fus %14.2f %14.2f%s%s\n", agents,
+                    round.urlsPerSecond, p50, Percentile(receipts, 0.99), Percentile(round.answers, 0.5),
+                    Percentile(round.answers, 0.99), rawP50 > 0 ? p50 / rawP50 : 0.0,
+                    rawPerSecond > 0 ? round.urlsPerSecond / rawPerSecond : 0.0, complete ? "" : "  (receipts missing)",
+                    round.failures ? "  (some URLs answered 1)" : "");
+    }
+    watcher.Stop();
+    run.Stop();
+    return 0;
+}

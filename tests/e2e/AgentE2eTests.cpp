@@ -1,0 +1,212 @@
+// Agents against the running service and the stand-in's client side: the bytes that reach the
+// client side, the answers, the channel ids, the protocol's corner cases, and what happens while
+// the client side is absent or refuses the channel.
+#include "tests/e2e/E2eTestSupport.h"
+
+#include "pipeserver/AgentProtocol.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+using namespace std::chrono_literals;
+using namespace e2e;
+
+namespace
+{
+
+// An open-URL message whose payload ends with the URL's last code unit: no NUL.
+std::vector<uint8_t> OpenUrlWithoutNul(std::u16string_view url)
+{
+    std::vector<uint8_t> message(8 + 4 + 2 * url.size());
+    agentpipe::StoreU32(message.data(), agentpipe::kTypeOpenUrl);
+    agentpipe::StoreU32(message.data() + 4, static_cast<uint32_t>(4 + 2 * url.size()));
+    for (size_t i = 0; i < url.size(); ++i)
+    {
+        message[12 + 2 * i] = static_cast<uint8_t>(url[i] & 0xFF);
+        message[13 + 2 * i] = static_cast<uint8_t>(url[i] >> 8);
+    }
+    return message;
+}
+
+std::string ReadSink()
+{
+    std::string bytes;
+    daxlib::unique_hfile file(::CreateFileW(kSinkFile, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                            OPEN_EXISTING, 0, nullptr));
+    char chunk[65536];
+    DWORD got = 0;
+    while (file && ::ReadFile(file.get(), chunk, sizeof(chunk), &got, nullptr) && got > 0)
+        bytes.append(chunk, got);
+    std::string text;
+    for (char c : bytes)
+        if (c != '\r')
+            text += c;
+    return text;
+}
+
+} // namespace
+
+// One service run at log level 3 carries the cases that need a fresh channel-id counter.
+TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
+{
+    ServiceRun run(ServiceOptions().LogLevel(3));
+    StartRunning(run);
+
+    // Channel 1: the handshake and URLs of every shape, each its own submit, in order.
+    AgentPipe first;
+    ASSERT_TRUE(first.Connect());
+    const auto handshake = agentpipe::EncodeHandshake({0xA1B2C3D4u, 0x1122334455667788ull});
+    ASSERT_TRUE(first.Write(handshake));
+    uint8_t answer[24] = {};
+    ASSERT_TRUE(first.ReadExact(answer, sizeof(answer)));
+    const uint8_t expectedAnswer[24] = {0, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(0, std::memcmp(expectedAnswer, answer, sizeof(answer)));
+
+    std::vector<std::u16string> urls = {u"http://a.b/", u"https://\u4F8B.jp/\U0001F600",
+                                        u"https://example.com/path?q=1&r=%20#frag"};
+    urls.push_back(u"https://example.com/long/" + std::u16string(6000, u'x'));
+    for (int i = 0; i < 20; ++i)
+        urls.push_back(u"https://example.com/seq/" + std::u16string(1, static_cast<char16_t>(u'a' + i)));
+    std::vector<std::string> expected;
+    for (const auto& url : urls)
+    {
+        EXPECT_EQ(std::optional<uint32_t>(0), first.OpenUrl(url)) << ToUtf8(url).substr(0, 60);
+        expected.push_back(ToUtf8(url));
+    }
+
+    // Channel 2: a header of another type with length 0 is consumed without an answer, and a
+    // payload without NUL ends the URL at the payload's end; the reserved word is not read.
+    AgentPipe second;
+    ASSERT_TRUE(second.Connect());
+    uint8_t typeTwo[8] = {2, 0, 0, 0, 0, 0, 0, 0};
+    uint8_t typeNine[8] = {9, 0, 0, 0, 0, 0, 0, 0};
+    ASSERT_TRUE(second.Write(typeTwo, sizeof(typeTwo)));
+    ASSERT_TRUE(second.Write(typeNine, sizeof(typeNine)));
+    EXPECT_TRUE(second.NothingArrives(300ms));
+    auto noNul = OpenUrlWithoutNul(u"https://example.com/no-nul");
+    agentpipe::StoreU32(noNul.data() + 8, 0xFFFFFFFFu);
+    ASSERT_TRUE(second.Write(noNul));
+    uint8_t urlAnswer[12] = {};
+    ASSERT_TRUE(second.ReadExact(urlAnswer, sizeof(urlAnswer)));
+    const uint8_t sent[12] = {1, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(0, std::memcmp(sent, urlAnswer, sizeof(urlAnswer))) << "the first answer is the URL's";
+    expected.push_back("https://example.com/no-nul");
+    // Channel 3: connects, says nothing, goes.
+    AgentPipe third;
+    ASSERT_TRUE(third.Connect());
+
+    EXPECT_EQ(expected, ReceivedUrls(1));
+    const auto stats = SessionStats(1);
+    EXPECT_EQ(expected.size(), stats.at("submits"));
+    EXPECT_EQ(0u, stats.at("malformed"));
+    EXPECT_EQ(0u, stats.at("other"));
+    std::string lines;
+    for (const auto& url : expected)
+        lines += url + "\n";
+    EXPECT_EQ(lines, ReadSink());
+
+    // One at a time, so that the log's order is the order of the disconnects.
+    third.Close();
+    WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, 1);
+    second.Close();
+    WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, 2);
+    first.Close();
+    const std::wstring log = WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, 3);
+    const size_t one = log.find(L"ch: <1>");
+    const size_t two = log.find(L"ch: <2>");
+    const size_t three = log.find(L"ch: <3>");
+    EXPECT_EQ(3u, CountOf(log, L"client connected: h = 0x"));
+    ASSERT_NE(std::wstring::npos, one);
+    ASSERT_NE(std::wstring::npos, two);
+    ASSERT_NE(std::wstring::npos, three);
+    EXPECT_EQ(std::wstring::npos, log.find(L"ch: <0>"));
+    EXPECT_EQ(std::wstring::npos, log.find(L"ch: <4>"));
+    // Disconnected in the opposite order: each id stays with its own connection.
+    EXPECT_LT(three, two);
+    EXPECT_LT(two, one);
+}
+
+// Clients that leave around the moment the service takes them up, some before it has made
+// their handler, leave nothing behind, and the agents after them are served. Which of them hit
+// that moment cannot be forced from outside; the test holds each for a different short while.
+TEST(AgentE2e, ClientsThatVanishAroundTheirConnectAreIgnored)
+{
+    ServiceRun run(ServiceOptions().LogLevel(3));
+    StartRunning(run);
+
+    constexpr int kVanishing = 60;
+    for (int i = 0; i < kVanishing; ++i)
+    {
+        AgentPipe gone;
+        ASSERT_TRUE(gone.Connect());
+        ::Sleep(static_cast<DWORD>(i % 4)); // not for correctness: spreads the moments of leaving
+    }
+    AgentPipe agent;
+    ASSERT_TRUE(agent.Connect());
+    EXPECT_EQ(std::optional<uint32_t>(0), agent.OpenUrl(u"https://example.com/after-the-vanished"));
+    const std::wstring log = WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s,
+                                        CountOf(ReadLog(), L"client connected: h = 0x") - 1);
+    agent.Close();
+
+    // Every connection the service saw is also seen to go, whether or not it got a handler.
+    const std::wstring after =
+        WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, CountOf(log, L"client connected: h = 0x"));
+    const size_t connected = CountOf(after, L"client connected: h = 0x");
+    EXPECT_EQ(connected, CountOf(after, L"CPipeServer::OnDisconnectedChannel"));
+    std::printf("%zu of %d connects seen; %zu left before their handler, %zu before their stream was attached\n",
+                connected, kVanishing + 1, CountOf(after, L"client just disconnected: h = 0x"),
+                CountOf(after, L"Unable attach stream to pipe"));
+    EXPECT_EQ(std::vector<std::string>{"https://example.com/after-the-vanished"}, ReceivedUrls(1));
+    AgentPipe late;
+    ASSERT_TRUE(late.Connect());
+    EXPECT_EQ(std::optional<uint32_t>(0), late.OpenUrl(u"https://example.com/later"));
+}
+
+// Without a client side the service answers 1 and keeps trying; the URLs answered 1 never arrive,
+// the ones after the client side appears do. A refused handshake is final until the session
+// opens again.
+TEST(AgentE2e, AbsentOrRefusingClientSideAnswersOneUntilAChannelIsUp)
+{
+    ServiceRun run(ServiceOptions().Scenario("peer 1 absent\nopen 1 auto 1 E2E desk\n"));
+    StartRunning(run);
+
+    AgentPipe agent;
+    ASSERT_TRUE(agent.Connect());
+    ASSERT_TRUE(agent.Handshake());
+    EXPECT_EQ(std::optional<uint32_t>(1), agent.OpenUrl(u"https://example.com/absent"));
+
+    ASSERT_EQ(0, Skeinctl("peer 1 accept").exitCode);
+    int refused = 0;
+    const bool flowing = WaitUntil(
+        [&] {
+            const auto result = agent.OpenUrl(u"https://example.com/after-absent");
+            refused += result == std::optional<uint32_t>(1);
+            return result == std::optional<uint32_t>(0);
+        },
+        15s, 200ms);
+    ASSERT_TRUE(flowing) << "the service never reconnected to the client side";
+    EXPECT_EQ(std::vector<std::string>{"https://example.com/after-absent"}, ReceivedUrls(1))
+        << "answered 1 " << refused << " times; none of those may arrive";
+
+    // The client side now refuses the version; the next connection fails its handshake.
+    ASSERT_EQ(0, Skeinctl("peer 1 refuse-version").exitCode);
+    const unsigned attemptsBefore = SessionStats(1)["attempts"];
+    ASSERT_EQ(0, Skeinctl("break 1").exitCode);
+    ASSERT_TRUE(WaitUntil([&] { return SessionStats(1)["attempts"] > attemptsBefore; }, 15s, 200ms));
+    EXPECT_EQ(std::optional<uint32_t>(1), agent.OpenUrl(u"https://example.com/refused"));
+    // Final for the session: it stays refused, however long one waits.
+    EXPECT_FALSE(WaitUntil([&] { return SessionStats(1)["attempts"] > attemptsBefore + 1; }, 4s, 500ms));
+    EXPECT_EQ(std::optional<uint32_t>(1), agent.OpenUrl(u"https://example.com/still-refused"));
+
+    // The session opens again with an accepting client side: URLs flow at once.
+    ASSERT_EQ(0, Skeinctl("close 1").exitCode);
+    ASSERT_EQ(0, Skeinctl("peer 1 accept").exitCode);
+    ASSERT_EQ(0, Skeinctl("open 1 auto 1 E2E desk").exitCode);
+    ASSERT_TRUE(WaitUntil([&] { return agent.OpenUrl(u"https://example.com/reopened") == 0u; }, 15s, 200ms));
+    const auto urls = ReceivedUrls(1);
+    ASSERT_FALSE(urls.empty());
+    EXPECT_EQ("https://example.com/reopened", urls.back());
+    EXPECT_EQ(0u, SessionStats(1)["malformed"]);
+}

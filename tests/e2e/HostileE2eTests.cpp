@@ -1,0 +1,258 @@
+// Hostile clients on the agent pipe while well-behaved agents work: the agents keep getting
+// right answers, every URL they were told was sent reaches the client side exactly once, and
+// once the hostile clients have gone the service holds no more handles or threads than before.
+#include "tests/e2e/E2eTestSupport.h"
+
+#include "pipeserver/AgentProtocol.h"
+#include "tests/common/TestSupport.h"
+
+#include <cstdio>
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+using namespace e2e;
+
+namespace
+{
+
+struct Results
+{
+    std::mutex mutex;
+    std::vector<std::string> sent; // answered 0
+    std::vector<std::string> failures;
+
+    void Sent(const std::string& url)
+    {
+        std::lock_guard lock(mutex);
+        sent.push_back(url);
+    }
+    void Failed(const std::string& what)
+    {
+        std::lock_guard lock(mutex);
+        failures.push_back(what);
+    }
+};
+
+std::u16string Widen(const std::string& text)
+{
+    return std::u16string(text.begin(), text.end());
+}
+
+// A well-behaved agent: one connection, a handshake, then URLs until told to stop (at least
+// `minimum`, at most kMaxUrlsPerAgent of them, paced so that the storm is met all along); each
+// must be answered 0.
+constexpr int kMaxUrlsPerAgent = 250; // the client side's URL list must fit one control reply
+void Agent(int id, int minimum, const std::atomic<bool>& enough, Results& results)
+{
+    AgentPipe agent;
+    if (!agent.Connect(30s) || !agent.Handshake(static_cast<uint32_t>(id), 0))
+        return results.Failed("agent " + std::to_string(id) + " could not connect and shake hands");
+    for (int i = 0; (i < minimum || !enough.load()) && i < kMaxUrlsPerAgent; ++i)
+    {
+        const std::string url = "https://e.x/" + std::to_string(id) + "/" + std::to_string(i);
+        const auto answer = agent.OpenUrl(Widen(url), 30s);
+        if (answer == 0u)
+            results.Sent(url);
+        else
+            return results.Failed(url + (answer ? " answered " + std::to_string(*answer) : " not answered"));
+        ::Sleep(5);
+    }
+}
+
+// A slow but correct agent: every byte its own write.
+std::atomic<int> g_trickles{0};
+void Trickler(Results& results)
+{
+    AgentPipe agent;
+    if (!agent.Connect(30s))
+        return results.Failed("trickler could not connect");
+    const std::string url = "https://e.x/trickle/" + std::to_string(++g_trickles);
+    std::vector<uint8_t> bytes = agentpipe::EncodeHandshake({1, 2});
+    const auto open = agentpipe::EncodeOpenUrl(Widen(url));
+    bytes.insert(bytes.end(), open.begin(), open.end());
+    for (uint8_t byte : bytes)
+        if (!agent.Write(&byte, 1))
+            return results.Failed("trickler write");
+    uint8_t answers[24 + 12] = {};
+    if (!agent.ReadExact(answers, sizeof(answers), 30s))
+        return results.Failed("trickler got no answers");
+    const auto handshake = agentpipe::EncodeHandshakeAnswer();
+    const auto sent = agentpipe::EncodeOpenUrlAnswer(agentpipe::kResultSent);
+    if (std::equal(handshake.begin(), handshake.end(), answers) && std::equal(sent.begin(), sent.end(), answers + 24))
+        results.Sent(url);
+    else
+        results.Failed("trickler got wrong answers");
+}
+
+// Headers that are never answered: unknown types, lengths that are never sent in full, lengths
+// over the service's limit.
+void Garbage(std::mt19937& random, Results& results)
+{
+    AgentPipe client;
+    if (!client.Connect(30s))
+        return results.Failed("garbage client could not connect");
+    std::vector<uint8_t> bytes(8 + 24);
+    for (auto& b : bytes)
+        b = static_cast<uint8_t>(random());
+    agentpipe::StoreU32(bytes.data(), 2 + random() % 0xFFFFFF00u); // never a handshake or a URL
+    agentpipe::StoreU32(bytes.data() + 4, 24);
+    bytes.resize(bytes.size() + 8);
+    agentpipe::StoreU32(bytes.data() + 32, 0x41414141u);
+    agentpipe::StoreU32(bytes.data() + 36, static_cast<uint32_t>(random()));
+    client.Write(bytes);
+    if (!client.NothingArrives(20ms))
+        results.Failed("garbage was answered");
+}
+
+// A payload length far beyond what follows, then away; over 1 MiB the service hangs up first.
+void Oversized(bool overLimit, Results& results)
+{
+    AgentPipe client;
+    if (!client.Connect(30s))
+        return results.Failed("oversized client could not connect");
+    std::vector<uint8_t> bytes(8 + 100, 0x61);
+    agentpipe::StoreU32(bytes.data(), agentpipe::kTypeOpenUrl);
+    agentpipe::StoreU32(bytes.data() + 4, overLimit ? 0x7FFFFFF0u : 1024u * 1024u);
+    client.Write(bytes);
+    if (overLimit && !client.ClosedByPeer(10s))
+        results.Failed("a payload over 1 MiB did not close the connection");
+}
+
+// Many connections held at once, then dropped together.
+void Flood(int count, Results& results)
+{
+    std::vector<AgentPipe> clients(static_cast<size_t>(count));
+    for (auto& client : clients)
+        if (!client.Connect(30s))
+            return results.Failed("flood could not connect");
+}
+
+struct Counts
+{
+    long long handles = 0;
+    long long threads = 0;
+};
+
+Counts Measure(DWORD pid)
+{
+    return {testing_support::CountProcessHandles(pid), testing_support::CountProcessThreads(pid)};
+}
+
+// Runs the agents and the hostile clients together; the agents go on until every hostile kind
+// has had its rounds.
+constexpr int kHostileRounds = 12;
+void Storm(int firstAgent, int agents, int urlsPerAgent, int floodSize, Results& results)
+{
+    std::atomic<bool> enough{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < agents; ++i)
+        threads.emplace_back(Agent, firstAgent + i, urlsPerAgent, std::cref(enough), std::ref(results));
+
+    std::vector<std::function<void(int)>> hostile = {
+        [&](int) { Trickler(results); },
+        [&](int round) {
+            std::mt19937 random(static_cast<unsigned>(round));
+            Garbage(random, results);
+        },
+        [&](int round) { Oversized(round % 2 == 0, results); },
+        [&](int) {
+            AgentPipe vanishing;
+            vanishing.Connect(30s);
+        },
+    };
+    std::atomic<int> kindsDone{0};
+    for (auto& kind : hostile)
+        threads.emplace_back([&, kind] {
+            for (int round = 0; round < kHostileRounds; ++round)
+                kind(round);
+            ++kindsDone;
+        });
+    threads.emplace_back([&] {
+        for (int round = 0; round < 2; ++round)
+            Flood(floodSize, results);
+        ++kindsDone;
+    });
+
+    // The agents go on until every hostile kind has had its rounds.
+    WaitUntil([&] { return kindsDone.load() == static_cast<int>(hostile.size()) + 1; }, 60s, 20ms);
+    enough = true;
+    for (auto& thread : threads)
+        thread.join();
+}
+
+} // namespace
+
+TEST(HostileE2e, AgentsKeepTheirAnswersAndUrlsAndTheServiceGivesEverythingBack)
+{
+    ServiceRun run({});
+    StartRunning(run);
+    const DWORD pid = run.ProcessId();
+
+    // The baseline: the service with its channel up and one agent served.
+    {
+        AgentPipe first;
+        ASSERT_TRUE(first.Connect());
+        ASSERT_TRUE(WaitUntil([&] { return first.OpenUrl(u"https://e.x/first") == 0u; }, 15s, 100ms));
+    }
+    std::set<std::string> known = {"https://e.x/first"};
+    Counts baseline{};
+    ASSERT_TRUE(WaitUntil([&] { baseline = Measure(pid); return baseline.handles > 0; }, 5s));
+
+    // Warm-up: the same storm, smaller, so that the storm proper meets grown pools and buffers.
+    Results warmUp;
+    Storm(100, 2, 5, 100, warmUp);
+    ASSERT_TRUE(warmUp.failures.empty()) << warmUp.failures.front();
+    const Counts warm = Measure(pid);
+
+    Results results;
+    Storm(0, 4, 30, 200, results);
+    for (const auto& failure : results.failures)
+        ADD_FAILURE() << failure;
+
+    // Every URL an agent was told was sent arrived exactly once; nothing else arrived.
+    const std::vector<std::string> received = ReceivedUrls(1);
+    std::map<std::string, int> times;
+    for (const auto& url : received)
+        ++times[url];
+    known.insert(warmUp.sent.begin(), warmUp.sent.end());
+    known.insert(results.sent.begin(), results.sent.end());
+    std::vector<std::string> wrong; // sent but not received once, or received but never sent once
+    for (const auto& url : known)
+        if (times[url] != 1)
+            wrong.push_back(url + " received " + std::to_string(times[url]) + " times");
+    for (const auto& [url, count] : times)
+        if (!known.count(url))
+            wrong.push_back(url + " received but never sent");
+    EXPECT_TRUE(wrong.empty()) << wrong.size() << " wrong, first: " << wrong.front();
+    EXPECT_GE(results.sent.size(), 4u * 30u);
+    EXPECT_EQ(0u, SessionStats(1)["malformed"]);
+
+    // Handles and threads return to the baseline (with a little slack for the pools' idle threads).
+    constexpr long long kHandleSlack = 24;
+    constexpr long long kThreadSlack = 6;
+    Counts now{};
+    const bool back = WaitUntil(
+        [&] {
+            now = Measure(pid);
+            return now.handles <= baseline.handles + kHandleSlack && now.threads <= baseline.threads + kThreadSlack;
+        },
+        30s, 250ms);
+    std::printf("service handles %lld, after warm-up %lld, at the end %lld; threads %lld, %lld, %lld\n",
+                baseline.handles, warm.handles, now.handles, baseline.threads, warm.threads, now.threads);
+    EXPECT_TRUE(back) << "handles " << now.handles << " (baseline " << baseline.handles << "), threads "
+                      << now.threads << " (baseline " << baseline.threads << ")";
+
+    // And the service still answers a newcomer.
+    AgentPipe late;
+    ASSERT_TRUE(late.Connect());
+    EXPECT_EQ(std::optional<uint32_t>(0), late.OpenUrl(u"https://example.com/after-the-storm"));
+}
