@@ -1,6 +1,8 @@
 #!/bin/sh
 # Starts or stops the private Wine prefix that the tests and the demo use.
-#   wine-prefix.sh start PREFIX   create the prefix when new, then run a persistent Wine server
+#   wine-prefix.sh start PREFIX [KEEPALIVE.exe]
+#                                 create the prefix when new, then run a persistent Wine server;
+#                                 the optional program keeps the prefix's desktop process alive
 #   wine-prefix.sh stop PREFIX    stop that prefix's Wine server (and every process in it)
 # A new prefix briefly runs two service managers during its first start, which confuses the
 # service control manager; so a new prefix is created, its server stopped, and only then the
@@ -11,6 +13,14 @@ cmd=${1:?start or stop}
 prefix=${2:?prefix folder}
 export WINEPREFIX="$prefix"
 export WINEDEBUG=-all
+
+# Whether this prefix's desktop process runs (other prefixes may have theirs).
+desktop_up() {
+  for p in $(pgrep -f 'explorer.exe' 2>/dev/null); do
+    tr '\0' '\n' <"/proc/$p/environ" 2>/dev/null | grep -qx "WINEPREFIX=$prefix" && return 0
+  done
+  return 1
+}
 
 case "$cmd" in
 start)
@@ -24,6 +34,14 @@ start)
   fi
   wineserver -p </dev/null >/dev/null 2>&1
   wine cmd /c exit </dev/null >/dev/null 2>&1
+  if [ -n "${3:-}" ]; then
+    # Runs until the server is stopped; started here so that no test's output is inherited.
+    nohup wine "$3" </dev/null >/dev/null 2>&1 &
+    for _ in $(seq 1 100); do
+      desktop_up && break
+      sleep 0.1
+    done
+  fi
   echo "Wine prefix ready: $prefix"
   ;;
 stop)
