@@ -232,11 +232,11 @@ TEST(RegistrySettings, LimitsAndBadValues)
     EXPECT_EQ(LevelOf(*logger), 4u);
 }
 
-TEST(RegistrySettings, LevelIsWrittenBackAndPicksItsFileSize)
+TEST(RegistrySettings, LevelIsWrittenBackAndLiveEditsArePickedUp)
 {
     TempDir dir(L"velomar-reg");
     TestKey key;
-    auto logger = MakeLogger(dir, L"reg", TRUE, &key);
+    auto logger = MakeLogger(dir, L"live", TRUE, &key);
     ASSERT_TRUE(logger);
     DWORD stored = 99;
     ASSERT_TRUE(key.GetDword(L"LogLevel", &stored)); // missing at creation: written back
@@ -248,25 +248,17 @@ TEST(RegistrySettings, LevelIsWrittenBackAndPicksItsFileSize)
     EXPECT_EQ(stored, 5u);
     EXPECT_EQ(logger->GetMaxFileSize(), 4096u);
 
-    // Without a key the level is only kept in memory.
-    auto keyless = MakeLogger(dir, L"keyless", TRUE);
-    EXPECT_EQ(keyless->SetLevel(3), 0u);
-    EXPECT_EQ(LevelOf(*keyless), 3u);
-    EXPECT_EQ(keyless->GetOldFileLimit(7), 7u);
-}
-
-TEST(RegistrySettings, LevelEditedWhileRunningIsPickedUp)
-{
-    TempDir dir(L"velomar-reg");
-    TestKey key;
-    auto logger = MakeLogger(dir, L"live", TRUE, &key);
-    ASSERT_TRUE(logger);
     key.SetDword(L"LogLevel", 4);
     EXPECT_TRUE(WaitUntil([&] { return LevelOf(*logger) == 4; }));
     key.SetText(L"LogLevel", L"1");
     EXPECT_TRUE(WaitUntil([&] { return LevelOf(*logger) == 1; }));
     key.SetDword(L"RotationLogFileNumber", 150);
     EXPECT_TRUE(WaitUntil([&] { return logger->GetRotationCount() == 99; }));
+
+    // Without a key the level is only kept in memory.
+    auto keyless = MakeLogger(dir, L"keyless", TRUE);
+    EXPECT_EQ(keyless->SetLevel(3), 0u);
+    EXPECT_EQ(LevelOf(*keyless), 3u);
 }
 
 TEST(IdleClose, FileIsReleasedWhenIdleAndReopenedByTheNextRecord)
