@@ -88,9 +88,19 @@ protected:
 };
 } // namespace
 
-TEST_F(RecordTest, ServiceRecordLayoutByteForByte)
+TEST_F(RecordTest, BannerThenServiceRecordLayoutByteForByte)
 {
     m_logger->Log(2, L"Service logger is working.");
+    wchar_t version[4096];
+    CCvLogger::GetWindowsVersionText(version, 4096);
+    // The banner: an empty line, then the service line ending in the build date and version.
+    const std::wstring tail = L"Build " + Widen(BuildDateText()) + L". " + version;
+    const auto bannerLines = SplitLines(m_banner);
+    ASSERT_GE(bannerLines.size(), 2u);
+    EXPECT_TRUE(bannerLines[0].empty());
+    EXPECT_NE(bannerLines[1].find(L"[SERVICE]: "), std::wstring::npos);
+    ASSERT_GE(bannerLines[1].size(), tail.size());
+    EXPECT_EQ(bannerLines[1].substr(bannerLines[1].size() - tail.size()), tail);
     const DWORD thread = ::GetCurrentThreadId();
     SYSTEMTIME local, utc;
     ::GetLocalTime(&local);
@@ -114,22 +124,6 @@ TEST_F(RecordTest, ServiceRecordLayoutByteForByte)
     // The message starts at the widest header so far (the banner's "[SERVICE]" is wider).
     EXPECT_EQ(static_cast<size_t>(m.position(12) + m.length(12)), CCvLogger::HeaderWidth());
     EXPECT_GT(m.length(12), 0);
-}
-
-TEST_F(RecordTest, BannerHeadsTheFile)
-{
-    m_logger->Log(2, L"after banner");
-    wchar_t version[4096];
-    CCvLogger::GetWindowsVersionText(version, 4096);
-    const std::wstring text = Finish();
-    const auto lines = SplitLines(text);
-    ASSERT_GE(lines.size(), 3u);
-    EXPECT_TRUE(lines[0].empty());
-    const std::wstring tail = L"Build " + Widen(BuildDateText()) + L". " + version;
-    EXPECT_NE(lines[1].find(L"[SERVICE]: "), std::wstring::npos);
-    ASSERT_GE(lines[1].size(), tail.size());
-    EXPECT_EQ(lines[1].substr(lines[1].size() - tail.size()), tail);
-    EXPECT_NE(lines[2].find(L"after banner"), std::wstring::npos);
 }
 
 TEST_F(RecordTest, LevelFilterAndFreeCategory)

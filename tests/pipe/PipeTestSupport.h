@@ -54,18 +54,7 @@ private:
     int m_value = 0;
 };
 
-// Polls a condition until it holds or the limit passes (for state that has no event of its own).
-inline bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = kLimit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        ::Sleep(5);
-    }
-    return true;
-}
+using testing_support::Eventually;
 
 // Handle counts of the process by object type, to name what leaked.
 inline std::string HandleTypes()
