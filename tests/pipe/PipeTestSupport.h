@@ -13,8 +13,6 @@
 #include <cstring>
 #include <functional>
 #include <vector>
-#include <map>
-#include <winternl.h>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -56,29 +54,6 @@ private:
 
 using testing_support::Eventually;
 
-// Handle counts of the process by object type, to name what leaked.
-inline std::string HandleTypes()
-{
-    using QueryObject = LONG(WINAPI*)(HANDLE, int, PVOID, ULONG, PULONG);
-    static auto query = reinterpret_cast<QueryObject>(
-        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
-    std::map<std::wstring, int> types;
-    for (uintptr_t v = 4; query && v < 0x10000; v += 4)
-    {
-        DWORD flags;
-        alignas(8) unsigned char buffer[1024];
-        if (!::GetHandleInformation(reinterpret_cast<HANDLE>(v), &flags) ||
-            query(reinterpret_cast<HANDLE>(v), 2 /* type information */, buffer, sizeof(buffer), nullptr) != 0)
-            continue;
-        auto* name = reinterpret_cast<UNICODE_STRING*>(buffer);
-        types[std::wstring(name->Buffer, name->Length / 2)]++;
-    }
-    std::string text;
-    for (auto& [type, count] : types)
-        text += std::string(type.begin(), type.end()) + "=" + std::to_string(count) + " ";
-    return text;
-}
-
 // Runs a scenario until the process's pools have grown to their working size, then `runs` more
 // times, and expects no growth that follows the number of runs. A small slack remains: under
 // Wine each pool thread that first takes a lock gets an event and a thread handle from the
@@ -90,12 +65,10 @@ inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2
         scenario();
     const long long handles = testing_support::CountProcessHandles();
     const long long threads = testing_support::CountProcessThreads();
-    const std::string types = HandleTypes();
     for (int i = 0; i < runs; ++i)
         scenario();
     EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + slack; }, 15s))
-        << "handles " << handles << " -> " << testing_support::CountProcessHandles() << "\nbefore: " << types
-        << "\nafter:  " << HandleTypes();
+        << "handles " << handles << " -> " << testing_support::CountProcessHandles();
     EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + slack; }, 15s))
         << "threads " << threads << " -> " << testing_support::CountProcessThreads();
 }
