@@ -5,6 +5,7 @@
 // load from elsewhere on a shared machine falls on both alike.
 #include "pipe/NamedPipeServer.h"
 #include "pipe/ThreadPool.h"
+#include "tests/common/RawPipeClient.h"
 #include "tests/pipe/EchoOwner.h"
 
 #include <windows.h>
@@ -25,42 +26,9 @@ namespace
 {
 using Clock = std::chrono::steady_clock;
 
-bool WriteAll(HANDLE h, const void* data, DWORD length)
-{
-    DWORD done = 0;
-    return ::WriteFile(h, data, length, &done, nullptr) && done == length;
-}
-
-bool ReadAll(HANDLE h, void* data, DWORD length)
-{
-    auto* p = static_cast<unsigned char*>(data);
-    while (length > 0)
-    {
-        DWORD got = 0;
-        if (!::ReadFile(h, p, length, &got, nullptr) || got == 0)
-            return false;
-        p += got;
-        length -= got;
-    }
-    return true;
-}
-
-HANDLE OpenClient(const std::wstring& name)
-{
-    for (;;)
-    {
-        HANDLE h = ::CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (h != INVALID_HANDLE_VALUE)
-            return h;
-        const DWORD error = ::GetLastError();
-        if (error == ERROR_PIPE_BUSY)
-            ::WaitNamedPipeW(name.c_str(), 1000);
-        else if (error == ERROR_FILE_NOT_FOUND)
-            ::Sleep(1);
-        else
-            return INVALID_HANDLE_VALUE;
-    }
-}
+using testing_support::OpenClient;
+using testing_support::ReadAll;
+using testing_support::WriteAll;
 
 bool RoundTrip(HANDLE h, std::vector<unsigned char>& message, std::vector<unsigned char>& echo)
 {

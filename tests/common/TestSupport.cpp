@@ -129,6 +129,18 @@ long long CountProcessThreads(DWORD processId)
     return count;
 }
 
+bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit)
+{
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        ::Sleep(5);
+    }
+    return true;
+}
+
 std::string ReadFileBytes(const std::wstring& path)
 {
     HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,

@@ -3,7 +3,9 @@
 // process's real handle and thread counts for leak checks.
 #include <windows.h>
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace testing_support
@@ -36,6 +38,10 @@ void RemoveTree(const std::wstring& path);
 long long CountProcessHandles(DWORD processId = ::GetCurrentProcessId());
 // Threads of the process.
 long long CountProcessThreads(DWORD processId = ::GetCurrentProcessId());
+
+// Polls a condition until it holds or the limit passes, for state that has no event of its own.
+bool Eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds limit = std::chrono::seconds(20));
 
 // Reads a whole file; empty when it cannot be opened.
 std::string ReadFileBytes(const std::wstring& path);

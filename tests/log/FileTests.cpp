@@ -10,30 +10,17 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <regex>
 #include <string>
 #include <thread>
 
+using testing_support::Eventually;
 using testing_support::FromUtf16Bytes;
 using testing_support::ReadFileBytes;
 using testing_support::TempDir;
 
 namespace
 {
-// Polls a condition with a generous limit; true when it came true.
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(20))
-{
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        ::Sleep(20);
-    }
-    return true;
-}
-
 std::wstring ReadText(const std::wstring& path)
 {
     return FromUtf16Bytes(ReadFileBytes(path));
@@ -232,11 +219,11 @@ TEST(RegistrySettings, LimitsAndBadValues)
     EXPECT_EQ(LevelOf(*logger), 4u);
 }
 
-TEST(RegistrySettings, LevelIsWrittenBackAndPicksItsFileSize)
+TEST(RegistrySettings, LevelIsWrittenBackAndLiveEditsArePickedUp)
 {
     TempDir dir(L"velomar-reg");
     TestKey key;
-    auto logger = MakeLogger(dir, L"reg", TRUE, &key);
+    auto logger = MakeLogger(dir, L"live", TRUE, &key);
     ASSERT_TRUE(logger);
     DWORD stored = 99;
     ASSERT_TRUE(key.GetDword(L"LogLevel", &stored)); // missing at creation: written back
@@ -248,25 +235,17 @@ TEST(RegistrySettings, LevelIsWrittenBackAndPicksItsFileSize)
     EXPECT_EQ(stored, 5u);
     EXPECT_EQ(logger->GetMaxFileSize(), 4096u);
 
+    key.SetDword(L"LogLevel", 4);
+    EXPECT_TRUE(Eventually([&] { return LevelOf(*logger) == 4; }));
+    key.SetText(L"LogLevel", L"1");
+    EXPECT_TRUE(Eventually([&] { return LevelOf(*logger) == 1; }));
+    key.SetDword(L"RotationLogFileNumber", 150);
+    EXPECT_TRUE(Eventually([&] { return logger->GetRotationCount() == 99; }));
+
     // Without a key the level is only kept in memory.
     auto keyless = MakeLogger(dir, L"keyless", TRUE);
     EXPECT_EQ(keyless->SetLevel(3), 0u);
     EXPECT_EQ(LevelOf(*keyless), 3u);
-    EXPECT_EQ(keyless->GetOldFileLimit(7), 7u);
-}
-
-TEST(RegistrySettings, LevelEditedWhileRunningIsPickedUp)
-{
-    TempDir dir(L"velomar-reg");
-    TestKey key;
-    auto logger = MakeLogger(dir, L"live", TRUE, &key);
-    ASSERT_TRUE(logger);
-    key.SetDword(L"LogLevel", 4);
-    EXPECT_TRUE(WaitUntil([&] { return LevelOf(*logger) == 4; }));
-    key.SetText(L"LogLevel", L"1");
-    EXPECT_TRUE(WaitUntil([&] { return LevelOf(*logger) == 1; }));
-    key.SetDword(L"RotationLogFileNumber", 150);
-    EXPECT_TRUE(WaitUntil([&] { return logger->GetRotationCount() == 99; }));
 }
 
 TEST(IdleClose, FileIsReleasedWhenIdleAndReopenedByTheNextRecord)
@@ -282,8 +261,8 @@ TEST(IdleClose, FileIsReleasedWhenIdleAndReopenedByTheNextRecord)
             ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
         return file.valid();
     };
-    ASSERT_TRUE(WaitUntil([&] { return Exists(path); }));
-    EXPECT_TRUE(WaitUntil(exclusive)) << "the idle handle was never closed";
+    ASSERT_TRUE(Eventually([&] { return Exists(path); }));
+    EXPECT_TRUE(Eventually(exclusive)) << "the idle handle was never closed";
     logger->Log(2, L"second-record");
     const std::wstring banner = logger->GetBanner();
     logger.reset();
@@ -310,7 +289,7 @@ TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
     const auto start = std::chrono::steady_clock::now();
     logger->Log(2, L"refused-during-block");
     EXPECT_FALSE(Exists(path));
-    ASSERT_TRUE(WaitUntil([&] {
+    ASSERT_TRUE(Eventually([&] {
         logger->Log(2, L"probe");
         return Exists(path);
     }));
@@ -538,7 +517,7 @@ TEST(Lifecycle, LoggersWithWatchThreadsLeaveNoThreadsOrHandles)
         logger->AddLogFile(L"extra", FALSE);
         logger->LogToFile(1, 2, L"extra %d", i);
     }
-    EXPECT_TRUE(WaitUntil([&] { return testing_support::CountProcessThreads() <= threads; }))
+    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads; }))
         << testing_support::CountProcessThreads() << " threads, " << threads << " before";
     if (handles >= 0)
     {

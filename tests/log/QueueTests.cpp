@@ -62,16 +62,8 @@ public:
         m_hold = false;
         m_changed.notify_all();
     }
-    bool WaitEntered()
-    {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(30), [&] { return m_entered; });
-    }
-    bool WaitCount(size_t n)
-    {
-        std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(30), [&] { return m_pieces.size() >= n; });
-    }
+    bool WaitEntered() { return WaitFor([&] { return m_entered; }); }
+    bool WaitCount(size_t n) { return WaitFor([&] { return m_pieces.size() >= n; }); }
     std::vector<std::string> Pieces()
     {
         std::lock_guard lock(m_mutex);
@@ -79,6 +71,12 @@ public:
     }
 
 private:
+    template <class Condition> bool WaitFor(Condition condition)
+    {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(30), condition);
+    }
+
     std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_hold = false;
@@ -89,6 +87,15 @@ private:
 BOOL WriteText(CTransferBuffer& buffer, const std::string& text)
 {
     return buffer.Write(text.data(), text.size(), FALSE);
+}
+
+// Queues ten pieces while the writer holds the first inside Transfer().
+void QueueBehindHeldWriter(RecordingBuffer& buffer)
+{
+    buffer.Hold();
+    for (int i = 0; i < 10; ++i)
+        ASSERT_TRUE(WriteText(buffer, "piece-" + std::to_string(i)));
+    ASSERT_TRUE(buffer.WaitEntered());
 }
 } // namespace
 
@@ -124,10 +131,8 @@ TEST(BuffersList, LengthNeverStartsInTheLastSevenBytes)
 TEST(TransferBuffer, DrainingCloseDeliversEveryQueuedPiece)
 {
     RecordingBuffer buffer;
-    buffer.Hold();
-    for (int i = 0; i < 10; ++i)
-        ASSERT_TRUE(WriteText(buffer, "piece-" + std::to_string(i)));
-    ASSERT_TRUE(buffer.WaitEntered()); // the writer holds piece 0, nine wait in the queue
+    QueueBehindHeldWriter(buffer);
+    ASSERT_FALSE(HasFatalFailure());
 
     std::thread closer([&] { buffer.Close(FALSE); });
     buffer.Release();
@@ -143,10 +148,8 @@ TEST(TransferBuffer, DrainingCloseDeliversEveryQueuedPiece)
 TEST(TransferBuffer, ImmediateCloseDiscardsAndRefuses)
 {
     RecordingBuffer buffer;
-    buffer.Hold();
-    for (int i = 0; i < 10; ++i)
-        ASSERT_TRUE(WriteText(buffer, "piece-" + std::to_string(i)));
-    ASSERT_TRUE(buffer.WaitEntered());
+    QueueBehindHeldWriter(buffer);
+    ASSERT_FALSE(HasFatalFailure());
 
     std::thread closer([&] { buffer.Close(TRUE); });
     // Refusal comes first thing in the close, before the writer is even let go.

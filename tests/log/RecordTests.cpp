@@ -88,9 +88,19 @@ protected:
 };
 } // namespace
 
-TEST_F(RecordTest, ServiceRecordLayoutByteForByte)
+TEST_F(RecordTest, BannerThenServiceRecordLayoutByteForByte)
 {
     m_logger->Log(2, L"Service logger is working.");
+    wchar_t version[4096];
+    CCvLogger::GetWindowsVersionText(version, 4096);
+    // The banner: an empty line, then the service line ending in the build date and version.
+    const std::wstring tail = L"Build " + Widen(BuildDateText()) + L". " + version;
+    const auto bannerLines = SplitLines(m_banner);
+    ASSERT_GE(bannerLines.size(), 2u);
+    EXPECT_TRUE(bannerLines[0].empty());
+    EXPECT_NE(bannerLines[1].find(L"[SERVICE]: "), std::wstring::npos);
+    ASSERT_GE(bannerLines[1].size(), tail.size());
+    EXPECT_EQ(bannerLines[1].substr(bannerLines[1].size() - tail.size()), tail);
     const DWORD thread = ::GetCurrentThreadId();
     SYSTEMTIME local, utc;
     ::GetLocalTime(&local);
@@ -116,22 +126,6 @@ TEST_F(RecordTest, ServiceRecordLayoutByteForByte)
     EXPECT_GT(m.length(12), 0);
 }
 
-TEST_F(RecordTest, BannerHeadsTheFile)
-{
-    m_logger->Log(2, L"after banner");
-    wchar_t version[4096];
-    CCvLogger::GetWindowsVersionText(version, 4096);
-    const std::wstring text = Finish();
-    const auto lines = SplitLines(text);
-    ASSERT_GE(lines.size(), 3u);
-    EXPECT_TRUE(lines[0].empty());
-    const std::wstring tail = L"Build " + Widen(BuildDateText()) + L". " + version;
-    EXPECT_NE(lines[1].find(L"[SERVICE]: "), std::wstring::npos);
-    ASSERT_GE(lines[1].size(), tail.size());
-    EXPECT_EQ(lines[1].substr(lines[1].size() - tail.size()), tail);
-    EXPECT_NE(lines[2].find(L"after banner"), std::wstring::npos);
-}
-
 TEST_F(RecordTest, LevelFilterAndFreeCategory)
 {
     EXPECT_TRUE(m_logger->IsLevelEnabled(2));
@@ -143,10 +137,6 @@ TEST_F(RecordTest, LevelFilterAndFreeCategory)
     m_logger->SetLevel(0);
     m_logger->Log(1, L"warning-hidden");
     m_logger->LogCategory(L"FREE", L"free-shown %d", 2);
-    uint32_t level = 99;
-    m_logger->GetLevel(&level);
-    EXPECT_EQ(level, 0u);
-    m_logger->GetLevel(nullptr);
 
     const auto lines = RecordLines();
     EXPECT_EQ(Find(lines, L"hidden"), nullptr);
@@ -175,23 +165,11 @@ TEST_F(RecordTest, TraceLevelLabelsAndDumpFormat)
     EXPECT_EQ(lines[2].substr(lines[2].size() - 8), L"no-bytes");
 }
 
-TEST_F(RecordTest, EmptyMessagesAreSkippedAndLongOnesCut)
+TEST_F(RecordTest, EmptyAndLongMessagesAndLastError)
 {
     m_logger->Log(2, L"");
     m_logger->Log(2, L"%s", L"");
-    const std::wstring longText(5000, L'z');
-    m_logger->Log(2, L"%s", longText.c_str());
-    m_logger->Log(2, L"after");
-
-    const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), 2u);
-    const size_t start = lines[0].find(L'z');
-    ASSERT_NE(start, std::wstring::npos);
-    EXPECT_EQ(lines[0].size() - start, 4095u);
-}
-
-TEST_F(RecordTest, LoggingKeepsLastErrorButDumpReportsItsOwn)
-{
+    m_logger->Log(2, L"%s", std::wstring(5000, L'z').c_str());
     ::SetLastError(1234);
     m_logger->Log(2, L"keeps");
     m_logger->LogCategory(L"C", L"keeps");
@@ -202,18 +180,20 @@ TEST_F(RecordTest, LoggingKeepsLastErrorButDumpReportsItsOwn)
     EXPECT_EQ(::GetLastError(), 1234u);
     m_logger->DumpToFile(9, 2, bytes, 1, L"no such file");
     EXPECT_EQ(::GetLastError(), 1168u);
-    const std::wstring longText(5000, L'q');
-    m_logger->Dump(2, bytes, 1, L"%s", longText.c_str());
+    m_logger->Dump(2, bytes, 1, L"%s", std::wstring(5000, L'q').c_str());
     EXPECT_EQ(::GetLastError(), 87u);
     m_logger->Log(2, L"next");
 
+    // Empty messages leave no line; a long one is cut to 4095 characters.
     const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[2].substr(lines[2].size() - 7), L"fine 01");
+    ASSERT_EQ(lines.size(), 5u);
+    ASSERT_NE(lines[0].find(L'z'), std::wstring::npos);
+    EXPECT_EQ(lines[0].size() - lines[0].find(L'z'), 4095u);
+    EXPECT_EQ(lines[3].substr(lines[3].size() - 7), L"fine 01");
     // The cut dump leaves its header without a line end, so the next record joins it.
-    EXPECT_EQ(lines[3].find(L'q'), std::wstring::npos);
-    EXPECT_NE(lines[3].find(L"[INFO]: "), lines[3].rfind(L"[INFO]: "));
-    EXPECT_EQ(lines[3].substr(lines[3].size() - 4), L"next");
+    EXPECT_EQ(lines[4].find(L'q'), std::wstring::npos);
+    EXPECT_NE(lines[4].find(L"[INFO]: "), lines[4].rfind(L"[INFO]: "));
+    EXPECT_EQ(lines[4].substr(lines[4].size() - 4), L"next");
 }
 
 TEST_F(RecordTest, MessagesLineUpAndTheColumnOnlyMovesRight)

@@ -97,7 +97,7 @@ TEST_F(LoadTest, TwoHundredClientsAtOnce)
     // Back to where the measured run started, once idle pool threads have retired (a few
     // handles of slack for pool threads that took their first lock during this run).
     EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + 2; }, 30s))
-        << handles << " -> " << testing_support::CountProcessHandles() << ": " << HandleTypes();
+        << handles << " -> " << testing_support::CountProcessHandles();
     EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + 2; }, 30s))
         << threads << " -> " << testing_support::CountProcessThreads();
     EXPECT_EQ(0u, m_log->Count(L"not found in the"));

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 using namespace pipe_states;
 
 TEST(PipeStates, TransitionTable)
@@ -20,14 +19,4 @@ TEST(PipeStates, TransitionTable)
         for (uint32_t to = 0; to < 6; ++to)
             EXPECT_EQ(allowed[from][to], IsTransitionAllowed(from, to)) << from << " -> " << to;
     EXPECT_FALSE(IsTransitionAllowed(7, ePipeConnectionState_Connected));
-}
-
-TEST(PipeStates, AcceptsClamping)
-{
-    EXPECT_EQ(1u, ClampAccepts(0));
-    EXPECT_EQ(1u, ClampAccepts(1));
-    EXPECT_EQ(3u, ClampAccepts(3));
-    EXPECT_EQ(100u, ClampAccepts(100));
-    EXPECT_EQ(1u, ClampAccepts(101));
-    EXPECT_EQ(1u, ClampAccepts(0xFFFFFFFFu));
 }

@@ -3,6 +3,7 @@
 // raw pipe pairs and a waitable counter.
 #include "pipe/ThreadPool.h"
 #include "tests/common/CapturingLogger.h"
+#include "tests/common/RawPipeClient.h"
 #include "tests/common/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -12,8 +13,6 @@
 #include <cstring>
 #include <functional>
 #include <vector>
-#include <map>
-#include <winternl.h>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -53,64 +52,24 @@ private:
     int m_value = 0;
 };
 
-// Polls a condition until it holds or the limit passes (for state that has no event of its own).
-inline bool Eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = kLimit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        ::Sleep(5);
-    }
-    return true;
-}
-
-// Runs a scenario once to let the process's pools grow to their working size, then again, and
-// expects the handles and threads to return to where the second run started (idle pool threads
-// are given time to retire).
-// Handle counts of the process by object type, to name what leaked.
-inline std::string HandleTypes()
-{
-    using QueryObject = LONG(WINAPI*)(HANDLE, int, PVOID, ULONG, PULONG);
-    static auto query = reinterpret_cast<QueryObject>(
-        reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtQueryObject")));
-    std::map<std::wstring, int> types;
-    for (uintptr_t v = 4; query && v < 0x10000; v += 4)
-    {
-        DWORD flags;
-        alignas(8) unsigned char buffer[1024];
-        if (!::GetHandleInformation(reinterpret_cast<HANDLE>(v), &flags) ||
-            query(reinterpret_cast<HANDLE>(v), 2 /* type information */, buffer, sizeof(buffer), nullptr) != 0)
-            continue;
-        auto* name = reinterpret_cast<UNICODE_STRING*>(buffer);
-        types[std::wstring(name->Buffer, name->Length / 2)]++;
-    }
-    std::string text;
-    for (auto& [type, count] : types)
-        text += std::string(type.begin(), type.end()) + "=" + std::to_string(count) + " ";
-    return text;
-}
+using testing_support::Eventually;
 
 // Runs a scenario until the process's pools have grown to their working size, then `runs` more
 // times, and expects no growth that follows the number of runs. A small slack remains: under
 // Wine each pool thread that first takes a lock gets an event and a thread handle from the
 // threading runtime, and which pool thread runs a task is not ours to choose. A leak of one
-// handle per connection or per run exceeds it.
-inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2, int runs = 3)
+// handle per connection or per run exceeds it; more runs allow a larger slack.
+inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2, int runs = 3, long long slack = 2)
 {
     for (int i = 0; i < warmUps; ++i)
         scenario();
     const long long handles = testing_support::CountProcessHandles();
     const long long threads = testing_support::CountProcessThreads();
-    const std::string types = HandleTypes();
     for (int i = 0; i < runs; ++i)
         scenario();
-    constexpr long long kSlack = 2;
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + kSlack; }, 15s))
-        << "handles " << handles << " -> " << testing_support::CountProcessHandles() << "\nbefore: " << types
-        << "\nafter:  " << HandleTypes();
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + kSlack; }, 15s))
+    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + slack; }, 15s))
+        << "handles " << handles << " -> " << testing_support::CountProcessHandles();
+    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + slack; }, 15s))
         << "threads " << threads << " -> " << testing_support::CountProcessThreads();
 }
 
@@ -163,44 +122,9 @@ struct RawPipePair
     HANDLE TakeServer() { return std::exchange(server, INVALID_HANDLE_VALUE); }
 };
 
-// Blocking helpers on a synchronous client handle.
-inline bool WriteAll(HANDLE h, const void* data, DWORD length)
-{
-    DWORD done = 0;
-    return ::WriteFile(h, data, length, &done, nullptr) && done == length;
-}
-inline bool ReadAll(HANDLE h, void* data, DWORD length)
-{
-    auto* p = static_cast<unsigned char*>(data);
-    while (length > 0)
-    {
-        DWORD got = 0;
-        if (!::ReadFile(h, p, length, &got, nullptr) || got == 0)
-            return false;
-        p += got;
-        length -= got;
-    }
-    return true;
-}
-
-// Opens the client end synchronously, waiting for a free instance.
-inline HANDLE OpenClient(const std::wstring& fullName)
-{
-    for (int attempt = 0; attempt < 500; ++attempt)
-    {
-        HANDLE h = ::CreateFileW(fullName.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (h != INVALID_HANDLE_VALUE)
-            return h;
-        const DWORD error = ::GetLastError();
-        if (error == ERROR_PIPE_BUSY)
-            ::WaitNamedPipeW(fullName.c_str(), 1000);
-        else if (error == ERROR_FILE_NOT_FOUND)
-            ::Sleep(10);
-        else
-            return INVALID_HANDLE_VALUE;
-    }
-    return INVALID_HANDLE_VALUE;
-}
+using testing_support::OpenClient;
+using testing_support::ReadAll;
+using testing_support::WriteAll;
 
 // One message of the echo protocol (32-bit length, payload) and its echo.
 inline bool RoundTrip(HANDLE client, const std::vector<unsigned char>& payload)

@@ -116,8 +116,9 @@ TEST_F(ServerTest, ConnectCallbackNotCalledWhenFirstReadCannotStart)
         ::CloseHandle(client);
         ::SetEvent(gate);
         ASSERT_TRUE(m_log->WaitFor(L"Failed to start asynchronous read operation", kLimit));
+        // The failure is logged before the stream leaves the list.
+        EXPECT_TRUE(Eventually([&] { return server->ConnectionCount() == 0; }));
         EXPECT_EQ(0, owner.Connects());
-        EXPECT_EQ(0u, server->ConnectionCount());
         server->ResetCallback();
     }
     SetThreadPool(m_pool);

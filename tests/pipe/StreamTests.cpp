@@ -32,10 +32,15 @@ protected:
 };
 } // namespace
 
-TEST_F(StreamTest, ConnectionStateTable)
+TEST_F(StreamTest, ConnectionStateTableAndReadBeforeConnectFailsWith233)
 {
     RawPipePair pair;
     auto stream = MakeStream(pair);
+    ::SetLastError(0);
+    EXPECT_FALSE(stream->BeginRead());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_PIPE_NOT_CONNECTED), ::GetLastError());
+    EXPECT_TRUE(m_log->Contains(L"Disconnected - SKIP adding new read operation to thread pool I/O"));
+
     EXPECT_EQ(ePipeConnectionState_WaitConnection, stream->GetPipeConnectionState());
     EXPECT_EQ(ePipeConnectionState_WaitConnection, stream->SetPipeConnectionState(ePipeConnectionState_Disconnected));
     EXPECT_EQ(ePipeConnectionState_WaitConnection, stream->SetPipeConnectionState(ePipeConnectionState_Connecting));
@@ -46,16 +51,6 @@ TEST_F(StreamTest, ConnectionStateTable)
     EXPECT_EQ(ePipeConnectionState_ConnectionError, stream->GetPipeConnectionState());
     EXPECT_TRUE(m_log->Contains(L"CurrentState: 1<Connecting>, NewState: 5<ConnectionError> - status updated"));
     EXPECT_TRUE(m_log->Contains(L"CurrentState: 5<ConnectionError>, NewState: 2<Connected>"));
-}
-
-TEST_F(StreamTest, BeginReadWhenNotConnectedFailsWith233)
-{
-    RawPipePair pair;
-    auto stream = MakeStream(pair);
-    ::SetLastError(0);
-    EXPECT_FALSE(stream->BeginRead());
-    EXPECT_EQ(static_cast<DWORD>(ERROR_PIPE_NOT_CONNECTED), ::GetLastError());
-    EXPECT_TRUE(m_log->Contains(L"Disconnected - SKIP adding new read operation to thread pool I/O"));
 }
 
 TEST_F(StreamTest, SecondCompletionOfOneRequestIsRefused)

@@ -31,7 +31,7 @@ std::shared_ptr<TestIo> MakeIo(HANDLE h, IoProbe& probe, std::shared_ptr<ICvLogg
 
 using ThreadPoolTest = PoolTest;
 
-TEST_F(ThreadPoolTest, FuturesCarryResultsAndExceptions)
+TEST_F(ThreadPoolTest, FuturesCarryResultsAndExceptionsAndEmptyCallbacksAreRefused)
 {
     std::future<int> value;
     ASSERT_TRUE(m_pool->CreateTask<int>(value, MakeGlobalCallback<int(int)>([](int x) { return x * 3; }), 14));
@@ -56,15 +56,13 @@ TEST_F(ThreadPoolTest, FuturesCarryResultsAndExceptions)
     {
         EXPECT_STREQ("daxlib exception", e.what());
     }
-}
 
-TEST_F(ThreadPoolTest, EmptyCallbackIsRefusedWith87)
-{
-    std::future<int> result;
+    // An empty callback is refused with 87.
+    std::future<int> refused;
     ::SetLastError(0);
-    EXPECT_FALSE(m_pool->CreateTask<int>(result, std::shared_ptr<CCallbackHolder<int(int)>>(), 1));
+    EXPECT_FALSE(m_pool->CreateTask<int>(refused, std::shared_ptr<CCallbackHolder<int(int)>>(), 1));
     EXPECT_EQ(87u, ::GetLastError());
-    EXPECT_EQ(0, result.get());
+    EXPECT_EQ(0, refused.get());
     ::SetLastError(0);
     EXPECT_FALSE((m_pool->CreateTask<void, int>(std::shared_ptr<CCallbackHolder<void(int)>>(), 1)));
     EXPECT_EQ(87u, ::GetLastError());

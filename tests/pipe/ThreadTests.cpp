@@ -63,7 +63,7 @@ TEST_F(ThreadTest, EmptyTaskThrows)
     }
 }
 
-TEST_F(ThreadTest, ExceptionsInTasksAreLoggedAndEndTheThread)
+TEST_F(ThreadTest, ExceptionsInTasksAndHandlersAreLoggedAndEndTheThread)
 {
     CJoinableThread<int> dax(MakeGlobalCallback<int(void*)>([](void*) -> int {
                                  ::SetLastError(5);
@@ -79,6 +79,14 @@ TEST_F(ThreadTest, ExceptionsInTasksAreLoggedAndEndTheThread)
     ASSERT_EQ(1, std.Start());
     std.Wait();
     EXPECT_TRUE(m_log->Contains(L"Desc(\"boom\")"));
+
+    // A queue handler's exception ends the queue thread the same way.
+    CSignalQueueThread<Item> queue(
+        MakeGlobalCallback<int(Item&)>([](Item&) -> int { throw std::logic_error("handler failed"); }), m_log);
+    ASSERT_EQ(1, queue.Start());
+    ASSERT_EQ(1, queue.Push(Item{1}));
+    EXPECT_TRUE(m_log->WaitFor(L"Desc(\"handler failed\")", kLimit));
+    EXPECT_EQ(1, queue.Stop());
 }
 
 TEST_F(ThreadTest, QueueHandsOutEverythingPushedBeforeStopInOrder)
@@ -140,14 +148,4 @@ TEST_F(ThreadTest, StopForceDropsTheQueue)
     EXPECT_EQ(1, handled.Get());
     EXPECT_FALSE(queue.IsRunning());
     ::CloseHandle(gate);
-}
-
-TEST_F(ThreadTest, HandlerExceptionEndsTheQueueThreadQuietly)
-{
-    auto handler = MakeGlobalCallback<int(Item&)>([](Item&) -> int { throw std::logic_error("handler failed"); });
-    CSignalQueueThread<Item> queue(handler, m_log);
-    ASSERT_EQ(1, queue.Start());
-    ASSERT_EQ(1, queue.Push(Item{1}));
-    EXPECT_TRUE(m_log->WaitFor(L"Desc(\"handler failed\")", kLimit));
-    EXPECT_EQ(1, queue.Stop());
 }

@@ -30,22 +30,11 @@ protected:
     std::wstring m_name;
 };
 
-// As pipe_tests::ExpectNoLeaks, with more runs and a slack to match: under load a few more pool
-// threads may start, each with a thread handle and an event of the threading runtime, while a
-// leak of one handle per session grows with the number of runs.
+// Ten runs: under load a few more pool threads may start, each with a thread handle and an
+// event of the threading runtime, while a leak of one handle per session grows with the runs.
 void ExpectNoLeakPerSession(const std::function<void()>& scenario)
 {
-    constexpr int kRuns = 10;
-    constexpr long long kSlack = 5;
-    for (int i = 0; i < 3; ++i)
-        scenario();
-    const long long handles = testing_support::CountProcessHandles();
-    const std::string before = HandleTypes();
-    for (int i = 0; i < kRuns; ++i)
-        scenario();
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + kSlack; }, 15s))
-        << "handles " << handles << " -> " << testing_support::CountProcessHandles() << "\nbefore: " << before
-        << "\nafter:  " << HandleTypes();
+    ExpectNoLeaks(scenario, 3, 10, 5);
 }
 
 } // namespace

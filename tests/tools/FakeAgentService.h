@@ -139,7 +139,11 @@ private:
             OVERLAPPED ov{};
             ov.hEvent = event.get();
             DWORD bytes = 0;
-            if (!Finish(ov, ::ConnectNamedPipe(m_pipe.get(), &ov), bytes))
+            const BOOL started = ::ConnectNamedPipe(m_pipe.get(), &ov);
+            // Only now, listening again, has the previous connection ended for a client.
+            if (m_ended < m_connections)
+                ++m_ended;
+            if (!Finish(ov, started, bytes))
                 break;
             ++m_connections;
             std::vector<uint8_t> buffer;
@@ -157,7 +161,6 @@ private:
                     break;
             }
             ::DisconnectNamedPipe(m_pipe.get());
-            ++m_ended;
             ::ResetEvent(event.get());
         }
     }

@@ -25,25 +25,18 @@ Bytes Of(std::string_view text)
 }
 } // namespace
 
-TEST(SubmitMessage, AsciiUrlIsHeaderReservedWordAndTextWithoutTerminator)
+TEST(SubmitMessage, HeaderReservedWordAndUtf8TextWithoutTerminator)
 {
     const Bytes expected = Concat({{0x01, 0, 0, 0, 0x17, 0, 0, 0, 0, 0, 0, 0}, Of("https://example.org")});
     EXPECT_EQ(expected, BuildSubmitMessage("https://example.org"));
-}
+    EXPECT_TRUE(BuildSubmitMessage("").empty());
 
-TEST(SubmitMessage, LengthCountsUtf8BytesNotCharacters)
-{
-    // "é" (2 bytes), "€" (3 bytes) and U+1F600 (4 bytes) after "h/".
+    // The length counts UTF-8 bytes: "é" (2), "€" (3) and U+1F600 (4) after "h/".
     const std::string url = "h/\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
     const Bytes message = BuildSubmitMessage(url);
     ASSERT_EQ(12u + 11u, message.size());
     EXPECT_EQ(11u + 4u, GetU32(message.data() + 4));
     EXPECT_EQ(Of(url), Bytes(message.begin() + 12, message.end()));
-}
-
-TEST(SubmitMessage, EmptyUrlIsNeverBuilt)
-{
-    EXPECT_TRUE(BuildSubmitMessage("").empty());
 }
 
 TEST(Header, LittleEndianBothWaysAndDisplayNames)

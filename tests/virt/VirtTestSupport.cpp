@@ -5,7 +5,6 @@
 #include <shlobj.h>
 
 #include <algorithm>
-#include <thread>
 
 namespace virt_test
 {
@@ -32,18 +31,6 @@ bool InstallLibrary(const char* builtPath)
 void RemoveLibrary()
 {
     ::DeleteFileW(SkApi::LibraryPath().c_str());
-}
-
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit)
-{
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!condition())
-    {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(20ms);
-    }
-    return true;
 }
 
 bool StatusRecorder::WaitForState(uint32_t sessionId, uint32_t state, std::chrono::milliseconds limit, size_t times)

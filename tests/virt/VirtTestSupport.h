@@ -2,6 +2,7 @@
 // Shared pieces of the channel tests: the stand-in library installed where the loader looks,
 // its scripting exports, and a recorder of published channel states.
 #include "tests/common/CapturingLogger.h"
+#include "tests/common/TestSupport.h"
 #include "tools/skein/Standin.h"
 #include "virt/ChannelStatus.h"
 #include "virt/SkApi.h"
@@ -29,8 +30,7 @@ std::wstring BuildPath(const char* path);
 bool InstallLibrary(const char* builtPath);
 void RemoveLibrary();
 
-// Polls a condition every 20 ms up to the limit.
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds limit);
+using testing_support::Eventually;
 
 struct PublishedStatus
 {
