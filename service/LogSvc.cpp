@@ -8,10 +8,13 @@
 
 #include <process.h>
 
+#include <atomic>
 #include <exception>
 
 namespace
 {
+std::atomic<bool> g_endingProcess{false};
+
 unsigned __stdcall EndProcessAfterDelay(void*)
 {
     ::Sleep(service::kStopDelayMs);
@@ -70,10 +73,20 @@ bool CLogSvc::OnStop()
 {
     if (m_pLogger)
         m_pLogger->Log(LogLevel::Info, L"CLogSvc::OnStop: Service Stopping...");
-    ReportStatus(SERVICE_STOPPED, service::kAcceptedControls);
-    // The servers are not torn down in order: the process ends under them.
+    // The servers are not torn down in order: the process ends under them. The ending thread is
+    // started before stopped is reported, because the report may let the dispatcher return at
+    // once and the main thread must then already know that it is to wait for that thread.
     const uintptr_t thread = _beginthreadex(nullptr, 128, &EndProcessAfterDelay, nullptr, 0, nullptr);
     if (thread)
+    {
         ::CloseHandle(reinterpret_cast<HANDLE>(thread));
+        g_endingProcess = true;
+    }
+    ReportStatus(SERVICE_STOPPED, service::kAcceptedControls);
     return true;
+}
+
+bool CLogSvc::EndingProcess()
+{
+    return g_endingProcess;
 }

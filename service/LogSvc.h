@@ -16,6 +16,9 @@ public:
     bool OnShutdown() override;
     bool OnStop() override;
 
+    // Whether a stop has started the thread that ends the process.
+    static bool EndingProcess();
+
 private:
     std::shared_ptr<CCvLogger> m_pLogger;
 };

@@ -22,6 +22,11 @@ int wmain(int /*argc*/, wchar_t** /*argv*/, wchar_t** /*envp*/)
         CLogSvc serviceObject(service::kServiceName, nullptr);
         serviceObject.RunDispatcher();
         result = 0;
+        // The dispatcher can return as soon as stopped is reported, before its answer to the
+        // stop control has reached the control manager; returning now could cut that answer
+        // off and make the stop look failed. The stop thread ends the process instead.
+        if (CLogSvc::EndingProcess())
+            ::Sleep(INFINITE);
     }
     catch (daxlib::CDaxException* raw)
     {

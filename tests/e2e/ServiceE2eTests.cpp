@@ -1,5 +1,5 @@
 // The service's life under the service control manager with and without the channel library:
-// it always reaches running and serves agents, and a stop ends its process at once with exit
+// it always reaches running and serves agents, and a stop ends its process half a second later with exit
 // code 0, also while agents are connected. The control manager refuses the shutdown control
 // from a program (error 87), so only the system's own shutdown could send it; not driven here.
 #include "tests/e2e/E2eTestSupport.h"
@@ -28,13 +28,13 @@ TEST(ServiceE2e, WithoutTheLibraryItRunsAndAnswersEveryUrlWithOne)
         << "no library, so nobody serves its control pipe";
 
     const ServiceRun::StopOutcome stop = run.Stop();
-    EXPECT_TRUE(stop.controlAccepted);
+    EXPECT_TRUE(stop.controlAccepted) << "error " << stop.controlError;
     EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), stop.reportedState);
     EXPECT_TRUE(stop.processEnded);
     EXPECT_EQ(0u, stop.exitCode);
 }
 
-TEST(ServiceE2e, StopWithAgentsConnectedEndsTheProcessAtOnceWithZero)
+TEST(ServiceE2e, StopWithAgentsConnectedEndsTheProcessHalfASecondLaterWithZero)
 {
     ServiceRun run({});
     StartRunning(run);
@@ -50,12 +50,14 @@ TEST(ServiceE2e, StopWithAgentsConnectedEndsTheProcessAtOnceWithZero)
     ASSERT_TRUE(agents[3].Write(agentpipe::EncodeHandshake({}).data(), 8)); // header only
 
     const ServiceRun::StopOutcome stop = run.Stop();
-    EXPECT_TRUE(stop.controlAccepted);
+    EXPECT_TRUE(stop.controlAccepted) << "error " << stop.controlError;
     EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), stop.reportedState) << "no stop-pending phase";
     ASSERT_TRUE(stop.processEnded);
     EXPECT_EQ(0u, stop.exitCode);
-    // The dispatcher returns as soon as stopped is reported, well before the 500 ms backstop.
-    EXPECT_LT(stop.endedAfterMs, 1500);
+    // The stop thread ends the process half a second after the stop; nothing ends it earlier,
+    // which would risk cutting off the answer to the stop control.
+    EXPECT_GE(stop.endedAfterMs, 450);
+    EXPECT_LT(stop.endedAfterMs, 5000);
     std::printf("process ended %lld ms after the stop control, agents connected\n", stop.endedAfterMs);
     EXPECT_NE(std::wstring::npos, WaitForLog(L"CLogSvc::OnStop: Service Stopping...", 5s).find(
                                       L"CLogSvc::OnStop: Service Stopping..."));
