@@ -4,6 +4,9 @@
 // destructors do nothing, they give back what contention made the system allocate for them.
 #include <windows.h>
 
+#include <chrono>
+#include <mutex>
+
 namespace daxlib
 {
 
@@ -38,9 +41,50 @@ public:
     void lock_shared() noexcept { ::AcquireSRWLockShared(&m_lock); }
     bool try_lock_shared() noexcept { return ::TryAcquireSRWLockShared(&m_lock) != FALSE; }
     void unlock_shared() noexcept { ::ReleaseSRWLockShared(&m_lock); }
+    PSRWLOCK native_handle() noexcept { return &m_lock; }
 
 private:
     SRWLOCK m_lock = SRWLOCK_INIT;
+};
+
+// A condition variable for an srw_lock held exclusively; like the lock, it owns nothing that
+// would need giving back.
+class condition_variable
+{
+public:
+    condition_variable() noexcept = default;
+    condition_variable(const condition_variable&) = delete;
+    condition_variable& operator=(const condition_variable&) = delete;
+
+    void notify_one() noexcept { ::WakeConditionVariable(&m_cv); }
+    void notify_all() noexcept { ::WakeAllConditionVariable(&m_cv); }
+
+    template <class Predicate> void wait(std::unique_lock<srw_lock>& lock, Predicate ready)
+    {
+        while (!ready())
+            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native_handle(), INFINITE, 0);
+    }
+
+    // Whether `ready` held before `limit` ran out.
+    template <class Rep, class Period, class Predicate>
+    bool wait_for(std::unique_lock<srw_lock>& lock, std::chrono::duration<Rep, Period> limit, Predicate ready)
+    {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (!ready())
+        {
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+            if (left <= 0)
+                return ready();
+            const DWORD slice =
+                left >= static_cast<long long>(INFINITE) ? INFINITE - 1 : static_cast<DWORD>(left);
+            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native_handle(), slice, 0);
+        }
+        return true;
+    }
+
+private:
+    CONDITION_VARIABLE m_cv = CONDITION_VARIABLE_INIT;
 };
 
 } // namespace daxlib

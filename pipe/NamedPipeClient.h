@@ -2,6 +2,7 @@
 // The client end: opens a named pipe, retrying on a timer until a server instance is free, and
 // wraps the opened handle in a CNamedPipeClientStream.
 #include "common/BaseLogger.h"
+#include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "pipe/NamedPipeStream.h"
 
@@ -71,7 +72,7 @@ private:
 
     std::shared_ptr<CDaxSecattr> m_pSecurityAttributes;
     std::wstring m_strPipeName;
-    mutable std::mutex m_mutex;
+    mutable daxlib::srw_lock m_mutex;
     std::shared_ptr<CNamedPipeClientStream> m_pStream;
     SharedPipeHandle m_pOpening; // the handle between CreateFileW and InitConnection
     daxlib::unique_tp_timer m_ptpTimer;

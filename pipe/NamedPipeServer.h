@@ -11,6 +11,7 @@
 // CThreadPool threads, never under the server's lock, and the disconnect of a connection is never
 // reported before its connect.
 #include "common/BaseLogger.h"
+#include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "pipe/JoinableThread.h"
 #include "pipe/NamedPipeStream.h"
@@ -58,7 +59,7 @@ private:
 
     std::atomic<uint32_t> m_dwClientProcessId{0};
     std::atomic<uint32_t> m_dwClientSessionId{0};
-    mutable std::mutex m_ownerMutex;
+    mutable daxlib::srw_lock m_ownerMutex;
     std::weak_ptr<void> m_ownerData;
     std::weak_ptr<CNamedPipeServer> m_server;
     std::weak_ptr<daxlib::unique_handle> m_acceptSemaphore;
@@ -120,7 +121,7 @@ private:
     std::wstring m_strPipeName;
     std::shared_ptr<daxlib::unique_handle> m_pAcceptSemaphore;
     std::unique_ptr<CJoinableThread<int>> m_pAcceptThread;
-    mutable std::mutex m_mutex;
+    mutable daxlib::srw_lock m_mutex;
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> m_acceptList;
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> m_connectionList;
     std::shared_ptr<PipeConnectionCallback> m_pOnConnected;

@@ -688,7 +688,7 @@ int CNamedPipeStream::ProcessWriteCallback(int64_t requestId)
 
 int CNamedPipeStream::ProcessCallback(int64_t requestId, bool read)
 {
-    std::mutex& mutex = read ? m_readMapMutex : m_writeMapMutex;
+    daxlib::srw_lock& mutex = read ? m_readMapMutex : m_writeMapMutex;
     auto& map = read ? m_readCallbacks : m_writeCallbacks;
     const wchar_t* origin = read ? L"CNamedPipeStream::ProcessReadCallback: (1032)" : L"CNamedPipeStream::ProcessWriteCallback: (1070)";
     std::shared_ptr<PIPE_IO_REQUEST> request;

@@ -3,6 +3,7 @@
 // thread-pool I/O binding, and the hand-over of completions to the owner's callbacks, which run
 // as tasks on the process's CThreadPool.
 #include "common/BaseLogger.h"
+#include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "pipe/CallbackHolder.h"
 #include "pipe/MemStream.h"
@@ -150,23 +151,23 @@ private:
     HANDLE m_hPipe;
     void* m_pContext;
 
-    mutable std::mutex m_stateMutex;
+    mutable daxlib::srw_lock m_stateMutex;
     uint32_t m_state = ePipeConnectionState_WaitConnection;
 
-    mutable std::mutex m_writeListMutex;
+    mutable daxlib::srw_lock m_writeListMutex;
     std::list<std::shared_ptr<PIPE_IO_REQUEST>> m_writeRequests;
-    std::mutex m_writeMapMutex;
+    daxlib::srw_lock m_writeMapMutex;
     std::map<int64_t, std::shared_ptr<PIPE_IO_REQUEST>> m_writeCallbacks;
-    std::mutex m_readMapMutex;
+    daxlib::srw_lock m_readMapMutex;
     std::map<int64_t, std::shared_ptr<PIPE_IO_REQUEST>> m_readCallbacks;
 
-    mutable std::mutex m_readQueueMutex;
+    mutable daxlib::srw_lock m_readQueueMutex;
     std::deque<std::shared_ptr<PIPE_IO_REQUEST>> m_pendingReads;
     std::atomic<uint32_t> m_readFinalError{0}; // set once no more data can arrive
     CMemStream m_memStream;
 
     // Guards the records (PIPE_OVERLAPPED) against a cancel that detaches them.
-    std::mutex m_recordMutex;
+    daxlib::srw_lock m_recordMutex;
     std::shared_ptr<PipeIoCallback> m_pWriteCallback;
 
     std::atomic<int64_t> m_nextRequestId{1};

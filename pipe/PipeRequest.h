@@ -4,6 +4,7 @@
 // Keep one object per connection for the connection's life: destroying it cancels what is
 // still outstanding and frees the records.
 #include "common/BaseLogger.h"
+#include "common/Locks.h"
 #include "pipe/NamedPipeStream.h"
 
 #include <list>
@@ -35,7 +36,7 @@ protected:
     std::wstring At(const wchar_t* method) const;
 
     const wchar_t* m_szClass;
-    mutable std::mutex m_mutex;
+    mutable daxlib::srw_lock m_mutex;
     std::list<PIPE_OVERLAPPED*> m_records;
     std::shared_ptr<CNamedPipeStream> m_pStream;
     bool m_bServer = true;

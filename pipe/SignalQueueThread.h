@@ -1,6 +1,7 @@
 #pragma once
 // A joinable thread that sleeps on a signal event, drains a queue of T items and hands each to a
 // handler, in push order, one at a time.
+#include "common/Locks.h"
 #include "pipe/JoinableThread.h"
 
 #include <deque>
@@ -159,6 +160,6 @@ private:
     std::atomic<bool> m_bStopForce{false};
     std::atomic<bool> m_bStopping{false};
     std::deque<T> m_queue;
-    mutable std::mutex m_queueLock;
+    mutable daxlib::srw_lock m_queueLock;
     daxlib::unique_handle m_hevSignal;
 };

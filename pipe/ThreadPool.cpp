@@ -8,7 +8,7 @@
 
 namespace
 {
-std::mutex g_poolLock;
+daxlib::srw_lock g_poolLock;
 std::shared_ptr<CThreadPool> g_pool;
 } // namespace
 

@@ -3,12 +3,12 @@
 // task's integer result through a future. The process keeps one, reached through GetThreadPool.
 #include "common/BaseLogger.h"
 #include "common/DaxException.h"
+#include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "pipe/CallbackHolder.h"
 
 #include <windows.h>
 
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -33,10 +33,10 @@ public:
     uint32_t Completed();
 
 private:
-    std::mutex m_mutex;
+    daxlib::srw_lock m_mutex;
     uint32_t m_completed = 0;
     std::map<PTP_WORK, Entry> m_tasks;
-    std::condition_variable m_changed;
+    daxlib::condition_variable m_changed;
 };
 
 class CThreadPool : public CommonHelper::CvLogger::CBaseLogger

@@ -3,13 +3,13 @@
 // outstanding overlapped requests. Completions run on the process's default pool, not on
 // CThreadPool: that split is deliberate.
 #include "common/BaseLogger.h"
+#include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "pipe/CallbackHolder.h"
 
 #include <windows.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <exception>
 #include <list>
 #include <memory>
@@ -221,8 +221,8 @@ private:
     daxlib::unique_tp_io m_ptpIo;
     std::shared_ptr<Callback> m_pCallback;
     void* m_pContext;
-    mutable std::mutex m_mutex;
-    std::condition_variable m_emptied;
+    mutable daxlib::srw_lock m_mutex;
+    daxlib::condition_variable m_emptied;
     std::list<Request> m_requests;
     uint32_t m_bStop = 0;
 };

@@ -1,6 +1,8 @@
 #pragma once
 // A small framework for a Windows service: registration in the process-wide dispatch table,
 // the control handler, and status reporting. One object per process handles controls.
+#include "common/Locks.h"
+
 #include <windows.h>
 
 #include <cstdint>
@@ -30,7 +32,7 @@ public:
     size_t Capacity() const;
 
 private:
-    mutable std::mutex m_lock;
+    mutable daxlib::srw_lock m_lock;
     std::vector<SERVICE_TABLE_ENTRYW> m_entries; // count entries plus the terminator
     size_t m_count = 0;
     size_t m_capacity = 0;

@@ -1,5 +1,6 @@
 #include "service/ServiceSingletons.h"
 
+#include "common/Locks.h"
 #include "log/CvLogger.h"
 #include "service/ServiceConfig.h"
 
@@ -10,7 +11,7 @@ namespace service
 
 namespace
 {
-std::mutex g_slotLock;
+daxlib::srw_lock g_slotLock;
 std::shared_ptr<CCvLogger> g_logger;
 } // namespace
 

@@ -1,5 +1,6 @@
 #include "service/StartupComposition.h"
 
+#include "common/Locks.h"
 #include "log/CvLogger.h"
 #include "pipe/ThreadPool.h"
 #include "pipeserver/PipeServer.h"
@@ -13,7 +14,7 @@ namespace service
 
 namespace
 {
-std::mutex g_slotLock;
+daxlib::srw_lock g_slotLock;
 std::shared_ptr<CVirtServer> g_virtServer;
 std::shared_ptr<CPipeServer> g_pipeServer;
 } // namespace
