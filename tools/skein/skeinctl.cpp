@@ -1,5 +1,7 @@
 // Sends one command to the stand-in channel library loaded in another process (the service)
 // over its control pipe and prints the reply. Usage: skeinctl <command words...>
+#include "common/UniqueHandle.h"
+
 #include <windows.h>
 
 #include <cstdio>
@@ -19,6 +21,30 @@ std::string Narrow(const wchar_t* text)
     return narrow;
 }
 
+// One overlapped read or write that gives up after kReplyLimitMs.
+constexpr DWORD kReplyLimitMs = 15000;
+
+bool Transfer(HANDLE pipe, bool write, char* data, DWORD size, DWORD& done)
+{
+    daxlib::unique_handle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!event)
+        return false;
+    OVERLAPPED ov{};
+    ov.hEvent = event.get();
+    const BOOL started =
+        write ? ::WriteFile(pipe, data, size, nullptr, &ov) : ::ReadFile(pipe, data, size, nullptr, &ov);
+    if (!started && ::GetLastError() != ERROR_IO_PENDING)
+        return false;
+    if (::WaitForSingleObject(event.get(), kReplyLimitMs) != WAIT_OBJECT_0)
+    {
+        ::CancelIoEx(pipe, &ov);
+        ::GetOverlappedResult(pipe, &ov, &done, TRUE); // the buffer stays in use until the cancel lands
+        ::SetLastError(WAIT_TIMEOUT);
+        return false;
+    }
+    return ::GetOverlappedResult(pipe, &ov, &done, FALSE) != FALSE;
+}
+
 } // namespace
 
 int wmain(int argc, wchar_t** argv)
@@ -35,26 +61,27 @@ int wmain(int argc, wchar_t** argv)
     wchar_t name[256] = {};
     if (!::GetEnvironmentVariableW(L"CVSKAPI_STANDIN_PIPE", name, 256))
         wcscpy(name, L"\\\\.\\pipe\\CorvaneSkeinStandin");
-    HANDLE pipe = INVALID_HANDLE_VALUE;
-    for (int attempt = 0; attempt < 50 && pipe == INVALID_HANDLE_VALUE; ++attempt)
+    daxlib::unique_hfile pipe;
+    for (int attempt = 0; attempt < 50 && !pipe; ++attempt)
     {
-        pipe = ::CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (pipe == INVALID_HANDLE_VALUE && !::WaitNamedPipeW(name, 200))
+        pipe.reset(::CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                 FILE_FLAG_OVERLAPPED, nullptr));
+        if (!pipe && !::WaitNamedPipeW(name, 200))
             ::Sleep(100); // the library serves one command at a time; try again shortly
     }
-    if (pipe == INVALID_HANDLE_VALUE)
+    if (!pipe)
     {
-        std::fprintf(stderr, "skeinctl: the stand-in library is not listening (error %lu)\n", ::GetLastError());
+        std::fprintf(stderr, "skeinctl: the stand-in library is not listening (error %lu)\n",
+                     ::GetLastError());
         return 3;
     }
     DWORD mode = PIPE_READMODE_MESSAGE;
-    ::SetNamedPipeHandleState(pipe, &mode, nullptr, nullptr);
-    DWORD written = 0;
+    ::SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr);
     std::string reply(65536, '\0');
     DWORD got = 0;
-    const bool ok = ::WriteFile(pipe, command.data(), static_cast<DWORD>(command.size()), &written, nullptr) &&
-                    ::ReadFile(pipe, reply.data(), static_cast<DWORD>(reply.size()), &got, nullptr);
-    ::CloseHandle(pipe);
+    // A library that stops answering (its process stuck or ending) must not hang the caller.
+    const bool ok = Transfer(pipe.get(), true, command.data(), static_cast<DWORD>(command.size()), got) &&
+                    Transfer(pipe.get(), false, reply.data(), static_cast<DWORD>(reply.size()), got);
     if (!ok)
     {
         std::fprintf(stderr, "skeinctl: no reply (error %lu)\n", ::GetLastError());
