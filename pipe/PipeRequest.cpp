@@ -2,7 +2,14 @@
 
 #include "common/UniqueHandle.h"
 
+#include <utility>
 #include <vector>
+
+namespace
+{
+// Blocking writes of one connection rarely overlap; a few spare events cover them.
+constexpr size_t kSpareEvents = 4;
+} // namespace
 
 CPipeRequest::CPipeRequest(std::shared_ptr<CNamedPipeStream> stream, std::shared_ptr<ICvLogger> logger,
                            const wchar_t* className)
@@ -42,7 +49,16 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
         return FALSE;
     }
     auto* record = new PIPE_OVERLAPPED();
-    record->m_hEvent = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    {
+        std::lock_guard lock(m_mutex);
+        if (!m_spareEvents.empty())
+        {
+            record->m_hEvent = m_spareEvents.back().release();
+            m_spareEvents.pop_back();
+        }
+    }
+    if (!record->m_hEvent)
+        record->m_hEvent = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
     if (!record->m_hEvent)
     {
         daxlib::last_error_guard keep;
@@ -93,6 +109,13 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
                     L"Written = %d byte(s), \"blocked write\" ov = 0x%p", static_cast<int>(record->m_dwBytesTransferred),
                     static_cast<void*>(record));
                 result = TRUE;
+            }
+            // The wait consumed the only signal this write gives, so the event can serve the next.
+            if (wait == WAIT_OBJECT_0)
+            {
+                std::lock_guard lock(m_mutex);
+                if (m_spareEvents.size() < kSpareEvents)
+                    m_spareEvents.emplace_back(std::exchange(record->m_hEvent, nullptr));
             }
         }
     }

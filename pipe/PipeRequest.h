@@ -5,11 +5,13 @@
 // still outstanding and frees the records.
 #include "common/BaseLogger.h"
 #include "common/Locks.h"
+#include "common/UniqueHandle.h"
 #include "pipe/NamedPipeStream.h"
 
 #include <list>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 class CPipeRequest : public CommonHelper::CvLogger::CBaseLogger
 {
@@ -38,6 +40,9 @@ protected:
     const wchar_t* m_szClass;
     mutable daxlib::srw_lock m_mutex;
     std::list<PIPE_OVERLAPPED*> m_records;
+    // Events of blocking writes that ended normally, kept for the next ones: creating and
+    // closing an event per message costs more than the write itself.
+    std::vector<daxlib::unique_handle> m_spareEvents;
     std::shared_ptr<CNamedPipeStream> m_pStream;
     bool m_bServer = true;
 };
