@@ -65,18 +65,54 @@ struct file_traits
     static pointer invalid() noexcept { return INVALID_HANDLE_VALUE; }
     static void close(pointer value) noexcept { ::CloseHandle(value); }
 };
-inline void close_handle(HANDLE h) noexcept { ::CloseHandle(h); }
-inline void close_key(HKEY h) noexcept { ::RegCloseKey(h); }
-inline void close_service(SC_HANDLE h) noexcept { ::CloseServiceHandle(h); }
-inline void free_local(HLOCAL h) noexcept { ::LocalFree(h); }
-inline void free_module(HMODULE h) noexcept { ::FreeLibrary(h); }
-inline void close_event_source(HANDLE h) noexcept { ::DeregisterEventSource(h); }
-inline void close_tp_io(PTP_IO h) noexcept { ::CloseThreadpoolIo(h); }
-inline void close_tp_work(PTP_WORK h) noexcept { ::CloseThreadpoolWork(h); }
-inline void close_tp_timer(PTP_TIMER h) noexcept { ::CloseThreadpoolTimer(h); }
-inline void close_tp_pool(PTP_POOL h) noexcept { ::CloseThreadpool(h); }
-inline void close_tp_cleanup_group(PTP_CLEANUP_GROUP h) noexcept { ::CloseThreadpoolCleanupGroup(h); }
-inline void free_sid(PSID h) noexcept { ::FreeSid(h); }
+inline void close_handle(HANDLE h) noexcept
+{
+    ::CloseHandle(h);
+}
+inline void close_key(HKEY h) noexcept
+{
+    ::RegCloseKey(h);
+}
+inline void close_service(SC_HANDLE h) noexcept
+{
+    ::CloseServiceHandle(h);
+}
+inline void free_local(HLOCAL h) noexcept
+{
+    ::LocalFree(h);
+}
+inline void free_module(HMODULE h) noexcept
+{
+    ::FreeLibrary(h);
+}
+inline void close_event_source(HANDLE h) noexcept
+{
+    ::DeregisterEventSource(h);
+}
+inline void close_tp_io(PTP_IO h) noexcept
+{
+    ::CloseThreadpoolIo(h);
+}
+inline void close_tp_work(PTP_WORK h) noexcept
+{
+    ::CloseThreadpoolWork(h);
+}
+inline void close_tp_timer(PTP_TIMER h) noexcept
+{
+    ::CloseThreadpoolTimer(h);
+}
+inline void close_tp_pool(PTP_POOL h) noexcept
+{
+    ::CloseThreadpool(h);
+}
+inline void close_tp_cleanup_group(PTP_CLEANUP_GROUP h) noexcept
+{
+    ::CloseThreadpoolCleanupGroup(h);
+}
+inline void free_sid(PSID h) noexcept
+{
+    ::FreeSid(h);
+}
 } // namespace detail
 
 // Events, threads, tokens, processes, semaphores, mutexes: empty is NULL.

@@ -27,7 +27,8 @@ CBuffersList::CBuffersList(uint64_t blockSize, BOOL backgroundAllocation, uint32
         m_hAllocThread.reset(reinterpret_cast<HANDLE>(
             ::_beginthreadex(nullptr, 16384, &CBuffersList::AllocateNewBuffersThread, this, 0, nullptr)));
         if (!m_hAllocThread)
-            daxlib::ThrowDaxException(L"BuffersList", __LINE__, L"error creating of AllocateNewBuffersThread()");
+            daxlib::ThrowDaxException(L"BuffersList", __LINE__,
+                                      L"error creating of AllocateNewBuffersThread()");
     }
 }
 

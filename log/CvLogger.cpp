@@ -24,7 +24,7 @@ static_assert(sizeof(wchar_t) == sizeof(char16_t), "the Windows build keeps UTF-
 
 constexpr DWORD kWatchTimeoutMs = 4000;
 constexpr DWORD kIdleCloseMs = 2000;
-constexpr uint32_t kNotFound = ERROR_NOT_FOUND;           // 1168
+constexpr uint32_t kNotFound = ERROR_NOT_FOUND;             // 1168
 constexpr uint32_t kBadParameter = ERROR_INVALID_PARAMETER; // 87
 const wchar_t kSddlOpen[] = L"D:(A;;GA;;;WD)";
 const wchar_t kSddlRestricted[] = L"D:(A;;GRGWSD;;;SY)(A;;GRGWSD;;;BA)(A;;GWSD;;;AU)";
@@ -75,10 +75,11 @@ std::optional<DWORD> ReadDword(HKEY key, const wchar_t* name, bool* missing = nu
 
 // ---- creation and destruction ----------------------------------------------------------------
 
-std::shared_ptr<CCvLogger> CCvLogger::CreateLogger(HKEY hRoot, const wchar_t* szSubKey, const wchar_t* szCompany,
-                                                   const wchar_t* szProduct, const wchar_t* szBaseName,
-                                                   const wchar_t* szPrefix, int nFolderId, BOOL bCreateKey,
-                                                   BOOL bBuffered, uint32_t dwLevel)
+std::shared_ptr<CCvLogger> CCvLogger::CreateLogger(HKEY hRoot, const wchar_t* szSubKey,
+                                                   const wchar_t* szCompany, const wchar_t* szProduct,
+                                                   const wchar_t* szBaseName, const wchar_t* szPrefix,
+                                                   int nFolderId, BOOL bCreateKey, BOOL bBuffered,
+                                                   uint32_t dwLevel)
 {
     daxlib::unique_handle token;
     ::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY | TOKEN_IMPERSONATE, token.put());
@@ -97,8 +98,9 @@ std::shared_ptr<CCvLogger> CCvLogger::CreateLogger(HKEY hRoot, const wchar_t* sz
 
 std::shared_ptr<CCvLogger> CCvLogger::CreateLoggerInFolder(const wchar_t* szFolder, HKEY hRoot,
                                                            const wchar_t* szSubKey, const wchar_t* szBaseName,
-                                                           const wchar_t* szPrefix, BOOL bCreateKey, BOOL bBuffered,
-                                                           uint32_t dwLevel, JunctionCheck junctionCheck)
+                                                           const wchar_t* szPrefix, BOOL bCreateKey,
+                                                           BOOL bBuffered, uint32_t dwLevel,
+                                                           JunctionCheck junctionCheck)
 {
     if (!szFolder || !*szFolder || !szBaseName || !*szBaseName)
     {
@@ -146,8 +148,8 @@ CCvLogger::CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFi
         daxlib::ThrowDaxException(L"CvLogger", __LINE__);
     m_hAdvapi.reset(::LoadLibraryW(L"Advapi32"));
     if (m_hAdvapi)
-        m_pfnGetUserName =
-            reinterpret_cast<GetUserNameFn>(reinterpret_cast<void*>(::GetProcAddress(m_hAdvapi.get(), "GetUserNameW")));
+        m_pfnGetUserName = reinterpret_cast<GetUserNameFn>(
+            reinterpret_cast<void*>(::GetProcAddress(m_hAdvapi.get(), "GetUserNameW")));
 }
 
 CCvLogger::~CCvLogger()
@@ -203,7 +205,8 @@ void CCvLogger::LogCategoryV(const wchar_t* category, const wchar_t* format, va_
     WriteRecord(0, category, message, static_cast<size_t>(length));
 }
 
-void CCvLogger::WriteRecord(uint32_t fileIndex, const wchar_t* category, const wchar_t* message, size_t length)
+void CCvLogger::WriteRecord(uint32_t fileIndex, const wchar_t* category, const wchar_t* message,
+                            size_t length)
 {
     daxlib::last_error_guard keep;
     std::lock_guard lock(m_cs);
@@ -367,7 +370,8 @@ uint32_t CCvLogger::SetLevel(uint32_t level)
         subKey = m_strSubKey;
     }
     daxlib::unique_hkey key;
-    LONG rc = ::RegCreateKeyExW(root, subKey.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr);
+    LONG rc =
+        ::RegCreateKeyExW(root, subKey.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr);
     if (rc == ERROR_SUCCESS)
     {
         const DWORD value = level;
@@ -427,7 +431,8 @@ bool CCvLogger::FormatError(uint32_t code, wchar_t* buffer, size_t capacity)
     if (code == 0)
         return true;
     wchar_t* text = nullptr;
-    const DWORD length = ::FormatMessageW(0x11FF, nullptr, code, 0x400, reinterpret_cast<LPWSTR>(&text), 0, nullptr);
+    const DWORD length =
+        ::FormatMessageW(0x11FF, nullptr, code, 0x400, reinterpret_cast<LPWSTR>(&text), 0, nullptr);
     daxlib::unique_hlocal owned(text);
     if (length == 0 || !text)
         return false;
@@ -467,8 +472,8 @@ BOOL CCvLogger::OpenRegistry(HKEY hRoot, const wchar_t* szSubKey, BOOL startWatc
     }
     LoadSettings(key.get(), create && writable);
     if (startWatch && !m_hWatchThread)
-        m_hWatchThread.reset(
-            reinterpret_cast<HANDLE>(::_beginthreadex(nullptr, 0, &CCvLogger::WatchThread, this, 0, nullptr)));
+        m_hWatchThread.reset(reinterpret_cast<HANDLE>(
+            ::_beginthreadex(nullptr, 0, &CCvLogger::WatchThread, this, 0, nullptr)));
     return TRUE;
 }
 
@@ -477,7 +482,8 @@ void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
     DWORD type = 0;
     wchar_t raw[64] = {};
     DWORD size = sizeof raw - sizeof(wchar_t);
-    const LONG rc = ::RegQueryValueExW(hKey, L"LogLevel", nullptr, &type, reinterpret_cast<BYTE*>(raw), &size);
+    const LONG rc =
+        ::RegQueryValueExW(hKey, L"LogLevel", nullptr, &type, reinterpret_cast<BYTE*>(raw), &size);
     if (rc == ERROR_SUCCESS)
     {
         if (type == REG_DWORD && size == sizeof(DWORD))
@@ -498,7 +504,8 @@ void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
     else if (rc == ERROR_FILE_NOT_FOUND && writeBack)
     {
         const DWORD level = m_dwLevel.load();
-        ::RegSetValueExW(hKey, L"LogLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&level), sizeof level);
+        ::RegSetValueExW(hKey, L"LogLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&level),
+                         sizeof level);
     }
 
     bool missing = false;
@@ -566,7 +573,8 @@ void CCvLogger::WatchLoop()
     daxlib::unique_handle changed(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!changed)
         return;
-    const auto arm = [&] {
+    const auto arm = [&]
+    {
         return ::RegNotifyChangeKeyValue(key.get(), TRUE, REG_NOTIFY_CHANGE_LAST_SET, changed.get(), TRUE) ==
                ERROR_SUCCESS;
     };
@@ -639,8 +647,8 @@ std::wstring CCvLogger::PerProcessStem(const wchar_t* name) const
     text += name;
     text += L"-";
     const std::wstring pattern =
-        daxlib::Format(L"%s%s-%d-%d*.txt", text.c_str(), m_strBaseName.c_str(), static_cast<int>(m_dwSessionId),
-                       static_cast<int>(m_dwProcessId));
+        daxlib::Format(L"%s%s-%d-%d*.txt", text.c_str(), m_strBaseName.c_str(),
+                       static_cast<int>(m_dwSessionId), static_cast<int>(m_dwProcessId));
 
     // A file of this process written within the last hour is continued.
     FILETIME nowUtc;
@@ -648,14 +656,16 @@ std::wstring CCvLogger::PerProcessStem(const wchar_t* name) const
     const uint64_t hourAgo = FileTimeValue(nowUtc) - 3600ULL * 10000000ULL;
     std::wstring latest;
     uint64_t latestTime = 0;
-    cvlog::ForEachFile(pattern, [&](const WIN32_FIND_DATAW& data) {
-        const uint64_t written = FileTimeValue(data.ftLastWriteTime);
-        if (latest.empty() || written > latestTime)
-        {
-            latest = data.cFileName;
-            latestTime = written;
-        }
-    });
+    cvlog::ForEachFile(pattern,
+                       [&](const WIN32_FIND_DATAW& data)
+                       {
+                           const uint64_t written = FileTimeValue(data.ftLastWriteTime);
+                           if (latest.empty() || written > latestTime)
+                           {
+                               latest = data.cFileName;
+                               latestTime = written;
+                           }
+                       });
     if (!latest.empty() && latestTime > hourAgo && latest.size() > 4)
         return m_strFolder + latest.substr(0, latest.size() - 4);
 
@@ -877,11 +887,13 @@ void CCvLogger::Cleanup()
         base = m_strBaseName;
     }
 
-    const auto list = [&](const std::wstring& pattern) {
+    const auto list = [&](const std::wstring& pattern)
+    {
         std::vector<cvlog::FileStamp> files;
-        cvlog::ForEachFile(pattern, [&](const WIN32_FIND_DATAW& data) {
-            files.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
-        });
+        cvlog::ForEachFile(pattern,
+                           [&](const WIN32_FIND_DATAW& data) {
+                               files.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
+                           });
         return files;
     };
 
@@ -897,8 +909,8 @@ void CCvLogger::Cleanup()
     const uint32_t limit = m_dwOldFileLimit.load();
     if (limit == 0)
         return;
-    const auto doomed = cvlog::SelectOverLimit(list(daxlib::Format(L"%s\\*-%s-*.txt", folder.c_str(), base.c_str())),
-                                               limit, ToU16(base.c_str()));
+    const auto doomed = cvlog::SelectOverLimit(
+        list(daxlib::Format(L"%s\\*-%s-*.txt", folder.c_str(), base.c_str())), limit, ToU16(base.c_str()));
     for (const auto& name : doomed)
         ::DeleteFileW((folder + L"\\" + FromU16(name)).c_str());
 }
@@ -940,8 +952,8 @@ void CCvLogger::GetWindowsVersionText(wchar_t* buffer, size_t capacity)
         info.productType = os.wProductType;
         SYSTEM_INFO system{};
         using NativeInfoFn = void(WINAPI*)(LPSYSTEM_INFO);
-        const auto native = reinterpret_cast<NativeInfoFn>(
-            reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetNativeSystemInfo")));
+        const auto native = reinterpret_cast<NativeInfoFn>(reinterpret_cast<void*>(
+            ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetNativeSystemInfo")));
         if (native)
             native(&system);
         else
@@ -959,8 +971,8 @@ uint32_t CCvLogger::RegisterEventSourceKey(const wchar_t* provider)
 {
     const std::wstring path = std::wstring(kEventLogKey) + (provider ? provider : L"");
     daxlib::unique_hkey key;
-    LONG rc = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, key.put(),
-                                nullptr);
+    LONG rc = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
+                                key.put(), nullptr);
     if (rc != ERROR_SUCCESS)
         return static_cast<uint32_t>(rc);
     wchar_t module[MAX_PATH] = {};
@@ -1019,7 +1031,9 @@ void CCvLogger::EventLog(uint32_t level, uint32_t eventId, PSID userSid, const w
         Log(0, L"CCvLogger::EventLog: (1499): _vsnwprintf_s() failed");
         return;
     }
-    const WORD type = level == 0 ? EVENTLOG_ERROR_TYPE : level == 1 ? EVENTLOG_WARNING_TYPE : EVENTLOG_INFORMATION_TYPE;
+    const WORD type = level == 0   ? EVENTLOG_ERROR_TYPE
+                      : level == 1 ? EVENTLOG_WARNING_TYPE
+                                   : EVENTLOG_INFORMATION_TYPE;
     const wchar_t* strings[] = {message};
     ::ReportEventW(m_hEventSource.get(), type, 0, eventId, userSid, 1, 0, strings, nullptr);
 }

@@ -21,16 +21,18 @@ public:
     using JunctionCheck = bool (*)(const std::wstring& folder);
 
     // The folder is the shell folder nFolderId + company + product. Null on failure.
-    static std::shared_ptr<CCvLogger> CreateLogger(HKEY hRoot, const wchar_t* szSubKey, const wchar_t* szCompany,
-                                                   const wchar_t* szProduct, const wchar_t* szBaseName,
-                                                   const wchar_t* szPrefix, int nFolderId, BOOL bCreateKey,
-                                                   BOOL bBuffered, uint32_t dwLevel);
+    static std::shared_ptr<CCvLogger> CreateLogger(HKEY hRoot, const wchar_t* szSubKey,
+                                                   const wchar_t* szCompany, const wchar_t* szProduct,
+                                                   const wchar_t* szBaseName, const wchar_t* szPrefix,
+                                                   int nFolderId, BOOL bCreateKey, BOOL bBuffered,
+                                                   uint32_t dwLevel);
     // The same with the folder given (a trailing backslash is added when missing). hRoot or
     // szSubKey null: no registry settings and no watch thread.
     static std::shared_ptr<CCvLogger> CreateLoggerInFolder(const wchar_t* szFolder, HKEY hRoot,
                                                            const wchar_t* szSubKey, const wchar_t* szBaseName,
-                                                           const wchar_t* szPrefix, BOOL bCreateKey, BOOL bBuffered,
-                                                           uint32_t dwLevel, JunctionCheck junctionCheck = nullptr);
+                                                           const wchar_t* szPrefix, BOOL bCreateKey,
+                                                           BOOL bBuffered, uint32_t dwLevel,
+                                                           JunctionCheck junctionCheck = nullptr);
 
     // Throws daxlib::CDaxException* when the stop event cannot be created.
     CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFileSize);
@@ -41,12 +43,13 @@ public:
     // ICvLogger
     void LogV(uint32_t level, const wchar_t* format, va_list args) override;
     void LogCategoryV(const wchar_t* category, const wchar_t* format, va_list args) override;
-    void DumpV(uint32_t level, const void* bytes, uint32_t count, const wchar_t* format, va_list args) override;
+    void DumpV(uint32_t level, const void* bytes, uint32_t count, const wchar_t* format,
+               va_list args) override;
     bool IsLevelEnabled(uint32_t level) const override;
 
     void LogToFile(uint32_t fileIndex, uint32_t level, const wchar_t* format, ...);
-    void DumpToFile(uint32_t fileIndex, uint32_t level, const void* bytes, uint32_t count, const wchar_t* format,
-                    ...);
+    void DumpToFile(uint32_t fileIndex, uint32_t level, const void* bytes, uint32_t count,
+                    const wchar_t* format, ...);
 
     // Stores the level and, with a writable registry key, writes it as "LogLevel". Returns the
     // registry's error code (0 without a key); the level is set either way.
@@ -121,8 +124,8 @@ private:
     };
 
     void LogToFileV(uint32_t fileIndex, uint32_t level, const wchar_t* format, va_list args);
-    void DumpToFileV(uint32_t fileIndex, uint32_t level, const void* bytes, uint32_t count, const wchar_t* format,
-                     va_list args);
+    void DumpToFileV(uint32_t fileIndex, uint32_t level, const void* bytes, uint32_t count,
+                     const wchar_t* format, va_list args);
     void WriteRecord(uint32_t fileIndex, const wchar_t* category, const wchar_t* message, size_t length);
     // Into out[kTextCapacity]; returns the length, alignment blanks included.
     size_t BuildHeader(const wchar_t* category, wchar_t* out) const;

@@ -35,8 +35,8 @@ CCvLoggerBuffer::CCvLoggerBuffer(const CCvLogger* owner, Options options)
       m_strFolder(std::move(options.folder))
 {
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (::ConvertStringSecurityDescriptorToSecurityDescriptorW(options.sddl.c_str(), SDDL_REVISION_1, &descriptor,
-                                                               nullptr))
+    if (::ConvertStringSecurityDescriptorToSecurityDescriptorW(options.sddl.c_str(), SDDL_REVISION_1,
+                                                               &descriptor, nullptr))
     {
         m_pSecurityDescriptor.reset(descriptor);
         m_sa.nLength = sizeof m_sa;
@@ -122,8 +122,8 @@ BOOL CCvLoggerBuffer::TransferLocked(const void* data, uint64_t size)
         if (!JunctionAllows(now))
             return FALSE;
         m_hFile.reset(::CreateFileW(m_strFileName.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                    m_pSecurityDescriptor ? &m_sa : nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
-                                    nullptr));
+                                    m_pSecurityDescriptor ? &m_sa : nullptr, disposition,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
         if (!m_hFile)
             return FALSE;
         if (disposition == OPEN_ALWAYS && ::GetLastError() != ERROR_ALREADY_EXISTS)
@@ -218,7 +218,8 @@ bool CCvLoggerBuffer::CheckRotation(DWORD now)
 uint32_t CCvLoggerBuffer::Compact()
 {
     const size_t slash = m_strFileStem.find_last_of(L'\\');
-    const std::wstring directory = slash == std::wstring::npos ? std::wstring() : m_strFileStem.substr(0, slash + 1);
+    const std::wstring directory =
+        slash == std::wstring::npos ? std::wstring() : m_strFileStem.substr(0, slash + 1);
     const std::wstring stem = m_strFileStem.substr(directory.size());
 
     std::vector<std::u16string> names;

@@ -209,8 +209,8 @@ std::u16string PerProcessFileStem(const std::u16string& text, const std::u16stri
                                   uint32_t processId, const TimeParts& t)
 {
     return text + base +
-           AsciiFormat("-%d-%d_%04d-%02d-%02d-%02d%02d%02d", static_cast<int>(sessionId), static_cast<int>(processId),
-                       t.year, t.month, t.day, t.hour, t.minute, t.second);
+           AsciiFormat("-%d-%d_%04d-%02d-%02d-%02d%02d%02d", static_cast<int>(sessionId),
+                       static_cast<int>(processId), t.year, t.month, t.day, t.hour, t.minute, t.second);
 }
 
 std::vector<std::u16string> SelectOverLimit(std::vector<FileStamp> files, uint32_t limit,

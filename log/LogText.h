@@ -48,7 +48,8 @@ struct TimeParts
 template <typename Char> class BoundedText
 {
 public:
-    BoundedText(Char* out, size_t capacity, size_t length = 0) : m_out(out), m_capacity(capacity), m_length(length)
+    BoundedText(Char* out, size_t capacity, size_t length = 0)
+        : m_out(out), m_capacity(capacity), m_length(length)
     {
         if (m_capacity > 0)
             m_out[std::min(m_length, m_capacity - 1)] = Char();

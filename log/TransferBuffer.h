@@ -37,7 +37,7 @@ private:
 
     std::unique_ptr<CBuffersList> m_pList;
     mutable CSrwMutex m_mutex;
-    bool m_bBusy = false;        // the writer holds a piece that has not reached Transfer() yet
+    bool m_bBusy = false;          // the writer holds a piece that has not reached Transfer() yet
     bool m_bDataSignalled = false; // data-available is set; set once per burst, not per piece
     daxlib::unique_handle m_hevData;
     daxlib::unique_handle m_hevStop;

@@ -38,7 +38,8 @@ public:
 
     R Invoke(A... args) override
     {
-        return std::apply([&](auto&... bound) -> R { return (m_pObject->*m_pMethod)(args..., bound...); }, m_bound);
+        return std::apply([&](auto&... bound) -> R { return (m_pObject->*m_pMethod)(args..., bound...); },
+                          m_bound);
     }
     std::shared_ptr<CCallbackHolder<R(A...)>> Clone() const override
     {

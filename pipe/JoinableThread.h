@@ -62,7 +62,8 @@ public:
         if (!m_pTask)
         {
             ::SetLastError(ERROR_INVALID_PARAMETER);
-            daxlib::ThrowDaxException(m_strName.c_str(), 86, L"Invalid parameter 'task': it is required, but NULL");
+            daxlib::ThrowDaxException(m_strName.c_str(), 86,
+                                      L"Invalid parameter 'task': it is required, but NULL");
         }
     }
 
@@ -75,7 +76,8 @@ public:
         if (!m_pStopAwareTask)
         {
             ::SetLastError(ERROR_INVALID_PARAMETER);
-            daxlib::ThrowDaxException(m_strName.c_str(), 86, L"Invalid parameter 'task': it is required, but NULL");
+            daxlib::ThrowDaxException(m_strName.c_str(), 86,
+                                      L"Invalid parameter 'task': it is required, but NULL");
         }
     }
 
@@ -101,19 +103,21 @@ public:
             m_hevStop.reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
             if (!m_hevStop)
             {
-                Log(LogLevel::Error, L"CJoinableThread<int>::Start: (114)", L"Failed to create 'stop' event: GLE = %d",
-                    static_cast<int>(::GetLastError()));
+                Log(LogLevel::Error, L"CJoinableThread<int>::Start: (114)",
+                    L"Failed to create 'stop' event: GLE = %d", static_cast<int>(::GetLastError()));
                 m_state = eStateStopped;
                 return 0;
             }
         }
         m_bRunning = true;
         unsigned threadId = 0;
-        const uintptr_t thread = ::_beginthreadex(nullptr, 0, &CJoinableThread::WorkingThread, this, 0, &threadId);
+        const uintptr_t thread =
+            ::_beginthreadex(nullptr, 0, &CJoinableThread::WorkingThread, this, 0, &threadId);
         if (thread == 0)
         {
             Log(LogLevel::Error, L"CJoinableThread<int>::Start: (123)",
-                L"Unable to create thread: _beginthreadex() failed. GLE = %d", static_cast<int>(::GetLastError()));
+                L"Unable to create thread: _beginthreadex() failed. GLE = %d",
+                static_cast<int>(::GetLastError()));
             m_bRunning = false;
             m_state = eStateStopped;
             return 0;
@@ -184,8 +188,9 @@ private:
         }
         catch (const std::exception& e)
         {
-            self->Log(LogLevel::Error, L"CJoinableThread<int>::WorkingThread: ", L"Exception: Error(%u) Desc(\"%S\")",
-                      static_cast<unsigned>(::GetLastError()), e.what());
+            self->Log(LogLevel::Error, L"CJoinableThread<int>::WorkingThread: ",
+                      L"Exception: Error(%u) Desc(\"%S\")", static_cast<unsigned>(::GetLastError()),
+                      e.what());
         }
         catch (...)
         {

@@ -9,8 +9,8 @@
 
 // ---- CNamedPipeClientStream ----
 
-CNamedPipeClientStream::CNamedPipeClientStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context,
-                                               std::weak_ptr<CNamedPipeClient> client)
+CNamedPipeClientStream::CNamedPipeClientStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe,
+                                               void* context, std::weak_ptr<CNamedPipeClient> client)
     : CNamedPipeStream(std::move(logger), std::move(pipe), context), m_client(std::move(client))
 {
 }
@@ -54,10 +54,12 @@ void CNamedPipeClientStream::OnReadLoopEnded()
     if (client.expired() || !pool)
         return;
     // Released on a pool thread: a stream must never be destroyed inside its own completion.
-    pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>([client](void* h) {
-                                      if (auto c = client.lock())
-                                          c->OnClientDisconnected(h);
-                                  }),
+    pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>(
+                                      [client](void* h)
+                                      {
+                                          if (auto c = client.lock())
+                                              c->OnClientDisconnected(h);
+                                      }),
                                   GetHandle());
 }
 
@@ -97,8 +99,8 @@ BOOL CNamedPipeClient::CreateConnectTimer()
                                                  pool ? pool->GetEnvironment() : nullptr));
         if (!m_ptpTimer)
         {
-            Log(LogLevel::Error, L"CNamedPipeClient::CreateConnectTimer: (95)", L"Unable to create threadpool timer. GLE=%d",
-                static_cast<int>(::GetLastError()));
+            Log(LogLevel::Error, L"CNamedPipeClient::CreateConnectTimer: (95)",
+                L"Unable to create threadpool timer. GLE=%d", static_cast<int>(::GetLastError()));
             return FALSE;
         }
     }
@@ -128,7 +130,8 @@ void CALLBACK CNamedPipeClient::TimerConnectCallback(PTP_CALLBACK_INSTANCE, PVOI
         {
             if (self->m_bReconnect.load() && !self->m_bStop.load())
             {
-                self->Log(LogLevel::Debug, L"CNamedPipeClient::TimerConnectCallback: (178)", L"Shedule next connection...");
+                self->Log(LogLevel::Debug, L"CNamedPipeClient::TimerConnectCallback: (178)",
+                          L"Shedule next connection...");
                 std::lock_guard lock(self->m_mutex);
                 if (self->m_ptpTimer && !self->m_bStop.load())
                     self->ArmTimer();
@@ -157,8 +160,8 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         {
             ++m_dwAttempts;
             pipe = ::CreateFileW(m_strPipeName.c_str(), GENERIC_READ | GENERIC_WRITE, 0,
-                                 CDaxSecattr::Get(m_pSecurityAttributes.get()), OPEN_EXISTING, FILE_FLAG_OVERLAPPED,
-                                 nullptr);
+                                 CDaxSecattr::Get(m_pSecurityAttributes.get()), OPEN_EXISTING,
+                                 FILE_FLAG_OVERLAPPED, nullptr);
             if (pipe != INVALID_HANDLE_VALUE)
                 break;
             DWORD error = ::GetLastError();
@@ -179,8 +182,9 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
             if (!::WaitNamedPipeW(m_strPipeName.c_str(), remaining))
             {
                 error = ::GetLastError();
-                Log(LogLevel::Debug, L"CNamedPipeClient::Connect: (241)", L"WaitNamedPipe() failed. Timeout = %d, GLE=%d",
-                    static_cast<int>(remaining), static_cast<int>(error));
+                Log(LogLevel::Debug, L"CNamedPipeClient::Connect: (241)",
+                    L"WaitNamedPipe() failed. Timeout = %d, GLE=%d", static_cast<int>(remaining),
+                    static_cast<int>(error));
                 const ULONGLONG usedNow = ::GetTickCount64() - start;
                 if (error != ERROR_FILE_NOT_FOUND || usedNow >= timeoutMs)
                 {
@@ -208,8 +212,9 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         auto pool = GetThreadPool();
         std::future<int> result;
         const BOOL submitted =
-            pool && pool->CreateTask<void*>(result, MakeMemberCallback<int(void*)>(this, &CNamedPipeClient::InitConnection),
-                                            static_cast<void*>(pipe));
+            pool && pool->CreateTask<void*>(
+                        result, MakeMemberCallback<int(void*)>(this, &CNamedPipeClient::InitConnection),
+                        static_cast<void*>(pipe));
         int connected = 0;
         if (submitted)
             connected = result.get();
@@ -278,7 +283,8 @@ int CNamedPipeClient::InitConnection(void* pipe)
 
 void CNamedPipeClient::OnClientDisconnected(void* pipe)
 {
-    Log(LogLevel::Debug, L"CNamedPipeClient::OnClientDisconnected: (339)", L"Client disonnected: hPipe = 0x%p", pipe);
+    Log(LogLevel::Debug, L"CNamedPipeClient::OnClientDisconnected: (339)",
+        L"Client disonnected: hPipe = 0x%p", pipe);
     std::shared_ptr<CNamedPipeClientStream> stream;
     std::shared_ptr<PipeClientCallback> onDisconnected;
     {

@@ -51,7 +51,8 @@ public:
     // With the flag set, a timer attempt that finds no server (or no free instance) schedules
     // one more attempt 200 ms later.
     void SetReconnect(bool reconnect) { m_bReconnect = reconnect ? 1 : 0; }
-    void SetCallbacks(std::shared_ptr<PipeClientCallback> onConnected, std::shared_ptr<PipeClientCallback> onDisconnected);
+    void SetCallbacks(std::shared_ptr<PipeClientCallback> onConnected,
+                      std::shared_ptr<PipeClientCallback> onDisconnected);
 
     // Arms a one-shot timer that calls Connect(200) 200 ms from now.
     BOOL CreateConnectTimer();

@@ -9,7 +9,8 @@
 
 // ---- CNamedPipeServerStream ----
 
-CNamedPipeServerStream::CNamedPipeServerStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context)
+CNamedPipeServerStream::CNamedPipeServerStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe,
+                                               void* context)
     : CNamedPipeStream(std::move(logger), std::move(pipe), context)
 {
 }
@@ -48,7 +49,8 @@ BOOL CNamedPipeServerStream::ConnectAsync()
     SetPipeConnectionState(ePipeConnectionState_Connecting);
     if (::ConnectNamedPipe(GetHandle(), &request->overlapped))
     {
-        Log(LogLevel::Warning, L"CNamedPipeServerStream::ConnectAsync: (78)", L"Unexpected behavior: ConnectNamedPipe succeeds");
+        Log(LogLevel::Warning, L"CNamedPipeServerStream::ConnectAsync: (78)",
+            L"Unexpected behavior: ConnectNamedPipe succeeds");
         GetIo()->Cancel(request, TRUE);
         SetPipeConnectionState(ePipeConnectionState_Connected);
         if (OnClientConnected())
@@ -62,7 +64,8 @@ BOOL CNamedPipeServerStream::ConnectAsync()
         if (GetIo()->IsStopping())
         {
             Log(LogLevel::Debug, L"CNamedPipeServerStream::ConnectAsync: (92)",
-                L"ConnectNamedPipe(ov = 0x%p)...ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p: 0x%p",
+                L"ConnectNamedPipe(ov = 0x%p)...ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p: "
+                L"0x%p",
                 static_cast<void*>(&request->overlapped), static_cast<void*>(request.get()));
             GetIo()->Cancel(request, FALSE);
             SetPipeConnectionState(ePipeConnectionState_ConnectionError);
@@ -78,8 +81,8 @@ BOOL CNamedPipeServerStream::ConnectAsync()
             ReleaseAcceptUnit();
         return TRUE;
     default:
-        Log(LogLevel::Error, L"CNamedPipeServerStream::ConnectAsync: (112)", L"ConnectNamedPipe failed. GLE=%d",
-            static_cast<int>(error));
+        Log(LogLevel::Error, L"CNamedPipeServerStream::ConnectAsync: (112)",
+            L"ConnectNamedPipe failed. GLE=%d", static_cast<int>(error));
         GetIo()->Cancel(request, TRUE);
         SetPipeConnectionState(ePipeConnectionState_ConnectionError);
         if (error == ERROR_NO_DATA)
@@ -102,10 +105,12 @@ void CNamedPipeServerStream::OnConnectCompleted(unsigned long ioResult)
     if (pool && !server.expired())
     {
         const void* identity = this;
-        pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>([server, identity](void* h) {
-                                          if (auto s = server.lock())
-                                              s->OnConnectFailed(h, identity);
-                                      }),
+        pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>(
+                                          [server, identity](void* h)
+                                          {
+                                              if (auto s = server.lock())
+                                                  s->OnConnectFailed(h, identity);
+                                          }),
                                       GetHandle());
     }
 }
@@ -117,26 +122,29 @@ int CNamedPipeServerStream::OnClientConnected()
     if (::GetNamedPipeClientProcessId(GetHandle(), &processId))
         m_dwClientProcessId = processId;
     else
-        Log(LogLevel::Error, L"CNamedPipeServerStream::OnClientConnected: (137)", L"Unable to get client ProcessId. GLE=%d",
-            static_cast<int>(::GetLastError()));
+        Log(LogLevel::Error, L"CNamedPipeServerStream::OnClientConnected: (137)",
+            L"Unable to get client ProcessId. GLE=%d", static_cast<int>(::GetLastError()));
     if (::GetNamedPipeClientSessionId(GetHandle(), &sessionId))
         m_dwClientSessionId = sessionId;
     else
-        Log(LogLevel::Error, L"CNamedPipeServerStream::OnClientConnected: (143)", L"Unable to get client SessionId. GLE=%d",
-            static_cast<int>(::GetLastError()));
-    Log(LogLevel::Debug, L"CNamedPipeServerStream::OnClientConnected: (147)", L"ClientProcessId = %d, SessionId = %d",
-        static_cast<int>(processId), static_cast<int>(sessionId));
+        Log(LogLevel::Error, L"CNamedPipeServerStream::OnClientConnected: (143)",
+            L"Unable to get client SessionId. GLE=%d", static_cast<int>(::GetLastError()));
+    Log(LogLevel::Debug, L"CNamedPipeServerStream::OnClientConnected: (147)",
+        L"ClientProcessId = %d, SessionId = %d", static_cast<int>(processId), static_cast<int>(sessionId));
     auto server = GetServerLink();
     auto pool = GetThreadPool();
     if (server.expired() || !pool)
         return 0;
     std::future<int> result;
     // The task holds the server only while it runs, never from an I/O completion thread.
-    return pool->CreateTask<void*>(result, MakeGlobalCallback<int(void*)>([server](void* h) {
-                                       if (auto s = server.lock())
-                                           return s->OnClientConnected(h);
-                                       return 0;
-                                   }),
+    return pool->CreateTask<void*>(result,
+                                   MakeGlobalCallback<int(void*)>(
+                                       [server](void* h)
+                                       {
+                                           if (auto s = server.lock())
+                                               return s->OnClientConnected(h);
+                                           return 0;
+                                       }),
                                    GetHandle());
 }
 
@@ -149,10 +157,12 @@ void CNamedPipeServerStream::OnReadLoopEnded()
     auto pool = GetThreadPool();
     if (server.expired() || !pool)
         return;
-    pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>([server](void* h) {
-                                      if (auto s = server.lock())
-                                          s->OnClientDisconnected(h);
-                                  }),
+    pool->CreateTask<void, void*>(MakeGlobalCallback<void(void*)>(
+                                      [server](void* h)
+                                      {
+                                          if (auto s = server.lock())
+                                              s->OnClientDisconnected(h);
+                                      }),
                                   GetHandle());
 }
 
@@ -183,7 +193,8 @@ std::weak_ptr<CNamedPipeServer> CNamedPipeServerStream::GetServerLink() const
 // ---- CNamedPipeServer ----
 
 CNamedPipeServer::CNamedPipeServer(const std::wstring& name, uint32_t maxInstances, uint32_t accepts,
-                                   std::shared_ptr<CDaxSecattr> securityAttributes, std::shared_ptr<ICvLogger> logger)
+                                   std::shared_ptr<CDaxSecattr> securityAttributes,
+                                   std::shared_ptr<ICvLogger> logger)
     : CBaseLogger(std::move(logger)), m_pSecurityAttributes(std::move(securityAttributes)),
       m_dwMaxInstances(maxInstances), m_dwAccepts(pipe_states::ClampAccepts(accepts)),
       m_strPipeName(L"\\\\.\\pipe\\" + name)
@@ -215,7 +226,8 @@ std::shared_ptr<CNamedPipeServer> CNamedPipeServer::Self()
 }
 
 BOOL CNamedPipeServer::BeginWaitForConnection(std::shared_ptr<PipeConnectionCallback> onConnected,
-                                              std::shared_ptr<PipeConnectionCallback> onDisconnected, void* context)
+                                              std::shared_ptr<PipeConnectionCallback> onDisconnected,
+                                              void* context)
 {
     Log(LogLevel::Debug, L"CNamedPipeServer::BeginWaitForConnection: (83)", L" (accepts: %d)...",
         static_cast<int>(m_dwAccepts));
@@ -238,8 +250,8 @@ BOOL CNamedPipeServer::BeginWaitForConnection(std::shared_ptr<PipeConnectionCall
     {
         if (!m_pAcceptThread)
             m_pAcceptThread = std::make_unique<CJoinableThread<int>>(
-                MakeMemberCallback<int(void*, void*)>(this, &CNamedPipeServer::AcceptThread), nullptr, m_pLogger,
-                L"AcceptThread");
+                MakeMemberCallback<int(void*, void*)>(this, &CNamedPipeServer::AcceptThread), nullptr,
+                m_pLogger, L"AcceptThread");
     }
     catch (daxlib::CDaxException* raw)
     {
@@ -268,8 +280,9 @@ int CNamedPipeServer::AcceptThread(void* stopEvent, void*)
             Log(LogLevel::Debug, L"CNamedPipeServer::AcceptThread: (155)", L"Thread stopped");
             break;
         }
-        Log(LogLevel::Error, L"CNamedPipeServer::AcceptThread: (160)", L"WaitForMultipleObjects failed. dwWait = %d, GLE = %d",
-            static_cast<int>(wait), static_cast<int>(::GetLastError()));
+        Log(LogLevel::Error, L"CNamedPipeServer::AcceptThread: (160)",
+            L"WaitForMultipleObjects failed. dwWait = %d, GLE = %d", static_cast<int>(wait),
+            static_cast<int>(::GetLastError()));
         result = 0;
         break;
     }
@@ -283,14 +296,14 @@ BOOL CNamedPipeServer::WaitForConnection()
     {
         SECURITY_ATTRIBUTES* attributes = CDaxSecattr::Get(m_pSecurityAttributes.get());
         auto pipe = std::make_shared<daxlib::unique_hfile>(::CreateNamedPipeW(
-            m_strPipeName.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, m_dwMaxInstances, m_dwOutBufferSize,
-            m_dwInBufferSize, kDefaultTimeoutMs, attributes));
+            m_strPipeName.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, m_dwMaxInstances,
+            m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs, attributes));
         if (!*pipe)
         {
             // As built, the unit is not given back: each creation failure leaves one waiting
             // instance fewer.
-            Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (190)", L"Unable to create Named Pipe instance: GLE = %d",
-                static_cast<int>(::GetLastError()));
+            Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (190)",
+                L"Unable to create Named Pipe instance: GLE = %d", static_cast<int>(::GetLastError()));
             return FALSE;
         }
         const HANDLE handle = pipe->get();
@@ -306,8 +319,8 @@ BOOL CNamedPipeServer::WaitForConnection()
         }
         if (stream->ConnectAsync())
             return TRUE;
-        Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)", L"Failed to connect pipe <hPipe = 0x%p>",
-            static_cast<void*>(handle));
+        Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)",
+            L"Failed to connect pipe <hPipe = 0x%p>", static_cast<void*>(handle));
         {
             std::lock_guard lock(m_mutex);
             m_acceptList.erase(handle);
@@ -330,7 +343,8 @@ BOOL CNamedPipeServer::WaitForConnection()
 
 int CNamedPipeServer::OnClientConnected(void* pipe)
 {
-    Log(LogLevel::Debug, L"CNamedPipeServer::OnClientConnected: (234)", L"Client connected: hPipe = 0x%p", pipe);
+    Log(LogLevel::Debug, L"CNamedPipeServer::OnClientConnected: (234)", L"Client connected: hPipe = 0x%p",
+        pipe);
     std::shared_ptr<CNamedPipeServerStream> stream;
     std::shared_ptr<PipeConnectionCallback> onConnected;
     void* context = nullptr;
@@ -339,8 +353,8 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
         auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
         if (it == m_acceptList.end())
         {
-            Log(LogLevel::Error, L"CNamedPipeServer::OnClientConnected: (241)", L"Pipe <hPipe: 0x%p> not found in the accept list",
-                pipe);
+            Log(LogLevel::Error, L"CNamedPipeServer::OnClientConnected: (241)",
+                L"Pipe <hPipe: 0x%p> not found in the accept list", pipe);
             return 0;
         }
         stream = it->second;
@@ -376,7 +390,8 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
 
 void CNamedPipeServer::OnClientDisconnected(void* pipe)
 {
-    Log(LogLevel::Debug, L"CNamedPipeServer::OnClientDisconnected: (277)", L"Client disonnected: hPipe = 0x%p", pipe);
+    Log(LogLevel::Debug, L"CNamedPipeServer::OnClientDisconnected: (277)",
+        L"Client disonnected: hPipe = 0x%p", pipe);
     std::shared_ptr<CNamedPipeServerStream> stream;
     std::shared_ptr<PipeConnectionCallback> onDisconnected;
     void* context = nullptr;
@@ -447,7 +462,8 @@ void CNamedPipeServer::ResetCallback()
         m_pOnDisconnected.reset();
         m_pContext = nullptr;
     }
-    Log(LogLevel::Trace, L"CNamedPipeServer::ResetCallback: (335)", L"Reset [connect & disconnect] callbacks");
+    Log(LogLevel::Trace, L"CNamedPipeServer::ResetCallback: (335)",
+        L"Reset [connect & disconnect] callbacks");
 }
 
 void CNamedPipeServer::EndWaitForConnection()

@@ -16,8 +16,8 @@ CNamedPipeStream::CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipe
     Log(LogLevel::Debug, L"CNamedPipeStream::CNamedPipeStream: ", L"constructor start...");
     m_pIo = std::make_shared<PipeThreadPoolIo>(
         m_hPipe, L"NamedPipeParallel_IO", logger,
-        MakeMemberCallback<PipeThreadPoolIo::Callback::result_type(unsigned long, PipeThreadPoolIo::Request&,
-                                                                    unsigned long long, PipeThreadPoolIo*, void*)>(
+        MakeMemberCallback<PipeThreadPoolIo::Callback::result_type(
+            unsigned long, PipeThreadPoolIo::Request&, unsigned long long, PipeThreadPoolIo*, void*)>(
             this, &CNamedPipeStream::IoAsyncCallback),
         context);
     if (!m_pIo->Start())
@@ -40,13 +40,14 @@ uint32_t CNamedPipeStream::SetPipeConnectionState(uint32_t newState)
     {
         m_state = newState;
         Log(LogLevel::Debug, L"CNamedPipeStream::SetPipeConnectionState: (1197)",
-            L"CurrentState: %d<%s>, NewState: %d<%s> - status updated", current, ConnectionStateName(current), newState,
-            ConnectionStateName(newState));
+            L"CurrentState: %d<%s>, NewState: %d<%s> - status updated", current, ConnectionStateName(current),
+            newState, ConnectionStateName(newState));
     }
     else
     {
-        Log(LogLevel::Debug, L"CNamedPipeStream::SetPipeConnectionState: (1200)", L"CurrentState: %d<%s>, NewState: %d<%s>",
-            current, ConnectionStateName(current), newState, ConnectionStateName(newState));
+        Log(LogLevel::Debug, L"CNamedPipeStream::SetPipeConnectionState: (1200)",
+            L"CurrentState: %d<%s>, NewState: %d<%s>", current, ConnectionStateName(current), newState,
+            ConnectionStateName(newState));
     }
     return current;
 }
@@ -63,7 +64,8 @@ void CNamedPipeStream::ForceConnectionState(uint32_t state)
     m_state = state;
 }
 
-template <typename R, typename P> BOOL CNamedPipeStream::SubmitSelf(R (CNamedPipeStream::*method)(P), P argument)
+template <typename R, typename P>
+BOOL CNamedPipeStream::SubmitSelf(R (CNamedPipeStream::*method)(P), P argument)
 {
     auto pool = GetThreadPool();
     std::weak_ptr<CNamedPipeStream> weak = weak_from_this();
@@ -73,12 +75,14 @@ template <typename R, typename P> BOOL CNamedPipeStream::SubmitSelf(R (CNamedPip
         return FALSE;
     }
     // The task keeps the stream alive only while it runs; a stream already gone is skipped.
-    auto task = MakeGlobalCallback<R(P)>([weak, method](P value) -> R {
-        if (auto self = weak.lock())
-            return ((*self).*method)(value);
-        if constexpr (!std::is_void_v<R>)
-            return R{};
-    });
+    auto task = MakeGlobalCallback<R(P)>(
+        [weak, method](P value) -> R
+        {
+            if (auto self = weak.lock())
+                return ((*self).*method)(value);
+            if constexpr (!std::is_void_v<R>)
+                return R{};
+        });
     return pool->CreateTask<R, P>(task, argument);
 }
 
@@ -101,8 +105,9 @@ BOOL CNamedPipeStream::BeginRead()
     if (!signal->buffer)
     {
         ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        Log(LogLevel::Error, L"CNamedPipeStream::BeginRead: (166)", L"Failed to allocate BufLength = %d GLE=%d",
-            static_cast<int>(kReadBufferSize), static_cast<int>(::GetLastError()));
+        Log(LogLevel::Error, L"CNamedPipeStream::BeginRead: (166)",
+            L"Failed to allocate BufLength = %d GLE=%d", static_cast<int>(kReadBufferSize),
+            static_cast<int>(::GetLastError()));
         return FALSE;
     }
     auto request = std::make_shared<PipeRequestIo>(signal);
@@ -111,8 +116,8 @@ BOOL CNamedPipeStream::BeginRead()
     void* buffer = signal->buffer.get();
     if (::ReadFile(m_hPipe, buffer, kReadBufferSize, nullptr, &request->overlapped))
     {
-        Log(LogLevel::Trace, L"CNamedPipeStream::BeginRead: (176)", L"ReadFile(pBuff = 0x%p, BufLength = %d) return TRUE",
-            buffer, static_cast<int>(kReadBufferSize));
+        Log(LogLevel::Trace, L"CNamedPipeStream::BeginRead: (176)",
+            L"ReadFile(pBuff = 0x%p, BufLength = %d) return TRUE", buffer, static_cast<int>(kReadBufferSize));
         return TRUE;
     }
     const DWORD error = ::GetLastError();
@@ -121,7 +126,8 @@ BOOL CNamedPipeStream::BeginRead()
         if (m_pIo->IsStopping())
         {
             Log(LogLevel::Debug, L"CNamedPipeStream::BeginRead: (184)",
-                L"ReadFile(pBuff = 0x%p, BufLength = %d): ... ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p: 0x%p",
+                L"ReadFile(pBuff = 0x%p, BufLength = %d): ... ERROR_IO_PENDING. ThreadPoolIo stops... Cancel "
+                L"request p: 0x%p",
                 buffer, static_cast<int>(kReadBufferSize), static_cast<void*>(request.get()));
             m_pIo->Cancel(request, FALSE);
         }
@@ -135,10 +141,12 @@ BOOL CNamedPipeStream::BeginRead()
     }
     if (error == ERROR_BROKEN_PIPE)
         Log(LogLevel::Warning, L"CNamedPipeStream::BeginRead: (194)",
-            L"ReadFile(pBuff = 0x%p, BufLength = %d): ... ERROR_BROKEN_PIPE...", buffer, static_cast<int>(kReadBufferSize));
+            L"ReadFile(pBuff = 0x%p, BufLength = %d): ... ERROR_BROKEN_PIPE...", buffer,
+            static_cast<int>(kReadBufferSize));
     else
-        Log(LogLevel::Error, L"CNamedPipeStream::BeginRead: (197)", L"ReadFile(pBuff = 0x%p, BufLength = %d) return GLE=%d",
-            buffer, static_cast<int>(kReadBufferSize), static_cast<int>(error));
+        Log(LogLevel::Error, L"CNamedPipeStream::BeginRead: (197)",
+            L"ReadFile(pBuff = 0x%p, BufLength = %d) return GLE=%d", buffer,
+            static_cast<int>(kReadBufferSize), static_cast<int>(error));
     m_pIo->Cancel(request, TRUE);
     ::SetLastError(error);
     return FALSE;
@@ -149,8 +157,9 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
 {
     const PipeTaskSignal* signal = request && request->signal ? request->signal.get() : nullptr;
     const uint32_t kind = signal ? signal->signal : 0xFFFFFFFFu;
-    Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (423)", L"[PipeIO signal \"%s\", ov: 0x%p] begin...",
-        SignalName(kind), static_cast<void*>(request ? &request->overlapped : nullptr));
+    Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (423)",
+        L"[PipeIO signal \"%s\", ov: 0x%p] begin...", SignalName(kind),
+        static_cast<void*>(request ? &request->overlapped : nullptr));
     if (ioResult != 0)
         Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (427)", L"PipeIO signal %s: failed err=%d",
             SignalName(kind), static_cast<int>(ioResult));
@@ -166,7 +175,8 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
                 OnClientConnected();
             }
             break;
-        case ePipeTaskSignal_Read: {
+        case ePipeTaskSignal_Read:
+        {
             Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (444)",
                 L"Reader: recieved %d byte(s) from pipe server end. IoResult = %d", static_cast<int>(bytes),
                 static_cast<int>(ioResult));
@@ -187,10 +197,12 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
                 OnReadLoopEnded();
             break;
         }
-        case ePipeTaskSignal_Write: {
+        case ePipeTaskSignal_Write:
+        {
             const auto& pipeIo = signal->request;
             Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (470)",
-                L"Writer: written %d byte(s) to pipe server end. IoResult = %d, Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>",
+                L"Writer: written %d byte(s) to pipe server end. IoResult = %d, Pipe_IO: 0x%p, ov: "
+                L"0x%p<ID=%I64d>",
                 static_cast<int>(bytes), static_cast<int>(ioResult), static_cast<void*>(pipeIo.get()),
                 static_cast<void*>(pipeIo ? pipeIo->ov : nullptr), pipeIo ? pipeIo->id : 0LL);
             if (!EndWrite(pipeIo, ioResult, static_cast<uint32_t>(bytes)))
@@ -200,8 +212,8 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
             break;
         }
         default:
-            Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (490)", L"signal %s not supported as IO completion signal",
-                SignalName(kind));
+            Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (490)",
+                L"signal %s not supported as IO completion signal", SignalName(kind));
             break;
         }
     }
@@ -209,8 +221,9 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
     {
         LogStdException(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (495)", e);
     }
-    Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (501)", L"[PipeIO signal \"%s\", ov: 0x%p] End.",
-        SignalName(kind), static_cast<void*>(request ? &request->overlapped : nullptr));
+    Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (501)",
+        L"[PipeIO signal \"%s\", ov: 0x%p] End.", SignalName(kind),
+        static_cast<void*>(request ? &request->overlapped : nullptr));
     return 1;
 }
 
@@ -311,7 +324,8 @@ void CNamedPipeStream::ProcessQueueReadRequest(unsigned long ioResult)
             if (finalError == 0)
                 break; // wait for more data
             Log(LogLevel::Trace, L"CNamedPipeStream::ProcessQueueReadRequest: (940)",
-                ioResult != 0 ? L"Pipe_IO: 0x%p - read failed. IoResult: %d" : L"Pipe_IO: 0x%p -  - read failed. IoResult: %d",
+                ioResult != 0 ? L"Pipe_IO: 0x%p - read failed. IoResult: %d"
+                              : L"Pipe_IO: 0x%p -  - read failed. IoResult: %d",
                 static_cast<void*>(request.get()), static_cast<int>(finalError));
             m_pendingReads.pop_front();
             CompleteIoRequest(request, finalError);
@@ -370,8 +384,9 @@ BOOL CNamedPipeStream::AddWriteRequest(const std::shared_ptr<PIPE_IO_REQUEST>& r
         if (BeginWrite(request))
             return TRUE;
         const DWORD error = ::GetLastError();
-        Log(LogLevel::Error, L"CNamedPipeStream::AddWriteRequest: (226)", L"BeginWrite() failed: GLE=%d, Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>",
-            static_cast<int>(error), static_cast<void*>(request.get()), static_cast<void*>(request->ov), request->id);
+        Log(LogLevel::Error, L"CNamedPipeStream::AddWriteRequest: (226)",
+            L"BeginWrite() failed: GLE=%d, Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>", static_cast<int>(error),
+            static_cast<void*>(request.get()), static_cast<void*>(request->ov), request->id);
         // Finished with the error, so that a blocked writer wakes.
         EndWrite(request, error ? error : ERROR_PIPE_NOT_CONNECTED, 0);
         ::SetLastError(error);
@@ -394,7 +409,8 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
         {
             Log(LogLevel::Trace, L"CNamedPipeStream::BeginWrite: (245)",
                 L"Pipe not connected (state: %d<%s>) - SKIP Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>", state,
-                ConnectionStateName(state), static_cast<void*>(request.get()), static_cast<void*>(request->ov), request->id);
+                ConnectionStateName(state), static_cast<void*>(request.get()),
+                static_cast<void*>(request->ov), request->id);
             ::SetLastError(ERROR_PIPE_NOT_CONNECTED);
             return FALSE;
         }
@@ -403,8 +419,8 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
         {
             Log(LogLevel::Trace, L"CNamedPipeStream::BeginWrite: (252)",
                 L"Request state: %d<%s> - SKIP Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>", requestState,
-                RequestStateName(requestState), static_cast<void*>(request.get()), static_cast<void*>(request->ov),
-                request->id);
+                RequestStateName(requestState), static_cast<void*>(request.get()),
+                static_cast<void*>(request->ov), request->id);
             ::SetLastError(ERROR_INVALID_STATE);
             return FALSE;
         }
@@ -421,8 +437,10 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
         if (::WriteFile(m_hPipe, buffer, request->length, &written, &io->overlapped))
         {
             Log(LogLevel::Trace, L"CNamedPipeStream::BeginWrite: (280)",
-                L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p) return TRUE. lpNumberOfBytesWritten: %d byte(s)",
-                static_cast<void*>(request.get()), buffer, length, static_cast<void*>(request->ov), static_cast<int>(written));
+                L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p) return TRUE. "
+                L"lpNumberOfBytesWritten: %d byte(s)",
+                static_cast<void*>(request.get()), buffer, length, static_cast<void*>(request->ov),
+                static_cast<int>(written));
             return TRUE;
         }
         const DWORD error = ::GetLastError();
@@ -431,7 +449,8 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
             if (m_pIo->IsStopping())
             {
                 Log(LogLevel::Debug, L"CNamedPipeStream::BeginWrite: (292)",
-                    L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p): ... ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p:0x%p",
+                    L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p): ... "
+                    L"ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p:0x%p",
                     static_cast<void*>(request.get()), buffer, length, static_cast<void*>(request->ov),
                     static_cast<void*>(io.get()));
                 m_pIo->Cancel(io, FALSE);
@@ -439,19 +458,22 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
             else
             {
                 Log(LogLevel::Trace, L"CNamedPipeStream::BeginWrite: (299)",
-                    L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p): ... ERROR_IO_PENDING...",
+                    L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p): ... "
+                    L"ERROR_IO_PENDING...",
                     static_cast<void*>(request.get()), buffer, length, static_cast<void*>(request->ov));
             }
             return TRUE;
         }
         if (error == ERROR_BROKEN_PIPE)
             Log(LogLevel::Warning, L"CNamedPipeStream::BeginWrite: (310)",
-                L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p): ... ERROR_BROKEN_PIPE...",
+                L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p): ... "
+                L"ERROR_BROKEN_PIPE...",
                 static_cast<void*>(request.get()), buffer, length, static_cast<void*>(request->ov));
         else
             Log(LogLevel::Error, L"CNamedPipeStream::BeginWrite: (318)",
                 L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p) return GLE=%d",
-                static_cast<void*>(request.get()), buffer, length, static_cast<void*>(request->ov), static_cast<int>(error));
+                static_cast<void*>(request.get()), buffer, length, static_cast<void*>(request->ov),
+                static_cast<int>(error));
         m_pIo->Cancel(io, TRUE);
         ::SetLastError(error);
         return FALSE;
@@ -463,7 +485,8 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
     }
 }
 
-BOOL CNamedPipeStream::EndWrite(const std::shared_ptr<PIPE_IO_REQUEST>& request, uint32_t ioResult, uint32_t bytesWritten)
+BOOL CNamedPipeStream::EndWrite(const std::shared_ptr<PIPE_IO_REQUEST>& request, uint32_t ioResult,
+                                uint32_t bytesWritten)
 {
     try
     {
@@ -473,24 +496,28 @@ BOOL CNamedPipeStream::EndWrite(const std::shared_ptr<PIPE_IO_REQUEST>& request,
             return FALSE;
         }
         const uint32_t count = ++m_cntWrite;
-        Log(LogLevel::Debug, L"CNamedPipeStream::EndWrite: (356)", L"Pipe_IO: 0x%p, cntWrite = %d, cntBeginWrite = %d, bEndWrite = %d ",
-            static_cast<void*>(request.get()), static_cast<int>(count), static_cast<int>(m_cntBeginWrite.load()),
-            m_bEndWrite.load() ? 1 : 0);
+        Log(LogLevel::Debug, L"CNamedPipeStream::EndWrite: (356)",
+            L"Pipe_IO: 0x%p, cntWrite = %d, cntBeginWrite = %d, bEndWrite = %d ",
+            static_cast<void*>(request.get()), static_cast<int>(count),
+            static_cast<int>(m_cntBeginWrite.load()), m_bEndWrite.load() ? 1 : 0);
         request->transferred = bytesWritten;
         if (ioResult == 0 && bytesWritten < request->length)
         {
             // Deliberately not written again: the caller sees the count in its record.
             Log(LogLevel::Debug, L"CNamedPipeStream::EndWrite: (370)",
-                L"Pipe_IO: 0x%p - Not all data is written to the channel. Written=%d byte(s), nNumberOfBytesToWrite=%d byte(s)",
-                static_cast<void*>(request.get()), static_cast<int>(bytesWritten), static_cast<int>(request->length));
+                L"Pipe_IO: 0x%p - Not all data is written to the channel. Written=%d byte(s), "
+                L"nNumberOfBytesToWrite=%d byte(s)",
+                static_cast<void*>(request.get()), static_cast<int>(bytesWritten),
+                static_cast<int>(request->length));
         }
         const uint32_t state = request->state.load();
         if (state == ePipeRequestState_Pending)
             Log(LogLevel::Trace, L"CNamedPipeStream::EndWrite: (380)", L"Pipe_IO: 0x%p, IoResult: %d",
                 static_cast<void*>(request.get()), static_cast<int>(ioResult));
         else
-            Log(LogLevel::Trace, L"CNamedPipeStream::EndWrite: (384)", L"Pipe_IO: 0x%p, IoResult: %d, State: %d<%s>",
-                static_cast<void*>(request.get()), static_cast<int>(ioResult), state, RequestStateName(state));
+            Log(LogLevel::Trace, L"CNamedPipeStream::EndWrite: (384)",
+                L"Pipe_IO: 0x%p, IoResult: %d, State: %d<%s>", static_cast<void*>(request.get()),
+                static_cast<int>(ioResult), state, RequestStateName(state));
         const BOOL result = CompleteIoRequest(request, ioResult);
         m_bEndWrite = true;
         return result;
@@ -513,16 +540,18 @@ void CNamedPipeStream::CancelWriteRequest()
     {
         auto io = request->io.lock();
         if (io && m_pIo->Cancel(io, FALSE))
-            Log(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (752)", L"Pipe_IO: 0x%p cancel... success",
-                static_cast<void*>(request.get()));
+            Log(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (752)",
+                L"Pipe_IO: 0x%p cancel... success", static_cast<void*>(request.get()));
         else
-            Log(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (755)", L"Pipe_IO: 0x%p cancel... fail",
-                static_cast<void*>(request.get()));
-        Log(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (760)", L"Pipe_IO: 0x%p. Set IoResult: %d ...",
-            static_cast<void*>(request.get()), static_cast<int>(ERROR_OPERATION_ABORTED));
+            Log(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (755)",
+                L"Pipe_IO: 0x%p cancel... fail", static_cast<void*>(request.get()));
+        Log(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (760)",
+            L"Pipe_IO: 0x%p. Set IoResult: %d ...", static_cast<void*>(request.get()),
+            static_cast<int>(ERROR_OPERATION_ABORTED));
         if (!EndWrite(request, ERROR_OPERATION_ABORTED, 0))
-            Log(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (768)", L"EndWrite() failed. IoResult = %d, Pipe_IO: 0x%p",
-                static_cast<int>(ERROR_OPERATION_ABORTED), static_cast<void*>(request.get()));
+            Log(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (768)",
+                L"EndWrite() failed. IoResult = %d, Pipe_IO: 0x%p", static_cast<int>(ERROR_OPERATION_ABORTED),
+                static_cast<void*>(request.get()));
     }
 }
 
@@ -575,8 +604,9 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
     if (request->completed.load())
     {
         Log(LogLevel::Error, L"CNamedPipeStream::CompleteIoRequest: (615)",
-            L"Re-completion of the request: Pipe_IO: 0x%p. State: %s, IoStatus: %d", static_cast<void*>(request.get()),
-            RequestStateName(request->state.load()), static_cast<int>(ioStatus));
+            L"Re-completion of the request: Pipe_IO: 0x%p. State: %s, IoStatus: %d",
+            static_cast<void*>(request.get()), RequestStateName(request->state.load()),
+            static_cast<int>(ioStatus));
         return FALSE;
     }
     if (request->kind == PIPE_IO_REQUEST::eKindWrite)
@@ -596,7 +626,8 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
         {
             Log(LogLevel::Error, L"CNamedPipeStream::CompleteIoRequest: (630)",
                 L"Pipe_IO: 0x%p not found in the list - Skip complete. State: %s, IoStatus: %d",
-                static_cast<void*>(request.get()), RequestStateName(request->state.load()), static_cast<int>(ioStatus));
+                static_cast<void*>(request.get()), RequestStateName(request->state.load()),
+                static_cast<int>(ioStatus));
             return FALSE;
         }
     }
@@ -605,27 +636,30 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
     if (!record)
     {
         Log(LogLevel::Error, L"CNamedPipeStream::CompleteIoRequest: (640)",
-            L"Pipe_IO: 0x%p [ov == NULL -> skip complete]. State: %s, IoStatus: %d", static_cast<void*>(request.get()),
-            RequestStateName(request->state.load()), static_cast<int>(ioStatus));
+            L"Pipe_IO: 0x%p [ov == NULL -> skip complete]. State: %s, IoStatus: %d",
+            static_cast<void*>(request.get()), RequestStateName(request->state.load()),
+            static_cast<int>(ioStatus));
         request->completed = true;
         return FALSE;
     }
-    Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (648)", L"Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>, state: %s, IoStatus: %d",
-        static_cast<void*>(request.get()), static_cast<void*>(record), request->id,
-        RequestStateName(request->state.load()), static_cast<int>(ioStatus));
+    Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (648)",
+        L"Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>, state: %s, IoStatus: %d", static_cast<void*>(request.get()),
+        static_cast<void*>(record), request->id, RequestStateName(request->state.load()),
+        static_cast<int>(ioStatus));
     record->m_dwIoStatus = ioStatus;
     record->m_dwBytesTransferred = request->transferred;
     uint32_t state = request->state.load();
     if (state != ePipeRequestState_Pending && state != ePipeRequestState_Canceled)
     {
-        Log(LogLevel::Error, L"CNamedPipeStream::CompleteIoRequest: (655)", L"Invalid state Pipe_IO: 0x%p, state: %s, IoStatus: %d",
-            static_cast<void*>(request.get()), RequestStateName(state), static_cast<int>(ioStatus));
+        Log(LogLevel::Error, L"CNamedPipeStream::CompleteIoRequest: (655)",
+            L"Invalid state Pipe_IO: 0x%p, state: %s, IoStatus: %d", static_cast<void*>(request.get()),
+            RequestStateName(state), static_cast<int>(ioStatus));
         return FALSE;
     }
     if (state == ePipeRequestState_Canceled && !request->hEvent)
     {
-        Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (661)", L"Pipe_IO: 0x%p canceled - Skip complete",
-            static_cast<void*>(request.get()));
+        Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (661)",
+            L"Pipe_IO: 0x%p canceled - Skip complete", static_cast<void*>(request.get()));
         request->completed = true;
         return TRUE;
     }
@@ -634,8 +668,9 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
     {
         if (request->completed.exchange(true))
             return FALSE;
-        Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (672)", L"Pipe_IO: 0x%p set event to end wait ov: 0x%p. IoStatus: %d",
-            static_cast<void*>(request.get()), static_cast<void*>(record), static_cast<int>(ioStatus));
+        Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (672)",
+            L"Pipe_IO: 0x%p set event to end wait ov: 0x%p. IoStatus: %d", static_cast<void*>(request.get()),
+            static_cast<void*>(record), static_cast<int>(ioStatus));
         const HANDLE event = std::exchange(request->hEvent, nullptr);
         // The writer frees its record once woken; nothing here may touch it afterwards.
         request->ov = nullptr;
@@ -655,14 +690,16 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
             return FALSE;
         recordLock.unlock();
         Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (690)",
-            read ? L"add read callback: Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>" : L"add write callback: Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>",
+            read ? L"add read callback: Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>"
+                 : L"add write callback: Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>",
             static_cast<void*>(request.get()), static_cast<void*>(record), request->id);
         {
             std::lock_guard lock(read ? m_readMapMutex : m_writeMapMutex);
             (read ? m_readCallbacks : m_writeCallbacks)[request->id] = request;
         }
-        const BOOL submitted = SubmitSelf<int, int64_t>(
-            read ? &CNamedPipeStream::ProcessReadCallback : &CNamedPipeStream::ProcessWriteCallback, request->id);
+        const BOOL submitted = SubmitSelf<int, int64_t>(read ? &CNamedPipeStream::ProcessReadCallback
+                                                             : &CNamedPipeStream::ProcessWriteCallback,
+                                                        request->id);
         if (!submitted)
         {
             std::lock_guard lock(read ? m_readMapMutex : m_writeMapMutex);
@@ -671,8 +708,8 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
         return submitted;
     }
     request->completed = true;
-    Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (720)", L"Pipe_IO: 0x%p. Pipe request has no event and no callback",
-        static_cast<void*>(request.get()));
+    Log(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (720)",
+        L"Pipe_IO: 0x%p. Pipe request has no event and no callback", static_cast<void*>(request.get()));
     return TRUE;
 }
 
@@ -690,7 +727,8 @@ int CNamedPipeStream::ProcessCallback(int64_t requestId, bool read)
 {
     daxlib::srw_lock& mutex = read ? m_readMapMutex : m_writeMapMutex;
     auto& map = read ? m_readCallbacks : m_writeCallbacks;
-    const wchar_t* origin = read ? L"CNamedPipeStream::ProcessReadCallback: (1032)" : L"CNamedPipeStream::ProcessWriteCallback: (1070)";
+    const wchar_t* origin = read ? L"CNamedPipeStream::ProcessReadCallback: (1032)"
+                                 : L"CNamedPipeStream::ProcessWriteCallback: (1070)";
     std::shared_ptr<PIPE_IO_REQUEST> request;
     {
         std::lock_guard lock(mutex);
@@ -703,8 +741,9 @@ int CNamedPipeStream::ProcessCallback(int64_t requestId, bool read)
         if (it->second->state.load() != ePipeRequestState_Canceled)
         {
             request = it->second;
-            Log(LogLevel::Trace, origin, L"Pipe_IO: 0x%p, ov: 0x%p, state: %s ", static_cast<void*>(request.get()),
-                static_cast<void*>(request->ov), RequestStateName(request->state.load()));
+            Log(LogLevel::Trace, origin, L"Pipe_IO: 0x%p, ov: 0x%p, state: %s ",
+                static_cast<void*>(request.get()), static_cast<void*>(request->ov),
+                RequestStateName(request->state.load()));
             request->state = ePipeRequestState_DoCallback;
         }
     }

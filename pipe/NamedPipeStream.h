@@ -28,15 +28,16 @@ struct PIPE_OVERLAPPED
 {
     virtual ~PIPE_OVERLAPPED() = default;
 
-    HANDLE m_hEvent = nullptr;        // only for a blocked write
-    uint32_t m_dwIoStatus = 0;        // 0 or the Windows error of the completion
+    HANDLE m_hEvent = nullptr; // only for a blocked write
+    uint32_t m_dwIoStatus = 0; // 0 or the Windows error of the completion
     uint32_t m_dwBytesTransferred = 0;
     std::shared_ptr<PIPE_IO_REQUEST> m_pRequest; // set when the stream accepts the operation
     std::shared_ptr<unsigned char[]> m_pData;
 };
 
 // The owner's read or write callback: (data, its length, I/O status, completion record).
-using PipeIoCallback = CCallbackHolder<void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*)>;
+using PipeIoCallback =
+    CCallbackHolder<void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*)>;
 
 struct PipeTaskSignal;
 using PipeRequestIo = CRequestIo<std::shared_ptr<PipeTaskSignal>>;
@@ -58,8 +59,8 @@ struct PIPE_IO_REQUEST
     std::shared_ptr<unsigned char[]> buffer;
     uint32_t length = 0;
     uint32_t transferred = 0;
-    PIPE_OVERLAPPED* ov = nullptr;  // guarded by the stream's record lock; null once detached
-    HANDLE hEvent = nullptr;        // borrowed from the record of a blocked write
+    PIPE_OVERLAPPED* ov = nullptr; // guarded by the stream's record lock; null once detached
+    HANDLE hEvent = nullptr;       // borrowed from the record of a blocked write
     std::shared_ptr<PipeIoCallback> callback;
     std::weak_ptr<PipeRequestIo> io; // the kernel-level request while a write is in flight
 };
@@ -68,8 +69,8 @@ struct PIPE_IO_REQUEST
 struct PipeTaskSignal
 {
     uint32_t signal = ePipeTaskSignal_Read;
-    std::shared_ptr<PIPE_IO_REQUEST> request;   // writes
-    std::shared_ptr<unsigned char[]> buffer;    // reads
+    std::shared_ptr<PIPE_IO_REQUEST> request; // writes
+    std::shared_ptr<unsigned char[]> buffer;  // reads
     uint32_t length = 0;
 };
 
@@ -104,7 +105,8 @@ public:
 
     // Writes: a request made by CreateWriteRequest is queued with AddWriteRequest. FALSE when
     // the write could not be started; the request has then been finished with the error.
-    std::shared_ptr<PIPE_IO_REQUEST> CreateWriteRequest(const void* data, uint32_t length, PIPE_OVERLAPPED* record);
+    std::shared_ptr<PIPE_IO_REQUEST> CreateWriteRequest(const void* data, uint32_t length,
+                                                        PIPE_OVERLAPPED* record);
     BOOL AddWriteRequest(const std::shared_ptr<PIPE_IO_REQUEST>& request);
     BOOL BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& request);
     BOOL EndWrite(const std::shared_ptr<PIPE_IO_REQUEST>& request, uint32_t ioResult, uint32_t bytesWritten);

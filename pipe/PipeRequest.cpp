@@ -67,8 +67,8 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
     }
     {
         std::lock_guard lock(m_mutex);
-        Log(LogLevel::Trace, At(m_bServer ? L"Write: (98)" : L"Write: (105)").c_str(), L"new \"blocked write\" ov = 0x%p",
-            static_cast<void*>(record));
+        Log(LogLevel::Trace, At(m_bServer ? L"Write: (98)" : L"Write: (105)").c_str(),
+            L"new \"blocked write\" ov = 0x%p", static_cast<void*>(record));
         m_records.push_back(record);
     }
     BOOL result = FALSE;
@@ -80,8 +80,8 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
         {
             error = ::GetLastError();
             Log(LogLevel::Error, At(m_bServer ? L"Write: (106)" : L"Write: (113)").c_str(),
-                L"Unable to write %d byte(s). GLE=%d, ov = 0x%p", static_cast<int>(length), static_cast<int>(error),
-                static_cast<void*>(record));
+                L"Unable to write %d byte(s). GLE=%d, ov = 0x%p", static_cast<int>(length),
+                static_cast<int>(error), static_cast<void*>(record));
         }
         else
         {
@@ -106,8 +106,8 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
             else
             {
                 Log(LogLevel::Trace, At(m_bServer ? L"Write: (121)" : L"Write: (128)").c_str(),
-                    L"Written = %d byte(s), \"blocked write\" ov = 0x%p", static_cast<int>(record->m_dwBytesTransferred),
-                    static_cast<void*>(record));
+                    L"Written = %d byte(s), \"blocked write\" ov = 0x%p",
+                    static_cast<int>(record->m_dwBytesTransferred), static_cast<void*>(record));
                 result = TRUE;
             }
             // The wait consumed the only signal this write gives, so the event can serve the next.
@@ -139,8 +139,8 @@ BOOL CPipeRequest::WriteAsync(const void* data, uint32_t length, PIPE_OVERLAPPED
     }
     {
         std::lock_guard lock(m_mutex);
-        Log(LogLevel::Trace, At(m_bServer ? L"WriteAsync: (167)" : L"WriteAsync: (174)").c_str(), L"new \"write\" ov = 0x%p",
-            static_cast<void*>(record));
+        Log(LogLevel::Trace, At(m_bServer ? L"WriteAsync: (167)" : L"WriteAsync: (174)").c_str(),
+            L"new \"write\" ov = 0x%p", static_cast<void*>(record));
         m_records.push_back(record);
     }
     try
@@ -156,12 +156,13 @@ BOOL CPipeRequest::WriteAsync(const void* data, uint32_t length, PIPE_OVERLAPPED
     }
     // A write that failed to start has been finished already; its callback may still be on its
     // way, so the record stays listed and is retired by the owner or by this object's end.
-    Log(LogLevel::Trace, At(m_bServer ? L"WriteAsync: (172)" : L"WriteAsync: (179)").c_str(), L"write [ov: 0x%p] failed",
-        static_cast<void*>(record));
+    Log(LogLevel::Trace, At(m_bServer ? L"WriteAsync: (172)" : L"WriteAsync: (179)").c_str(),
+        L"write [ov: 0x%p] failed", static_cast<void*>(record));
     return FALSE;
 }
 
-BOOL CPipeRequest::ReadAsync(uint32_t bytes, std::shared_ptr<PipeIoCallback> callback, PIPE_OVERLAPPED* record)
+BOOL CPipeRequest::ReadAsync(uint32_t bytes, std::shared_ptr<PipeIoCallback> callback,
+                             PIPE_OVERLAPPED* record)
 {
     if (!m_pStream || !record)
     {
@@ -171,20 +172,23 @@ BOOL CPipeRequest::ReadAsync(uint32_t bytes, std::shared_ptr<PipeIoCallback> cal
     {
         std::lock_guard lock(m_mutex);
         if (m_bServer)
-            Log(LogLevel::Trace, At(L"ReadAsync: (140)").c_str(), L"new \"read\" ov = 0x%p, NumberOfBytesToRead = %d byte(s)",
-                static_cast<void*>(record), static_cast<int>(bytes));
+            Log(LogLevel::Trace, At(L"ReadAsync: (140)").c_str(),
+                L"new \"read\" ov = 0x%p, NumberOfBytesToRead = %d byte(s)", static_cast<void*>(record),
+                static_cast<int>(bytes));
         else
-            Log(LogLevel::Trace, At(L"ReadAsync: (147)").c_str(), L"new \"read\" ov = 0x%p", static_cast<void*>(record));
+            Log(LogLevel::Trace, At(L"ReadAsync: (147)").c_str(), L"new \"read\" ov = 0x%p",
+                static_cast<void*>(record));
         m_records.push_back(record);
     }
     if (m_pStream->Read(bytes, std::move(callback), record))
         return TRUE;
     const DWORD error = ::GetLastError();
     if (m_bServer)
-        Log(LogLevel::Trace, At(L"ReadAsync: (145)").c_str(), L"read [ov: 0x%p] failed. GLE=%d", static_cast<void*>(record),
-            static_cast<int>(error));
+        Log(LogLevel::Trace, At(L"ReadAsync: (145)").c_str(), L"read [ov: 0x%p] failed. GLE=%d",
+            static_cast<void*>(record), static_cast<int>(error));
     else
-        Log(LogLevel::Trace, At(L"ReadAsync: (152)").c_str(), L"read [ov: 0x%p] failed", static_cast<void*>(record));
+        Log(LogLevel::Trace, At(L"ReadAsync: (152)").c_str(), L"read [ov: 0x%p] failed",
+            static_cast<void*>(record));
     // The stream did not keep the record.
     EndAsync(record);
     ::SetLastError(error);
@@ -199,8 +203,8 @@ void CPipeRequest::CancelAll()
     for (auto it = m_records.begin(); it != m_records.end();)
     {
         PIPE_OVERLAPPED* record = *it;
-        Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (42)" : L"CancelAll: (41)").c_str(), L"cancel ov = 0x%p ...",
-            static_cast<void*>(record));
+        Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (42)" : L"CancelAll: (41)").c_str(),
+            L"cancel ov = 0x%p ...", static_cast<void*>(record));
         if (m_pStream->CancelRequest(record))
         {
             Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (46)" : L"CancelAll: (45)").c_str(),
@@ -211,8 +215,8 @@ void CPipeRequest::CancelAll()
                 ++it;
                 continue;
             }
-            Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (50)" : L"CancelAll: (49)").c_str(), L"remove ov : 0x%p",
-                static_cast<void*>(record));
+            Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (50)" : L"CancelAll: (49)").c_str(),
+                L"remove ov : 0x%p", static_cast<void*>(record));
         }
         else
         {
@@ -243,7 +247,8 @@ void CPipeRequest::EndAsync(PIPE_OVERLAPPED* record)
         for (auto it = m_records.begin(); it != m_records.end(); ++it)
             if (*it == record)
             {
-                Log(LogLevel::Trace, At(L"EndAsync: (49)").c_str(), L"remove ov = 0x%p", static_cast<void*>(record));
+                Log(LogLevel::Trace, At(L"EndAsync: (49)").c_str(), L"remove ov = 0x%p",
+                    static_cast<void*>(record));
                 m_records.erase(it);
                 break;
             }
@@ -263,7 +268,8 @@ size_t CPipeRequest::OutstandingCount() const
     return m_records.size();
 }
 
-CPipeServerRequest::CPipeServerRequest(std::shared_ptr<CNamedPipeStream> stream, std::shared_ptr<ICvLogger> logger)
+CPipeServerRequest::CPipeServerRequest(std::shared_ptr<CNamedPipeStream> stream,
+                                       std::shared_ptr<ICvLogger> logger)
     : CPipeRequest(std::move(stream), std::move(logger), L"CPipeServerRequest")
 {
     m_bServer = true;
@@ -271,7 +277,8 @@ CPipeServerRequest::CPipeServerRequest(std::shared_ptr<CNamedPipeStream> stream,
     Log(LogLevel::Debug, L"CPipeServerRequest::CPipeServerRequest: ", L"constructor end.");
 }
 
-CPipeClientRequest::CPipeClientRequest(std::shared_ptr<CNamedPipeStream> stream, std::shared_ptr<ICvLogger> logger)
+CPipeClientRequest::CPipeClientRequest(std::shared_ptr<CNamedPipeStream> stream,
+                                       std::shared_ptr<ICvLogger> logger)
     : CPipeRequest(std::move(stream), std::move(logger), L"CPipeClientRequest")
 {
     m_bServer = false;

@@ -16,7 +16,8 @@
 class CPipeRequest : public CommonHelper::CvLogger::CBaseLogger
 {
 public:
-    CPipeRequest(std::shared_ptr<CNamedPipeStream> stream, std::shared_ptr<ICvLogger> logger, const wchar_t* className);
+    CPipeRequest(std::shared_ptr<CNamedPipeStream> stream, std::shared_ptr<ICvLogger> logger,
+                 const wchar_t* className);
     ~CPipeRequest() override;
     CPipeRequest(const CPipeRequest&) = delete;
     CPipeRequest& operator=(const CPipeRequest&) = delete;

@@ -37,10 +37,11 @@ template <typename T> struct QueueItemTypeName
 template <typename T> class CSignalQueueThread : public CJoinableThread<int>
 {
 public:
-    CSignalQueueThread(const std::shared_ptr<CCallbackHolder<int(T&)>>& handler, std::shared_ptr<ICvLogger> logger)
+    CSignalQueueThread(const std::shared_ptr<CCallbackHolder<int(T&)>>& handler,
+                       std::shared_ptr<ICvLogger> logger)
         : IBaseThread(L"CSignalQueueThread", logger),
-          CJoinableThread<int>(MakeMemberCallback<int(void*)>(this, &CSignalQueueThread::SignalHandler), nullptr,
-                               logger, L"CSignalQueueThread"),
+          CJoinableThread<int>(MakeMemberCallback<int(void*)>(this, &CSignalQueueThread::SignalHandler),
+                               nullptr, logger, L"CSignalQueueThread"),
           m_strOrigin(L"CSignalQueueThread<" + QueueItemTypeName<T>::Get() + L">::")
     {
         Log(LogLevel::Debug, Origin(L"CSignalQueueThread: (37)").c_str(), L"constructor start...");
@@ -117,8 +118,8 @@ private:
             {
                 result = 0;
                 Log(LogLevel::Error, Origin(L"SignalHandler: (100)").c_str(),
-                    L"Failed to wait for signal event. GLE=%d, dwWait = %d", static_cast<int>(::GetLastError()),
-                    static_cast<int>(wait));
+                    L"Failed to wait for signal event. GLE=%d, dwWait = %d",
+                    static_cast<int>(::GetLastError()), static_cast<int>(wait));
                 break;
             }
             if (m_bStopForce.load())

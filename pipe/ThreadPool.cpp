@@ -43,8 +43,9 @@ void CGroupTask::Notify(PTP_WORK work, int32_t result, const CommonHelper::CvLog
             it->second.result = result;
         ++m_completed;
         if (log)
-            log->Log(LogLevel::Debug, L"CGroupTask::Notify: (480)", L"obj: 0x%p. Task <0x%p> end. CountTask = %d, completed = %d",
-                     static_cast<void*>(this), static_cast<void*>(work), static_cast<int>(m_tasks.size()),
+            log->Log(LogLevel::Debug, L"CGroupTask::Notify: (480)",
+                     L"obj: 0x%p. Task <0x%p> end. CountTask = %d, completed = %d", static_cast<void*>(this),
+                     static_cast<void*>(work), static_cast<int>(m_tasks.size()),
                      static_cast<int>(m_completed));
     }
     m_changed.notify_all();
@@ -89,8 +90,9 @@ bool CThreadPool::Create()
     m_ptpCleanupGroup.reset(::CreateThreadpoolCleanupGroup());
     if (!m_ptpCleanupGroup)
     {
-        Log(LogLevel::Error, L"CThreadPool::Create: (252)", L"[obj: 0x%p] CreateThreadpoolCleanupGroup() failed. GLE=%d",
-            static_cast<void*>(this), static_cast<int>(::GetLastError()));
+        Log(LogLevel::Error, L"CThreadPool::Create: (252)",
+            L"[obj: 0x%p] CreateThreadpoolCleanupGroup() failed. GLE=%d", static_cast<void*>(this),
+            static_cast<int>(::GetLastError()));
         return false;
     }
     m_ptpPool.reset(::CreateThreadpool(nullptr));
@@ -123,8 +125,8 @@ void CThreadPool::Close()
         Log(LogLevel::Info, L"CThreadPool::Close: (289)", L"[obj: 0x%p] Close threadpool: wait callbacks...",
             static_cast<void*>(this));
         ::CloseThreadpoolCleanupGroupMembers(m_ptpCleanupGroup.get(), FALSE, nullptr);
-        Log(LogLevel::Info, L"CThreadPool::Close: (291)", L"[obj: 0x%p] Close threadpool: wait callbacks... Success",
-            static_cast<void*>(this));
+        Log(LogLevel::Info, L"CThreadPool::Close: (291)",
+            L"[obj: 0x%p] Close threadpool: wait callbacks... Success", static_cast<void*>(this));
     }
     ::DestroyThreadpoolEnvironment(&m_environment);
     m_ptpCleanupGroup.reset();
@@ -133,11 +135,13 @@ void CThreadPool::Close()
 
 BOOL CThreadPool::Submit(std::unique_ptr<WorkTaskContext> context, bool withFuture, int line)
 {
-    PTP_WORK work = ::CreateThreadpoolWork(withFuture ? &CThreadPool::WorkCallback : &CThreadPool::WorkCallbackVoid,
-                                           context.get(), &m_environment);
+    PTP_WORK work =
+        ::CreateThreadpoolWork(withFuture ? &CThreadPool::WorkCallback : &CThreadPool::WorkCallbackVoid,
+                               context.get(), &m_environment);
     if (!work)
     {
-        Log(LogLevel::Error, line == 110 ? L"CThreadPool::CreateTask: (110)" : L"CThreadPool::CreateTask: (191)",
+        Log(LogLevel::Error,
+            line == 110 ? L"CThreadPool::CreateTask: (110)" : L"CThreadPool::CreateTask: (191)",
             L"[obj: 0x%p] CreateThreadpoolWork() failed. GLE=%d", static_cast<void*>(this),
             static_cast<int>(::GetLastError()));
         daxlib::last_error_guard keep;

@@ -80,7 +80,8 @@ public:
 
     // As above; the task's end is also counted in `group`.
     template <typename R, typename P>
-    BOOL CreateGroupTask(std::shared_ptr<CGroupTask> group, std::shared_ptr<CCallbackHolder<R(P)>> task, P argument)
+    BOOL CreateGroupTask(std::shared_ptr<CGroupTask> group, std::shared_ptr<CCallbackHolder<R(P)>> task,
+                         P argument)
     {
         if (!task)
         {
@@ -88,7 +89,8 @@ public:
             return FALSE;
         }
         auto context = std::make_unique<WorkTaskContext>();
-        auto holder = std::make_shared<typename CCallbackArgumentHolder<R>::template CParamHolder<P>>(task, argument);
+        auto holder =
+            std::make_shared<typename CCallbackArgumentHolder<R>::template CParamHolder<P>>(task, argument);
         context->invokeVoid = [holder]() { holder->Call(); };
         context->group = std::move(group);
         context->pool = this;

@@ -32,12 +32,13 @@ template <typename T> class CThreadPoolIo : public virtual CommonHelper::CvLogge
 {
 public:
     using Request = std::shared_ptr<CRequestIo<T>>;
-    using Callback = CCallbackHolder<int(unsigned long, Request&, unsigned long long, CThreadPoolIo<T>*, void*)>;
+    using Callback =
+        CCallbackHolder<int(unsigned long, Request&, unsigned long long, CThreadPoolIo<T>*, void*)>;
 
-    CThreadPoolIo(HANDLE file, std::wstring name, std::shared_ptr<ICvLogger> logger, std::shared_ptr<Callback> callback,
-                  void* context = nullptr)
-        : CBaseLogger(std::move(logger)), m_hFile(file), m_strName(std::move(name)), m_pCallback(std::move(callback)),
-          m_pContext(context)
+    CThreadPoolIo(HANDLE file, std::wstring name, std::shared_ptr<ICvLogger> logger,
+                  std::shared_ptr<Callback> callback, void* context = nullptr)
+        : CBaseLogger(std::move(logger)), m_hFile(file), m_strName(std::move(name)),
+          m_pCallback(std::move(callback)), m_pContext(context)
     {
     }
     ~CThreadPoolIo() override { Stop(); }
@@ -56,7 +57,8 @@ public:
         if (!m_ptpIo)
         {
             Log(LogLevel::Error, Origin(L"Start: (89)").c_str(),
-                L": Unable to create a new I/O completion object. CreateThreadpoolIo() failed: FileHandle = 0x%p GLE = %d",
+                L": Unable to create a new I/O completion object. CreateThreadpoolIo() failed: FileHandle = "
+                L"0x%p GLE = %d",
                 m_hFile, static_cast<int>(::GetLastError()));
             return false;
         }
@@ -86,8 +88,8 @@ public:
             return FALSE;
         Log(LogLevel::Trace, Origin(L"Cancel: (170)").c_str(),
             L": this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p, bCancelFailedOperations = %d ...",
-            static_cast<void*>(this), static_cast<void*>(m_ptpIo.get()), static_cast<void*>(&request->overlapped),
-            bCancelFailedOperations);
+            static_cast<void*>(this), static_cast<void*>(m_ptpIo.get()),
+            static_cast<void*>(&request->overlapped), bCancelFailedOperations);
         std::lock_guard lock(m_mutex);
         auto it = Find(&request->overlapped);
         if (it == m_requests.end())
@@ -99,8 +101,8 @@ public:
         const DWORD error = ::GetLastError();
         Log(LogLevel::Trace, Origin(L"Cancel: (178)").c_str(),
             L": this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p. CancelIoEx() -> result: %d, GLE=%d ",
-            static_cast<void*>(this), static_cast<void*>(m_ptpIo.get()), static_cast<void*>(&request->overlapped), result,
-            static_cast<int>(error));
+            static_cast<void*>(this), static_cast<void*>(m_ptpIo.get()),
+            static_cast<void*>(&request->overlapped), result, static_cast<int>(error));
         if (bCancelFailedOperations && !result && error == ERROR_NOT_FOUND)
         {
             if (m_ptpIo)
@@ -121,7 +123,8 @@ public:
             io = m_ptpIo.get();
             if (!io)
                 return TRUE;
-            Log(LogLevel::Debug, Origin(L"Stop: (115)").c_str(), L": ... (this = 0x%p)...", static_cast<void*>(this));
+            Log(LogLevel::Debug, Origin(L"Stop: (115)").c_str(), L": ... (this = 0x%p)...",
+                static_cast<void*>(this));
             m_bStop = 1;
             ::CancelIoEx(m_hFile, nullptr);
         }
@@ -138,14 +141,16 @@ public:
         // the callback takes it off the list. Closing before that would let a late completion
         // reach a freed object.
         if (!m_emptied.wait_for(lock, std::chrono::seconds(30), [this] { return m_requests.empty(); }))
-            Log(LogLevel::Error, Origin(L"Stop: (140)").c_str(), L": %d request(s) never completed (this = 0x%p)",
-                static_cast<int>(m_requests.size()), static_cast<void*>(this));
+            Log(LogLevel::Error, Origin(L"Stop: (140)").c_str(),
+                L": %d request(s) never completed (this = 0x%p)", static_cast<int>(m_requests.size()),
+                static_cast<void*>(this));
         lock.unlock();
         ::WaitForThreadpoolIoCallbacks(io, FALSE);
         lock.lock();
         m_ptpIo.reset();
         lock.unlock();
-        Log(LogLevel::Debug, Origin(L"Stop: (147)").c_str(), L": ... (this = 0x%p)... end.", static_cast<void*>(this));
+        Log(LogLevel::Debug, Origin(L"Stop: (147)").c_str(), L": ... (this = 0x%p)... end.",
+            static_cast<void*>(this));
         return result;
     }
 
@@ -185,8 +190,8 @@ private:
         return m_requests.end();
     }
 
-    static void CALLBACK IoCompletionCallback(PTP_CALLBACK_INSTANCE, PVOID context, PVOID overlapped, ULONG ioResult,
-                                              ULONG_PTR bytesTransferred, PTP_IO)
+    static void CALLBACK IoCompletionCallback(PTP_CALLBACK_INSTANCE, PVOID context, PVOID overlapped,
+                                              ULONG ioResult, ULONG_PTR bytesTransferred, PTP_IO)
     {
         if (!context)
             return;

@@ -38,9 +38,7 @@ void FreeHandBuilt(PSECURITY_DESCRIPTOR descriptor)
 }
 } // namespace
 
-CDaxSecattr::CDaxSecattr() : m_sa{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE}
-{
-}
+CDaxSecattr::CDaxSecattr() : m_sa{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE} {}
 
 CDaxSecattr::~CDaxSecattr()
 {
@@ -80,8 +78,10 @@ BOOL CDaxSecattr::BuildLocalDacl()
     SID_IDENTIFIER_AUTHORITY ntAuthority = SECURITY_NT_AUTHORITY;
     daxlib::unique_sid local;
     daxlib::unique_sid system;
-    if (!::AllocateAndInitializeSid(&localAuthority, 1, SECURITY_LOCAL_RID, 0, 0, 0, 0, 0, 0, 0, local.put()) ||
-        !::AllocateAndInitializeSid(&ntAuthority, 1, SECURITY_LOCAL_SYSTEM_RID, 0, 0, 0, 0, 0, 0, 0, system.put()))
+    if (!::AllocateAndInitializeSid(&localAuthority, 1, SECURITY_LOCAL_RID, 0, 0, 0, 0, 0, 0, 0,
+                                    local.put()) ||
+        !::AllocateAndInitializeSid(&ntAuthority, 1, SECURITY_LOCAL_SYSTEM_RID, 0, 0, 0, 0, 0, 0, 0,
+                                    system.put()))
         return FALSE;
     const DWORD aclSize = ::GetLengthSid(local.get()) + ::GetLengthSid(system.get()) + 24;
     daxlib::unique_hlocal acl(::LocalAlloc(LPTR, aclSize));
@@ -114,7 +114,8 @@ BOOL CDaxSecattr::BuildNullDacl()
     return TRUE;
 }
 
-void CDaxSecattr::BuildLabelled(const wchar_t* sddl, VersionQuery query, unsigned versionLine, unsigned buildLine)
+void CDaxSecattr::BuildLabelled(const wchar_t* sddl, VersionQuery query, unsigned versionLine,
+                                unsigned buildLine)
 {
     OSVERSIONINFOW version{};
     version.dwOSVersionInfoSize = 276;
@@ -139,7 +140,8 @@ BOOL CDaxSecattr::AddLowIntegrityLabel(PSECURITY_DESCRIPTOR descriptor)
 BOOL CDaxSecattr::AddLowIntegrityLabel(PSECURITY_DESCRIPTOR descriptor, SECURITY_ATTRIBUTES& labelHolder)
 {
     PSECURITY_DESCRIPTOR label = nullptr;
-    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:S:(ML;;NW;;;LW)", SDDL_REVISION_1, &label, nullptr))
+    if (!::ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:S:(ML;;NW;;;LW)", SDDL_REVISION_1, &label,
+                                                                nullptr))
         return FALSE;
     labelHolder = {sizeof(SECURITY_ATTRIBUTES), label, FALSE};
     BOOL present = FALSE;
@@ -154,7 +156,8 @@ PACL CDaxSecattr::BuildEveryoneDacl()
 {
     SID_IDENTIFIER_AUTHORITY worldAuthority = SECURITY_WORLD_SID_AUTHORITY;
     daxlib::unique_sid everyone;
-    if (!::AllocateAndInitializeSid(&worldAuthority, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0, everyone.put()))
+    if (!::AllocateAndInitializeSid(&worldAuthority, 1, SECURITY_WORLD_RID, 0, 0, 0, 0, 0, 0, 0,
+                                    everyone.put()))
         return nullptr;
     EXPLICIT_ACCESSW access{};
     access.grfAccessPermissions = 0x1FFFFF;

@@ -18,7 +18,10 @@ public:
 
     // The SECURITY_ATTRIBUTES block, or null when called on a null object.
     SECURITY_ATTRIBUTES* Get();
-    static SECURITY_ATTRIBUTES* Get(CDaxSecattr* attributes) { return attributes ? attributes->Get() : nullptr; }
+    static SECURITY_ATTRIBUTES* Get(CDaxSecattr* attributes)
+    {
+        return attributes ? attributes->Get() : nullptr;
+    }
     bool IsHandBuilt() const { return m_bHandBuilt != 0; }
 
     static VersionQuery DefaultVersionQuery();
@@ -31,7 +34,7 @@ public:
 
 protected:
     BOOL BuildFromString(const wchar_t* sddl);
-    BOOL BuildLocalDacl();   // LOCAL and LocalSystem: generic read, generic write, synchronize
+    BOOL BuildLocalDacl(); // LOCAL and LocalSystem: generic read, generic write, synchronize
     BOOL BuildNullDacl();
     void BuildLabelled(const wchar_t* sddl, VersionQuery query, unsigned versionLine, unsigned buildLine);
 
@@ -49,8 +52,8 @@ public:
 class CDaxSecattrLocalLI : public CDaxSecattr
 {
 public:
-    static constexpr const wchar_t* kSddl =
-        L"D:(A;;0xc01fffff;;;S-1-2-0)(A;;0xc01fffff;;;AU)(A;;0xc01fffff;;;SY)(A;;GA;;;S-1-15-2-1)S:(ML;;NW;;;LW)";
+    static constexpr const wchar_t* kSddl = L"D:(A;;0xc01fffff;;;S-1-2-0)(A;;0xc01fffff;;;AU)(A;;0xc01fffff;;"
+                                            L";SY)(A;;GA;;;S-1-15-2-1)S:(ML;;NW;;;LW)";
     explicit CDaxSecattrLocalLI(VersionQuery query = DefaultVersionQuery());
 };
 

@@ -45,7 +45,8 @@ int CPipeServer::Start()
     {
         if (!m_pConnectQueue)
         {
-            auto handler = MakeMemberCallback<int(NewConnectData&)>(this, &CPipeServer::InitConnectionHandler);
+            auto handler =
+                MakeMemberCallback<int(NewConnectData&)>(this, &CPipeServer::InitConnectionHandler);
             auto queue = std::make_shared<CSignalQueueThread<NewConnectData>>(handler, GetLogger());
             if (!queue->Start())
                 return 0;
@@ -58,10 +59,10 @@ int CPipeServer::Start()
             server->SetSelf(server);
             m_pNamedPipeServer = std::move(server);
         }
-        auto onConnected =
-            MakeMemberCallback<void(void*, unsigned long long, void*)>(this, &CPipeServer::OnConnectedChannel);
-        auto onDisconnected =
-            MakeMemberCallback<void(void*, unsigned long long, void*)>(this, &CPipeServer::OnDisconnectedChannel);
+        auto onConnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
+            this, &CPipeServer::OnConnectedChannel);
+        auto onDisconnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
+            this, &CPipeServer::OnDisconnectedChannel);
         Log(LogLevel::Info, L"CPipeServer::Start: (51)", L"waiting for connections...");
         if (!m_pNamedPipeServer->BeginWaitForConnection(onConnected, onDisconnected, nullptr))
         {
@@ -113,8 +114,8 @@ uint64_t CPipeServer::GetNextChannelID()
 {
     const uint64_t id = g_channelCounter.fetch_add(1) & 0xFFFFFFFFull;
     if (id == 0xFFFFFFFFull)
-        Log(LogLevel::Error, L"CPipeServer::GetNextChannelID: (162)", L"%s: Unique identifier counter overflow occurred",
-            GetName().c_str());
+        Log(LogLevel::Error, L"CPipeServer::GetNextChannelID: (162)",
+            L"%s: Unique identifier counter overflow occurred", GetName().c_str());
     return id;
 }
 
@@ -166,22 +167,24 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
 void CPipeServer::ReadHeader(const std::shared_ptr<CConnectionHandler>& handler, uint64_t channelId)
 {
     using namespace std::placeholders;
-    handler->Request().ReadAsync(
-        static_cast<uint32_t>(agentpipe::kHeaderSize),
-        MakeGlobalCallback<ReadSignature>(std::bind(&CPipeServer::OnHeaderRead, this, _1, _2, _3, _4, channelId)),
-        new PIPE_OVERLAPPED());
+    handler->Request().ReadAsync(static_cast<uint32_t>(agentpipe::kHeaderSize),
+                                 MakeGlobalCallback<ReadSignature>(
+                                     std::bind(&CPipeServer::OnHeaderRead, this, _1, _2, _3, _4, channelId)),
+                                 new PIPE_OVERLAPPED());
 }
 
-void CPipeServer::ReadBody(const std::shared_ptr<CConnectionHandler>& handler, uint64_t channelId, uint32_t length)
+void CPipeServer::ReadBody(const std::shared_ptr<CConnectionHandler>& handler, uint64_t channelId,
+                           uint32_t length)
 {
     using namespace std::placeholders;
-    handler->Request().ReadAsync(
-        length, MakeGlobalCallback<ReadSignature>(std::bind(&CPipeServer::OnBodyRead, this, _1, _2, _3, _4, channelId)),
-        new PIPE_OVERLAPPED());
+    handler->Request().ReadAsync(length,
+                                 MakeGlobalCallback<ReadSignature>(
+                                     std::bind(&CPipeServer::OnBodyRead, this, _1, _2, _3, _4, channelId)),
+                                 new PIPE_OVERLAPPED());
 }
 
-void CPipeServer::OnHeaderRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
-                               PIPE_OVERLAPPED* overlapped, uint64_t channelId)
+void CPipeServer::OnHeaderRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes,
+                               unsigned long error, PIPE_OVERLAPPED* overlapped, uint64_t channelId)
 {
     auto handler = FindHandler(channelId);
     if (!handler)
@@ -206,8 +209,8 @@ void CPipeServer::OnHeaderRead(std::shared_ptr<unsigned char[]> buffer, unsigned
     ReadBody(handler, channelId, length);
 }
 
-void CPipeServer::OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
-                             PIPE_OVERLAPPED* overlapped, uint64_t channelId)
+void CPipeServer::OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes,
+                             unsigned long error, PIPE_OVERLAPPED* overlapped, uint64_t channelId)
 {
     auto handler = FindHandler(channelId);
     if (!handler)
@@ -221,8 +224,8 @@ void CPipeServer::OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned l
 
 void CPipeServer::OnDisconnectedChannel(void* h, unsigned long long channelId, void*)
 {
-    Log(LogLevel::Debug, L"CPipeServer::OnDisconnectedChannel: (139)", L"client disconnected: h = 0x%p, ch: <%I64d>...",
-        h, static_cast<long long>(channelId));
+    Log(LogLevel::Debug, L"CPipeServer::OnDisconnectedChannel: (139)",
+        L"client disconnected: h = 0x%p, ch: <%I64d>...", h, static_cast<long long>(channelId));
     RemoveChannel(channelId);
 }
 
@@ -266,8 +269,9 @@ int CPipeServer::GetProcessFile(uint32_t pid, std::wstring& path)
     wchar_t buffer[MAX_PATH] = {};
     if (!::K32GetModuleFileNameExW(process.get(), nullptr, buffer, MAX_PATH))
     {
-        Log(LogLevel::Error, L"CPipeServer::GetProcessFile: (262)", L"GetModuleFileNameExW failed; pid=%d; GLE=%d",
-            static_cast<int>(pid), static_cast<int>(::GetLastError()));
+        Log(LogLevel::Error, L"CPipeServer::GetProcessFile: (262)",
+            L"GetModuleFileNameExW failed; pid=%d; GLE=%d", static_cast<int>(pid),
+            static_cast<int>(::GetLastError()));
         return 0;
     }
     path = buffer;

@@ -197,7 +197,8 @@ void WINAPI CServiceBase::ServiceMainEntry(DWORD argc, LPWSTR* argv)
     }
 }
 
-DWORD WINAPI CServiceBase::ControlHandlerEntry(DWORD control, DWORD eventType, LPVOID eventData, LPVOID context)
+DWORD WINAPI CServiceBase::ControlHandlerEntry(DWORD control, DWORD eventType, LPVOID eventData,
+                                               LPVOID context)
 {
     if (CServiceBase* self = s_instance)
     {
@@ -215,7 +216,8 @@ DWORD WINAPI CServiceBase::ControlHandlerEntry(DWORD control, DWORD eventType, L
 
 void CServiceBase::ServiceMain(DWORD argc, LPWSTR* argv)
 {
-    m_statusHandle = ::RegisterServiceCtrlHandlerExW(m_name.c_str(), &CServiceBase::ControlHandlerEntry, m_context);
+    m_statusHandle =
+        ::RegisterServiceCtrlHandlerExW(m_name.c_str(), &CServiceBase::ControlHandlerEntry, m_context);
     ReportStatus(SERVICE_START_PENDING, kAcceptedControls);
     main(argc, argv, m_context, m_statusHandle);
 }

@@ -14,7 +14,8 @@ namespace service
 {
 
 // Controls the service accepts: stop, shutdown and session change.
-constexpr DWORD kAcceptedControls = SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE;
+constexpr DWORD kAcceptedControls =
+    SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE;
 static_assert(kAcceptedControls == 133);
 
 // The process-wide table handed to the service control dispatcher. It grows by 10 entries

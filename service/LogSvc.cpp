@@ -23,9 +23,7 @@ unsigned __stdcall EndProcessAfterDelay(void*)
 }
 } // namespace
 
-CLogSvc::CLogSvc(const wchar_t* name, void* context) : base_service(name, context)
-{
-}
+CLogSvc::CLogSvc(const wchar_t* name, void* context) : base_service(name, context) {}
 
 void CLogSvc::main(DWORD, LPWSTR*, void*, SERVICE_STATUS_HANDLE)
 {
@@ -47,7 +45,8 @@ void CLogSvc::main(DWORD, LPWSTR*, void*, SERVICE_STATUS_HANDLE)
     {
         daxlib::DaxExceptionPtr e(raw);
         if (m_pLogger)
-            m_pLogger->Log(LogLevel::Error, L"CLogSvc::main: Exception => Error (%d), Module: \"%s\" (%d). %s",
+            m_pLogger->Log(LogLevel::Error,
+                           L"CLogSvc::main: Exception => Error (%d), Module: \"%s\" (%d). %s",
                            static_cast<int>(e->ErrorCode()), e->Module().c_str(), static_cast<int>(e->Line()),
                            e->Description().c_str());
         // A service that cannot build its objects would otherwise hang in start-pending.

@@ -18,15 +18,15 @@ bool CServiceConfig::ReadServiceLogSettings(std::wstring& fileName, uint32_t& le
 
     DWORD value = 0;
     DWORD size = sizeof(value);
-    level = ::RegQueryValueExW(key.get(), L"logLevel", nullptr, nullptr, reinterpret_cast<BYTE*>(&value), &size) ==
-                    ERROR_SUCCESS
+    level = ::RegQueryValueExW(key.get(), L"logLevel", nullptr, nullptr, reinterpret_cast<BYTE*>(&value),
+                               &size) == ERROR_SUCCESS
                 ? value
                 : 0;
 
     wchar_t name[257] = {};
     DWORD nameSize = 512;
-    if (::RegQueryValueExW(key.get(), L"logFileName", nullptr, nullptr, reinterpret_cast<BYTE*>(name), &nameSize) ==
-        ERROR_SUCCESS)
+    if (::RegQueryValueExW(key.get(), L"logFileName", nullptr, nullptr, reinterpret_cast<BYTE*>(name),
+                           &nameSize) == ERROR_SUCCESS)
         fileName.assign(name, wcsnlen(name, nameSize / sizeof(wchar_t)));
     else
         fileName = m_serviceName + L".log";
@@ -35,8 +35,8 @@ bool CServiceConfig::ReadServiceLogSettings(std::wstring& fileName, uint32_t& le
     {
         value = 0;
         size = sizeof(value);
-        *maxSize = ::RegQueryValueExW(key.get(), L"logFileMaxSize", nullptr, nullptr, reinterpret_cast<BYTE*>(&value),
-                                      &size) == ERROR_SUCCESS
+        *maxSize = ::RegQueryValueExW(key.get(), L"logFileMaxSize", nullptr, nullptr,
+                                      reinterpret_cast<BYTE*>(&value), &size) == ERROR_SUCCESS
                        ? value
                        : 0x6400000;
     }

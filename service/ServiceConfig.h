@@ -11,7 +11,7 @@ constexpr wchar_t kProductKey[] = L"Software\\Corvane\\Velomar (Server)";
 constexpr wchar_t kCompanyFolder[] = L"Corvane";
 constexpr wchar_t kProductFolder[] = L"Velomar (Server)";
 constexpr wchar_t kLogBaseName[] = L"velomard";
-constexpr int kLogShellFolder = 35; // the common application-data folder
+constexpr int kLogShellFolder = 35;           // the common application-data folder
 constexpr uint32_t kProgramVersion = 0x10400; // 1.4.0 as major, minor and patch bytes
 constexpr uint32_t kStopDelayMs = 500;
 constexpr uint32_t kThreadPoolMaximum = 1000;
@@ -27,7 +27,9 @@ struct ServiceLogSettings
 class CServiceConfig
 {
 public:
-    explicit CServiceConfig(std::wstring serviceName = kServiceName) : m_serviceName(std::move(serviceName)) {}
+    explicit CServiceConfig(std::wstring serviceName = kServiceName) : m_serviceName(std::move(serviceName))
+    {
+    }
 
     // Reads "logLevel", "logFileName" and (when maxSize is given) "logFileMaxSize" from the
     // service's own key. Missing values take their defaults; value types are not checked.

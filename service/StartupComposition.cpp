@@ -41,10 +41,12 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
         g_virtServer = virtServer;
     }
     auto pipeServer = std::make_shared<CPipeServer>(logger);
-    pipeServer->SetUrlSender([](uint32_t sessionId, const std::wstring& url) {
-        auto server = GetVirtServer();
-        return server ? server->SendURL(sessionId, url) : 0;
-    });
+    pipeServer->SetUrlSender(
+        [](uint32_t sessionId, const std::wstring& url)
+        {
+            auto server = GetVirtServer();
+            return server ? server->SendURL(sessionId, url) : 0;
+        });
     {
         std::lock_guard lock(g_slotLock);
         g_pipeServer = pipeServer;

@@ -18,7 +18,8 @@ int wmain(int /*argc*/, wchar_t** /*argv*/, wchar_t** /*envp*/)
     {
         // The version and the build date run together without a blank; that is the record's
         // long-standing form and log readers expect it.
-        logger->LogCategory(L"SERVICE", L"Start service. Version program %X" __DATE__, service::kProgramVersion);
+        logger->LogCategory(L"SERVICE", L"Start service. Version program %X" __DATE__,
+                            service::kProgramVersion);
         CLogSvc serviceObject(service::kServiceName, nullptr);
         serviceObject.RunDispatcher();
         result = 0;
@@ -32,14 +33,15 @@ int wmain(int /*argc*/, wchar_t** /*argv*/, wchar_t** /*envp*/)
     {
         daxlib::DaxExceptionPtr e(raw);
         logger->Log(LogLevel::Error,
-                    L"Module(\"%s\"), Line(%d), Function(\"%S\"): Service startup failed. %s:%d code(%d) %s.", L"main",
-                    326, "wmain", e->Module().c_str(), static_cast<int>(e->Line()), static_cast<int>(e->ErrorCode()),
-                    e->Description().c_str());
+                    L"Module(\"%s\"), Line(%d), Function(\"%S\"): Service startup failed. %s:%d code(%d) %s.",
+                    L"main", 326, "wmain", e->Module().c_str(), static_cast<int>(e->Line()),
+                    static_cast<int>(e->ErrorCode()), e->Description().c_str());
     }
     catch (const std::exception& e)
     {
-        logger->Log(LogLevel::Error, L"Module(\"%s\"), Line(%d), Function(\"%S\"): Service startup failed. %S.",
-                    L"main", 335, "wmain", e.what());
+        logger->Log(LogLevel::Error,
+                    L"Module(\"%s\"), Line(%d), Function(\"%S\"): Service startup failed. %S.", L"main", 335,
+                    "wmain", e.what());
     }
     logger.reset();
     return result;

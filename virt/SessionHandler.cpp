@@ -23,7 +23,8 @@ constexpr wchar_t kOnConnectionEvent[] = L"CSessionHandler::OnConnectionEvent";
 constexpr wchar_t kSendURL[] = L"CSessionHandler::SendURL";
 constexpr wchar_t kCloseConnection[] = L"CSessionHandler::CloseConnection";
 
-constexpr DWORD kEventMask = SkApi::EventConnected | SkApi::EventBrokenConnection | SkApi::EventInvalidAddress;
+constexpr DWORD kEventMask =
+    SkApi::EventConnected | SkApi::EventBrokenConnection | SkApi::EventInvalidAddress;
 // A message this large is read into a buffer that is given back right after, so one odd
 // message from a peer does not pin its memory for the life of the session.
 constexpr size_t kKeepReceiveBuffer = 1u << 20;
@@ -42,8 +43,8 @@ unsigned HandleBits(HANDLE h) noexcept
 
 } // namespace
 
-CSessionHandler::CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText, uint32_t sessionId,
-                                 std::wstring name, ChannelStatusListener listener)
+CSessionHandler::CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText,
+                                 uint32_t sessionId, std::wstring name, ChannelStatusListener listener)
     : IBaseItem(std::move(logger)), m_dwSessionId(sessionId), m_name(std::move(name)),
       m_listener(std::move(listener))
 {
@@ -106,10 +107,12 @@ bool CSessionHandler::StartThreads()
         StopThreads();
         return false;
     }
-    m_hReadThread.reset(reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &ReadThreadEntry, this, 0, nullptr)));
+    m_hReadThread.reset(
+        reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &ReadThreadEntry, this, 0, nullptr)));
     if (!m_hReadThread)
     {
-        Log(LogLevel::Error, kStartThreads, L"_beginthreadex(m_hReadThread) failed. LastError=%u", ::GetLastError());
+        Log(LogLevel::Error, kStartThreads, L"_beginthreadex(m_hReadThread) failed. LastError=%u",
+            ::GetLastError());
         StopThreads();
         return false;
     }
@@ -329,21 +332,25 @@ bool CSessionHandler::DoHandshake()
 {
     using namespace SkApi;
     // Each exchange holds the state lock on its own, never the whole handshake.
-    auto write = [this](const void* bytes, DWORD size) {
+    auto write = [this](const void* bytes, DWORD size)
+    {
         std::lock_guard lock(m_csState);
         DWORD count = size;
         return pfnSkWriteData(GetConnection(), bytes, &count, INFINITE) != FALSE;
     };
-    auto read = [this](void* bytes, DWORD size) {
+    auto read = [this](void* bytes, DWORD size)
+    {
         std::lock_guard lock(m_csState);
         DWORD count = size;
         return pfnSkReadData(GetConnection(), bytes, &count, INFINITE) != FALSE;
     };
-    auto writeFailed = [this](const wchar_t* format) {
+    auto writeFailed = [this](const wchar_t* format)
+    {
         Log(LogLevel::Error, kDoHandshake, format, ::GetLastError());
         return false;
     };
-    auto readFailed = [this](const wchar_t* what) {
+    auto readFailed = [this](const wchar_t* what)
+    {
         const DWORD error = ::GetLastError();
         if (error == ERROR_NOT_CONNECTED)
             Log(LogLevel::Info, kDoHandshake, L"%s failed. Error=ERROR_NOT_CONNECTED(2250)", what);
@@ -358,7 +365,8 @@ bool CSessionHandler::DoHandshake()
     }
     ChannelStatusRecord local{};
 
-    auto exchange = [&]() -> bool {
+    auto exchange = [&]() -> bool
+    {
         uint8_t item[4];
         UrlNet::PutU32(item, UrlNet::LocalVersion);
         if (!write(item, 4))
@@ -379,7 +387,8 @@ bool CSessionHandler::DoHandshake()
             return readFailed(L"First SkReadData(bVersionStatus)");
         if (status != UrlNet::StatusAccepted)
         {
-            Log(LogLevel::Warning, kDoHandshake, L"Remote side is not compatible with local protocol version");
+            Log(LogLevel::Warning, kDoHandshake,
+                L"Remote side is not compatible with local protocol version");
             return false;
         }
         Log(LogLevel::Info, kDoHandshake, L"Negotiations about the version are successful. Version=%#.8x",
@@ -401,7 +410,8 @@ bool CSessionHandler::DoHandshake()
             return readFailed(L"First SkReadData(bOptionsStatus)");
         if (status != UrlNet::StatusAccepted)
         {
-            Log(LogLevel::Warning, kDoHandshake, L"Remote side is not compatible with local protocol options");
+            Log(LogLevel::Warning, kDoHandshake,
+                L"Remote side is not compatible with local protocol options");
             return false;
         }
         // Told "accepted" in the version exchange, dropped now without a word: kept as it is.
@@ -444,10 +454,12 @@ void CSessionHandler::ReadOneMessage()
         return;
     if (!connection || !SkApi::pfnSkReadData)
     {
-        Log(LogLevel::Info, kReadThread, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer", 1017u);
+        Log(LogLevel::Info, kReadThread, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer",
+            1017u);
         return;
     }
-    auto readFailed = [this](const wchar_t* what) {
+    auto readFailed = [this](const wchar_t* what)
+    {
         const DWORD error = ::GetLastError();
         if (error == ERROR_NOT_CONNECTED)
             Log(LogLevel::Info, kReadThread, L"%s failed. Error=ERROR_NOT_CONNECTED(2250)", what);
@@ -469,7 +481,8 @@ void CSessionHandler::ReadOneMessage()
         if (!m_fmReceiveBuff.malloc(header.cbData))
         {
             // The data stay unread, as they always have.
-            Log(LogLevel::Error, kReadThread, L"m_fmReceiveBuff.malloc(cbData=%u for %S) failed", header.cbData, name);
+            Log(LogLevel::Error, kReadThread, L"m_fmReceiveBuff.malloc(cbData=%u for %S) failed",
+                header.cbData, name);
             return;
         }
         count = header.cbData;
@@ -499,7 +512,8 @@ bool CSessionHandler::SendURL(std::wstring url)
         return false;
     }
     const int length = url.size() > static_cast<size_t>(INT_MAX / 4) ? -1 : static_cast<int>(url.size());
-    int n = length < 0 ? 0 : ::WideCharToMultiByte(CP_UTF8, 0, url.data(), length, nullptr, 0, nullptr, nullptr);
+    int n =
+        length < 0 ? 0 : ::WideCharToMultiByte(CP_UTF8, 0, url.data(), length, nullptr, 0, nullptr, nullptr);
     std::string utf8;
     if (n >= 1)
     {
@@ -535,7 +549,8 @@ void CSessionHandler::OnConnectionEvent(HANDLE connection, DWORD event)
             ::SetEvent(m_hevConnected.get());
         return;
     case SkApi::EventBrokenConnection:
-        Log(LogLevel::Info, kOnConnectionEvent, L"Event=BROKENCONNECTION, hHandle=0x%x", HandleBits(connection));
+        Log(LogLevel::Info, kOnConnectionEvent, L"Event=BROKENCONNECTION, hHandle=0x%x",
+            HandleBits(connection));
         state = eCvUrlApiEvent_RdpConnectionBroken;
         break;
     case SkApi::EventInvalidAddress:

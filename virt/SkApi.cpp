@@ -74,18 +74,43 @@ void StoreProc(size_t index, FARPROC proc)
     const auto generic = reinterpret_cast<void (*)()>(proc);
     switch (index)
     {
-    case 0: pfnSkRegisterEventNotification = reinterpret_cast<PFN_SkRegisterEventNotification>(generic); break;
-    case 2: pfnSkResolveAddressW = reinterpret_cast<PFN_SkResolveAddressW>(generic); break;
-    case 3: pfnSkConnectTo = reinterpret_cast<PFN_SkConnectTo>(generic); break;
-    case 7: pfnSkRegisterConnectionEventsCallback = reinterpret_cast<PFN_SkRegisterConnectionEventsCallback>(generic); break;
-    case 8: pfnSkStartNotification = reinterpret_cast<PFN_SkStartNotification>(generic); break;
-    case 9: pfnSkCloseConnection = reinterpret_cast<PFN_SkCloseConnection>(generic); break;
-    case 11: pfnSkReadData = reinterpret_cast<PFN_SkReadData>(generic); break;
-    case 13: pfnSkWriteData = reinterpret_cast<PFN_SkWriteData>(generic); break;
-    case 14: pfnSkFreeProtocolParameter = reinterpret_cast<PFN_SkFreeProtocolParameter>(generic); break;
-    case 18: pfnSkInit = reinterpret_cast<PFN_SkInit>(generic); break;
-    case 19: pfnSkCleanUp = reinterpret_cast<PFN_SkCleanUp>(generic); break;
-    default: g_unusedProcs[index] = proc; break;
+    case 0:
+        pfnSkRegisterEventNotification = reinterpret_cast<PFN_SkRegisterEventNotification>(generic);
+        break;
+    case 2:
+        pfnSkResolveAddressW = reinterpret_cast<PFN_SkResolveAddressW>(generic);
+        break;
+    case 3:
+        pfnSkConnectTo = reinterpret_cast<PFN_SkConnectTo>(generic);
+        break;
+    case 7:
+        pfnSkRegisterConnectionEventsCallback =
+            reinterpret_cast<PFN_SkRegisterConnectionEventsCallback>(generic);
+        break;
+    case 8:
+        pfnSkStartNotification = reinterpret_cast<PFN_SkStartNotification>(generic);
+        break;
+    case 9:
+        pfnSkCloseConnection = reinterpret_cast<PFN_SkCloseConnection>(generic);
+        break;
+    case 11:
+        pfnSkReadData = reinterpret_cast<PFN_SkReadData>(generic);
+        break;
+    case 13:
+        pfnSkWriteData = reinterpret_cast<PFN_SkWriteData>(generic);
+        break;
+    case 14:
+        pfnSkFreeProtocolParameter = reinterpret_cast<PFN_SkFreeProtocolParameter>(generic);
+        break;
+    case 18:
+        pfnSkInit = reinterpret_cast<PFN_SkInit>(generic);
+        break;
+    case 19:
+        pfnSkCleanUp = reinterpret_cast<PFN_SkCleanUp>(generic);
+        break;
+    default:
+        g_unusedProcs[index] = proc;
+        break;
     }
 }
 

@@ -64,7 +64,8 @@ bool ParseSubmitData(const uint8_t* data, size_t size, std::string_view& url) no
 {
     if (size < SubmitReservedSize)
         return false;
-    url = std::string_view(reinterpret_cast<const char*>(data) + SubmitReservedSize, size - SubmitReservedSize);
+    url =
+        std::string_view(reinterpret_cast<const char*>(data) + SubmitReservedSize, size - SubmitReservedSize);
     return true;
 }
 

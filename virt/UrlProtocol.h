@@ -12,13 +12,13 @@
 namespace UrlNet
 {
 
-constexpr uint32_t LocalVersion = 0x00010001;      // major 1, minor 1
+constexpr uint32_t LocalVersion = 0x00010001; // major 1, minor 1
 constexpr uint32_t LowestRemoteVersion = 0x00010001;
-constexpr uint32_t LocalOptionsLength = 0;         // the service never sends option bytes
+constexpr uint32_t LocalOptionsLength = 0; // the service never sends option bytes
 constexpr uint8_t StatusAccepted = 0;
 constexpr uint32_t ChannelPort = 54531;
 constexpr size_t HeaderSize = 8;
-constexpr size_t SubmitReservedSize = 4;           // the word between header and URL
+constexpr size_t SubmitReservedSize = 4; // the word between header and URL
 
 enum UrlNetCommand : uint32_t
 {

@@ -30,9 +30,7 @@ std::wstring NameOf(const SkApi::SessionNotification& notification)
 
 } // namespace
 
-CVirtServer::CVirtServer(std::shared_ptr<ICvLogger> logger) : IBaseItem(std::move(logger))
-{
-}
+CVirtServer::CVirtServer(std::shared_ptr<ICvLogger> logger) : IBaseItem(std::move(logger)) {}
 
 CVirtServer::~CVirtServer()
 {
@@ -182,10 +180,11 @@ void CVirtServer::OnSessionOpened(uint32_t type, const SkApi::SessionNotificatio
     const std::wstring guid = GuidText(notification.guidSession);
     const uint32_t sessionId = notification.dwSessionId;
     // "old GUID" although it is the new session's: the text is kept as it always was.
-    Log(LogLevel::Info, kOnSessionOpened, L"Session %d (type %u), old GUID=%s", static_cast<int>(sessionId), type,
-        guid.c_str());
+    Log(LogLevel::Info, kOnSessionOpened, L"Session %d (type %u), old GUID=%s", static_cast<int>(sessionId),
+        type, guid.c_str());
 
-    ChannelStatusListener forward = [this](const ChannelStatusRecord& record, uint32_t id) { Publish(record, id); };
+    ChannelStatusListener forward = [this](const ChannelStatusRecord& record, uint32_t id)
+    { Publish(record, id); };
     auto handler = std::make_shared<CSessionHandler>(m_pLogger, guid.c_str(), sessionId, NameOf(notification),
                                                      std::move(forward));
     std::shared_ptr<CSessionHandler> replaced;

@@ -48,7 +48,8 @@ double Percentile(std::vector<long long> values, double p)
     if (values.empty())
         return 0;
     std::sort(values.begin(), values.end());
-    const size_t at = std::min(values.size() - 1, static_cast<size_t>(p * static_cast<double>(values.size())));
+    const size_t at =
+        std::min(values.size() - 1, static_cast<size_t>(p * static_cast<double>(values.size())));
     return Micros(values[at]);
 }
 
@@ -59,8 +60,9 @@ class SinkWatcher
 public:
     SinkWatcher()
     {
-        m_file.reset(::CreateFileW(kSinkFile, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                   nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        m_file.reset(::CreateFileW(kSinkFile, GENERIC_READ,
+                                   FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                   OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
         LARGE_INTEGER end{};
         LARGE_INTEGER zero{};
         if (m_file)
@@ -78,7 +80,13 @@ public:
     // Waits until `count` stamped lines have been seen; false when they do not come.
     bool WaitFor(size_t count, std::chrono::milliseconds limit)
     {
-        return WaitUntil([&] { std::lock_guard lock(m_mutex); return m_latencies.size() >= count; }, limit, 5ms);
+        return WaitUntil(
+            [&]
+            {
+                std::lock_guard lock(m_mutex);
+                return m_latencies.size() >= count;
+            },
+            limit, 5ms);
     }
     std::vector<long long> Take()
     {
@@ -141,28 +149,29 @@ Round RunAgents(int agents, int totalUrls)
     const int perAgent = std::max(1, totalUrls / agents);
     std::vector<std::thread> threads;
     for (int a = 0; a < agents; ++a)
-        threads.emplace_back([&, a] {
-            AgentPipe agent;
-            const bool connected = agent.Connect(30s) && agent.Handshake();
-            ++ready;
-            while (!go)
-                ::Sleep(0);
-            std::vector<long long> answers;
-            size_t failures = connected ? 0 : static_cast<size_t>(perAgent);
-            for (int i = 0; connected && i < perAgent; ++i)
+        threads.emplace_back(
+            [&, a]
             {
-                const long long written = Now();
-                const std::string url =
-                    "https://bench.example/" + std::to_string(a) + "/" + std::to_string(i) + "?t=" +
-                    std::to_string(written);
-                const auto answer = agent.OpenUrl(std::u16string(url.begin(), url.end()), 30s);
-                answers.push_back(Now() - written);
-                failures += answer == 0u ? 0 : 1;
-            }
-            std::lock_guard lock(mutex);
-            round.answers.insert(round.answers.end(), answers.begin(), answers.end());
-            round.failures += failures;
-        });
+                AgentPipe agent;
+                const bool connected = agent.Connect(30s) && agent.Handshake();
+                ++ready;
+                while (!go)
+                    ::Sleep(0);
+                std::vector<long long> answers;
+                size_t failures = connected ? 0 : static_cast<size_t>(perAgent);
+                for (int i = 0; connected && i < perAgent; ++i)
+                {
+                    const long long written = Now();
+                    const std::string url = "https://bench.example/" + std::to_string(a) + "/" +
+                                            std::to_string(i) + "?t=" + std::to_string(written);
+                    const auto answer = agent.OpenUrl(std::u16string(url.begin(), url.end()), 30s);
+                    answers.push_back(Now() - written);
+                    failures += answer == 0u ? 0 : 1;
+                }
+                std::lock_guard lock(mutex);
+                round.answers.insert(round.answers.end(), answers.begin(), answers.end());
+                round.failures += failures;
+            });
     WaitUntil([&] { return ready.load() == agents; }, 60s, 5ms);
     const long long start = Now();
     go = true;
@@ -214,8 +223,8 @@ int wmain(int argc, wchar_t** argv)
             raw.push_back(Now() - before);
         }
         rawPerSecond = roundTrips / (Micros(Now() - start) / 1e6);
-        std::printf("agent pipe handshake round trip (1 agent): %.0f/s, p50 %.1f us, p99 %.1f us\n", rawPerSecond,
-                    Percentile(raw, 0.5), Percentile(raw, 0.99));
+        std::printf("agent pipe handshake round trip (1 agent): %.0f/s, p50 %.1f us, p99 %.1f us\n",
+                    rawPerSecond, Percentile(raw, 0.5), Percentile(raw, 0.99));
     }
     const double rawP50 = Percentile(raw, 0.5);
 
@@ -233,8 +242,8 @@ int wmain(int argc, wchar_t** argv)
         std::printf("%7d %10.0f %10.1fus %10.1fus %10.1fus %10.1fus %14.2f %14.2f%s%s\n", agents,
                     round.urlsPerSecond, p50, Percentile(receipts, 0.99), Percentile(round.answers, 0.5),
                     Percentile(round.answers, 0.99), rawP50 > 0 ? p50 / rawP50 : 0.0,
-                    rawPerSecond > 0 ? round.urlsPerSecond / rawPerSecond : 0.0, complete ? "" : "  (receipts missing)",
-                    round.failures ? "  (some URLs answered 1)" : "");
+                    rawPerSecond > 0 ? round.urlsPerSecond / rawPerSecond : 0.0,
+                    complete ? "" : "  (receipts missing)", round.failures ? "  (some URLs answered 1)" : "");
     }
     watcher.Stop();
     run.Stop();

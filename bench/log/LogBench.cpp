@@ -20,7 +20,8 @@ namespace
 {
 double Now()
 {
-    static const double frequency = [] {
+    static const double frequency = []
+    {
         LARGE_INTEGER f;
         ::QueryPerformanceFrequency(&f);
         return static_cast<double>(f.QuadPart);
@@ -46,15 +47,17 @@ Result Measure(int threads, int perThread, const std::function<void(int, int)>& 
     std::vector<std::thread> workers;
     const double start = Now();
     for (int t = 0; t < threads; ++t)
-        workers.emplace_back([&, t] {
-            samples[t].reserve(perThread);
-            for (int i = 0; i < perThread; ++i)
+        workers.emplace_back(
+            [&, t]
             {
-                const double before = Now();
-                call(t, i);
-                samples[t].push_back(Now() - before);
-            }
-        });
+                samples[t].reserve(perThread);
+                for (int i = 0; i < perThread; ++i)
+                {
+                    const double before = Now();
+                    call(t, i);
+                    samples[t].push_back(Now() - before);
+                }
+            });
     for (auto& w : workers)
         w.join();
     const double called = Now();
@@ -76,13 +79,14 @@ Result Measure(int threads, int perThread, const std::function<void(int, int)>& 
 
 void Print(const char* name, const Result& r)
 {
-    std::printf("%-28s p50 %8.2f us   p99 %8.2f us   calls/s %10.0f   records/s to file %10.0f\n", name, r.p50us,
-                r.p99us, r.callsPerSecond, r.recordsPerSecond);
+    std::printf("%-28s p50 %8.2f us   p99 %8.2f us   calls/s %10.0f   records/s to file %10.0f\n", name,
+                r.p50us, r.p99us, r.callsPerSecond, r.recordsPerSecond);
 }
 
 Result RunLogger(const std::wstring& folder, const wchar_t* base, BOOL buffered, int threads, int perThread)
 {
-    auto logger = CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, base, nullptr, FALSE, buffered, 2);
+    auto logger =
+        CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, base, nullptr, FALSE, buffered, 2);
     if (!logger)
     {
         std::printf("cannot create the logger\n");
@@ -92,7 +96,8 @@ Result RunLogger(const std::wstring& folder, const wchar_t* base, BOOL buffered,
     logger->SetMaxFileSize(0xFFFFFFFFu);
     return Measure(
         threads, perThread,
-        [&](int t, int i) { logger->Log(2, L"CBench::Run: (42): thread %d record %d url=https://example.test/%d", t, i, i); },
+        [&](int t, int i)
+        { logger->Log(2, L"CBench::Run: (42): thread %d record %d url=https://example.test/%d", t, i, i); },
         [&] { logger.reset(); });
 }
 
@@ -102,16 +107,19 @@ Result RunOpenWriteClose(const std::wstring& folder, int threads, int perThread)
     std::mutex serialise; // one writer at a time, as the logger's own lock does
     const Result r = Measure(
         threads, perThread,
-        [&](int t, int i) {
-            const std::wstring line =
-                daxlib::Format(L"2025.06.06 14:03:07.123 (+02:00) [1] [%d] [INFO]: CBench::Run: (42): thread %d "
-                               L"record %d url=https://example.test/%d\r\n",
-                               t, t, i, i);
+        [&](int t, int i)
+        {
+            const std::wstring line = daxlib::Format(
+                L"2025.06.06 14:03:07.123 (+02:00) [1] [%d] [INFO]: CBench::Run: (42): thread %d "
+                L"record %d url=https://example.test/%d\r\n",
+                t, t, i, i);
             std::lock_guard lock(serialise);
-            daxlib::unique_hfile file(::CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                                    nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+            daxlib::unique_hfile file(::CreateFileW(path.c_str(), FILE_APPEND_DATA,
+                                                    FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
+                                                    FILE_ATTRIBUTE_NORMAL, nullptr));
             DWORD written = 0;
-            ::WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size() * sizeof(wchar_t)), &written, nullptr);
+            ::WriteFile(file.get(), line.data(), static_cast<DWORD>(line.size() * sizeof(wchar_t)), &written,
+                        nullptr);
         },
         [] {});
     return r;
@@ -119,8 +127,8 @@ Result RunOpenWriteClose(const std::wstring& folder, int threads, int perThread)
 
 void RemoveFolder(const std::wstring& folder)
 {
-    cvlog::ForEachFile(folder + L"\\*",
-                       [&](const WIN32_FIND_DATAW& data) { ::DeleteFileW((folder + L"\\" + data.cFileName).c_str()); });
+    cvlog::ForEachFile(folder + L"\\*", [&](const WIN32_FIND_DATAW& data)
+                       { ::DeleteFileW((folder + L"\\" + data.cFileName).c_str()); });
     ::RemoveDirectoryW(folder.c_str());
 }
 } // namespace
@@ -131,7 +139,8 @@ int main(int argc, char** argv)
     const int perThread = argc > 2 ? std::max(100, std::atoi(argv[2])) : 20000;
     wchar_t temp[MAX_PATH];
     ::GetTempPathW(MAX_PATH, temp);
-    const std::wstring folder = std::wstring(temp) + L"velomar-log-bench-" + std::to_wstring(::GetCurrentProcessId());
+    const std::wstring folder =
+        std::wstring(temp) + L"velomar-log-bench-" + std::to_wstring(::GetCurrentProcessId());
     ::CreateDirectoryW(folder.c_str(), nullptr);
 
     std::printf("%d threads x %d records\n", threads, perThread);
@@ -141,8 +150,8 @@ int main(int argc, char** argv)
     Print("logger, queued (service)", queued);
     Print("logger, buffering off", direct);
     Print("open-write-close per record", plain);
-    std::printf("p99 ratio: buffering off / queued %.1f, open-write-close / queued %.1f\n", direct.p99us / queued.p99us,
-                plain.p99us / queued.p99us);
+    std::printf("p99 ratio: buffering off / queued %.1f, open-write-close / queued %.1f\n",
+                direct.p99us / queued.p99us, plain.p99us / queued.p99us);
     RemoveFolder(folder);
     return 0;
 }

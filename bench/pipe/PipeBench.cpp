@@ -60,8 +60,8 @@ private:
     {
         while (!m_stop)
         {
-            HANDLE pipe = ::CreateNamedPipeW(m_name.c_str(), PIPE_ACCESS_DUPLEX, 0, PIPE_UNLIMITED_INSTANCES, 1024, 1024,
-                                             1000, nullptr);
+            HANDLE pipe = ::CreateNamedPipeW(m_name.c_str(), PIPE_ACCESS_DUPLEX, 0, PIPE_UNLIMITED_INSTANCES,
+                                             1024, 1024, 1000, nullptr);
             if (pipe == INVALID_HANDLE_VALUE)
                 return;
             if (!::ConnectNamedPipe(pipe, nullptr) && ::GetLastError() != ERROR_PIPE_CONNECTED)
@@ -74,20 +74,23 @@ private:
                 ::CloseHandle(pipe);
                 return;
             }
-            m_workers.emplace_back([pipe] {
-                std::vector<unsigned char> buffer(4 + 65536);
-                for (;;)
+            m_workers.emplace_back(
+                [pipe]
                 {
-                    uint32_t length = 0;
-                    if (!ReadAll(pipe, &length, 4) || length > 65536 || (length && !ReadAll(pipe, buffer.data() + 4, length)))
-                        break;
-                    std::memcpy(buffer.data(), &length, 4);
-                    if (!WriteAll(pipe, buffer.data(), length + 4))
-                        break;
-                }
-                ::DisconnectNamedPipe(pipe);
-                ::CloseHandle(pipe);
-            });
+                    std::vector<unsigned char> buffer(4 + 65536);
+                    for (;;)
+                    {
+                        uint32_t length = 0;
+                        if (!ReadAll(pipe, &length, 4) || length > 65536 ||
+                            (length && !ReadAll(pipe, buffer.data() + 4, length)))
+                            break;
+                        std::memcpy(buffer.data(), &length, 4);
+                        if (!WriteAll(pipe, buffer.data(), length + 4))
+                            break;
+                    }
+                    ::DisconnectNamedPipe(pipe);
+                    ::CloseHandle(pipe);
+                });
         }
     }
 
@@ -124,38 +127,42 @@ std::vector<unsigned char> Message(size_t bytes)
 
 double RoundTrips(const std::wstring& name, int clients, double seconds, size_t bytes)
 {
-    return Measure(clients, seconds, [&](const std::atomic<bool>& stop) {
-        HANDLE h = OpenClient(name);
-        if (h == INVALID_HANDLE_VALUE)
-            return 0LL;
-        auto message = Message(bytes);
-        std::vector<unsigned char> echo(message.size());
-        long long count = 0;
-        while (!stop && RoundTrip(h, message, echo))
-            ++count;
-        ::CloseHandle(h);
-        return count;
-    });
+    return Measure(clients, seconds,
+                   [&](const std::atomic<bool>& stop)
+                   {
+                       HANDLE h = OpenClient(name);
+                       if (h == INVALID_HANDLE_VALUE)
+                           return 0LL;
+                       auto message = Message(bytes);
+                       std::vector<unsigned char> echo(message.size());
+                       long long count = 0;
+                       while (!stop && RoundTrip(h, message, echo))
+                           ++count;
+                       ::CloseHandle(h);
+                       return count;
+                   });
 }
 
 double Connects(const std::wstring& name, int clients, double seconds, size_t bytes)
 {
-    return Measure(clients, seconds, [&](const std::atomic<bool>& stop) {
-        auto message = Message(bytes);
-        std::vector<unsigned char> echo(message.size());
-        long long count = 0;
-        while (!stop)
-        {
-            HANDLE h = OpenClient(name);
-            if (h == INVALID_HANDLE_VALUE)
-                break;
-            // One round trip proves the connection was served.
-            if (RoundTrip(h, message, echo))
-                ++count;
-            ::CloseHandle(h);
-        }
-        return count;
-    });
+    return Measure(clients, seconds,
+                   [&](const std::atomic<bool>& stop)
+                   {
+                       auto message = Message(bytes);
+                       std::vector<unsigned char> echo(message.size());
+                       long long count = 0;
+                       while (!stop)
+                       {
+                           HANDLE h = OpenClient(name);
+                           if (h == INVALID_HANDLE_VALUE)
+                               break;
+                           // One round trip proves the connection was served.
+                           if (RoundTrip(h, message, echo))
+                               ++count;
+                           ::CloseHandle(h);
+                       }
+                       return count;
+                   });
 }
 
 double Median(std::vector<double> values)
@@ -178,8 +185,8 @@ int main(int argc, char** argv)
     const size_t bytes = argc > 2 ? static_cast<size_t>(std::atoi(argv[2])) : 64;
     const int repeats = argc > 3 ? std::max(1, std::atoi(argv[3])) : 3;
     SetThreadPool(std::make_shared<CThreadPool>(1000, nullptr));
-    std::printf("pipe_bench: %.1f s per measurement, median of %d, %zu-byte messages (plus 4-byte length)\n", seconds,
-                repeats, bytes);
+    std::printf("pipe_bench: %.1f s per measurement, median of %d, %zu-byte messages (plus 4-byte length)\n",
+                seconds, repeats, bytes);
     std::printf("%-8s %-12s %14s %14s %8s\n", "clients", "figure", "CNamedPipeSrv", "sync baseline", "ratio");
     for (int clients : {1, 16, 128})
     {
@@ -193,8 +200,8 @@ int main(int argc, char** argv)
                 {
                     const std::wstring full = UniqueName(L"velomar-bench");
                     EchoOwner owner(nullptr);
-                    auto server =
-                        std::make_shared<CNamedPipeServer>(full.substr(9), PIPE_UNLIMITED_INSTANCES, 3, nullptr, nullptr);
+                    auto server = std::make_shared<CNamedPipeServer>(full.substr(9), PIPE_UNLIMITED_INSTANCES,
+                                                                     3, nullptr, nullptr);
                     owner.Start(server);
                     transport.push_back(connects ? Connects(full, clients, seconds, bytes)
                                                  : RoundTrips(full, clients, seconds, bytes));
@@ -210,8 +217,8 @@ int main(int argc, char** argv)
             }
             const double ours = Median(transport);
             const double theirs = Median(baseline);
-            std::printf("%-8d %-12s %14.0f %14.0f %8.2f\n", clients, connects ? "connects/s" : "roundtrips/s", ours,
-                        theirs, theirs > 0 ? ours / theirs : 0.0);
+            std::printf("%-8d %-12s %14.0f %14.0f %8.2f\n", clients, connects ? "connects/s" : "roundtrips/s",
+                        ours, theirs, theirs > 0 ? ours / theirs : 0.0);
             std::fflush(stdout);
         }
     }

@@ -34,7 +34,8 @@ bool ParseMilliseconds(const std::wstring& text, uint32_t& value)
 ParseResult ParseCommandLine(const std::vector<std::wstring>& args)
 {
     ParseResult result;
-    auto refuse = [&](int code, std::wstring message) {
+    auto refuse = [&](int code, std::wstring message)
+    {
         result.exitCode = code;
         result.error = std::move(message);
         return result;

@@ -55,7 +55,8 @@ bool IsConnectionGone(DWORD error)
 std::wstring AgentPipeName()
 {
     wchar_t value[512];
-    const DWORD length = ::GetEnvironmentVariableW(kPipeNameVariable, value, static_cast<DWORD>(std::size(value)));
+    const DWORD length =
+        ::GetEnvironmentVariableW(kPipeNameVariable, value, static_cast<DWORD>(std::size(value)));
     if (length == 0 || length >= std::size(value))
         return kAgentPipeName;
     std::wstring name(value, length);
@@ -190,8 +191,9 @@ SessionStatus CAgentSession::Connect(DWORD timeoutMs)
 SessionStatus CAgentSession::Handshake(const agentpipe::HandshakeValues& values, DWORD timeoutMs)
 {
     std::vector<uint8_t> payload;
-    const SessionStatus status = Exchange(agentpipe::EncodeHandshake(values), agentpipe::kTypeHandshake,
-                                          agentpipe::kHandshakePayloadSize, payload, DeadlineAfter(timeoutMs));
+    const SessionStatus status =
+        Exchange(agentpipe::EncodeHandshake(values), agentpipe::kTypeHandshake,
+                 agentpipe::kHandshakePayloadSize, payload, DeadlineAfter(timeoutMs));
     if (status != SessionStatus::Ok)
         return status;
     // The service always answers 0 and 1; anything else is not the service we know.
@@ -206,8 +208,8 @@ SessionStatus CAgentSession::Handshake(const agentpipe::HandshakeValues& values,
 SessionStatus CAgentSession::OpenUrl(std::u16string_view url, DWORD timeoutMs)
 {
     std::vector<uint8_t> payload;
-    const SessionStatus status =
-        Exchange(agentpipe::EncodeOpenUrl(url), agentpipe::kTypeOpenUrl, 4, payload, DeadlineAfter(timeoutMs));
+    const SessionStatus status = Exchange(agentpipe::EncodeOpenUrl(url), agentpipe::kTypeOpenUrl, 4, payload,
+                                          DeadlineAfter(timeoutMs));
     if (status != SessionStatus::Ok)
         return status;
     switch (agentpipe::LoadU32(payload.data()))
@@ -222,7 +224,8 @@ SessionStatus CAgentSession::OpenUrl(std::u16string_view url, DWORD timeoutMs)
     }
 }
 
-SessionStatus CAgentSession::SendUrl(const std::wstring& url, const agentpipe::HandshakeValues& values, DWORD timeoutMs)
+SessionStatus CAgentSession::SendUrl(const std::wstring& url, const agentpipe::HandshakeValues& values,
+                                     DWORD timeoutMs)
 {
     const ULONGLONG deadline = DeadlineAfter(timeoutMs);
     SessionStatus status = Connect(Remaining(deadline));
@@ -248,8 +251,9 @@ SessionStatus CAgentSession::Read(uint32_t length, std::vector<uint8_t>& data, D
     return ReadUntil(length, data, DeadlineAfter(timeoutMs));
 }
 
-SessionStatus CAgentSession::Exchange(const std::vector<uint8_t>& message, uint32_t answerType, uint32_t answerLength,
-                                      std::vector<uint8_t>& payload, ULONGLONG deadline)
+SessionStatus CAgentSession::Exchange(const std::vector<uint8_t>& message, uint32_t answerType,
+                                      uint32_t answerLength, std::vector<uint8_t>& payload,
+                                      ULONGLONG deadline)
 {
     SessionStatus status = WriteUntil(message.data(), static_cast<uint32_t>(message.size()), deadline);
     if (status != SessionStatus::Ok)
@@ -263,8 +267,9 @@ SessionStatus CAgentSession::Exchange(const std::vector<uint8_t>& message, uint3
     const agentpipe::MessageHeader header = agentpipe::DecodeHeader(raw);
     if (header.type != answerType || header.length != answerLength)
     {
-        Log(LogLevel::Error, L"CAgentSession::Exchange: ", L"unexpected answer: type %u, length %u (expected %u, %u)",
-            header.type, header.length, answerType, answerLength);
+        Log(LogLevel::Error, L"CAgentSession::Exchange: ",
+            L"unexpected answer: type %u, length %u (expected %u, %u)", header.type, header.length,
+            answerType, answerLength);
         Close();
         return Fail(SessionStatus::ProtocolError, ERROR_INVALID_DATA);
     }
@@ -302,7 +307,8 @@ SessionStatus CAgentSession::WriteUntil(const void* data, uint32_t length, ULONG
         }
         if (wait != WAIT_OBJECT_0)
         {
-            Log(LogLevel::Error, L"CAgentSession::WriteUntil: ", L"a cancelled write did not complete; its record is left");
+            Log(LogLevel::Error, L"CAgentSession::WriteUntil: ",
+                L"a cancelled write did not complete; its record is left");
             // A completion could still come: leaving the record and event is the safe choice.
             static_cast<void>(record.release());
             static_cast<void>(done.release());
@@ -343,34 +349,35 @@ SessionStatus CAgentSession::ReadUntil(uint32_t length, std::vector<uint8_t>& da
         if (!pending->done)
             return Fail(SessionStatus::Failed, ::GetLastError());
         auto record = std::make_unique<PIPE_OVERLAPPED>();
-        auto callback =
-            MakeGlobalCallback<void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*)>(
-                [pending](std::shared_ptr<unsigned char[]> bytes, unsigned long count, unsigned long status,
-                          PIPE_OVERLAPPED* completed) {
-                    bool abandoned = false;
+        auto callback = MakeGlobalCallback<void(std::shared_ptr<unsigned char[]>, unsigned long,
+                                                unsigned long, PIPE_OVERLAPPED*)>(
+            [pending](std::shared_ptr<unsigned char[]> bytes, unsigned long count, unsigned long status,
+                      PIPE_OVERLAPPED* completed)
+            {
+                bool abandoned = false;
+                {
+                    std::lock_guard guard(pending->lock);
+                    abandoned = pending->abandoned;
+                    if (!abandoned)
                     {
-                        std::lock_guard guard(pending->lock);
-                        abandoned = pending->abandoned;
-                        if (!abandoned)
+                        pending->status = status;
+                        try
                         {
-                            pending->status = status;
-                            try
-                            {
-                                if (status == 0 && bytes)
-                                    pending->data.assign(bytes.get(), bytes.get() + count);
-                            }
-                            catch (const std::bad_alloc&)
-                            {
-                                pending->status = ERROR_NOT_ENOUGH_MEMORY;
-                            }
-                            pending->finished = true;
+                            if (status == 0 && bytes)
+                                pending->data.assign(bytes.get(), bytes.get() + count);
                         }
+                        catch (const std::bad_alloc&)
+                        {
+                            pending->status = ERROR_NOT_ENOUGH_MEMORY;
+                        }
+                        pending->finished = true;
                     }
-                    if (abandoned)
-                        delete completed;
-                    else
-                        ::SetEvent(pending->done.get());
-                });
+                }
+                if (abandoned)
+                    delete completed;
+                else
+                    ::SetEvent(pending->done.get());
+            });
         if (!m_pStream->Read(length, callback, record.get()))
         {
             // Refused: the stream did not keep the record.

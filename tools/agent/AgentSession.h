@@ -53,7 +53,8 @@ std::wstring DescribeStatus(SessionStatus status, DWORD error);
 class CAgentSession : public CommonHelper::CvLogger::CBaseLogger
 {
 public:
-    explicit CAgentSession(std::wstring pipeName = AgentPipeName(), std::shared_ptr<ICvLogger> logger = nullptr);
+    explicit CAgentSession(std::wstring pipeName = AgentPipeName(),
+                           std::shared_ptr<ICvLogger> logger = nullptr);
     ~CAgentSession() override;
     CAgentSession(const CAgentSession&) = delete;
     CAgentSession& operator=(const CAgentSession&) = delete;

@@ -15,7 +15,8 @@ namespace
 LSTATUS SetString(HKEY root, const std::wstring& path, const wchar_t* name, const std::wstring& value)
 {
     daxlib::unique_hkey key;
-    LSTATUS status = ::RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr);
+    LSTATUS status =
+        ::RegCreateKeyExW(root, path.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr);
     if (status != ERROR_SUCCESS)
         return status;
     return ::RegSetValueExW(key.get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
@@ -34,7 +35,8 @@ LSTATUS DeleteTree(HKEY root, const std::wstring& path)
 
 std::wstring Lower(std::wstring text)
 {
-    std::transform(text.begin(), text.end(), text.begin(), [](wchar_t c) { return static_cast<wchar_t>(std::towlower(c)); });
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](wchar_t c) { return static_cast<wchar_t>(std::towlower(c)); });
     return text;
 }
 } // namespace
@@ -59,7 +61,8 @@ LSTATUS RegisterAsBrowser(HKEY root, const std::wstring& softwareKey, const std:
         {client + L"\\DefaultIcon", nullptr, L"\"" + exePath + L"\",0"},
         {client + L"\\shell\\open\\command", nullptr, L"\"" + exePath + L"\""},
         {capabilities, L"ApplicationName", kApplicationName},
-        {capabilities, L"ApplicationDescription", L"Opens web addresses on the client side of the remote session"},
+        {capabilities, L"ApplicationDescription",
+         L"Opens web addresses on the client side of the remote session"},
         {capabilities + L"\\URLAssociations", L"http", kProgId},
         {capabilities + L"\\URLAssociations", L"https", kProgId},
         // Windows lists the application among default apps through this pointer to its capabilities.
@@ -77,15 +80,16 @@ LSTATUS RegisterAsBrowser(HKEY root, const std::wstring& softwareKey, const std:
 LSTATUS UnregisterAsBrowser(HKEY root, const std::wstring& softwareKey)
 {
     LSTATUS first = ERROR_SUCCESS;
-    auto keep = [&first](LSTATUS status) {
+    auto keep = [&first](LSTATUS status)
+    {
         if (first == ERROR_SUCCESS && status != ERROR_SUCCESS)
             first = status;
     };
     keep(DeleteTree(root, softwareKey + L"\\Classes\\" + kProgId));
     keep(DeleteTree(root, softwareKey + L"\\Clients\\StartMenuInternet\\" + kClientName));
     daxlib::unique_hkey apps;
-    if (::RegOpenKeyExW(root, (softwareKey + L"\\RegisteredApplications").c_str(), 0, KEY_SET_VALUE, apps.put()) ==
-        ERROR_SUCCESS)
+    if (::RegOpenKeyExW(root, (softwareKey + L"\\RegisteredApplications").c_str(), 0, KEY_SET_VALUE,
+                        apps.put()) == ERROR_SUCCESS)
     {
         const LSTATUS status = ::RegDeleteValueW(apps.get(), kApplicationName);
         keep(status == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : status);

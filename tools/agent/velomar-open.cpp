@@ -43,13 +43,13 @@ void Print(DWORD which, const std::wstring& text)
             lines += L'\r';
         lines += c;
     }
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, lines.c_str(), static_cast<int>(lines.size()), nullptr, 0,
-                                           nullptr, nullptr);
+    const int size = ::WideCharToMultiByte(CP_UTF8, 0, lines.c_str(), static_cast<int>(lines.size()), nullptr,
+                                           0, nullptr, nullptr);
     if (size <= 0)
         return;
     std::string bytes(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, lines.c_str(), static_cast<int>(lines.size()), bytes.data(), size, nullptr,
-                          nullptr);
+    ::WideCharToMultiByte(CP_UTF8, 0, lines.c_str(), static_cast<int>(lines.size()), bytes.data(), size,
+                          nullptr, nullptr);
     ::WriteFile(out, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
 }
 
@@ -112,7 +112,8 @@ agent::SessionStatus SendToService(const agent::Options& options, DWORD& error)
         return agent::SessionStatus::Failed;
     }
     agent::CAgentSession session;
-    const agent::SessionStatus status = session.SendUrl(options.url, agent::OwnHandshakeValues(), options.timeoutMs);
+    const agent::SessionStatus status =
+        session.SendUrl(options.url, agent::OwnHandshakeValues(), options.timeoutMs);
     error = session.GetError();
     return status;
 }
@@ -127,7 +128,8 @@ DWORD OpenLocally(const std::wstring& url)
     info.lpVerb = L"open";
     info.lpFile = url.c_str();
     info.nShow = SW_SHOWNORMAL;
-    const DWORD error = ::ShellExecuteExW(&info) ? 0 : (::GetLastError() ? ::GetLastError() : ERROR_NO_ASSOCIATION);
+    const DWORD error =
+        ::ShellExecuteExW(&info) ? 0 : (::GetLastError() ? ::GetLastError() : ERROR_NO_ASSOCIATION);
     if (SUCCEEDED(com))
         ::CoUninitialize();
     return error;
@@ -157,7 +159,8 @@ int OpenUrl(const agent::Options& options)
     if (shellError != 0)
     {
         PrintError(L"not opened: " + reason +
-                   daxlib::Format(L", and opening it on this host failed (error %u)", static_cast<unsigned>(shellError)));
+                   daxlib::Format(L", and opening it on this host failed (error %u)",
+                                  static_cast<unsigned>(shellError)));
         return agent::kExitNotOpened;
     }
     PrintError(L"opened on this host: " + reason);
@@ -174,7 +177,7 @@ int Registration(agent::Action action)
     if (status != ERROR_SUCCESS)
     {
         PrintError(daxlib::Format(action == agent::Action::Register ? L"registration failed (error %ld)"
-                                                                     : L"unregistration failed (error %ld)",
+                                                                    : L"unregistration failed (error %ld)",
                                   static_cast<long>(status)));
         return agent::kExitRegistration;
     }

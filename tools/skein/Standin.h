@@ -19,14 +19,14 @@ struct StandinStats
 
 extern "C"
 {
-// Runs one text command (the grammar of README.md); writes the reply ("ok ..." or
-// "error: ...", UTF-8, zero-terminated) and returns its length without the terminator.
-using PFN_StandinCommand = DWORD(WINAPI*)(const char* command, char* reply, DWORD capacity);
-// The bytes the client side received on the session's latest connection; returns their count.
-using PFN_StandinGetReceived = DWORD(WINAPI*)(DWORD sessionId, uint8_t* buffer, DWORD capacity);
-using PFN_StandinGetStats = BOOL(WINAPI*)(DWORD sessionId, StandinStats* stats);
-// GetTickCount64 of each SkConnectTo for the session; returns how many there were.
-using PFN_StandinGetConnectTimes = DWORD(WINAPI*)(DWORD sessionId, uint64_t* ticks, DWORD capacity);
-// The next SkInit returns this error instead of initialising.
-using PFN_StandinFailNextInit = void(WINAPI*)(DWORD error);
+    // Runs one text command (the grammar of README.md); writes the reply ("ok ..." or
+    // "error: ...", UTF-8, zero-terminated) and returns its length without the terminator.
+    using PFN_StandinCommand = DWORD(WINAPI*)(const char* command, char* reply, DWORD capacity);
+    // The bytes the client side received on the session's latest connection; returns their count.
+    using PFN_StandinGetReceived = DWORD(WINAPI*)(DWORD sessionId, uint8_t* buffer, DWORD capacity);
+    using PFN_StandinGetStats = BOOL(WINAPI*)(DWORD sessionId, StandinStats* stats);
+    // GetTickCount64 of each SkConnectTo for the session; returns how many there were.
+    using PFN_StandinGetConnectTimes = DWORD(WINAPI*)(DWORD sessionId, uint64_t* ticks, DWORD capacity);
+    // The next SkInit returns this error instead of initialising.
+    using PFN_StandinFailNextInit = void(WINAPI*)(DWORD error);
 }

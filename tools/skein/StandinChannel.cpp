@@ -9,7 +9,6 @@ namespace standin
 
 using UrlNet::ClientItem;
 
-
 void QueueEvent(Library& lib, const std::shared_ptr<Connection>& c, DWORD event)
 {
     lib.events.push_back({c, event});
@@ -87,7 +86,8 @@ void PeerReceive(Library& lib, const std::shared_ptr<Connection>& c, const uint8
             if (c->peer.closeAfterSend)
                 Break(lib, c);
             break;
-        case ClientItem::Kind::Message: {
+        case ClientItem::Kind::Message:
+        {
             std::string_view url;
             if (item.header.command == UrlNet::eUrlNet_Submit &&
                 UrlNet::ParseSubmitData(item.data.data(), item.data.size(), url))
@@ -125,8 +125,6 @@ std::shared_ptr<Connection> Find(Library& lib, HANDLE handle)
     auto it = lib.connections.find(reinterpret_cast<uintptr_t>(handle));
     return it == lib.connections.end() ? nullptr : it->second;
 }
-
-
 
 void NotificationThread(void*)
 {
@@ -181,8 +179,8 @@ void EventThread(void*)
     }
 }
 
-void QueueNotification(Library& lib, DWORD kind, uint32_t id, const std::wstring& guidText, const std::wstring& name,
-                       uint32_t type)
+void QueueNotification(Library& lib, DWORD kind, uint32_t id, const std::wstring& guidText,
+                       const std::wstring& name, uint32_t type)
 {
     QueuedNotification n{kind, {}};
     n.record.dwSessionType = type;
@@ -192,6 +190,5 @@ void QueueNotification(Library& lib, DWORD kind, uint32_t id, const std::wstring
     lib.notifications.push_back(n);
     lib.cv.notify_all();
 }
-
 
 } // namespace standin

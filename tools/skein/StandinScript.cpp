@@ -9,7 +9,6 @@ namespace standin
 namespace
 {
 
-
 bool ParsePeer(std::istringstream& in, PeerScript& peer, std::string& error)
 {
     std::string word;
@@ -114,8 +113,8 @@ std::string RunCommand(const std::string& line)
             std::string kind, guid;
             in >> kind >> guid;
             const DWORD event = kind == "open" ? SkApi::EventSessionOpened : SkApi::EventSessionClosed;
-            QueueNotification(lib, event, id, guid.empty() ? s.guidText : Lower(Widen(guid)), Widen(RestOfLine(in)),
-                              s.type);
+            QueueNotification(lib, event, id, guid.empty() ? s.guidText : Lower(Widen(guid)),
+                              Widen(RestOfLine(in)), s.type);
             return "ok";
         }
         if (verb == "peer")
@@ -166,10 +165,11 @@ std::string RunCommand(const std::string& line)
         {
             const auto& t = s.stats;
             char text[256];
-            std::snprintf(text, sizeof(text),
-                          "ok attempts=%u connected=%u handshakes=%u submits=%u other=%u malformed=%u live=%u",
-                          t.connectAttempts, t.connections, t.handshakes, t.submits, t.otherMessages, t.malformed,
-                          t.liveConnections);
+            std::snprintf(
+                text, sizeof(text),
+                "ok attempts=%u connected=%u handshakes=%u submits=%u other=%u malformed=%u live=%u",
+                t.connectAttempts, t.connections, t.handshakes, t.submits, t.otherMessages, t.malformed,
+                t.liveConnections);
             return text;
         }
         return "error: unknown command " + verb;
@@ -200,7 +200,8 @@ void RunScenario()
 {
     wchar_t named[MAX_PATH] = {};
     const DWORD n = ::GetEnvironmentVariableW(L"CVSKAPI_STANDIN_SCENARIO", named, MAX_PATH);
-    std::wstring path = (n > 0 && n < MAX_PATH) ? std::wstring(named) : ModuleFolder() + L"\\cvskapi.scenario";
+    std::wstring path =
+        (n > 0 && n < MAX_PATH) ? std::wstring(named) : ModuleFolder() + L"\\cvskapi.scenario";
     if (path == L"none")
         return;
     std::ifstream file(path.c_str());
@@ -305,6 +306,5 @@ void ControlThread(void* argument)
     }
     ::CloseHandle(connected);
 }
-
 
 } // namespace standin

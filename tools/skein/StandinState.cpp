@@ -18,7 +18,6 @@ Library& Lib()
 
 HMODULE g_hSelf;
 
-
 std::wstring Widen(const std::string& text)
 {
     if (text.empty())
@@ -68,8 +67,8 @@ bool ParseGuid(const std::wstring& text, GUID& guid)
 {
     unsigned d1 = 0, d2 = 0, d3 = 0, b[8] = {};
     wchar_t tail = 0;
-    const int n = swscanf(text.c_str(), L"%8x-%4x-%4x-%2x%2x-%2x%2x%2x%2x%2x%2x%lc", &d1, &d2, &d3, &b[0], &b[1],
-                          &b[2], &b[3], &b[4], &b[5], &b[6], &b[7], &tail);
+    const int n = swscanf(text.c_str(), L"%8x-%4x-%4x-%2x%2x-%2x%2x%2x%2x%2x%2x%lc", &d1, &d2, &d3, &b[0],
+                          &b[1], &b[2], &b[3], &b[4], &b[5], &b[6], &b[7], &tail);
     if (n != 11)
         return false;
     guid.Data1 = d1;
@@ -110,6 +109,5 @@ void AppendLine(const std::wstring& path, const std::string& line)
     ::WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
     ::CloseHandle(file);
 }
-
 
 } // namespace standin

@@ -77,8 +77,8 @@ struct Connection
     std::deque<uint8_t> inbound; // client side to service
     bool closed = false;         // closed by the service
     bool broken = false;
-    bool counted = false;        // counted as live in the session's stats
-    DWORD pendingEvent = 0;      // reported once a callback is registered
+    bool counted = false;   // counted as live in the session's stats
+    DWORD pendingEvent = 0; // reported once a callback is registered
     SkApi::ConnectionCallback callback = nullptr;
     void* context = nullptr;
     DWORD mask = 0;
@@ -119,7 +119,8 @@ public:
         while (!ready())
             ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), INFINITE, 0);
     }
-    template <typename Pred> bool wait_for(std::unique_lock<SrwMutex>& lock, std::chrono::milliseconds limit, Pred ready)
+    template <typename Pred>
+    bool wait_for(std::unique_lock<SrwMutex>& lock, std::chrono::milliseconds limit, Pred ready)
     {
         const ULONGLONG end = ::GetTickCount64() + static_cast<ULONGLONG>(limit.count());
         while (!ready())
@@ -202,7 +203,6 @@ struct Library
     HANDLE controlStop = nullptr;
 };
 
-
 // Created on first use; deleted when the library is unloaded after a clean-up.
 extern Library* g_library;
 extern HMODULE g_hSelf;
@@ -225,8 +225,8 @@ void Break(Library& lib, const std::shared_ptr<Connection>& c);
 void PeerSend(Connection& c, const uint8_t* bytes, size_t size);
 void PeerReceive(Library& lib, const std::shared_ptr<Connection>& c, const uint8_t* bytes, size_t size);
 std::shared_ptr<Connection> Find(Library& lib, HANDLE handle);
-void QueueNotification(Library& lib, DWORD kind, uint32_t id, const std::wstring& guidText, const std::wstring& name,
-                       uint32_t type);
+void QueueNotification(Library& lib, DWORD kind, uint32_t id, const std::wstring& guidText,
+                       const std::wstring& name, uint32_t type);
 
 // The library's threads
 void NotificationThread(void*);
