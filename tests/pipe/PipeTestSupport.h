@@ -1,6 +1,7 @@
 #pragma once
 // Shared pieces of the transport's tests: a private CThreadPool per test, a capturing logger,
 // raw pipe pairs and a waitable counter.
+#include "common/UniqueHandle.h"
 #include "pipe/NamedPipeStream.h"
 #include "pipe/ThreadPool.h"
 #include "tests/common/CapturingLogger.h"
@@ -13,9 +14,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <mutex>
-#include <string>
 #include <vector>
 
 namespace pipe_tests
@@ -36,10 +35,8 @@ class Counter
 public:
     void Add()
     {
-        {
-            std::lock_guard lock(m_mutex);
-            ++m_value;
-        }
+        std::lock_guard lock(m_mutex);
+        ++m_value;
         m_changed.notify_all();
     }
     int Get() const
@@ -87,22 +84,10 @@ inline void ExpectNoLeaks(const std::function<void()>& scenario)
 struct RawPipePair
 {
     std::wstring name = L"\\\\.\\pipe\\" + testing_support::UniqueName(L"velomar-pipe-test");
-    HANDLE server = ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 1024, 1024, 1000,
-                                       nullptr);
-    HANDLE client = ::CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-
-    ~RawPipePair()
-    {
-        CloseClient();
-        if (server != INVALID_HANDLE_VALUE)
-            ::CloseHandle(server);
-    }
-    void CloseClient()
-    {
-        if (client != INVALID_HANDLE_VALUE)
-            ::CloseHandle(std::exchange(client, INVALID_HANDLE_VALUE));
-    }
-    HANDLE TakeServer() { return std::exchange(server, INVALID_HANDLE_VALUE); }
+    daxlib::unique_hfile server{::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 1024,
+                                                   1024, 1000, nullptr)};
+    daxlib::unique_hfile client{
+        ::CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr)};
 };
 
 class PoolTest : public ::testing::Test
@@ -117,7 +102,7 @@ protected:
     // A stream on the pair's server end, in the given state.
     std::shared_ptr<CNamedPipeStream> MakeStream(RawPipePair& pair, uint32_t state = ePipeConnectionState_Connected)
     {
-        auto stream = std::make_shared<CNamedPipeStream>(m_log, std::make_shared<daxlib::unique_hfile>(pair.TakeServer()),
+        auto stream = std::make_shared<CNamedPipeStream>(m_log, std::make_shared<daxlib::unique_hfile>(pair.server.release()),
                                                          nullptr);
         if (state != ePipeConnectionState_WaitConnection)
             stream->SetPipeConnectionState(state);

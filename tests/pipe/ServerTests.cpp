@@ -50,8 +50,8 @@ TEST_F(ServerTest, AcceptsAreClampedAndThatManyInstancesWait)
 TEST_F(ServerTest, ClientArrivingBetweenCreateAndConnectIsConnected)
 {
     RawPipePair pair; // the client opened before ConnectNamedPipe
-    ASSERT_NE(INVALID_HANDLE_VALUE, pair.client);
-    auto stream = std::make_shared<CNamedPipeServerStream>(m_log, std::make_shared<daxlib::unique_hfile>(pair.TakeServer()),
+    ASSERT_TRUE(pair.client);
+    auto stream = std::make_shared<CNamedPipeServerStream>(m_log, std::make_shared<daxlib::unique_hfile>(pair.server.release()),
                                                            nullptr);
     EXPECT_TRUE(stream->ConnectAsync());
     EXPECT_EQ(ePipeConnectionState_Connected, stream->GetPipeConnectionState());

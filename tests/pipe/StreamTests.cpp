@@ -67,7 +67,7 @@ TEST_F(StreamTest, WriteCompletesOnceAndRunsNoCallbackAfterDisconnect)
     auto request = stream->CreateWriteRequest(text, sizeof(text), &record);
     ASSERT_TRUE(stream->AddWriteRequest(request));
     char got[sizeof(text)];
-    ASSERT_TRUE(ReadAll(pair.client, got, sizeof(got)));
+    ASSERT_TRUE(ReadAll(pair.client.get(), got, sizeof(got)));
     ASSERT_TRUE(sink.calls.WaitAtLeast(1));
     EXPECT_EQ(0u, sink.lastStatus);
     EXPECT_EQ(sizeof(text), record.m_dwBytesTransferred);
@@ -82,7 +82,7 @@ TEST_F(StreamTest, WriteCompletesOnceAndRunsNoCallbackAfterDisconnect)
     ASSERT_EQ(1u, stream->OutstandingWriteCount());
     stream->SetPipeConnectionState(ePipeConnectionState_Disconnecting);
     stream->SetPipeConnectionState(ePipeConnectionState_Disconnected);
-    ASSERT_TRUE(ReadAll(pair.client, big.data(), static_cast<DWORD>(big.size())));
+    ASSERT_TRUE(ReadAll(pair.client.get(), big.data(), static_cast<DWORD>(big.size())));
     ASSERT_TRUE(m_log->WaitFor(L"EndWrite() failed. IoResult = 0", kLimit));
     EXPECT_EQ(1, sink.calls.Get());
     EXPECT_EQ(0u, stream->OutstandingWriteCount());
@@ -98,13 +98,13 @@ TEST_F(StreamTest, BlockingWriteCompletesFailsOnVanishedClientAndIsWokenByCancel
         for (size_t i = 0; i < data.size(); ++i)
             data[i] = static_cast<unsigned char>(i);
         std::vector<unsigned char> got(data.size());
-        std::thread reader([&] { ReadAll(pair.client, got.data(), static_cast<DWORD>(got.size())); });
+        std::thread reader([&] { ReadAll(pair.client.get(), got.data(), static_cast<DWORD>(got.size())); });
         EXPECT_TRUE(request.Write(data.data(), static_cast<uint32_t>(data.size())));
         reader.join();
         EXPECT_EQ(data, got);
         EXPECT_EQ(0u, request.OutstandingCount());
 
-        pair.CloseClient();
+        pair.client.reset();
         const long long handles = testing_support::CountProcessHandles();
         EXPECT_FALSE(request.Write("x", 1));
         EXPECT_NE(0u, ::GetLastError());
@@ -124,7 +124,7 @@ TEST_F(StreamTest, BlockingWriteCompletesFailsOnVanishedClientAndIsWokenByCancel
     EXPECT_TRUE(Eventually([&] {
         DWORD available = 0;
         return stream->OutstandingWriteCount() == 1 && request.OutstandingCount() == 1 &&
-               ::PeekNamedPipe(pair.client, nullptr, 0, nullptr, &available, nullptr) && available > 0;
+               ::PeekNamedPipe(pair.client.get(), nullptr, 0, nullptr, &available, nullptr) && available > 0;
     }));
     request.CancelAll();
     writer.join();
@@ -148,7 +148,7 @@ TEST_F(StreamTest, ReadsDroppedByCancelAllThenServedFromBufferThenFailedByTheCli
     EXPECT_EQ(0u, request.OutstandingCount());
     EXPECT_EQ(freedBefore + 1, g_recordsFreed.load());
     // Data arriving now meets no reader: it waits in the stream for the next read.
-    ASSERT_TRUE(WriteAll(pair.client, "0123456789abcdef", 16));
+    ASSERT_TRUE(WriteAll(pair.client.get(), "0123456789abcdef", 16));
     ASSERT_TRUE(Eventually([&] { return stream->BufferedBytes() == 16; }));
     EXPECT_EQ(0, reads.calls.Get());
 
@@ -158,7 +158,7 @@ TEST_F(StreamTest, ReadsDroppedByCancelAllThenServedFromBufferThenFailedByTheCli
     EXPECT_EQ(std::vector<unsigned char>({'0', '1', '2', '3', '4', '5', '6', '7', '8', '9'}), reads.lastData);
     // Six bytes are buffered; a read of eight can only fail once the client goes.
     ASSERT_TRUE(request.ReadAsync(8, reads.Callback(), new PIPE_OVERLAPPED()));
-    pair.CloseClient();
+    pair.client.reset();
     ASSERT_TRUE(reads.calls.WaitAtLeast(2));
     EXPECT_NE(0u, reads.lastStatus);
     EXPECT_FALSE(request.ReadAsync(8, reads.Callback(), new PIPE_OVERLAPPED())); // nothing more can come

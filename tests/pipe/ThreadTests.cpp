@@ -2,6 +2,7 @@
 #include "pipe/ThreadPoolIo.h"
 #include "tests/pipe/PipeTestSupport.h"
 
+#include <atomic>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -24,23 +25,18 @@ int WaitForStop(void* stopEvent, void*)
 
 using TestIo = CThreadPoolIo<int>;
 
-struct IoProbe
+// Counts the I/O's completions and keeps the last result.
+std::shared_ptr<TestIo> MakeIo(HANDLE h, std::shared_ptr<ICvLogger> log, Counter& completions, std::atomic<unsigned long>& result)
 {
-    Counter completions;
-    unsigned long lastResult = 0xFFFFFFFF;
-    int Callback(unsigned long result, TestIo::Request&, unsigned long long, TestIo*, void*)
-    {
-        lastResult = result;
-        completions.Add();
-        return 1;
-    }
-    std::shared_ptr<TestIo> MakeIo(HANDLE h, std::shared_ptr<ICvLogger> log)
-    {
-        return std::make_shared<TestIo>(
-            h, L"test", log,
-            MakeMemberCallback<int(unsigned long, TestIo::Request&, unsigned long long, TestIo*, void*)>(this, &IoProbe::Callback));
-    }
-};
+    return std::make_shared<TestIo>(
+        h, L"test", log,
+        MakeGlobalCallback<int(unsigned long, TestIo::Request&, unsigned long long, TestIo*, void*)>(
+            [&](unsigned long r, TestIo::Request&, unsigned long long, TestIo*, void*) {
+                result = r;
+                completions.Add();
+                return 1;
+            }));
+}
 } // namespace
 
 TEST_F(ThreadTest, StartTwiceStopBeforeStartAndEmptyTask)
@@ -72,21 +68,20 @@ TEST_F(ThreadTest, StartTwiceStopBeforeStartAndEmptyTask)
 
 TEST_F(ThreadTest, ExceptionsInTasksAndHandlersAreLoggedAndEndTheThread)
 {
-    CJoinableThread<int> dax(MakeGlobalCallback<int(void*)>([](void*) -> int {
-                                 ::SetLastError(5);
-                                 daxlib::ThrowDaxException(L"Worker", 12, L"bad");
-                             }),
-                             nullptr, m_log);
-    ASSERT_EQ(1, dax.Start());
-    dax.Wait();
-    EXPECT_TRUE(m_log->Contains(L"Exception: Error(5), Module(\"Worker\"), Line(12), Desc(\"bad\")"));
-
-    CJoinableThread<int> std(MakeGlobalCallback<int(void*)>([](void*) -> int { throw std::runtime_error("boom"); }),
-                             nullptr, m_log);
-    ASSERT_EQ(1, std.Start());
-    std.Wait();
-    EXPECT_TRUE(m_log->Contains(L"Desc(\"boom\")"));
-
+    const std::pair<std::shared_ptr<CCallbackHolder<int(void*)>>, const wchar_t*> tasks[] = {
+        {MakeGlobalCallback<int(void*)>([](void*) -> int {
+             ::SetLastError(5);
+             daxlib::ThrowDaxException(L"Worker", 12, L"bad");
+         }),
+         L"Exception: Error(5), Module(\"Worker\"), Line(12), Desc(\"bad\")"},
+        {MakeGlobalCallback<int(void*)>([](void*) -> int { throw std::runtime_error("boom"); }), L"Desc(\"boom\")"}};
+    for (const auto& [task, logged] : tasks)
+    {
+        CJoinableThread<int> thread(task, nullptr, m_log);
+        ASSERT_EQ(1, thread.Start());
+        thread.Wait();
+        EXPECT_TRUE(m_log->Contains(logged));
+    }
     CSignalQueueThread<Item> queue(
         MakeGlobalCallback<int(Item&)>([](Item&) -> int { throw std::logic_error("handler failed"); }), m_log);
     ASSERT_EQ(1, queue.Start());
@@ -200,25 +195,26 @@ TEST_F(ThreadTest, PoolFuturesAndVoidTasksCarryResultsAndExceptions)
 TEST_F(ThreadTest, PoolIoCancelAfterCompletionStartAfterStopAndSynchronousFailure)
 {
     RawPipePair pair;
-    ASSERT_NE(INVALID_HANDLE_VALUE, pair.client);
-    IoProbe probe;
-    auto io = probe.MakeIo(pair.server, m_log);
+    ASSERT_TRUE(pair.client);
+    Counter completions;
+    std::atomic<unsigned long> result{0xFFFFFFFF};
+    auto io = MakeIo(pair.server.get(), m_log, completions, result);
     EXPECT_TRUE(io->Stop()); // never started
     ASSERT_TRUE(io->Start());
     auto request = std::make_shared<CRequestIo<int>>(1);
     ASSERT_TRUE(io->StartIo(request));
     char data[16] = "hello";
-    const BOOL ok = ::WriteFile(pair.server, data, sizeof(data), nullptr, &request->overlapped);
+    const BOOL ok = ::WriteFile(pair.server.get(), data, sizeof(data), nullptr, &request->overlapped);
     ASSERT_TRUE(ok || ::GetLastError() == ERROR_IO_PENDING);
-    ASSERT_TRUE(probe.completions.WaitAtLeast(1));
-    EXPECT_EQ(0u, probe.lastResult);
+    ASSERT_TRUE(completions.WaitAtLeast(1));
+    EXPECT_EQ(0u, result.load());
     EXPECT_FALSE(io->Cancel(request, FALSE)); // completed: no longer listed
     EXPECT_FALSE(io->Cancel(nullptr, FALSE));
 
     // A pending read is cancelled by Stop and completes through the callback; Stop returns.
     auto pending = std::make_shared<CRequestIo<int>>(2);
     ASSERT_TRUE(io->StartIo(pending));
-    ASSERT_FALSE(::ReadFile(pair.server, data, sizeof(data), nullptr, &pending->overlapped));
+    ASSERT_FALSE(::ReadFile(pair.server.get(), data, sizeof(data), nullptr, &pending->overlapped));
     ASSERT_EQ(static_cast<DWORD>(ERROR_IO_PENDING), ::GetLastError());
     EXPECT_TRUE(io->Stop());
     EXPECT_FALSE(io->StartIo(std::make_shared<CRequestIo<int>>(3)));
@@ -226,19 +222,19 @@ TEST_F(ThreadTest, PoolIoCancelAfterCompletionStartAfterStopAndSynchronousFailur
 
     // Reads failing at once are balanced by Cancel, or Stop would wait for them for ever.
     RawPipePair gone;
-    gone.CloseClient();
-    IoProbe goneProbe;
-    auto goneIo = goneProbe.MakeIo(gone.server, m_log);
+    gone.client.reset();
+    Counter goneCompletions;
+    auto goneIo = MakeIo(gone.server.get(), m_log, goneCompletions, result);
     ASSERT_TRUE(goneIo->Start());
     for (int i = 0; i < 3; ++i)
     {
         auto failing = std::make_shared<CRequestIo<int>>(i);
         ASSERT_TRUE(goneIo->StartIo(failing));
-        ASSERT_FALSE(::ReadFile(gone.server, data, sizeof(data), nullptr, &failing->overlapped));
+        ASSERT_FALSE(::ReadFile(gone.server.get(), data, sizeof(data), nullptr, &failing->overlapped));
         ASSERT_NE(static_cast<DWORD>(ERROR_IO_PENDING), ::GetLastError());
         goneIo->Cancel(failing, TRUE);
     }
     EXPECT_EQ(0u, goneIo->OutstandingCount());
     EXPECT_TRUE(goneIo->Stop());
-    EXPECT_EQ(0, goneProbe.completions.Get());
+    EXPECT_EQ(0, goneCompletions.Get());
 }
