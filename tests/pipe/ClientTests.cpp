@@ -51,18 +51,11 @@ TEST_F(ClientTest, RetriesOneShotPerFailureUntilAServerStarts)
     CPipeClientRequest request(stream, m_log);
     const unsigned char message[] = {3, 0, 0, 0, 'a', 'b', 'c'};
     ASSERT_TRUE(request.Write(message, sizeof(message)));
-    Counter read;
-    std::vector<unsigned char> echo;
-    ASSERT_TRUE(request.ReadAsync(sizeof(message),
-                                  MakeGlobalCallback<ReadSignature>([&](std::shared_ptr<unsigned char[]> data, unsigned long bytes,
-                                                                        unsigned long, PIPE_OVERLAPPED* record) {
-                                      echo.assign(data.get(), data.get() + bytes);
-                                      request.EndAsync(record);
-                                      read.Add();
-                                  }),
-                                  new PIPE_OVERLAPPED()));
-    ASSERT_TRUE(read.WaitAtLeast(1));
-    EXPECT_EQ(std::vector<unsigned char>(message, message + sizeof(message)), echo);
+    Completions read;
+    read.retire = &request;
+    ASSERT_TRUE(request.ReadAsync(sizeof(message), read.Callback(), new PIPE_OVERLAPPED()));
+    ASSERT_TRUE(read.calls.WaitAtLeast(1));
+    EXPECT_EQ(std::vector<unsigned char>(message, message + sizeof(message)), read.lastData);
 
     // The server going away ends the client's stream once.
     server.reset();

@@ -3,6 +3,7 @@
 // raw pipe pairs and a waitable counter.
 #include "common/UniqueHandle.h"
 #include "pipe/NamedPipeStream.h"
+#include "pipe/PipeRequest.h"
 #include "pipe/ThreadPool.h"
 #include "tests/common/CapturingLogger.h"
 #include "tests/common/RawPipeClient.h"
@@ -116,13 +117,41 @@ protected:
     std::shared_ptr<CThreadPool> m_pool = std::make_shared<CThreadPool>(64, m_poolLog);
 };
 
-// One message of the echo protocol (32-bit length, payload) and its echo.
-inline bool RoundTrip(HANDLE client, const std::vector<unsigned char>& payload)
+// Records what each completion brought.
+struct Completions
+{
+    Counter calls;
+    unsigned long lastStatus = 0xFFFFFFFF;
+    std::vector<unsigned char> lastData;
+    CPipeRequest* retire = nullptr; // the request whose records the callbacks end
+    void On(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long status, PIPE_OVERLAPPED* record)
+    {
+        lastStatus = status;
+        lastData.assign(data.get(), data.get() + (status == 0 && data ? bytes : 0));
+        if (retire)
+            retire->EndAsync(record);
+        calls.Add();
+    }
+    std::shared_ptr<CCallbackHolder<ReadSignature>> Callback()
+    {
+        return MakeMemberCallback<ReadSignature>(this, &Completions::On);
+    }
+};
+
+// A message of the echo protocol: a 32-bit length and the payload.
+inline std::vector<unsigned char> EchoMessage(const std::vector<unsigned char>& payload)
 {
     const uint32_t length = static_cast<uint32_t>(payload.size());
     std::vector<unsigned char> message(4 + payload.size());
     std::memcpy(message.data(), &length, 4);
-    std::memcpy(message.data() + 4, payload.data(), payload.size());
+    std::copy(payload.begin(), payload.end(), message.begin() + 4);
+    return message;
+}
+
+// One message of the echo protocol and its echo.
+inline bool RoundTrip(HANDLE client, const std::vector<unsigned char>& payload)
+{
+    const auto message = EchoMessage(payload);
     std::vector<unsigned char> echo(message.size());
     return WriteAll(client, message.data(), static_cast<DWORD>(message.size())) &&
            ReadAll(client, echo.data(), static_cast<DWORD>(echo.size())) && echo == message;

@@ -2,6 +2,7 @@
 #include "tests/pipe/EchoOwner.h"
 #include "tests/pipe/PipeTestSupport.h"
 
+#include <numeric>
 #include <random>
 #include <thread>
 #include <vector>
@@ -138,9 +139,7 @@ TEST_F(ServerTest, MisbehavingClientsDoNotStopOthers)
         daxlib::unique_hfile trickler(Open()); // sends one byte at a time
         daxlib::unique_hfile good(Open());     // is served all along
         ASSERT_TRUE(writer && trickler && good);
-        std::vector<unsigned char> big(4 + 60000, 9);
-        const uint32_t bigLength = 60000;
-        std::memcpy(big.data(), &bigLength, 4);
+        const auto big = EchoMessage(std::vector<unsigned char>(60000, 9));
         EXPECT_TRUE(WriteAll(writer.get(), big.data(), static_cast<DWORD>(big.size())));
         EXPECT_TRUE(WriteAll(writer.get(), big.data(), static_cast<DWORD>(big.size())));
 
@@ -152,11 +151,9 @@ TEST_F(ServerTest, MisbehavingClientsDoNotStopOthers)
                     ++vanished;
         });
         std::thread trickle([&] {
-            std::vector<unsigned char> message(4 + 300);
-            const uint32_t length = 300;
-            std::memcpy(message.data(), &length, 4);
-            for (size_t i = 4; i < message.size(); ++i)
-                message[i] = static_cast<unsigned char>(i);
+            std::vector<unsigned char> payload(300);
+            std::iota(payload.begin(), payload.end(), static_cast<unsigned char>(4));
+            const auto message = EchoMessage(payload);
             for (unsigned char byte : message)
                 WriteAll(trickler.get(), &byte, 1);
             std::vector<unsigned char> echo(message.size());

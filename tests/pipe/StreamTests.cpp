@@ -17,27 +17,6 @@ struct CountedRecord : PIPE_OVERLAPPED
     ~CountedRecord() override { ++g_recordsFreed; }
 };
 
-// Records what each completion brought.
-struct Completions
-{
-    Counter calls;
-    unsigned long lastStatus = 0xFFFFFFFF;
-    std::vector<unsigned char> lastData;
-    CPipeRequest* retire = nullptr; // the request whose records the callbacks end
-    void On(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long status, PIPE_OVERLAPPED* record)
-    {
-        lastStatus = status;
-        lastData.assign(data.get(), data.get() + (status == 0 && data ? bytes : 0));
-        if (retire)
-            retire->EndAsync(record);
-        calls.Add();
-    }
-    std::shared_ptr<CCallbackHolder<ReadSignature>> Callback()
-    {
-        return MakeMemberCallback<ReadSignature>(this, &Completions::On);
-    }
-};
-
 using StreamTest = PoolTest;
 } // namespace
 
@@ -88,22 +67,13 @@ TEST_F(StreamTest, WriteCompletesOnceAndRunsNoCallbackAfterDisconnect)
     EXPECT_EQ(0u, stream->OutstandingWriteCount());
 }
 
-TEST_F(StreamTest, BlockingWriteCompletesFailsOnVanishedClientAndIsWokenByCancelAll)
+TEST_F(StreamTest, BlockingWriteFailsOnVanishedClientAndIsWokenByCancelAll)
 {
+    // A blocking write that completes is exercised by every echo of the server and load tests.
     {
         RawPipePair pair;
         auto stream = MakeStream(pair);
         CPipeServerRequest request(stream, m_log);
-        std::vector<unsigned char> data(10000);
-        for (size_t i = 0; i < data.size(); ++i)
-            data[i] = static_cast<unsigned char>(i);
-        std::vector<unsigned char> got(data.size());
-        std::thread reader([&] { ReadAll(pair.client.get(), got.data(), static_cast<DWORD>(got.size())); });
-        EXPECT_TRUE(request.Write(data.data(), static_cast<uint32_t>(data.size())));
-        reader.join();
-        EXPECT_EQ(data, got);
-        EXPECT_EQ(0u, request.OutstandingCount());
-
         pair.client.reset();
         const long long handles = testing_support::CountProcessHandles();
         EXPECT_FALSE(request.Write("x", 1));

@@ -68,11 +68,6 @@ TEST(AgentProtocol, InterpretAnswersOnlyCompleteKnownMessages)
     EXPECT_EQ(Decision::Kind::OpenUrl, d.kind);
     EXPECT_EQ(u"https://a.test/", d.url);
 
-    // Fewer bytes than announced, an empty message, a handshake of the wrong size, another type.
+    // Fewer bytes than announced (the other unanswered messages go through a live pipe).
     EXPECT_EQ(Decision::Kind::None, Interpret({kTypeOpenUrl, length}, open.data() + 8, length - 1).kind);
-    EXPECT_EQ(Decision::Kind::None, Interpret({kTypeOpenUrl, 0}, nullptr, 0).kind);
-    EXPECT_EQ(Decision::Kind::None, Interpret({kTypeHandshake, 0}, nullptr, 0).kind);
-    EXPECT_EQ(Decision::Kind::None, Interpret({kTypeHandshake, 8}, hello.data() + 8, 8).kind);
-    EXPECT_EQ(Decision::Kind::None, Interpret({2, 0}, nullptr, 0).kind);
-    EXPECT_EQ(Decision::Kind::None, Interpret({7, 4}, hello.data(), 4).kind);
 }

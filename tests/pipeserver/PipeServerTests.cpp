@@ -30,7 +30,6 @@ class TestAgent
 {
 public:
     explicit TestAgent(const std::wstring& pipe) : m_pipe(testing_support::OpenClient(pipe)) {}
-    bool Connected() const { return m_pipe.valid(); }
     bool Write(const std::vector<uint8_t>& bytes)
     {
         return testing_support::WriteAll(m_pipe.get(), bytes.data(), static_cast<DWORD>(bytes.size()));
@@ -45,7 +44,6 @@ public:
     }
     // The service closed its end.
     bool Ended() { return Eventually([&] { return Available() == kEnded; }, 10s); }
-    void Close() { m_pipe.reset(); }
 
     std::optional<uint32_t> OpenUrl(const std::u16string& url)
     {
@@ -121,8 +119,7 @@ protected:
 TEST_F(AgentPipeServer, AnswersKnownMessagesAndConsumesOthersInStep)
 {
     TestAgent agent(m_path);
-    ASSERT_TRUE(agent.Connected());
-    EXPECT_TRUE(agent.Handshake());
+    ASSERT_TRUE(agent.Handshake());
     EXPECT_EQ(agentpipe::kResultSent, agent.OpenUrl(u"https://example.test/\u00e9"));
     m_result = 0;
     EXPECT_EQ(agentpipe::kResultNotSent, agent.OpenUrl(u"https://example.test/second"));
@@ -154,10 +151,23 @@ TEST_F(AgentPipeServer, AnswersKnownMessagesAndConsumesOthersInStep)
         EXPECT_EQ(1u, session);
 }
 
-TEST_F(AgentPipeServer, OversizedPayloadClosesOnlyThatConnectionAndStopClosesTheRest)
+TEST_F(AgentPipeServer, ChannelIdsCountOnAndWrapWithOneErrorLine)
+{
+    CPipeServer::SetNextChannelIDForTest(0xFFFFFFFEull);
+    for (int i = 0; i < 3; ++i)
+    {
+        ASSERT_TRUE(TestAgent(m_path).OpenUrl(u"https://a.test/")); // the handler exists once it answers
+        ASSERT_TRUE(ConnectionsBecome(0));
+    }
+    EXPECT_TRUE(m_logger->WaitFor(L"ch: <0>", 5s));
+    EXPECT_TRUE(m_logger->Contains(L"ch: <4294967294>"));
+    EXPECT_TRUE(m_logger->Contains(L"ch: <4294967295>"));
+    EXPECT_EQ(1u, m_logger->Count(L"Unique identifier counter overflow occurred"));
+}
+
+TEST_F(AgentPipeServer, OversizedPayloadClosesOnlyItsConnectionAndStopClosesTheRest)
 {
     TestAgent hostile(m_path);
-    ASSERT_TRUE(hostile.Connected());
     std::vector<std::unique_ptr<TestAgent>> agents;
     for (int i = 0; i < 5; ++i)
     {
@@ -176,22 +186,6 @@ TEST_F(AgentPipeServer, OversizedPayloadClosesOnlyThatConnectionAndStopClosesThe
     for (auto& agent : agents)
         EXPECT_TRUE(agent->Ended());
     EXPECT_EQ(1, m_server->Stop()); // a second stop is harmless
-}
-
-TEST_F(AgentPipeServer, ChannelIdsCountOnAndWrapWithOneErrorLine)
-{
-    CPipeServer::SetNextChannelIDForTest(0xFFFFFFFEull);
-    for (int i = 0; i < 3; ++i)
-    {
-        TestAgent agent(m_path);
-        ASSERT_TRUE(agent.OpenUrl(u"https://a.test/")); // the handler exists once it answers
-        agent.Close();
-        ASSERT_TRUE(ConnectionsBecome(0));
-    }
-    EXPECT_TRUE(m_logger->WaitFor(L"ch: <0>", 5s));
-    EXPECT_TRUE(m_logger->Contains(L"ch: <4294967294>"));
-    EXPECT_TRUE(m_logger->Contains(L"ch: <4294967295>"));
-    EXPECT_EQ(1u, m_logger->Count(L"Unique identifier counter overflow occurred"));
 }
 
 TEST(AgentPipeServerLeaks, ManyShortConnectionsLeaveNothingBehind)
