@@ -15,17 +15,28 @@
 class EchoOwner
 {
 public:
-    using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*);
-
     explicit EchoOwner(std::shared_ptr<ICvLogger> log) : m_log(std::move(log)) {}
 
     BOOL Start(const std::shared_ptr<CNamedPipeServer>& server)
     {
         m_server = server;
-        return server->BeginWaitForConnection(
-            MakeMemberCallback<void(void*, unsigned long long, void*)>(this, &EchoOwner::OnConnected),
-            MakeMemberCallback<void(void*, unsigned long long, void*)>(this, &EchoOwner::OnDisconnected), this);
+        using Notify = void(void*, unsigned long long, void*);
+        return server->BeginWaitForConnection(MakeMemberCallback<Notify>(this, &EchoOwner::OnConnected),
+                                              MakeMemberCallback<Notify>(this, &EchoOwner::OnDisconnected), this);
     }
+
+    int Connects() const { std::lock_guard lock(m_mutex); return m_connects; }
+    int Disconnects() const { std::lock_guard lock(m_mutex); return m_disconnects; }
+    // Connects of a pipe already connected plus disconnects of a pipe not connected.
+    int Duplicates() const { std::lock_guard lock(m_mutex); return m_duplicates; }
+    size_t Live() const { std::lock_guard lock(m_mutex); return m_connections.size(); }
+
+private:
+    struct Connection
+    {
+        std::unique_ptr<CPipeServerRequest> request;
+        bool inBody = false;
+    };
 
     void OnConnected(void* pipe, unsigned long long, void*)
     {
@@ -35,47 +46,26 @@ public:
         {
             std::lock_guard lock(m_mutex);
             ++m_connects;
-            if (!m_seenHandles.insert(pipe).second)
-                ++m_duplicateConnects;
+            m_duplicates += m_seenHandles.insert(pipe).second ? 0 : 1;
             if (!stream)
                 return;
-            auto connection = std::make_shared<Connection>();
-            connection->request = std::make_unique<CPipeServerRequest>(stream, m_log);
-            m_connections[id] = connection;
+            m_connections[id] = std::make_shared<Connection>(Connection{std::make_unique<CPipeServerRequest>(stream, m_log)});
         }
-        ReadHeader(id);
+        Read(id, 4);
     }
 
     void OnDisconnected(void* pipe, unsigned long long channelId, void*)
     {
-        std::shared_ptr<Connection> connection;
+        std::shared_ptr<Connection> connection; // released after the lock (the server has closed the stream)
+        std::lock_guard lock(m_mutex);
+        ++m_disconnects;
+        m_duplicates += m_seenHandles.erase(pipe) == 0 ? 1 : 0;
+        if (auto it = m_connections.find(channelId); it != m_connections.end())
         {
-            std::lock_guard lock(m_mutex);
-            ++m_disconnects;
-            if (m_seenHandles.erase(pipe) == 0)
-                ++m_strayDisconnects;
-            auto it = m_connections.find(channelId);
-            if (it != m_connections.end())
-            {
-                connection = it->second;
-                m_connections.erase(it);
-            }
+            connection = it->second;
+            m_connections.erase(it);
         }
-        // The request object goes with the connection (after the server has closed the stream).
     }
-
-    int Connects() const { std::lock_guard lock(m_mutex); return m_connects; }
-    int Disconnects() const { std::lock_guard lock(m_mutex); return m_disconnects; }
-    int Duplicates() const { std::lock_guard lock(m_mutex); return m_duplicateConnects + m_strayDisconnects; }
-    size_t Live() const { std::lock_guard lock(m_mutex); return m_connections.size(); }
-    long long Echoed() const { return m_echoed.load(); }
-
-private:
-    struct Connection
-    {
-        std::unique_ptr<CPipeServerRequest> request;
-        uint32_t length = 0;
-    };
 
     std::shared_ptr<Connection> Find(uint64_t id)
     {
@@ -85,46 +75,39 @@ private:
     }
 
     // The channel id is bound as a fifth argument, the way a connection owner binds its callbacks.
-    void ReadHeader(uint64_t id)
+    void Read(uint64_t id, uint32_t length)
     {
         using namespace std::placeholders;
+        using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*);
         if (auto connection = Find(id))
-            connection->request->ReadAsync(4, MakeGlobalCallback<ReadSignature>(std::bind(&EchoOwner::OnHeader, this, _1, _2, _3, _4, id)),
-                                           new PIPE_OVERLAPPED());
+            connection->request->ReadAsync(
+                length, MakeGlobalCallback<ReadSignature>(std::bind(&EchoOwner::OnRead, this, _1, _2, _3, _4, id)),
+                new PIPE_OVERLAPPED());
     }
 
-    void OnHeader(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long error, PIPE_OVERLAPPED* record,
-                  uint64_t id)
-    {
-        auto connection = Find(id);
-        if (!connection)
-            return;
-        connection->request->EndAsync(record);
-        if (error != 0 || bytes != 4)
-            return;
-        std::memcpy(&connection->length, data.get(), 4);
-        using namespace std::placeholders;
-        connection->request->ReadAsync(connection->length,
-                                       MakeGlobalCallback<ReadSignature>(std::bind(&EchoOwner::OnBody, this, _1, _2, _3, _4, id)),
-                                       new PIPE_OVERLAPPED());
-    }
-
-    void OnBody(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long error, PIPE_OVERLAPPED* record,
+    // A header starts the body's read; a body is echoed with its header and the next header read.
+    void OnRead(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long error, PIPE_OVERLAPPED* record,
                 uint64_t id)
     {
         auto connection = Find(id);
         if (!connection)
             return;
         connection->request->EndAsync(record);
-        if (error != 0)
+        if (error != 0 || (!connection->inBody && bytes != 4))
             return;
+        connection->inBody = !connection->inBody;
+        if (connection->inBody)
+        {
+            uint32_t length = 0;
+            std::memcpy(&length, data.get(), 4);
+            return Read(id, length);
+        }
         std::unique_ptr<unsigned char[]> reply(new unsigned char[bytes + 4]);
         const uint32_t length = bytes;
         std::memcpy(reply.get(), &length, 4);
         std::memcpy(reply.get() + 4, data.get(), bytes);
-        if (connection->request->Write(reply.get(), bytes + 4))
-            ++m_echoed;
-        ReadHeader(id);
+        connection->request->Write(reply.get(), bytes + 4);
+        Read(id, 4);
     }
 
     std::shared_ptr<ICvLogger> m_log;
@@ -133,9 +116,7 @@ private:
     std::map<uint64_t, std::shared_ptr<Connection>> m_connections;
     std::set<void*> m_seenHandles;
     std::atomic<uint64_t> m_nextId{0};
-    std::atomic<long long> m_echoed{0};
     int m_connects = 0;
     int m_disconnects = 0;
-    int m_duplicateConnects = 0;
-    int m_strayDisconnects = 0;
+    int m_duplicates = 0;
 };

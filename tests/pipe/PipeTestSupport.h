@@ -1,6 +1,9 @@
 #pragma once
 // Shared pieces of the transport's tests: a private CThreadPool per test, a capturing logger,
 // raw pipe pairs and a waitable counter.
+#include "common/UniqueHandle.h"
+#include "pipe/NamedPipeStream.h"
+#include "pipe/PipeRequest.h"
 #include "pipe/ThreadPool.h"
 #include "tests/common/CapturingLogger.h"
 #include "tests/common/RawPipeClient.h"
@@ -12,27 +15,29 @@
 #include <condition_variable>
 #include <cstring>
 #include <functional>
-#include <vector>
-#include <memory>
 #include <mutex>
-#include <string>
+#include <vector>
 
 namespace pipe_tests
 {
 
 using namespace std::chrono_literals;
+using testing_support::Eventually;
+using testing_support::OpenClient;
+using testing_support::ReadAll;
+using testing_support::WriteAll;
 constexpr auto kLimit = 20s; // generous: Wine on two shared cores
+
+using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*);
 
 // A counter that tests wait on.
 class Counter
 {
 public:
-    void Add(int n = 1)
+    void Add()
     {
-        {
-            std::lock_guard lock(m_mutex);
-            m_value += n;
-        }
+        std::lock_guard lock(m_mutex);
+        ++m_value;
         m_changed.notify_all();
     }
     int Get() const
@@ -40,10 +45,10 @@ public:
         std::lock_guard lock(m_mutex);
         return m_value;
     }
-    bool WaitAtLeast(int value, std::chrono::milliseconds limit = kLimit) const
+    bool WaitAtLeast(int value) const
     {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, limit, [&] { return m_value >= value; });
+        return m_changed.wait_for(lock, kLimit, [&] { return m_value >= value; });
     }
 
 private:
@@ -52,13 +57,19 @@ private:
     int m_value = 0;
 };
 
-using testing_support::Eventually;
+// Expects the process's handle and thread counts to come back to `handles`/`threads` within the
+// slack: under Wine each pool thread that first takes a lock gets an event and a thread handle
+// from the threading runtime, and which pool thread runs a task is not ours to choose.
+inline void ExpectCountsBack(long long handles, long long threads, long long slack = 2)
+{
+    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + slack; }, 30s))
+        << "handles " << handles << " -> " << testing_support::CountProcessHandles();
+    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + slack; }, 30s))
+        << "threads " << threads << " -> " << testing_support::CountProcessThreads();
+}
 
-// Runs a scenario until the process's pools have grown to their working size, then `runs` more
-// times, and expects no growth that follows the number of runs. A small slack remains: under
-// Wine each pool thread that first takes a lock gets an event and a thread handle from the
-// threading runtime, and which pool thread runs a task is not ours to choose. A leak of one
-// handle per connection or per run exceeds it; more runs allow a larger slack.
+// Runs a scenario until the pools have grown to their working size, then `runs` more times: a
+// leak of one handle per connection or per run exceeds the slack; more runs allow a larger one.
 inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2, int runs = 3, long long slack = 2)
 {
     for (int i = 0; i < warmUps; ++i)
@@ -67,76 +78,83 @@ inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2
     const long long threads = testing_support::CountProcessThreads();
     for (int i = 0; i < runs; ++i)
         scenario();
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + slack; }, 15s))
-        << "handles " << handles << " -> " << testing_support::CountProcessHandles();
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + slack; }, 15s))
-        << "threads " << threads << " -> " << testing_support::CountProcessThreads();
+    ExpectCountsBack(handles, threads, slack);
 }
+
+// A server instance (overlapped) and a connected synchronous client end.
+struct RawPipePair
+{
+    std::wstring name = L"\\\\.\\pipe\\" + testing_support::UniqueName(L"velomar-pipe-test");
+    daxlib::unique_hfile server{::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 1024,
+                                                   1024, 1000, nullptr)};
+    daxlib::unique_hfile client{
+        ::CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr)};
+};
 
 class PoolTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        m_log = std::make_shared<testing_support::CapturingLogger>(LogLevel::Trace);
-        m_pool = std::make_shared<CThreadPool>(64, std::make_shared<testing_support::CapturingLogger>(LogLevel::Error));
-        SetThreadPool(m_pool);
-    }
+    void SetUp() override { SetThreadPool(m_pool); }
     void TearDown() override
     {
         SetThreadPool(nullptr);
         m_pool.reset();
     }
+    // A stream on the pair's server end, in the given state.
+    std::shared_ptr<CNamedPipeStream> MakeStream(RawPipePair& pair, uint32_t state = ePipeConnectionState_Connected)
+    {
+        auto stream = std::make_shared<CNamedPipeStream>(m_log, std::make_shared<daxlib::unique_hfile>(pair.server.release()),
+                                                         nullptr);
+        if (state != ePipeConnectionState_WaitConnection)
+            stream->SetPipeConnectionState(state);
+        return stream;
+    }
 
-    std::shared_ptr<testing_support::CapturingLogger> m_log;
-    std::shared_ptr<CThreadPool> m_pool;
+    std::shared_ptr<testing_support::CapturingLogger> m_log =
+        std::make_shared<testing_support::CapturingLogger>(LogLevel::Trace);
+    std::shared_ptr<testing_support::CapturingLogger> m_poolLog =
+        std::make_shared<testing_support::CapturingLogger>(LogLevel::Error);
+    std::shared_ptr<CThreadPool> m_pool = std::make_shared<CThreadPool>(64, m_poolLog);
 };
 
-// A server instance (overlapped) and a connected client end (synchronous unless asked).
-struct RawPipePair
+// Records what each completion brought.
+struct Completions
 {
-    std::wstring name;
-    HANDLE server = INVALID_HANDLE_VALUE;
-    HANDLE client = INVALID_HANDLE_VALUE;
-
-    explicit RawPipePair(bool overlappedClient = false, DWORD buffer = 1024)
+    Counter calls;
+    unsigned long lastStatus = 0xFFFFFFFF;
+    std::vector<unsigned char> lastData;
+    CPipeRequest* retire = nullptr; // the request whose records the callbacks end
+    void On(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long status, PIPE_OVERLAPPED* record)
     {
-        name = L"\\\\.\\pipe\\" + testing_support::UniqueName(L"velomar-pipe-test");
-        server = ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, buffer, buffer, 1000,
-                                    nullptr);
-        client = ::CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
-                               overlappedClient ? FILE_FLAG_OVERLAPPED : 0, nullptr);
+        lastStatus = status;
+        lastData.assign(data.get(), data.get() + (status == 0 && data ? bytes : 0));
+        if (retire)
+            retire->EndAsync(record);
+        calls.Add();
     }
-    ~RawPipePair()
+    std::shared_ptr<CCallbackHolder<ReadSignature>> Callback()
     {
-        CloseClient();
-        if (server != INVALID_HANDLE_VALUE)
-            ::CloseHandle(server);
+        return MakeMemberCallback<ReadSignature>(this, &Completions::On);
     }
-    void CloseClient()
-    {
-        if (client != INVALID_HANDLE_VALUE)
-            ::CloseHandle(std::exchange(client, INVALID_HANDLE_VALUE));
-    }
-    // Hands the server end to an owner that closes it.
-    HANDLE TakeServer() { return std::exchange(server, INVALID_HANDLE_VALUE); }
 };
 
-using testing_support::OpenClient;
-using testing_support::ReadAll;
-using testing_support::WriteAll;
-
-// One message of the echo protocol (32-bit length, payload) and its echo.
-inline bool RoundTrip(HANDLE client, const std::vector<unsigned char>& payload)
+// A message of the echo protocol: a 32-bit length and the payload.
+inline std::vector<unsigned char> EchoMessage(const std::vector<unsigned char>& payload)
 {
     const uint32_t length = static_cast<uint32_t>(payload.size());
     std::vector<unsigned char> message(4 + payload.size());
     std::memcpy(message.data(), &length, 4);
-    std::memcpy(message.data() + 4, payload.data(), payload.size());
-    if (!WriteAll(client, message.data(), static_cast<DWORD>(message.size())))
-        return false;
+    std::copy(payload.begin(), payload.end(), message.begin() + 4);
+    return message;
+}
+
+// One message of the echo protocol and its echo.
+inline bool RoundTrip(HANDLE client, const std::vector<unsigned char>& payload)
+{
+    const auto message = EchoMessage(payload);
     std::vector<unsigned char> echo(message.size());
-    return ReadAll(client, echo.data(), static_cast<DWORD>(echo.size())) && echo == message;
+    return WriteAll(client, message.data(), static_cast<DWORD>(message.size())) &&
+           ReadAll(client, echo.data(), static_cast<DWORD>(echo.size())) && echo == message;
 }
 
 } // namespace pipe_tests

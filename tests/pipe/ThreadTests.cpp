@@ -1,12 +1,13 @@
 #include "pipe/SignalQueueThread.h"
+#include "pipe/ThreadPoolIo.h"
 #include "tests/pipe/PipeTestSupport.h"
 
+#include <atomic>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
 using namespace pipe_tests;
-using testing_support::CapturingLogger;
 
 namespace
 {
@@ -15,24 +16,33 @@ struct Item
     int value;
 };
 
-class ThreadTest : public ::testing::Test
-{
-protected:
-    std::shared_ptr<CapturingLogger> m_log = std::make_shared<CapturingLogger>(LogLevel::Trace);
-};
+using ThreadTest = PoolTest;
 
-// A task that runs until its stop event is set.
 int WaitForStop(void* stopEvent, void*)
 {
     return ::WaitForSingleObject(static_cast<HANDLE>(stopEvent), INFINITE) == WAIT_OBJECT_0 ? 7 : -1;
 }
+
+using TestIo = CThreadPoolIo<int>;
+
+// Counts the I/O's completions and keeps the last result.
+std::shared_ptr<TestIo> MakeIo(HANDLE h, std::shared_ptr<ICvLogger> log, Counter& completions, std::atomic<unsigned long>& result)
+{
+    return std::make_shared<TestIo>(
+        h, L"test", log,
+        MakeGlobalCallback<int(unsigned long, TestIo::Request&, unsigned long long, TestIo*, void*)>(
+            [&](unsigned long r, TestIo::Request&, unsigned long long, TestIo*, void*) {
+                result = r;
+                completions.Add();
+                return 1;
+            }));
+}
 } // namespace
 
-TEST_F(ThreadTest, StartTwiceAndStopBeforeStart)
+TEST_F(ThreadTest, StartTwiceStopBeforeStartAndEmptyTask)
 {
     CJoinableThread<int> thread(MakeGlobalCallback<int(void*, void*)>(&WaitForStop), nullptr, m_log);
     EXPECT_EQ(0, thread.Stop()); // never started
-    EXPECT_FALSE(thread.IsRunning());
     ASSERT_EQ(1, thread.Start());
     EXPECT_TRUE(thread.IsRunning());
     EXPECT_EQ(0, thread.Start());
@@ -41,46 +51,36 @@ TEST_F(ThreadTest, StartTwiceAndStopBeforeStart)
     EXPECT_EQ(7, thread.GetResult());
     EXPECT_FALSE(thread.IsRunning());
     thread.Wait(); // a second join does nothing
-    // A stopped thread can be started again.
-    ASSERT_EQ(1, thread.Start());
+    ASSERT_EQ(1, thread.Start()); // a stopped thread can be started again
     EXPECT_EQ(1, thread.Stop());
-    EXPECT_EQ(2u, m_log->Count(L"The thread ended. TID:"));
-}
 
-TEST_F(ThreadTest, EmptyTaskThrows)
-{
     try
     {
-        CJoinableThread<int> thread(std::shared_ptr<CCallbackHolder<int(void*)>>(), nullptr, m_log);
-        FAIL() << "no exception";
+        CJoinableThread<int> empty(std::shared_ptr<CCallbackHolder<int(void*)>>(), nullptr, m_log);
+        ADD_FAILURE() << "an empty task was accepted";
     }
     catch (daxlib::CDaxException* raw)
     {
-        daxlib::DaxExceptionPtr e(raw);
-        EXPECT_EQ(86u, e->Line());
-        EXPECT_EQ(L"CJoinableThread", e->Module());
-        EXPECT_EQ(L"Invalid parameter 'task': it is required, but NULL", e->Description());
+        EXPECT_EQ(L"CJoinableThread", daxlib::DaxExceptionPtr(raw)->Module());
     }
 }
 
 TEST_F(ThreadTest, ExceptionsInTasksAndHandlersAreLoggedAndEndTheThread)
 {
-    CJoinableThread<int> dax(MakeGlobalCallback<int(void*)>([](void*) -> int {
-                                 ::SetLastError(5);
-                                 daxlib::ThrowDaxException(L"Worker", 12, L"bad");
-                             }),
-                             nullptr, m_log);
-    ASSERT_EQ(1, dax.Start());
-    dax.Wait();
-    EXPECT_TRUE(m_log->Contains(L"Exception: Error(5), Module(\"Worker\"), Line(12), Desc(\"bad\")"));
-
-    CJoinableThread<int> std(MakeGlobalCallback<int(void*)>([](void*) -> int { throw std::runtime_error("boom"); }),
-                             nullptr, m_log);
-    ASSERT_EQ(1, std.Start());
-    std.Wait();
-    EXPECT_TRUE(m_log->Contains(L"Desc(\"boom\")"));
-
-    // A queue handler's exception ends the queue thread the same way.
+    const std::pair<std::shared_ptr<CCallbackHolder<int(void*)>>, const wchar_t*> tasks[] = {
+        {MakeGlobalCallback<int(void*)>([](void*) -> int {
+             ::SetLastError(5);
+             daxlib::ThrowDaxException(L"Worker", 12, L"bad");
+         }),
+         L"Exception: Error(5), Module(\"Worker\"), Line(12), Desc(\"bad\")"},
+        {MakeGlobalCallback<int(void*)>([](void*) -> int { throw std::runtime_error("boom"); }), L"Desc(\"boom\")"}};
+    for (const auto& [task, logged] : tasks)
+    {
+        CJoinableThread<int> thread(task, nullptr, m_log);
+        ASSERT_EQ(1, thread.Start());
+        thread.Wait();
+        EXPECT_TRUE(m_log->Contains(logged));
+    }
     CSignalQueueThread<Item> queue(
         MakeGlobalCallback<int(Item&)>([](Item&) -> int { throw std::logic_error("handler failed"); }), m_log);
     ASSERT_EQ(1, queue.Start());
@@ -93,12 +93,12 @@ TEST_F(ThreadTest, QueueHandsOutEverythingPushedBeforeStopInOrder)
 {
     std::vector<int> seen;
     std::mutex seenLock;
-    auto handler = MakeGlobalCallback<int(Item&)>([&](Item& item) {
-        std::lock_guard lock(seenLock);
-        seen.push_back(item.value);
-        return 0;
-    });
-    CSignalQueueThread<Item> queue(handler, m_log);
+    CSignalQueueThread<Item> queue(MakeGlobalCallback<int(Item&)>([&](Item& item) {
+                                       std::lock_guard lock(seenLock);
+                                       seen.push_back(item.value);
+                                       return 0;
+                                   }),
+                                   m_log);
     EXPECT_EQ(0, queue.Push(Item{-1})); // not running yet
     ASSERT_EQ(1, queue.Start());
     EXPECT_EQ(0, queue.Start());
@@ -117,25 +117,21 @@ TEST_F(ThreadTest, QueueHandsOutEverythingPushedBeforeStopInOrder)
     int last[4] = {-1, -1, -1, -1};
     for (int value : seen)
     {
-        const int p = value / 1000;
-        EXPECT_GT(value % 1000, last[p]);
-        last[p] = value % 1000;
+        EXPECT_GT(value % 1000, last[value / 1000]);
+        last[value / 1000] = value % 1000;
     }
-    EXPECT_TRUE(m_log->Contains(L"Stop on exit event. Exit..."));
-    EXPECT_TRUE(m_log->Contains(L"Item>::SignalHandler: (125)"));
-    EXPECT_TRUE(m_log->Contains(L"CSignalQueueThread<struct "));
 }
 
 TEST_F(ThreadTest, StopForceDropsTheQueue)
 {
-    HANDLE gate = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    daxlib::unique_handle gate(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     Counter handled;
-    auto handler = MakeGlobalCallback<int(Item&)>([&](Item&) {
-        handled.Add();
-        ::WaitForSingleObject(gate, INFINITE);
-        return 0;
-    });
-    CSignalQueueThread<Item> queue(handler, m_log);
+    CSignalQueueThread<Item> queue(MakeGlobalCallback<int(Item&)>([&](Item&) {
+                                       handled.Add();
+                                       ::WaitForSingleObject(gate.get(), INFINITE);
+                                       return 0;
+                                   }),
+                                   m_log);
     ASSERT_EQ(1, queue.Start());
     ASSERT_EQ(1, queue.Push(Item{0}));
     ASSERT_TRUE(handled.WaitAtLeast(1)); // the handler holds the first item
@@ -143,9 +139,101 @@ TEST_F(ThreadTest, StopForceDropsTheQueue)
         ASSERT_EQ(1, queue.Push(Item{i}));
     std::thread stopper([&] { queue.StopForce(); });
     EXPECT_TRUE(Eventually([&] { return queue.GetState() == CJoinableThread<int>::eStateStopping; }));
-    ::SetEvent(gate);
+    ::SetEvent(gate.get());
     stopper.join();
     EXPECT_EQ(1, handled.Get());
     EXPECT_FALSE(queue.IsRunning());
-    ::CloseHandle(gate);
+}
+
+TEST_F(ThreadTest, PoolFuturesAndVoidTasksCarryResultsAndExceptions)
+{
+    std::future<int> value;
+    ASSERT_TRUE(m_pool->CreateTask<int>(value, MakeGlobalCallback<int(int)>([](int x) { return x * 3; }), 14));
+    EXPECT_EQ(42, value.get());
+    std::future<int> failed;
+    ASSERT_TRUE(m_pool->CreateTask<int>(
+        failed, MakeGlobalCallback<int(int)>([](int) -> int { throw std::out_of_range("range"); }), 0));
+    EXPECT_THROW(failed.get(), std::out_of_range);
+    std::future<int> dax;
+    ASSERT_TRUE(m_pool->CreateTask<int>(
+        dax, MakeGlobalCallback<int(int)>([](int) -> int { daxlib::ThrowDaxException(L"Task", 9, L"in task"); }), 0));
+    try
+    {
+        dax.get();
+        ADD_FAILURE() << "no exception";
+    }
+    catch (const std::runtime_error& e)
+    {
+        EXPECT_STREQ("daxlib exception", e.what());
+    }
+
+    // An empty callback is refused with 87.
+    std::future<int> refused;
+    ::SetLastError(0);
+    EXPECT_FALSE(m_pool->CreateTask<int>(refused, std::shared_ptr<CCallbackHolder<int(int)>>(), 1));
+    EXPECT_EQ(87u, ::GetLastError());
+    EXPECT_EQ(0, refused.get());
+    ::SetLastError(0);
+    EXPECT_FALSE((m_pool->CreateTask<void, int>(std::shared_ptr<CCallbackHolder<void(int)>>(), 1)));
+    EXPECT_EQ(87u, ::GetLastError());
+
+    // Void tasks have no future: their exceptions are logged, and the group still counts them.
+    auto group = std::make_shared<CGroupTask>();
+    for (int i = 0; i < 5; ++i)
+        ASSERT_TRUE((m_pool->CreateGroupTask<void, int>(group, MakeGlobalCallback<void(int)>([](int n) {
+                                                            if (n % 2)
+                                                                daxlib::ThrowDaxException(L"Odd", 3, L"odd");
+                                                        }),
+                                                        i)));
+    ASSERT_TRUE(group->WaitCompleted(5, 20000));
+    EXPECT_EQ(2u, m_poolLog->Count(L"CThreadPool::WorkCallbackVoid: (360)"));
+    m_pool.reset(); // Close waits for everything; nothing escaped
+    SetThreadPool(nullptr);
+}
+
+TEST_F(ThreadTest, PoolIoCancelAfterCompletionStartAfterStopAndSynchronousFailure)
+{
+    RawPipePair pair;
+    ASSERT_TRUE(pair.client);
+    Counter completions;
+    std::atomic<unsigned long> result{0xFFFFFFFF};
+    auto io = MakeIo(pair.server.get(), m_log, completions, result);
+    EXPECT_TRUE(io->Stop()); // never started
+    ASSERT_TRUE(io->Start());
+    auto request = std::make_shared<CRequestIo<int>>(1);
+    ASSERT_TRUE(io->StartIo(request));
+    char data[16] = "hello";
+    const BOOL ok = ::WriteFile(pair.server.get(), data, sizeof(data), nullptr, &request->overlapped);
+    ASSERT_TRUE(ok || ::GetLastError() == ERROR_IO_PENDING);
+    ASSERT_TRUE(completions.WaitAtLeast(1));
+    EXPECT_EQ(0u, result.load());
+    EXPECT_FALSE(io->Cancel(request, FALSE)); // completed: no longer listed
+    EXPECT_FALSE(io->Cancel(nullptr, FALSE));
+
+    // A pending read is cancelled by Stop and completes through the callback; Stop returns.
+    auto pending = std::make_shared<CRequestIo<int>>(2);
+    ASSERT_TRUE(io->StartIo(pending));
+    ASSERT_FALSE(::ReadFile(pair.server.get(), data, sizeof(data), nullptr, &pending->overlapped));
+    ASSERT_EQ(static_cast<DWORD>(ERROR_IO_PENDING), ::GetLastError());
+    EXPECT_TRUE(io->Stop());
+    EXPECT_FALSE(io->StartIo(std::make_shared<CRequestIo<int>>(3)));
+    EXPECT_EQ(0u, io->OutstandingCount());
+
+    // Reads failing at once are balanced by Cancel, or Stop would wait for them for ever.
+    RawPipePair gone;
+    gone.client.reset();
+    Counter goneCompletions;
+    auto goneIo = MakeIo(gone.server.get(), m_log, goneCompletions, result);
+    ASSERT_TRUE(goneIo->Start());
+    for (int i = 0; i < 3; ++i)
+    {
+        auto failing = std::make_shared<CRequestIo<int>>(i);
+        ASSERT_TRUE(goneIo->StartIo(failing));
+        ASSERT_FALSE(::ReadFile(gone.server.get(), data, sizeof(data), nullptr, &failing->overlapped));
+        ASSERT_NE(static_cast<DWORD>(ERROR_IO_PENDING), ::GetLastError());
+        goneIo->Cancel(failing, TRUE);
+    }
+    EXPECT_EQ(0u, goneIo->OutstandingCount());
+    EXPECT_TRUE(goneIo->Stop());
+    EXPECT_EQ(0, goneCompletions.Get());
 }
