@@ -2,15 +2,7 @@
 // concurrent senders never split a message.
 #include "tests/virt/VirtTestSupport.h"
 
-#include "tests/common/TestSupport.h"
-
-#include <shlobj.h>
-
-#include <algorithm>
 #include <atomic>
-#include <cstring>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
 using namespace virt_test;
@@ -71,10 +63,9 @@ TEST_F(VirtServerTest, LateCloseIsIgnoredSecondOpenReplacesAndUnknownClosePublis
 
     Command(std::string("notify 9 close ") + kOtherGuid);
     ASSERT_TRUE(m_status.WaitForState(9, eCvUrlApiEvent_RdpNotConnected, 5s));
-    const auto published = m_status.All().back();
-    ChannelStatusRecord zero{};
+    ChannelStatusRecord zero{}, published = m_status.Last();
     zero.dwState = eCvUrlApiEvent_RdpNotConnected;
-    EXPECT_EQ(0, std::memcmp(&zero, &published.record, sizeof(zero)));
+    EXPECT_EQ(0, std::memcmp(&zero, &published, sizeof(zero)));
 }
 
 TEST_F(VirtServerTest, ConcurrentSendersDuringReconnectionNeverSplitAUrl)
@@ -86,7 +77,7 @@ TEST_F(VirtServerTest, ConcurrentSendersDuringReconnectionNeverSplitAUrl)
 
     constexpr int kThreads = 4;
     constexpr int kPerThread = 150;
-    std::vector<std::vector<std::string>> delivered(kThreads);
+    std::vector<std::string> expected[kThreads];
     std::atomic<int> refused{0};
     std::vector<std::thread> senders;
     for (int t = 0; t < kThreads; ++t)
@@ -94,17 +85,12 @@ TEST_F(VirtServerTest, ConcurrentSendersDuringReconnectionNeverSplitAUrl)
             for (int i = 0; i < kPerThread; ++i)
             {
                 // Long enough that a split write would show, with characters of every width.
+                const std::string tail = std::to_string(i) + "/" + std::string(200 + 13 * t, static_cast<char>('a' + t));
                 const std::wstring url = L"https://t" + std::to_wstring(t) + L".example/\u00E9\u4F8B\U0001F600/" +
-                                         std::to_wstring(i) + L"/" + std::wstring(200 + 13 * t, L'a' + t);
+                                         std::wstring(tail.begin(), tail.end());
                 if (m_server->SendURL(2, url))
-                {
-                    const int n = ::WideCharToMultiByte(CP_UTF8, 0, url.data(), static_cast<int>(url.size()),
-                                                        nullptr, 0, nullptr, nullptr);
-                    std::string utf8(static_cast<size_t>(n), '\0');
-                    ::WideCharToMultiByte(CP_UTF8, 0, url.data(), static_cast<int>(url.size()), utf8.data(), n,
-                                          nullptr, nullptr);
-                    delivered[t].push_back(utf8);
-                }
+                    expected[t].push_back("https://t" + std::to_string(t) +
+                                          ".example/\xC3\xA9\xE4\xBE\x8B\xF0\x9F\x98\x80/" + tail);
                 else
                 {
                     ++refused;
@@ -116,69 +102,16 @@ TEST_F(VirtServerTest, ConcurrentSendersDuringReconnectionNeverSplitAUrl)
     for (auto& s : senders)
         s.join();
 
-    std::vector<std::string> expected;
-    for (const auto& d : delivered)
-        expected.insert(expected.end(), d.begin(), d.end());
-    std::vector<std::string> received = Urls(2);
-    std::sort(expected.begin(), expected.end());
-    std::sort(received.begin(), received.end());
     // Whole, once each, and only what was reported sent.
-    EXPECT_EQ(expected.size(), received.size());
-    std::vector<std::string> difference;
-    std::set_symmetric_difference(expected.begin(), expected.end(), received.begin(), received.end(),
-                                  std::back_inserter(difference));
-    EXPECT_TRUE(difference.empty()) << difference.size() << " differ, first: " << difference.front().substr(0, 40);
+    std::vector<std::string> sent, received = Urls(2);
+    for (const auto& e : expected)
+        sent.insert(sent.end(), e.begin(), e.end());
+    std::sort(sent.begin(), sent.end());
+    std::sort(received.begin(), received.end());
+    EXPECT_TRUE(sent == received) << sent.size() << " sent, " << received.size() << " received";
     const StandinStats stats = Stats(2);
     EXPECT_EQ(0u, stats.malformed);
     EXPECT_EQ(0u, stats.otherMessages);
     EXPECT_GE(stats.connectAttempts, 2u) << "the run should have crossed a reconnection";
-    EXPECT_EQ(kThreads * kPerThread, static_cast<int>(expected.size()) + refused.load());
-}
-
-TEST_F(VirtServerTest, ScenarioFileAndControlPipeScriptTheLibrary)
-{
-    testing_support::TempDir dir(L"virt-scenario");
-    const std::wstring sink = dir.File(L"got.txt");
-    {
-        std::ofstream scenario(dir.File(L"cvskapi.scenario").c_str());
-        std::string sinkPath(sink.begin(), sink.end());
-        scenario << "# two sessions\nopen 4 auto 1 Scripted\nsink 4 " << sinkPath << "\n";
-    }
-    ::SetEnvironmentVariableW(L"CVSKAPI_STANDIN_SCENARIO", dir.File(L"cvskapi.scenario").c_str());
-    ASSERT_TRUE(StartServer());
-    ASSERT_TRUE(WaitConnected(4));
-    EXPECT_EQ(L"Scripted", m_server->FindSession(4)->GetName());
-    EXPECT_EQ(1, m_server->SendURL(4, L"https://\u00E9.example/"));
-    EXPECT_EQ("https://\xC3\xA9.example/\n", testing_support::ReadFileBytes(sink));
-
-    // skeinctl in another process opens a session through the control pipe.
-    std::wstring commandLine = L"\"" + BuildPath(VIRT_SKEINCTL_EXE) + L"\" open 6 auto 1 From afar";
-    STARTUPINFOW si{};
-    si.cb = sizeof(si);
-    PROCESS_INFORMATION pi{};
-    ASSERT_TRUE(::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi));
-    daxlib::unique_handle process(pi.hProcess), thread(pi.hThread);
-    ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(process.get(), 30000));
-    DWORD exitCode = 99;
-    ::GetExitCodeProcess(process.get(), &exitCode);
-    EXPECT_EQ(0u, exitCode);
-    ASSERT_TRUE(WaitConnected(6));
-    EXPECT_EQ(L"From afar", m_server->FindSession(6)->GetName());
-}
-
-TEST_F(VirtServerTest, WithoutScenarioSessionOneWritesWhatItReceivesToTheDemoFile)
-{
-    wchar_t folder[MAX_PATH] = {};
-    ASSERT_TRUE(::SHGetSpecialFolderPathW(nullptr, folder, CSIDL_COMMON_APPDATA, FALSE));
-    const std::wstring demoFile = std::wstring(folder) + L"\\Corvane\\Skein Standin\\received.txt";
-    ::DeleteFileW(demoFile.c_str());
-    ::SetEnvironmentVariableW(L"CVSKAPI_STANDIN_SCENARIO", nullptr);
-    ::SetEnvironmentVariableW(L"CVSKAPI_STANDIN_PIPE", nullptr); // the name the demo uses
-
-    ASSERT_TRUE(StartServer());
-    ASSERT_TRUE(WaitConnected(1));
-    EXPECT_EQ(1, m_server->SendURL(1, L"https://demo.example/one"));
-    EXPECT_EQ(1, m_server->SendURL(1, L"https://demo.example/\u00E9"));
-    EXPECT_EQ("https://demo.example/one\nhttps://demo.example/\xC3\xA9\n", testing_support::ReadFileBytes(demoFile));
-    ::DeleteFileW(demoFile.c_str());
+    EXPECT_EQ(kThreads * kPerThread, static_cast<int>(sent.size()) + refused.load());
 }
