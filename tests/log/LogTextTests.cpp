@@ -129,28 +129,22 @@ TEST(FileNaming, RotatedAndPerProcessNames)
 
 TEST(FileNaming, CompactionDropsTheOldestAndRenumbers)
 {
-    auto plan = PlanCompaction({u"v(01).txt", u"v(02).txt", u"v(03).txt"}, u"v", 3);
-    ASSERT_EQ(plan.deletes.size(), 1u);
-    EXPECT_EQ(N(plan.deletes[0]), "v(01).txt");
-    ASSERT_EQ(plan.renames.size(), 2u);
-    EXPECT_EQ(N(plan.renames[0].first), "v(02).txt");
-    EXPECT_EQ(N(plan.renames[0].second), "v(01).txt");
-    EXPECT_EQ(N(plan.renames[1].first), "v(03).txt");
-    EXPECT_EQ(N(plan.renames[1].second), "v(02).txt");
-    EXPECT_EQ(plan.remaining, 2u);
-
+    // The plan as text: deletions, renames, and how many rotated files remain.
+    const auto plan = [](std::vector<std::u16string> names, uint32_t count) {
+        const CompactionPlan p = PlanCompaction(names, u"v", count);
+        std::string text;
+        for (const auto& name : p.deletes)
+            text += "-" + N(name) + " ";
+        for (const auto& [from, to] : p.renames)
+            text += N(from) + ">" + N(to) + " ";
+        return text + std::to_string(p.remaining);
+    };
+    EXPECT_EQ(plan({u"v(01).txt", u"v(02).txt", u"v(03).txt"}, 3), "-v(01).txt v(02).txt>v(01).txt v(03).txt>v(02).txt 2");
     // Gaps close up; nothing to delete while fewer than the count exist.
-    plan = PlanCompaction({u"v(01).txt", u"v(05).txt"}, u"v", 3);
-    EXPECT_TRUE(plan.deletes.empty());
-    ASSERT_EQ(plan.renames.size(), 1u);
-    EXPECT_EQ(N(plan.renames[0].second), "v(02).txt");
-    EXPECT_EQ(plan.remaining, 2u);
-
+    EXPECT_EQ(plan({u"v(01).txt", u"v(05).txt"}, 3), "v(05).txt>v(02).txt 2");
     // A count of 1 keeps no rotated file at all.
-    plan = PlanCompaction({u"v(01).txt"}, u"v", 1);
-    EXPECT_EQ(plan.deletes.size(), 1u);
-    EXPECT_EQ(plan.remaining, 0u);
-    EXPECT_EQ(PlanCompaction({}, u"v", 0).remaining, 0u);
+    EXPECT_EQ(plan({u"v(01).txt"}, 1), "-v(01).txt 0");
+    EXPECT_EQ(plan({}, 0), "0");
 }
 
 TEST(OldFiles, CountLimitDeletesOldestUntilFewerThanLimitRemain)

@@ -1,6 +1,7 @@
 // The server: sessions follow the library's notifications, URLs go to their own session, and
 // concurrent senders never split a message.
 #include "tests/virt/VirtTestSupport.h"
+#include "virt/UrlProtocol.h"
 
 #include <atomic>
 #include <thread>
@@ -16,54 +17,87 @@ class VirtServerTest : public ChannelTest
 {
 };
 
-TEST_F(VirtServerTest, SessionsComeAndGoWithNotifications)
+// One session's life: opened by a notification, URLs of every width on the wire, a late close
+// of an earlier session, a broken connection, a second open, a lost address and the close.
+TEST_F(VirtServerTest, OneSessionFromOpenThroughBreaksAndReplacementToClose)
 {
     ASSERT_TRUE(StartServer());
     EXPECT_EQ(0, m_server->SendURL(0, L"https://nobody/"));
     EXPECT_EQ(0, m_server->SendURL(2, L"https://nobody/"));
-
-    const std::string guid = Command("open 2 auto 1 Desk two").substr(3);
-    ASSERT_TRUE(WaitConnected(2));
-    const auto handler = m_server->FindSession(2);
-    ASSERT_NE(nullptr, handler);
-    EXPECT_EQ(L"Desk two", handler->GetName());
-    EXPECT_EQ(std::wstring(guid.begin(), guid.end()), handler->GetSessionGUID());
-    EXPECT_TRUE(m_logger->Contains(L"Session 2 (type 1), old GUID=" + std::wstring(guid.begin(), guid.end())));
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://two/"));
-    EXPECT_EQ(0, m_server->SendURL(3, L"https://two/"));
-
-    Command("close 2");
-    ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpNotConnected, 10s));
-    // The channel's end may be published before the session's close removes the handler.
-    EXPECT_TRUE(Eventually([&] { return m_server->FindSession(2) == nullptr; }, 10s));
-    EXPECT_EQ(0, m_server->SendURL(2, L"https://gone/"));
-}
-
-TEST_F(VirtServerTest, LateCloseIsIgnoredSecondOpenReplacesAndUnknownClosePublishesZeros)
-{
-    ASSERT_TRUE(StartServer());
-    Command("open 2 auto");
+    const std::string text = Command("open 2 auto 1 Desk two").substr(3);
+    const std::wstring guid(text.begin(), text.end());
     ASSERT_TRUE(WaitConnected(2));
     std::weak_ptr<CSessionHandler> first = m_server->FindSession(2);
+    ASSERT_NE(nullptr, first.lock());
+    EXPECT_EQ(L"Desk two", first.lock()->GetName());
+    EXPECT_EQ(guid, first.lock()->GetSessionGUID());
+    EXPECT_TRUE(m_logger->Contains(L"Session 2 (type 1), old GUID=" + guid));
 
-    // A close naming an earlier session's GUID leaves the current one alone.
+    SCOPED_TRACE("submit bytes");
+    // cbData counts UTF-8 bytes; an unpaired surrogate goes out as U+FFFD, as the system's
+    // converter makes it.
+    const std::pair<std::wstring, std::string> urls[] = {
+        {L"https://example.org/a?b=c", "https://example.org/a?b=c"},
+        {L"https://\u4F8B\u3048.jp/\u00E9", "https://\xE4\xBE\x8B\xE3\x81\x88.jp/\xC3\xA9"},
+        {L"https://x/\U0001F600", "https://x/\xF0\x9F\x98\x80"},
+        {std::wstring(L"h/") + wchar_t(0xD800) + L"y", "h/\xEF\xBF\xBDy"}};
+    std::vector<uint8_t> expected = {0x01, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00}; // handshake
+    std::vector<std::string> delivered;
+    for (const auto& [wide, utf8] : urls)
+    {
+        EXPECT_EQ(1, m_server->SendURL(2, wide));
+        const auto message = UrlNet::BuildSubmitMessage(utf8);
+        expected.insert(expected.end(), message.begin(), message.end());
+        delivered.push_back(utf8);
+    }
+    EXPECT_EQ(expected, Received(2));
+    // An empty URL is not sent; the channel stays usable.
+    EXPECT_EQ(0, m_server->SendURL(2, L""));
+    EXPECT_TRUE(m_logger->Contains(L"WideCharToMultiByte failed. ret=0"));
+    EXPECT_EQ(expected.size(), Received(2).size());
+    EXPECT_EQ(0, m_server->SendURL(3, L"https://other/"));
+
+    SCOPED_TRACE("a close naming an earlier session's GUID leaves the current one alone");
     Command(std::string("notify 2 close ") + kOtherGuid);
     ASSERT_TRUE(m_logger->WaitFor(L"CVirtServer::OnSessionClosed: : Session mismatch", 5s));
     EXPECT_EQ(first.lock(), m_server->FindSession(2));
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://kept/"));
     EXPECT_EQ((std::vector<uint32_t>{50}), m_status.States(2));
 
-    Command("open 2 auto"); // opened again without a close
+    SCOPED_TRACE("broken connection");
+    Command("break 2");
+    ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpConnectionBroken, 10s));
     ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpConnected, 10s, 2));
+    EXPECT_EQ(2u, Stats(2).connectAttempts);
+    EXPECT_EQ((std::vector<uint32_t>{50, 52, 50}), m_status.States(2));
+    EXPECT_EQ(1, m_server->SendURL(2, L"https://after/"));
+    delivered.push_back("https://after/");
+    EXPECT_EQ(delivered, Urls(2));
+
+    SCOPED_TRACE("opened again without a close");
+    Command("open 2 auto");
+    ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpConnected, 10s, 3));
     EXPECT_TRUE(first.expired());
     EXPECT_EQ(1u, m_logger->Count(L"CSessionHandler::ConnectionThread: Session 2: Stopped"));
     EXPECT_EQ(1u, m_logger->Count(L"CSessionHandler::ReadThread: Session 2: Stopped"));
     EXPECT_EQ(1u, Stats(2).liveConnections);
     EXPECT_EQ(1, m_server->SendURL(2, L"https://second/"));
 
+    SCOPED_TRACE("an address that no longer resolves: not connected, and tried again");
+    Command("peer 2 invalid-address");
+    Command("break 2");
+    ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpNotConnected, 10s));
+    EXPECT_TRUE(m_logger->WaitFor(L"Session 2: Event=INVALIDADRESS", 5s));
+
+    SCOPED_TRACE("closed");
+    Command("close 2");
+    // The channel's end may be published before the session's close removes the handler.
+    EXPECT_TRUE(Eventually([&] { return m_server->FindSession(2) == nullptr; }, 10s));
+    EXPECT_EQ(0, m_server->SendURL(2, L"https://gone/"));
+
+    // A close for a session without a handler publishes a record of zeros but for the state.
     Command(std::string("notify 9 close ") + kOtherGuid);
     ASSERT_TRUE(m_status.WaitForState(9, eCvUrlApiEvent_RdpNotConnected, 5s));
-    ChannelStatusRecord zero{}, published = m_status.Last();
+    ChannelStatusRecord zero{}, published = m_status.Last(9);
     zero.dwState = eCvUrlApiEvent_RdpNotConnected;
     EXPECT_EQ(0, std::memcmp(&zero, &published, sizeof(zero)));
 }

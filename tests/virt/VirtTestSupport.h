@@ -78,10 +78,12 @@ public:
                 states.push_back(p.second.dwState);
         return states;
     }
-    ChannelStatusRecord Last() const
+    ChannelStatusRecord Last(uint32_t sessionId) const
     {
         std::lock_guard lock(m_mutex);
-        return m_published.back().second;
+        const auto last = std::find_if(m_published.rbegin(), m_published.rend(),
+                                       [&](const auto& p) { return p.first == sessionId; });
+        return last == m_published.rend() ? ChannelStatusRecord{} : last->second;
     }
 
 private:
