@@ -202,6 +202,8 @@ TEST(RegistrySettings, LimitsBadValuesLiveEditsAndIdleClose)
     load();
     key.SetText(L"LogLevel", L"junk");
     load();
+    key.SetRaw(L"LogLevel", REG_BINARY, &eight, 4);
+    load();
     EXPECT_EQ(logger->GetRotationCount(), 4u);
     EXPECT_EQ(logger->GetMaxFileSize(), 1048576u);
     EXPECT_EQ(LevelOf(*logger), 3u);

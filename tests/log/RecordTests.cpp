@@ -136,6 +136,19 @@ TEST_F(RecordTest, FilterLabelsDumpsCutsAndTheColumnThatOnlyMovesRight)
     EXPECT_EQ(::GetLastError(), 1168u);
     m_logger->Dump(2, bytes, 1, L"%s", std::wstring(5000, L'q').c_str());
     EXPECT_EQ(::GetLastError(), 87u);
+    // Without an event source an event is only logged.
+    ::SetLastError(0);
+    m_logger->InitEventLogging(nullptr);
+    EXPECT_EQ(::GetLastError(), 13u);
+    ::SetLastError(77);
+    m_logger->EventLog(0, 1, nullptr, L"not sent %d", 1);
+    wchar_t text[512] = L"junk";
+    EXPECT_TRUE(CCvLogger::FormatError(0, text, 512));
+    EXPECT_STREQ(text, L"");
+    EXPECT_TRUE(CCvLogger::FormatError(5, text, 512));
+    EXPECT_EQ(std::wstring(text).rfind(L"Error 5: ", 0), 0u);
+    EXPECT_GT(wcslen(text), 9u);
+    EXPECT_EQ(::GetLastError(), 77u);
     m_logger->SetLevel(0);
     m_logger->Log(1, L"warning-hidden");
     m_logger->LogCategory(L"FREE", L"free-shown %d", 2);
@@ -148,6 +161,7 @@ TEST_F(RecordTest, FilterLabelsDumpsCutsAndTheColumnThatOnlyMovesRight)
         {L"[LOGLEVEL:7]: ", L"trace-dump 3 00 0a ff"}, {L"[INFO]: ", L"no-bytes"}, {L"[INFO]: ", L"short"},
         {L"[C]: ", L"keeps"}, {L"[INFO]: ", L"fine 00"},
         // The cut dump leaves its header without a line end, so the next record joins it.
+        {L"[ERROR]: ", L"Empty provider name"}, {L"[WARNING]: ", L"Event logging disabled"},
         {L"[FREE]: ", L"free-shown 2"}};
     const auto lines = RecordLines();
     ASSERT_EQ(lines.size(), std::size(expected));
@@ -194,28 +208,4 @@ TEST_F(RecordTest, ThreadsNeverInterleaveInsideALine)
         const int t = std::stoi(m[1].str());
         EXPECT_EQ(std::stoi(m[2].str()), next[t]++);
     }
-}
-
-TEST_F(RecordTest, EventLogWithoutSourceOnlyLogsAndFormatErrorKeepsLastError)
-{
-    ::SetLastError(0);
-    m_logger->InitEventLogging(nullptr);
-    EXPECT_EQ(::GetLastError(), 13u);
-    ::SetLastError(77);
-    m_logger->EventLog(0, 1, nullptr, L"not sent %d", 1);
-    EXPECT_EQ(::GetLastError(), 77u);
-    wchar_t buffer[512] = L"junk";
-    EXPECT_TRUE(CCvLogger::FormatError(0, buffer, 512));
-    EXPECT_STREQ(buffer, L"");
-    EXPECT_TRUE(CCvLogger::FormatError(5, buffer, 512));
-    EXPECT_EQ(std::wstring(buffer).rfind(L"Error 5: ", 0), 0u);
-    EXPECT_GT(wcslen(buffer), 9u);
-    EXPECT_EQ(::GetLastError(), 77u);
-
-    const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_NE(lines[0].find(L"[ERROR]: "), std::wstring::npos);
-    EXPECT_NE(lines[0].find(L"Empty provider name"), std::wstring::npos);
-    EXPECT_NE(lines[1].find(L"[WARNING]: "), std::wstring::npos);
-    EXPECT_NE(lines[1].find(L"Event logging disabled"), std::wstring::npos);
 }
