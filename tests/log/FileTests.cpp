@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cwchar>
 #include <regex>
 #include <string>
 
@@ -43,47 +44,42 @@ uint32_t LevelOf(CCvLogger& logger)
 }
 
 // A private key under HKEY_CURRENT_USER, removed at the end.
-class TestKey
+struct TestKey
 {
-public:
-    TestKey() : m_path(L"Software\\" + testing_support::UniqueName(L"VelomarLogTest"))
+    TestKey()
     {
-        ::RegCreateKeyExW(HKEY_CURRENT_USER, m_path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, m_key.put(),
-                          nullptr);
+        ::RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(), nullptr);
     }
     ~TestKey()
     {
-        m_key.reset();
-        ::RegDeleteTreeW(HKEY_CURRENT_USER, m_path.c_str());
+        key.reset();
+        ::RegDeleteTreeW(HKEY_CURRENT_USER, path.c_str());
     }
-    const wchar_t* Path() const { return m_path.c_str(); }
-    HKEY Get() const { return m_key.get(); }
-    void SetRaw(const wchar_t* name, DWORD type, const void* data, DWORD size) const
+    void Set(const wchar_t* name, DWORD type, const void* data, DWORD size) const
     {
-        ::RegSetValueExW(m_key.get(), name, 0, type, static_cast<const BYTE*>(data), size);
+        ::RegSetValueExW(key.get(), name, 0, type, static_cast<const BYTE*>(data), size);
     }
-    void SetDword(const wchar_t* name, DWORD value) const { SetRaw(name, REG_DWORD, &value, sizeof value); }
-    void SetText(const wchar_t* name, const std::wstring& text) const
+    void SetDword(const wchar_t* name, DWORD value) const { Set(name, REG_DWORD, &value, sizeof value); }
+    void SetText(const wchar_t* name, const wchar_t* text) const
     {
-        SetRaw(name, REG_SZ, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+        Set(name, REG_SZ, text, static_cast<DWORD>((wcslen(text) + 1) * sizeof(wchar_t)));
     }
     DWORD GetDword(const wchar_t* name) const
     {
         DWORD value = 99, size = sizeof value;
-        ::RegGetValueW(m_key.get(), nullptr, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
+        ::RegGetValueW(key.get(), nullptr, name, RRF_RT_REG_DWORD, nullptr, &value, &size);
         return value;
     }
 
-private:
-    std::wstring m_path;
-    daxlib::unique_hkey m_key;
+    const std::wstring path = L"Software\\" + testing_support::UniqueName(L"VelomarLogTest");
+    daxlib::unique_hkey key;
 };
 
 std::shared_ptr<CCvLogger> MakeLogger(const TempDir& dir, const wchar_t* base, BOOL buffered,
                                       const TestKey* key = nullptr, CCvLogger::JunctionCheck check = nullptr)
 {
     return CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), key ? HKEY_CURRENT_USER : nullptr,
-                                           key ? key->Path() : nullptr, base, nullptr, TRUE, buffered, 2, check);
+                                           key ? key->path.c_str() : nullptr, base, nullptr, TRUE, buffered, 2, check);
 }
 
 uint64_t NowFileTime()
@@ -166,7 +162,7 @@ TEST(RegistrySettings, LimitsBadValuesLiveEditsAndIdleClose)
     ASSERT_TRUE(Eventually([&] { return Exists(path); }));
     EXPECT_TRUE(Eventually(exclusive)) << "the idle handle was never closed";
 
-    const auto load = [&] { logger->LoadSettings(key.Get(), FALSE); };
+    const auto load = [&] { logger->LoadSettings(key.key.get(), FALSE); };
     const std::pair<DWORD, uint32_t> counts[] = {{0, 1}, {150, 99}, {5, 5}};
     for (const auto& [value, expected] : counts)
     {
@@ -174,7 +170,7 @@ TEST(RegistrySettings, LimitsBadValuesLiveEditsAndIdleClose)
         load();
         EXPECT_EQ(logger->GetRotationCount(), expected) << value;
     }
-    ::RegDeleteValueW(key.Get(), L"RotationLogFileNumber");
+    ::RegDeleteValueW(key.key.get(), L"RotationLogFileNumber");
     load();
     EXPECT_EQ(logger->GetRotationCount(), 10u);
     const std::pair<DWORD, uint32_t> sizes[] = {{0, 1000u << 20}, {5000, 1000u << 20}, {1, 1048576u}};
@@ -184,7 +180,7 @@ TEST(RegistrySettings, LimitsBadValuesLiveEditsAndIdleClose)
         load();
         EXPECT_EQ(logger->GetMaxFileSize(), expected) << value;
     }
-    ::RegDeleteValueW(key.Get(), L"RotationLogFileSizeMB");
+    ::RegDeleteValueW(key.key.get(), L"RotationLogFileSizeMB");
     load();
     EXPECT_EQ(logger->GetMaxFileSize(), 1048576u); // missing: unchanged
     key.SetDword(L"OverrideLogMaxFiles", 0);
@@ -197,12 +193,12 @@ TEST(RegistrySettings, LimitsBadValuesLiveEditsAndIdleClose)
     load();
     const uint64_t eight = 7;
     key.SetText(L"RotationLogFileNumber", L"6");
-    key.SetRaw(L"RotationLogFileSizeMB", REG_BINARY, &eight, sizeof eight);
-    key.SetRaw(L"LogLevel", REG_DWORD, &eight, 2);
+    key.Set(L"RotationLogFileSizeMB", REG_BINARY, &eight, sizeof eight);
+    key.Set(L"LogLevel", REG_DWORD, &eight, 2);
     load();
     key.SetText(L"LogLevel", L"junk");
     load();
-    key.SetRaw(L"LogLevel", REG_BINARY, &eight, 4);
+    key.Set(L"LogLevel", REG_BINARY, &eight, 4);
     load();
     EXPECT_EQ(logger->GetRotationCount(), 4u);
     EXPECT_EQ(logger->GetMaxFileSize(), 1048576u);
@@ -328,12 +324,29 @@ TEST_P(BadInput, LockedFileDropsAndRetriesAndStrictModeWritesUnderTheRestrictedT
 INSTANTIATE_TEST_SUITE_P(Writers, BadInput, ::testing::Values(TRUE, FALSE),
                          [](const auto& info) { return info.param ? "Queued" : "Direct"; });
 
-TEST(ExtraFiles, PerProcessFilesAreSeparateAndReused)
+// Adding a per-process file first clears out expired and surplus ones of the same base name.
+TEST(ExtraFiles, CleanUpThenPerProcessFilesAreSeparateAndReused)
 {
     TempDir dir(L"velomar-extra");
+    const uint64_t now = NowFileTime();
+    constexpr uint64_t hour = 36000000000ULL;
+    SetLastWrite(dir.File(L"x-pp-1-1_2020-01-01-000000(01).txt"), now - 100 * 24 * hour);
+    const wchar_t* recent[] = {L"b-pp-1-2.txt", L"c-pp-1-3.txt", L"d-pp-1-4.txt", L"e-pp-1-5.txt", L"f-pp-1-6.txt"};
+    for (int i = 0; i < 5; ++i)
+        SetLastWrite(dir.File(recent[i]), now - (6 - i) * hour);
+    SetLastWrite(dir.File(L"pp.txt"), now - 200 * 24 * hour);
+    SetLastWrite(dir.File(L"unrelated.txt"), now - 200 * 24 * hour);
     auto logger = MakeLogger(dir, L"pp", FALSE);
     ASSERT_TRUE(logger);
+    EXPECT_EQ(logger->GetOldFileLimit(3), 3u);
     ASSERT_EQ(logger->AddLogFile(L"bob", FALSE), 1);
+    logger->WaitForCleanup();
+    EXPECT_FALSE(Exists(dir.File(L"x-pp-1-1_2020-01-01-000000(01).txt")));
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(Exists(dir.File(recent[i])), i >= 3) << i;
+    EXPECT_TRUE(Exists(dir.File(L"pp.txt")));
+    EXPECT_TRUE(Exists(dir.File(L"unrelated.txt")));
+
     logger->LogToFile(1, 2, L"to-bob");
     logger->Log(2, L"to-main");
     wchar_t bobPath[MAX_PATH], mainPath[MAX_PATH];
@@ -361,31 +374,6 @@ TEST(ExtraFiles, PerProcessFilesAreSeparateAndReused)
     EXPECT_FALSE(Contains(bob, L"to-main"));
     EXPECT_FALSE(Contains(bob, L"after-removal"));
     EXPECT_TRUE(Contains(ReadText(dir.File(L"pp.txt")), L"to-main"));
-}
-
-TEST(ExtraFiles, CleanUpRemovesExpiredAndSurplusPerProcessFiles)
-{
-    TempDir dir(L"velomar-clean");
-    const uint64_t now = NowFileTime();
-    constexpr uint64_t hour = 36000000000ULL;
-    SetLastWrite(dir.File(L"x-cl-1-1_2020-01-01-000000(01).txt"), now - 100 * 24 * hour);
-    const wchar_t* recent[] = {L"b-cl-1-2.txt", L"c-cl-1-3.txt", L"d-cl-1-4.txt", L"e-cl-1-5.txt", L"f-cl-1-6.txt"};
-    for (int i = 0; i < 5; ++i)
-        SetLastWrite(dir.File(recent[i]), now - (6 - i) * hour);
-    SetLastWrite(dir.File(L"cl.txt"), now - 200 * 24 * hour);
-    SetLastWrite(dir.File(L"unrelated.txt"), now - 200 * 24 * hour);
-
-    auto logger = MakeLogger(dir, L"cl", FALSE);
-    ASSERT_TRUE(logger);
-    EXPECT_EQ(logger->GetOldFileLimit(3), 3u);
-    ASSERT_GE(logger->AddLogFile(L"z", FALSE), 1);
-    logger->WaitForCleanup();
-
-    EXPECT_FALSE(Exists(dir.File(L"x-cl-1-1_2020-01-01-000000(01).txt")));
-    for (int i = 0; i < 5; ++i)
-        EXPECT_EQ(Exists(dir.File(recent[i])), i >= 3) << i;
-    EXPECT_TRUE(Exists(dir.File(L"cl.txt")));
-    EXPECT_TRUE(Exists(dir.File(L"unrelated.txt")));
 }
 
 TEST(EventLog, SourceIsRegisteredForTheRunningProgram)

@@ -152,10 +152,6 @@ protected:
     {
         return Fetch<uint8_t>(Export<PFN_StandinGetReceived>("StandinGetReceived"), sessionId);
     }
-    std::vector<uint64_t> ConnectTimes(uint32_t sessionId)
-    {
-        return Fetch<uint64_t>(Export<PFN_StandinGetConnectTimes>("StandinGetConnectTimes"), sessionId);
-    }
 
     // The URLs the client side took, one a line after the "ok" line.
     std::vector<std::string> Urls(uint32_t sessionId)
