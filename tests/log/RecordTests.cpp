@@ -66,12 +66,13 @@ protected:
 };
 } // namespace
 
-TEST_F(RecordTest, BannerThenServiceRecordLayoutByteForByte)
+// One walk: the banner and a service record byte for byte, then the filter, the labels, dumps,
+// cut and empty messages, the column that only moves right, and the last error.
+TEST_F(RecordTest, BannerServiceRecordFilterLabelsDumpsCutsAndColumn)
 {
-    m_logger->Log(2, L"Service logger is working.");
+    // The banner: an empty line, then the service line ending in the build date and version.
     wchar_t version[4096];
     CCvLogger::GetWindowsVersionText(version, 4096);
-    // The banner: an empty line, then the service line ending in the build date and version.
     const char* date = BuildDateText();
     const std::wstring tail = L"Build " + std::wstring(date, date + strlen(date)) + L". " + version;
     const auto bannerLines = SplitLines(m_banner);
@@ -86,28 +87,9 @@ TEST_F(RecordTest, BannerThenServiceRecordLayoutByteForByte)
     const auto offset = cvlog::ComputeUtcOffset({local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute},
                                                 {utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute});
 
-    const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), 1u);
-    std::wsmatch m;
-    ASSERT_TRUE(std::regex_match(lines[0], m,
-                                 std::wregex(L"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3} "
-                                             L"\\(([+-]\\d{2}):(\\d{2})\\) \\[(\\d+)\\] \\[(\\d+)\\] \\[INFO\\]: "
-                                             L"( *)Service logger is working\\.")))
-        << std::string(lines[0].begin(), lines[0].end());
-    EXPECT_EQ(std::stoi(m[1].str()), offset.hours);
-    EXPECT_EQ(std::stoi(m[2].str()), offset.minutes);
-    EXPECT_EQ(std::stoul(m[3].str()), ::GetCurrentProcessId());
-    EXPECT_EQ(std::stoul(m[4].str()), ::GetCurrentThreadId());
-    // The message starts at the widest header so far (the banner's "[SERVICE]" is wider).
-    EXPECT_GT(m.length(5), 0);
-    EXPECT_EQ(static_cast<size_t>(m.position(5) + m.length(5)), CCvLogger::HeaderWidth());
-}
-
-// One walk through the filter, the labels, dumps, cut and empty messages, the column and the
-// last error, each record checked in the file.
-TEST_F(RecordTest, FilterLabelsDumpsCutsAndTheColumnThatOnlyMovesRight)
-{
     const unsigned char bytes[] = {0x00, 0x0A, 0xFF};
+    m_logger->Log(2, L"Service logger is working.");
+    const size_t before = CCvLogger::HeaderWidth();
     EXPECT_TRUE(m_logger->IsLevelEnabled(2));
     EXPECT_FALSE(m_logger->IsLevelEnabled(3));
     m_logger->Log(3, L"debug-hidden");
@@ -117,7 +99,6 @@ TEST_F(RecordTest, FilterLabelsDumpsCutsAndTheColumnThatOnlyMovesRight)
     m_logger->Log(2, L"");
     m_logger->Log(2, L"%s", L"");
     m_logger->Log(2, L"%s", std::wstring(5000, L'z').c_str());
-    const size_t before = CCvLogger::HeaderWidth();
     m_logger->LogCategory(L"A-CATEGORY-MUCH-WIDER-THAN-ANY-BEFORE-IT", L"wide");
     const size_t column = CCvLogger::HeaderWidth();
     EXPECT_GT(column, before);
@@ -156,7 +137,7 @@ TEST_F(RecordTest, FilterLabelsDumpsCutsAndTheColumnThatOnlyMovesRight)
 
     // Label, then how the line ends; from "wide" on every message starts at the new column.
     const std::pair<const wchar_t*, const wchar_t*> expected[] = {
-        {L"[ERROR]: ", L"error-shown"}, {L"[WARNING]: ", L"warning-shown"}, {L"[FREE]: ", L"free-shown 1"},
+        {L"[INFO]: ", L"Service logger is working."}, {L"[ERROR]: ", L"error-shown"}, {L"[WARNING]: ", L"warning-shown"}, {L"[FREE]: ", L"free-shown 1"},
         {L"[INFO]: ", L"zzz"}, {L"[A-CATEGORY", L"wide"}, {L"[LOGLEVEL:7 ]: ", L"trace-record"},
         {L"[LOGLEVEL:7]: ", L"trace-dump 3 00 0a ff"}, {L"[INFO]: ", L"no-bytes"}, {L"[INFO]: ", L"short"},
         {L"[C]: ", L"keeps"}, {L"[INFO]: ", L"fine 00"},
@@ -171,16 +152,28 @@ TEST_F(RecordTest, FilterLabelsDumpsCutsAndTheColumnThatOnlyMovesRight)
         const auto [label, end] = expected[i];
         EXPECT_NE(lines[i].find(label), std::wstring::npos);
         EXPECT_EQ(lines[i].rfind(end) + wcslen(end), lines[i].size());
-        if (i >= 4 && i < 11)
+        if (i >= 5 && i < 12)
         {
             EXPECT_EQ(lines[i].find(end), column);
         }
     }
+    std::wsmatch m;
+    ASSERT_TRUE(std::regex_match(lines[0], m,
+                                 std::wregex(L"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3} "
+                                             L"\\(([+-]\\d{2}):(\\d{2})\\) \\[(\\d+)\\] \\[(\\d+)\\] \\[INFO\\]: "
+                                             L"( *)Service logger is working\\.")));
+    EXPECT_EQ(std::stoi(m[1].str()), offset.hours);
+    EXPECT_EQ(std::stoi(m[2].str()), offset.minutes);
+    EXPECT_EQ(std::stoul(m[3].str()), ::GetCurrentProcessId());
+    EXPECT_EQ(std::stoul(m[4].str()), ::GetCurrentThreadId());
+    // The message starts at the widest header so far (the banner's "[SERVICE]" is wider).
+    EXPECT_GT(m.length(5), 0);
+    EXPECT_EQ(static_cast<size_t>(m.position(5) + m.length(5)), before);
     // A long message is cut to 4095 characters.
-    EXPECT_EQ(lines[3].size() - lines[3].find(L'z'), 4095u);
-    EXPECT_EQ(lines[8].substr(0, 8), L"[INFO]: ");
-    EXPECT_EQ(lines[11].substr(0, 8), L"[INFO]: ");
-    EXPECT_EQ(lines[11].find(L'q'), std::wstring::npos);
+    EXPECT_EQ(lines[4].size() - lines[4].find(L'z'), 4095u);
+    EXPECT_EQ(lines[9].substr(0, 8), L"[INFO]: ");
+    EXPECT_EQ(lines[12].substr(0, 8), L"[INFO]: ");
+    EXPECT_EQ(lines[12].find(L'q'), std::wstring::npos);
 }
 
 TEST_F(RecordTest, ThreadsNeverInterleaveInsideALine)
