@@ -47,7 +47,8 @@ TEST(RecordHeader, FieldsInTableOrderAndSeparatorOnlyWhenSomethingIsWritten)
                   std::string("2025.06.06 14:03:07.123 (+02:00) [1234] [5678] ") + byUserState[i] + "[SERVICE]: ");
     }
     f = ServiceFields(nullptr);
-    const std::pair<uint32_t, const char*> alone[] = {{HeaderFlag::Category, ""}, {0, ""}, {HeaderFlag::ProcessId, "[1234] : "}};
+    const std::pair<uint32_t, const char*> alone[] = {
+        {HeaderFlag::Category, ""}, {0, ""}, {HeaderFlag::ProcessId, "[1234] : "}};
     for (const auto& [flags, text] : alone)
     {
         f.flags = flags;
@@ -139,7 +140,8 @@ TEST(FileNaming, CompactionDropsTheOldestAndRenumbers)
             text += N(from) + ">" + N(to) + " ";
         return text + std::to_string(p.remaining);
     };
-    EXPECT_EQ(plan({u"v(01).txt", u"v(02).txt", u"v(03).txt"}, 3), "-v(01).txt v(02).txt>v(01).txt v(03).txt>v(02).txt 2");
+    EXPECT_EQ(plan({u"v(01).txt", u"v(02).txt", u"v(03).txt"}, 3),
+              "-v(01).txt v(02).txt>v(01).txt v(03).txt>v(02).txt 2");
     // Gaps close up; nothing to delete while fewer than the count exist.
     EXPECT_EQ(plan({u"v(01).txt", u"v(05).txt"}, 3), "v(05).txt>v(02).txt 2");
     // A count of 1 keeps no rotated file at all.

@@ -137,7 +137,8 @@ TEST_F(RecordTest, BannerServiceRecordFilterLabelsDumpsCutsAndColumn)
 
     // Label, then how the line ends; from "wide" on every message starts at the new column.
     const std::pair<const wchar_t*, const wchar_t*> expected[] = {
-        {L"[INFO]: ", L"Service logger is working."}, {L"[ERROR]: ", L"error-shown"}, {L"[WARNING]: ", L"warning-shown"}, {L"[FREE]: ", L"free-shown 1"},
+        {L"[INFO]: ", L"Service logger is working."}, {L"[ERROR]: ", L"error-shown"},
+        {L"[WARNING]: ", L"warning-shown"}, {L"[FREE]: ", L"free-shown 1"},
         {L"[INFO]: ", L"zzz"}, {L"[A-CATEGORY", L"wide"}, {L"[LOGLEVEL:7 ]: ", L"trace-record"},
         {L"[LOGLEVEL:7]: ", L"trace-dump 3 00 0a ff"}, {L"[INFO]: ", L"no-bytes"}, {L"[INFO]: ", L"short"},
         {L"[C]: ", L"keeps"}, {L"[INFO]: ", L"fine 00"},

@@ -119,8 +119,10 @@ TEST_F(VirtServerTest, ConcurrentSendersDuringReconnectionNeverSplitAUrl)
             for (int i = 0; i < kPerThread; ++i)
             {
                 // Long enough that a split write would show, with characters of every width.
-                const std::string tail = std::to_string(i) + "/" + std::string(200 + 13 * t, static_cast<char>('a' + t));
-                const std::wstring url = L"https://t" + std::to_wstring(t) + L".example/\u00E9\u4F8B\U0001F600/" +
+                const std::string tail =
+                    std::to_string(i) + "/" + std::string(200 + 13 * t, static_cast<char>('a' + t));
+                const std::wstring url = L"https://t" + std::to_wstring(t) +
+                                         L".example/\u00E9\u4F8B\U0001F600/" +
                                          std::wstring(tail.begin(), tail.end());
                 if (m_server->SendURL(2, url))
                     expected[t].push_back("https://t" + std::to_string(t) +
