@@ -110,9 +110,14 @@ TEST_F(ChannelProtocolTest, BadPeersDoNotWedgeTheirSessionOrDisturbOthers)
     // break here.)
     Command("peer 4 accept");
     Command("peer 5 accept");
+    // A connection made just before a peer was told may still run the old script and close
+    // after its handshake, hence a URL sent until one goes through.
     for (uint32_t id : {4u, 5u})
-        ASSERT_TRUE(Eventually([&] { return StateOf(id) == 50u && Stats(id).liveConnections == 1; }, 10s)) << id;
-    for (uint32_t id : {2u, 3u, 4u, 5u, 6u})
+        EXPECT_TRUE(Eventually([&] {
+            return StateOf(id) == 50u && Stats(id).liveConnections == 1 &&
+                   m_server->SendURL(id, L"https://ok/" + std::to_wstring(id)) == 1;
+        }, 10s)) << id;
+    for (uint32_t id : {2u, 3u, 6u})
         EXPECT_EQ(1, m_server->SendURL(id, L"https://ok/" + std::to_wstring(id))) << id;
     EXPECT_EQ((std::vector<std::string>{"https://ok/2"}), Urls(2));
     EXPECT_EQ(0u, Stats(2).malformed);
