@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <regex>
 #include <string>
 #include <thread>
@@ -16,9 +18,6 @@
 #ifndef LOG_TEST_BUFFERED
 #define LOG_TEST_BUFFERED 1
 #endif
-
-using testing_support::FromUtf16Bytes;
-using testing_support::ReadFileBytes;
 
 namespace
 {
@@ -32,11 +31,6 @@ std::vector<std::wstring> SplitLines(const std::wstring& text)
     return lines;
 }
 
-std::wstring Widen(const char* text)
-{
-    return std::wstring(text, text + strlen(text));
-}
-
 class RecordTest : public ::testing::Test
 {
 protected:
@@ -48,23 +42,15 @@ protected:
         m_banner = m_logger->GetBanner();
     }
 
-    // Ends the logger, so that everything queued has reached the file, and returns the text.
-    std::wstring Finish()
-    {
-        m_logger.reset();
-        const std::string bytes = ReadFileBytes(m_dir.File(L"rectest.txt"));
-        EXPECT_EQ(bytes.size() % 2, 0u);
-        if (bytes.size() >= 2)
-        {
-            EXPECT_FALSE(bytes[0] == '\xFF' && bytes[1] == '\xFE') << "no byte-order mark";
-        }
-        return FromUtf16Bytes(bytes);
-    }
-
-    // The lines after the banner; every line ends with CR LF and no bare CR or LF is left.
+    // Ends the logger, so that everything queued has reached the file, and returns the lines
+    // after the banner: UTF-16LE without a byte-order mark, every line ending in CR LF.
     std::vector<std::wstring> RecordLines()
     {
-        const std::wstring text = Finish();
+        m_logger.reset();
+        const std::string bytes = testing_support::ReadFileBytes(m_dir.File(L"rectest.txt"));
+        EXPECT_EQ(bytes.size() % 2, 0u);
+        EXPECT_FALSE(bytes.size() >= 2 && bytes[0] == '\xFF' && bytes[1] == '\xFE') << "no byte-order mark";
+        const std::wstring text = testing_support::FromUtf16Bytes(bytes);
         EXPECT_EQ(text.compare(0, m_banner.size(), m_banner), 0);
         std::vector<std::wstring> lines = SplitLines(text.substr(m_banner.size()));
         EXPECT_TRUE(lines.back().empty()) << "text ends with CR LF";
@@ -74,146 +60,121 @@ protected:
         return lines;
     }
 
-    static const std::wstring* Find(const std::vector<std::wstring>& lines, const std::wstring& fragment)
-    {
-        for (const auto& line : lines)
-            if (line.find(fragment) != std::wstring::npos)
-                return &line;
-        return nullptr;
-    }
-
     testing_support::TempDir m_dir{L"velomar-log"};
     std::shared_ptr<CCvLogger> m_logger;
     std::wstring m_banner;
 };
 } // namespace
 
-TEST_F(RecordTest, BannerThenServiceRecordLayoutByteForByte)
+// One walk: the banner and a service record byte for byte, then the filter, the labels, dumps,
+// cut and empty messages, the column that only moves right, and the last error.
+TEST_F(RecordTest, BannerServiceRecordFilterLabelsDumpsCutsAndColumn)
 {
-    m_logger->Log(2, L"Service logger is working.");
+    // The banner: an empty line, then the service line ending in the build date and version.
     wchar_t version[4096];
     CCvLogger::GetWindowsVersionText(version, 4096);
-    // The banner: an empty line, then the service line ending in the build date and version.
-    const std::wstring tail = L"Build " + Widen(BuildDateText()) + L". " + version;
+    const char* date = BuildDateText();
+    const std::wstring tail = L"Build " + std::wstring(date, date + strlen(date)) + L". " + version;
     const auto bannerLines = SplitLines(m_banner);
     ASSERT_GE(bannerLines.size(), 2u);
     EXPECT_TRUE(bannerLines[0].empty());
     EXPECT_NE(bannerLines[1].find(L"[SERVICE]: "), std::wstring::npos);
     ASSERT_GE(bannerLines[1].size(), tail.size());
     EXPECT_EQ(bannerLines[1].substr(bannerLines[1].size() - tail.size()), tail);
-    const DWORD thread = ::GetCurrentThreadId();
     SYSTEMTIME local, utc;
     ::GetLocalTime(&local);
     ::GetSystemTime(&utc);
     const auto offset = cvlog::ComputeUtcOffset({local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute},
                                                 {utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute});
 
-    const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), 1u);
-    std::wsmatch m;
-    ASSERT_TRUE(std::regex_match(lines[0], m,
-                                 std::wregex(L"(\\d{4})\\.(\\d{2})\\.(\\d{2}) (\\d{2}):(\\d{2}):(\\d{2})\\.(\\d{3}) "
-                                             L"\\(([+-]\\d{2}):(\\d{2})\\) \\[(\\d+)\\] \\[(\\d+)\\] \\[INFO\\]: "
-                                             L"( *)Service logger is working\\.")))
-        << std::string(lines[0].begin(), lines[0].end());
-    EXPECT_EQ(std::stoi(m[1].str()), local.wYear);
-    EXPECT_EQ(std::stoi(m[8].str()), offset.hours);
-    EXPECT_EQ(std::stoi(m[9].str()), offset.minutes);
-    EXPECT_EQ(std::stoul(m[10].str()), ::GetCurrentProcessId());
-    EXPECT_EQ(std::stoul(m[11].str()), thread);
-    // The message starts at the widest header so far (the banner's "[SERVICE]" is wider).
-    EXPECT_EQ(static_cast<size_t>(m.position(12) + m.length(12)), CCvLogger::HeaderWidth());
-    EXPECT_GT(m.length(12), 0);
-}
-
-TEST_F(RecordTest, LevelFilterAndFreeCategory)
-{
+    const unsigned char bytes[] = {0x00, 0x0A, 0xFF};
+    m_logger->Log(2, L"Service logger is working.");
+    const size_t before = CCvLogger::HeaderWidth();
     EXPECT_TRUE(m_logger->IsLevelEnabled(2));
     EXPECT_FALSE(m_logger->IsLevelEnabled(3));
     m_logger->Log(3, L"debug-hidden");
     m_logger->Log(0, L"error-shown");
     m_logger->Log(1, L"warning-shown");
     m_logger->LogCategory(L"FREE", L"free-shown %d", 1);
-    m_logger->SetLevel(0);
-    m_logger->Log(1, L"warning-hidden");
-    m_logger->LogCategory(L"FREE", L"free-shown %d", 2);
-
-    const auto lines = RecordLines();
-    EXPECT_EQ(Find(lines, L"hidden"), nullptr);
-    ASSERT_NE(Find(lines, L"error-shown"), nullptr);
-    EXPECT_NE(Find(lines, L"error-shown")->find(L"[ERROR]: "), std::wstring::npos);
-    EXPECT_NE(Find(lines, L"warning-shown")->find(L"[WARNING]: "), std::wstring::npos);
-    ASSERT_NE(Find(lines, L"free-shown 2"), nullptr);
-    EXPECT_NE(Find(lines, L"free-shown 1")->find(L"[FREE]: "), std::wstring::npos);
-    EXPECT_EQ(lines.size(), 4u);
-}
-
-TEST_F(RecordTest, TraceLevelLabelsAndDumpFormat)
-{
-    m_logger->SetLevel(7);
-    m_logger->Log(7, L"trace-record");
-    const unsigned char bytes[] = {0x00, 0x0A, 0xFF};
-    m_logger->Dump(7, bytes, 3, L"trace-dump %d", 3);
-    m_logger->Dump(2, bytes, 0, L"no-bytes");
-    m_logger->Dump(8, bytes, 3, L"filtered-dump");
-
-    const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_NE(lines[0].find(L"[LOGLEVEL:7 ]: "), std::wstring::npos);
-    EXPECT_NE(lines[1].find(L"[LOGLEVEL:7]: "), std::wstring::npos);
-    EXPECT_EQ(lines[1].substr(lines[1].size() - 21), L"trace-dump 3 00 0a ff");
-    EXPECT_EQ(lines[2].substr(lines[2].size() - 8), L"no-bytes");
-}
-
-TEST_F(RecordTest, EmptyAndLongMessagesAndLastError)
-{
     m_logger->Log(2, L"");
     m_logger->Log(2, L"%s", L"");
     m_logger->Log(2, L"%s", std::wstring(5000, L'z').c_str());
+    m_logger->LogCategory(L"A-CATEGORY-MUCH-WIDER-THAN-ANY-BEFORE-IT", L"wide");
+    const size_t column = CCvLogger::HeaderWidth();
+    EXPECT_GT(column, before);
+    m_logger->SetLevel(7);
+    m_logger->Log(7, L"trace-record");
+    m_logger->Dump(7, bytes, 3, L"trace-dump %d", 3);
+    m_logger->Dump(2, bytes, 0, L"no-bytes");
+    m_logger->Dump(8, bytes, 3, L"filtered-dump");
+    m_logger->SetHeaderFlags(0x8000);
     ::SetLastError(1234);
-    m_logger->Log(2, L"keeps");
+    m_logger->Log(2, L"short");
     m_logger->LogCategory(L"C", L"keeps");
-    EXPECT_EQ(::GetLastError(), 1234u);
-
-    const unsigned char bytes[] = {1};
     m_logger->Dump(2, bytes, 1, L"fine");
     EXPECT_EQ(::GetLastError(), 1234u);
     m_logger->DumpToFile(9, 2, bytes, 1, L"no such file");
     EXPECT_EQ(::GetLastError(), 1168u);
     m_logger->Dump(2, bytes, 1, L"%s", std::wstring(5000, L'q').c_str());
     EXPECT_EQ(::GetLastError(), 87u);
-    m_logger->Log(2, L"next");
+    // Without an event source an event is only logged.
+    ::SetLastError(0);
+    m_logger->InitEventLogging(nullptr);
+    EXPECT_EQ(::GetLastError(), 13u);
+    ::SetLastError(77);
+    m_logger->EventLog(0, 1, nullptr, L"not sent %d", 1);
+    wchar_t text[512] = L"junk";
+    EXPECT_TRUE(CCvLogger::FormatError(0, text, 512));
+    EXPECT_STREQ(text, L"");
+    EXPECT_TRUE(CCvLogger::FormatError(5, text, 512));
+    EXPECT_EQ(std::wstring(text).rfind(L"Error 5: ", 0), 0u);
+    EXPECT_GT(wcslen(text), 9u);
+    EXPECT_EQ(::GetLastError(), 77u);
+    m_logger->SetLevel(0);
+    m_logger->Log(1, L"warning-hidden");
+    m_logger->LogCategory(L"FREE", L"free-shown %d", 2);
+    EXPECT_EQ(CCvLogger::HeaderWidth(), column);
 
-    // Empty messages leave no line; a long one is cut to 4095 characters.
+    // Label, then how the line ends; from "wide" on every message starts at the new column.
+    const std::pair<const wchar_t*, const wchar_t*> expected[] = {
+        {L"[INFO]: ", L"Service logger is working."}, {L"[ERROR]: ", L"error-shown"},
+        {L"[WARNING]: ", L"warning-shown"}, {L"[FREE]: ", L"free-shown 1"},
+        {L"[INFO]: ", L"zzz"}, {L"[A-CATEGORY", L"wide"}, {L"[LOGLEVEL:7 ]: ", L"trace-record"},
+        {L"[LOGLEVEL:7]: ", L"trace-dump 3 00 0a ff"}, {L"[INFO]: ", L"no-bytes"}, {L"[INFO]: ", L"short"},
+        {L"[C]: ", L"keeps"}, {L"[INFO]: ", L"fine 00"},
+        // The cut dump leaves its header without a line end, so the next record joins it.
+        {L"[ERROR]: ", L"Empty provider name"}, {L"[WARNING]: ", L"Event logging disabled"},
+        {L"[FREE]: ", L"free-shown 2"}};
     const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), 5u);
-    ASSERT_NE(lines[0].find(L'z'), std::wstring::npos);
-    EXPECT_EQ(lines[0].size() - lines[0].find(L'z'), 4095u);
-    EXPECT_EQ(lines[3].substr(lines[3].size() - 7), L"fine 01");
-    // The cut dump leaves its header without a line end, so the next record joins it.
-    EXPECT_EQ(lines[4].find(L'q'), std::wstring::npos);
-    EXPECT_NE(lines[4].find(L"[INFO]: "), lines[4].rfind(L"[INFO]: "));
-    EXPECT_EQ(lines[4].substr(lines[4].size() - 4), L"next");
-}
-
-TEST_F(RecordTest, MessagesLineUpAndTheColumnOnlyMovesRight)
-{
-    m_logger->Log(2, L"first");
-    const size_t before = CCvLogger::HeaderWidth();
-    m_logger->LogCategory(L"A-CATEGORY-MUCH-WIDER-THAN-ANY-BEFORE-IT", L"wide");
-    const size_t after = CCvLogger::HeaderWidth();
-    EXPECT_GT(after, before);
-    m_logger->Log(2, L"short");
-    m_logger->SetHeaderFlags(0x8000);
-    m_logger->Log(2, L"tiny");
-    EXPECT_EQ(CCvLogger::HeaderWidth(), after);
-
-    const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), 4u);
-    EXPECT_EQ(lines[1].find(L"wide"), after);
-    EXPECT_EQ(lines[2].find(L"short"), after);
-    EXPECT_EQ(lines[3].find(L"tiny"), after);
-    EXPECT_EQ(lines[3].substr(0, 8), L"[INFO]: ");
+    ASSERT_EQ(lines.size(), std::size(expected));
+    for (size_t i = 0; i < lines.size(); ++i)
+    {
+        SCOPED_TRACE(std::string(lines[i].begin(), lines[i].end()));
+        const auto [label, end] = expected[i];
+        EXPECT_NE(lines[i].find(label), std::wstring::npos);
+        EXPECT_EQ(lines[i].rfind(end) + wcslen(end), lines[i].size());
+        if (i >= 5 && i < 12)
+        {
+            EXPECT_EQ(lines[i].find(end), column);
+        }
+    }
+    std::wsmatch m;
+    ASSERT_TRUE(std::regex_match(lines[0], m,
+                                 std::wregex(L"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3} "
+                                             L"\\(([+-]\\d{2}):(\\d{2})\\) \\[(\\d+)\\] \\[(\\d+)\\] \\[INFO\\]: "
+                                             L"( *)Service logger is working\\.")));
+    EXPECT_EQ(std::stoi(m[1].str()), offset.hours);
+    EXPECT_EQ(std::stoi(m[2].str()), offset.minutes);
+    EXPECT_EQ(std::stoul(m[3].str()), ::GetCurrentProcessId());
+    EXPECT_EQ(std::stoul(m[4].str()), ::GetCurrentThreadId());
+    // The message starts at the widest header so far (the banner's "[SERVICE]" is wider).
+    EXPECT_GT(m.length(5), 0);
+    EXPECT_EQ(static_cast<size_t>(m.position(5) + m.length(5)), before);
+    // A long message is cut to 4095 characters.
+    EXPECT_EQ(lines[4].size() - lines[4].find(L'z'), 4095u);
+    EXPECT_EQ(lines[9].substr(0, 8), L"[INFO]: ");
+    EXPECT_EQ(lines[12].substr(0, 8), L"[INFO]: ");
+    EXPECT_EQ(lines[12].find(L'q'), std::wstring::npos);
 }
 
 TEST_F(RecordTest, ThreadsNeverInterleaveInsideALine)
@@ -241,32 +202,4 @@ TEST_F(RecordTest, ThreadsNeverInterleaveInsideALine)
         const int t = std::stoi(m[1].str());
         EXPECT_EQ(std::stoi(m[2].str()), next[t]++);
     }
-}
-
-TEST_F(RecordTest, EventLogWithoutSourceOnlyLogs)
-{
-    ::SetLastError(0);
-    m_logger->InitEventLogging(nullptr);
-    EXPECT_EQ(::GetLastError(), 13u);
-    ::SetLastError(77);
-    m_logger->EventLog(0, 1, nullptr, L"not sent %d", 1);
-    EXPECT_EQ(::GetLastError(), 77u);
-
-    const auto lines = RecordLines();
-    ASSERT_NE(Find(lines, L"CCvLogger::InitEventLogging: (1458): Empty provider name"), nullptr);
-    EXPECT_NE(Find(lines, L"Empty provider name")->find(L"[ERROR]"), std::wstring::npos);
-    ASSERT_NE(Find(lines, L"CCvLogger::EventLog: (1484): Event logging disabled"), nullptr);
-    EXPECT_NE(Find(lines, L"Event logging disabled")->find(L"[WARNING]"), std::wstring::npos);
-}
-
-TEST(CvLoggerStatic, FormatErrorKeepsLastError)
-{
-    wchar_t buffer[512] = L"junk";
-    ::SetLastError(42);
-    EXPECT_TRUE(CCvLogger::FormatError(0, buffer, 512));
-    EXPECT_STREQ(buffer, L"");
-    EXPECT_TRUE(CCvLogger::FormatError(5, buffer, 512));
-    EXPECT_EQ(std::wstring(buffer).rfind(L"Error 5: ", 0), 0u);
-    EXPECT_GT(wcslen(buffer), 9u);
-    EXPECT_EQ(::GetLastError(), 42u);
 }

@@ -1,24 +1,11 @@
-// One session's channel against scripted client sides: the bytes on the wire, the handshake's
-// outcomes, reconnection, and peers that send what nobody asked for.
+// Channels against scripted client sides: the handshake's outcomes, retries, peers that send
+// what nobody asked for, and what starting and stopping leaves behind.
 #include "tests/virt/VirtTestSupport.h"
 
-#include "tests/common/TestSupport.h"
-#include "virt/UrlProtocol.h"
-
-#include <thread>
-
 using namespace virt_test;
-using Bytes = std::vector<uint8_t>;
 
 namespace
 {
-const Bytes kHandshakeFromService = {0x01, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
-
-Bytes Submit(const std::string& utf8)
-{
-    return UrlNet::BuildSubmitMessage(utf8);
-}
-
 std::wstring Tag(uint32_t session)
 {
     return L"Session " + std::to_wstring(session) + L": ";
@@ -28,40 +15,6 @@ std::wstring Tag(uint32_t session)
 class ChannelProtocolTest : public ChannelTest
 {
 };
-
-TEST_F(ChannelProtocolTest, SubmitBytesForAsciiBmpAndAstralUrls)
-{
-    ASSERT_TRUE(StartServer());
-    Command("open 2 auto 1 Desk two");
-    ASSERT_TRUE(WaitConnected(2));
-
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://example.org/a?b=c"));
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://\u4F8B\u3048.jp/\u00E9"));
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://x/\U0001F600"));
-
-    Bytes expected = kHandshakeFromService;
-    for (const std::string& utf8 : {std::string("https://example.org/a?b=c"),
-                                    std::string("https://\xE4\xBE\x8B\xE3\x81\x88.jp/\xC3\xA9"),
-                                    std::string("https://x/\xF0\x9F\x98\x80")})
-    {
-        const Bytes message = Submit(utf8);
-        expected.insert(expected.end(), message.begin(), message.end());
-    }
-    EXPECT_EQ(expected, Received(2));
-
-    // An unpaired surrogate goes out as U+FFFD, as the system's converter makes it.
-    const size_t before = Received(2).size();
-    EXPECT_EQ(1, m_server->SendURL(2, std::wstring(L"h/") + wchar_t(0xD800) + L"y"));
-    const Bytes lone = Received(2);
-    EXPECT_EQ(Submit("h/\xEF\xBF\xBDy"), Bytes(lone.begin() + static_cast<std::ptrdiff_t>(before), lone.end()));
-    expected = lone;
-
-    // An empty URL is not sent; the channel stays usable.
-    EXPECT_EQ(0, m_server->SendURL(2, L""));
-    EXPECT_TRUE(m_logger->Contains(L"WideCharToMultiByte failed. ret=0"));
-    EXPECT_EQ(expected.size(), Received(2).size());
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://after/"));
-}
 
 // Every outcome of the handshake at once, each on a session of its own, so that the 3-second
 // retry rhythm is waited for only once.
@@ -75,17 +28,14 @@ TEST_F(ChannelProtocolTest, HandshakeOutcomesAndRetriesPerClientSide)
     Command("peer 7 options=12 send=0900000000000000"); // announces options, sends none
     Command("peer 8 absent");
     Command("peer 9 silent");
-    for (int id = 2; id <= 9; ++id)
-        Command("open " + std::to_string(id) + " auto");
+    OpenSessions(3, 9);
 
-    ASSERT_TRUE(WaitConnected(2));
-    ASSERT_TRUE(WaitConnected(6));
-    ASSERT_TRUE(WaitConnected(7));
+    for (uint32_t accepted : {6u, 7u})
+        ASSERT_TRUE(WaitConnected(accepted)) << accepted;
     for (uint32_t refused : {3u, 4u, 5u})
         ASSERT_TRUE(m_status.WaitForState(refused, eCvUrlApiEvent_RdpInvalidProtocol, 10s)) << refused;
 
-    ChannelStatusRecord accepted{};
-    m_server->FindSession(6)->GetChannelStatus(accepted);
+    const ChannelStatusRecord accepted = StatusOf(6);
     EXPECT_EQ(0x00010001u, accepted.dwLocalVersion);
     EXPECT_EQ(0x00020000u, accepted.dwRemoteVersion);
     EXPECT_EQ(0x00010001u, accepted.dwNegotiatedVersion);
@@ -96,8 +46,7 @@ TEST_F(ChannelProtocolTest, HandshakeOutcomesAndRetriesPerClientSide)
     // A low version passes every step and is dropped at the end without a word of its own.
     EXPECT_EQ(1u, Stats(5).handshakes);
     EXPECT_FALSE(m_logger->Contains(Tag(5) + L"Remote side is not compatible"));
-    ChannelStatusRecord low{};
-    m_server->FindSession(5)->GetChannelStatus(low);
+    const ChannelStatusRecord low = StatusOf(5);
     EXPECT_EQ(0x00010000u, low.dwRemoteVersion);
     EXPECT_EQ(53u, low.dwState);
     // The announced option bytes were not waited for: the next header was read at once.
@@ -106,7 +55,7 @@ TEST_F(ChannelProtocolTest, HandshakeOutcomesAndRetriesPerClientSide)
 
     // The absent client side is tried about every 3 seconds while the others are not retried.
     ASSERT_TRUE(m_logger->WaitFor(Tag(8) + L"SkConnectTo() failed", 15s, 3));
-    const auto times = ConnectTimes(8);
+    const auto times = Fetch<uint64_t>(Export<PFN_StandinGetConnectTimes>("StandinGetConnectTimes"), 8);
     ASSERT_GE(times.size(), 3u);
     for (size_t i = 1; i < times.size(); ++i)
     {
@@ -124,30 +73,7 @@ TEST_F(ChannelProtocolTest, HandshakeOutcomesAndRetriesPerClientSide)
         EXPECT_EQ(0, m_server->SendURL(refused, L"https://refused/"));
         EXPECT_TRUE(m_logger->Contains(Tag(refused) + L"Connection is closed. Module=\"VirtServer\", Line=443"));
     }
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://two/"));
     EXPECT_EQ(1, m_server->SendURL(6, L"https://six/"));
-}
-
-TEST_F(ChannelProtocolTest, BrokenConnectionPublishesBrokenAndReconnects)
-{
-    ASSERT_TRUE(StartServer());
-    Command("open 2 auto");
-    ASSERT_TRUE(WaitConnected(2));
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://before/"));
-
-    Command("break 2");
-    ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpConnectionBroken, 10s));
-    ASSERT_TRUE(WaitConnected(2, 10s) && m_status.WaitForState(2, eCvUrlApiEvent_RdpConnected, 10s, 2));
-    EXPECT_EQ(2u, Stats(2).connectAttempts);
-    EXPECT_EQ((std::vector<uint32_t>{50, 52, 50}), m_status.States(2));
-    EXPECT_EQ(1, m_server->SendURL(2, L"https://after/"));
-    EXPECT_EQ((std::vector<std::string>{"https://before/", "https://after/"}), Urls(2));
-
-    // An address that no longer resolves to a session: not connected, and tried again.
-    Command("peer 2 invalid-address");
-    Command("break 2");
-    ASSERT_TRUE(m_status.WaitForState(2, eCvUrlApiEvent_RdpNotConnected, 10s));
-    EXPECT_TRUE(m_logger->WaitFor(Tag(2) + L"Event=INVALIDADRESS", 5s));
 }
 
 TEST_F(ChannelProtocolTest, BadPeersDoNotWedgeTheirSessionOrDisturbOthers)
@@ -161,8 +87,7 @@ TEST_F(ChannelProtocolTest, BadPeersDoNotWedgeTheirSessionOrDisturbOthers)
     Command("peer 5 send=0700000064000000000102030405060708 close-after-send");
     // Command 7 with 5 bytes, command 0 with none, and a submit from the client side.
     Command("peer 6 send=0700000005000000aabbccddee" "0000000000000000" "0100000006000000000000006869");
-    for (int id = 2; id <= 6; ++id)
-        Command("open " + std::to_string(id) + " auto");
+    OpenSessions(2, 6);
 
     for (uint32_t id : {2u, 3u, 4u, 5u, 6u})
         ASSERT_TRUE(WaitConnected(id)) << id;
@@ -185,9 +110,14 @@ TEST_F(ChannelProtocolTest, BadPeersDoNotWedgeTheirSessionOrDisturbOthers)
     // break here.)
     Command("peer 4 accept");
     Command("peer 5 accept");
+    // A connection made just before a peer was told may still run the old script and close
+    // after its handshake, hence a URL sent until one goes through.
     for (uint32_t id : {4u, 5u})
-        ASSERT_TRUE(Eventually([&] { return StateOf(id) == 50u && Stats(id).liveConnections == 1; }, 10s)) << id;
-    for (uint32_t id : {2u, 3u, 4u, 5u, 6u})
+        EXPECT_TRUE(Eventually([&] {
+            return StateOf(id) == 50u && Stats(id).liveConnections == 1 &&
+                   m_server->SendURL(id, L"https://ok/" + std::to_wstring(id)) == 1;
+        }, 10s)) << id;
+    for (uint32_t id : {2u, 3u, 6u})
         EXPECT_EQ(1, m_server->SendURL(id, L"https://ok/" + std::to_wstring(id))) << id;
     EXPECT_EQ((std::vector<std::string>{"https://ok/2"}), Urls(2));
     EXPECT_EQ(0u, Stats(2).malformed);
@@ -205,8 +135,7 @@ TEST_F(ChannelProtocolTest, StartAndStopWithBadPeersLeaveNothingBehind)
         ASSERT_TRUE(m_server->Init());
         Command("peer 3 send=5a5a5a5a5a5a5a5aff13ee37c0");
         Command("peer 4 send=0700000064000000000102 close-after-send");
-        for (int id = 2; id <= 4; ++id)
-            Command("open " + std::to_string(id) + " auto");
+        OpenSessions(2, 4);
         for (uint32_t id : {2u, 3u})
             ASSERT_TRUE(m_status.WaitForState(id, eCvUrlApiEvent_RdpConnected, 10s, round + 1)) << id;
         ASSERT_TRUE(m_logger->WaitFor(L"Session 3: SkReadData(Header) undefined command", 5s, round + 1));
@@ -222,8 +151,7 @@ TEST_F(ChannelProtocolTest, StartAndStopWithBadPeersLeaveNothingBehind)
     // The first rounds also pay for what the system caches once; a handle lost per round
     // would still show over the last three.
     EXPECT_LE(threads[5], threads[2]);
-    EXPECT_LE(handles[5], handles[2] + 2) << handles[0] << " " << handles[1] << " " << handles[2] << " "
-                                          << handles[3] << " " << handles[4] << " " << handles[5];
+    EXPECT_LE(handles[5], handles[2] + 2) << handles[2] << " handles after round 3, " << handles[5] << " after 6";
 }
 
 TEST(SessionHandler, StartsOnceStopsTwiceAndKeepsItsStateWithoutALibrary)

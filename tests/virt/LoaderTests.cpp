@@ -8,21 +8,17 @@ class LoaderTest : public ChannelTest
 {
 };
 
-TEST_F(LoaderTest, AbsentLibraryFailsLoadAndInitAndSendsNothing)
+TEST_F(LoaderTest, AbsentThenIncompleteThenCompleteLibraryWithAFailingSkInit)
 {
-    RemoveLibrary();
+    ::DeleteFileW(SkApi::LibraryPath().c_str());
     EXPECT_FALSE(SkApiLoadLib());
     EXPECT_EQ(static_cast<DWORD>(ERROR_MOD_NOT_FOUND), ::GetLastError());
     EXPECT_EQ(nullptr, SkApi::LoadedModule());
-
     EXPECT_FALSE(m_server->Init());
     EXPECT_TRUE(m_logger->Contains(L"CVirtServer::Init: : SkApiLoadLib() failed. LastError=126"));
     EXPECT_FALSE(m_server->IsInitialized());
     EXPECT_EQ(0, m_server->SendURL(1, L"https://example.org/"));
-}
 
-TEST_F(LoaderTest, LibraryMissingOneExportIsRefusedButASecondCallSaysTrue)
-{
     ASSERT_TRUE(InstallLibrary(VIRT_INCOMPLETE_DLL));
     EXPECT_FALSE(SkApiLoadLib());
     EXPECT_EQ(static_cast<DWORD>(ERROR_PROC_NOT_FOUND), ::GetLastError());
@@ -31,30 +27,21 @@ TEST_F(LoaderTest, LibraryMissingOneExportIsRefusedButASecondCallSaysTrue)
     EXPECT_NE(nullptr, SkApi::pfnSkInit);
     // Only the module handle is looked at the second time: kept as it has always been.
     EXPECT_TRUE(SkApiLoadLib());
-
     SkApiFreeLib();
     EXPECT_EQ(nullptr, SkApi::LoadedModule());
     EXPECT_EQ(nullptr, SkApi::pfnSkInit);
     EXPECT_EQ(nullptr, SkApi::pfnSkReadData);
-}
 
-// The calls themselves are exercised by every channel test; here only that the table is whole.
-TEST_F(LoaderTest, CompleteLibraryLoadsAndFailingSkInitFreesTheServer)
-{
+    // The calls themselves are exercised by every channel test; here only that the table is whole.
     ASSERT_TRUE(InstallLibrary(VIRT_STANDIN_DLL));
     ASSERT_TRUE(SkApiLoadLib());
     for (const char* name : SkApi::ExportNames)
         EXPECT_NE(nullptr, ::GetProcAddress(SkApi::LoadedModule(), name)) << name;
-    auto failNext = reinterpret_cast<PFN_StandinFailNextInit>(
-        reinterpret_cast<void (*)()>(::GetProcAddress(SkApi::LoadedModule(), "StandinFailNextInit")));
-    ASSERT_NE(nullptr, failNext);
-    failNext(1234);
-
+    Export<PFN_StandinFailNextInit>("StandinFailNextInit")(1234);
     EXPECT_FALSE(m_server->Init());
     EXPECT_TRUE(m_logger->Contains(L"CVirtServer::Init: : SkInit() failed. Error=1234"));
     EXPECT_TRUE(m_logger->Contains(L"CVirtServer::Free: : Success"));
     EXPECT_FALSE(m_server->IsInitialized());
-
     // The next attempt goes through.
     EXPECT_TRUE(m_server->Init());
     EXPECT_TRUE(m_server->Init()); // already initialised

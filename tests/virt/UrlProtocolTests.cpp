@@ -39,20 +39,6 @@ TEST(SubmitMessage, HeaderReservedWordAndUtf8TextWithoutTerminator)
     EXPECT_EQ(Of(url), Bytes(message.begin() + 12, message.end()));
 }
 
-TEST(Header, LittleEndianBothWaysAndDisplayNames)
-{
-    const auto bytes = EncodeHeader({0x04030201, 0x08070605});
-    EXPECT_EQ((std::array<uint8_t, 8>{1, 2, 3, 4, 5, 6, 7, 8}), bytes);
-    const UrlNetHeader back = DecodeHeader(bytes.data());
-    EXPECT_EQ(0x04030201u, back.command);
-    EXPECT_EQ(0x08070605u, back.cbData);
-
-    EXPECT_STREQ("eUrlNet_Handshake", CommandName(0));
-    EXPECT_STREQ("eUrlNet_Submit", CommandName(1));
-    EXPECT_STREQ("undefined command", CommandName(2));
-    EXPECT_STREQ("undefined command", CommandName(0xFFFFFFFF));
-}
-
 namespace
 {
 // What the service writes for a handshake followed by two messages.
