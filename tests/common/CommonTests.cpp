@@ -23,13 +23,7 @@ TEST(UniqueHandle, ResetClosesAndKeepsLastError)
     EXPECT_FALSE(event);
     // The handle value is closed: using it fails.
     EXPECT_FALSE(::SetEvent(raw));
-
-    daxlib::unique_hfile file;
-    EXPECT_EQ(INVALID_HANDLE_VALUE, file.get());
-    daxlib::unique_handle moved(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    daxlib::unique_handle target = std::move(moved);
-    EXPECT_FALSE(moved);
-    EXPECT_TRUE(target);
+    EXPECT_EQ(INVALID_HANDLE_VALUE, daxlib::unique_hfile().get());
 }
 
 TEST(WideFormat, CutsLongTextAndKeepsWindowsConventions)

@@ -1,5 +1,7 @@
 #include "tests/common/TestSupport.h"
 
+#include "common/UniqueHandle.h"
+
 #include <tlhelp32.h>
 
 #include <atomic>
@@ -41,16 +43,11 @@ void RemoveTree(const std::wstring& path)
     {
         WIN32_FIND_DATAW data;
         HANDLE find = ::FindFirstFileW((path + L"\\*").c_str(), &data);
+        for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = ::FindNextFileW(find, &data))
+            if (std::wstring name = data.cFileName; name != L"." && name != L"..")
+                RemoveTree(path + L"\\" + name);
         if (find != INVALID_HANDLE_VALUE)
-        {
-            do
-            {
-                const std::wstring name = data.cFileName;
-                if (name != L"." && name != L"..")
-                    RemoveTree(path + L"\\" + name);
-            } while (::FindNextFileW(find, &data));
             ::FindClose(find);
-        }
     }
     if (attributes & FILE_ATTRIBUTE_DIRECTORY)
         ::RemoveDirectoryW(path.c_str());
@@ -117,15 +114,14 @@ long long CountProcessHandles(DWORD processId)
 
 long long CountProcessThreads(DWORD processId)
 {
-    HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    if (snapshot == INVALID_HANDLE_VALUE)
+    daxlib::unique_hfile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    if (!snapshot)
         return -1;
     THREADENTRY32 entry{};
     entry.dwSize = sizeof(entry);
     long long count = 0;
-    for (BOOL more = ::Thread32First(snapshot, &entry); more; more = ::Thread32Next(snapshot, &entry))
+    for (BOOL more = ::Thread32First(snapshot.get(), &entry); more; more = ::Thread32Next(snapshot.get(), &entry))
         count += entry.th32OwnerProcessID == processId ? 1 : 0;
-    ::CloseHandle(snapshot);
     return count;
 }
 
@@ -143,16 +139,14 @@ bool Eventually(const std::function<bool()>& condition, std::chrono::millisecond
 
 std::string ReadFileBytes(const std::wstring& path)
 {
-    HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
-        return {};
+    daxlib::unique_hfile file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                            OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     std::string bytes;
     char chunk[65536];
     DWORD read = 0;
-    while (::ReadFile(file, chunk, sizeof(chunk), &read, nullptr) && read > 0)
+    while (file && ::ReadFile(file.get(), chunk, sizeof(chunk), &read, nullptr) && read > 0)
         bytes.append(chunk, read);
-    ::CloseHandle(file);
     return bytes;
 }
 

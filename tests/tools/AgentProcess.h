@@ -37,37 +37,30 @@ inline AgentRun RunAgent(const std::wstring& arguments, DWORD limitMs = 20000)
     AgentRun run;
     testing_support::TempDir dir(L"velomar-open-run");
     SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
-    auto open = [&](const wchar_t* name) {
-        return daxlib::unique_hfile(::CreateFileW(dir.File(name).c_str(), GENERIC_WRITE, FILE_SHARE_READ, &inherit,
-                                                  CREATE_ALWAYS, 0, nullptr));
-    };
-    daxlib::unique_hfile out = open(L"out.txt");
-    daxlib::unique_hfile err = open(L"err.txt");
+    daxlib::unique_hfile files[2];
+    for (int i = 0; i < 2; ++i)
+        files[i].reset(::CreateFileW(dir.File(i ? L"err.txt" : L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ,
+                                     &inherit, CREATE_ALWAYS, 0, nullptr));
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = nullptr;
-    startup.hStdOutput = out.get();
-    startup.hStdError = err.get();
+    startup.hStdOutput = files[0].get();
+    startup.hStdError = files[1].get();
     std::wstring commandLine = L"\"" + AgentExePath() + L"\" " + arguments;
     PROCESS_INFORMATION info{};
     const auto start = std::chrono::steady_clock::now();
     if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
                           &startup, &info))
         return run;
-    daxlib::unique_handle process(info.hProcess);
-    daxlib::unique_handle thread(info.hThread);
+    daxlib::unique_handle process(info.hProcess), thread(info.hThread);
     run.processId = info.dwProcessId;
     run.ended = ::WaitForSingleObject(process.get(), limitMs) == WAIT_OBJECT_0;
     run.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-    if (!run.ended)
-    {
-        ::TerminateProcess(process.get(), 99);
+    if (!run.ended && ::TerminateProcess(process.get(), 99))
         ::WaitForSingleObject(process.get(), 5000);
-    }
     ::GetExitCodeProcess(process.get(), &run.exitCode);
-    out.reset();
-    err.reset();
+    files[0].reset();
+    files[1].reset();
     run.out = testing_support::ReadFileBytes(dir.File(L"out.txt"));
     run.err = testing_support::ReadFileBytes(dir.File(L"err.txt"));
     return run;
