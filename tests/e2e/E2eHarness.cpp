@@ -44,11 +44,6 @@ std::wstring WindowsPath(const char* unixPath)
     return path;
 }
 
-std::wstring Describe(const wchar_t* what, DWORD error)
-{
-    return std::wstring(what) + L" failed, error " + std::to_wstring(error);
-}
-
 // Everything after the first line of a skeinctl reply (its "ok"), line by line.
 std::vector<std::string> ReplyLines(const CtlResult& reply)
 {
@@ -69,12 +64,15 @@ std::vector<std::string> ReplyLines(const CtlResult& reply)
 
 ServiceRun::ServiceRun(const ServiceOptions& options)
 {
+    // Each step that fails names itself with its error; the later steps are skipped.
+    const auto step = [this](bool ok, const wchar_t* what) {
+        if (m_error.empty() && !ok)
+            m_error = std::wstring(what) + L" failed, error " + std::to_wstring(::GetLastError());
+        return m_error.empty();
+    };
     m_scm.reset(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    if (!m_scm)
-    {
-        m_error = Describe(L"OpenSCManagerW", ::GetLastError());
+    if (!step(m_scm.valid(), L"OpenSCManagerW"))
         return;
-    }
     Remove(); // a registration left behind by an aborted run
 
     // A fresh log, so that what a case reads is its own service run's.
@@ -82,44 +80,34 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
     ::DeleteFileW(kSinkFile);
     ::DeleteFileW(kScenarioPath);
     ::DeleteFileW(kLibraryPath);
+    step(::GetFileAttributesW(kLibraryPath) == INVALID_FILE_ATTRIBUTES, L"removing the stand-in library");
     daxlib::unique_hkey key;
-    if (::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kProductKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(),
-                          nullptr) != ERROR_SUCCESS)
-    {
-        m_error = L"the product key cannot be created";
-        return;
-    }
-    ::RegSetValueExW(key.get(), L"LogLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&options.logLevel),
-                     sizeof(options.logLevel));
-
-    if (::GetFileAttributesW(kLibraryPath) != INVALID_FILE_ATTRIBUTES)
-        m_error = L"the stand-in library cannot be removed";
+    step(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kProductKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(),
+                           nullptr) == ERROR_SUCCESS &&
+             ::RegSetValueExW(key.get(), L"LogLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&options.logLevel),
+                              sizeof(options.logLevel)) == ERROR_SUCCESS,
+         L"writing the log level");
     if (options.installLibrary)
     {
         const std::wstring folder = kLibraryFolder;
         for (size_t slash = folder.find(L'\\', 3); slash != std::wstring::npos; slash = folder.find(L'\\', slash + 1))
             ::CreateDirectoryW(folder.substr(0, slash).c_str(), nullptr);
         ::CreateDirectoryW(kLibraryFolder, nullptr);
-        if (!::CopyFileW(WindowsPath(STANDIN_DLL).c_str(), kLibraryPath, FALSE))
-            m_error = Describe(L"installing the stand-in library", ::GetLastError());
-        if (!options.scenario.empty())
-        {
-            daxlib::unique_hfile file(::CreateFileW(kScenarioPath, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-            DWORD written = 0;
-            if (!::WriteFile(file.get(), options.scenario.data(), static_cast<DWORD>(options.scenario.size()),
-                             &written, nullptr))
-                m_error = Describe(L"writing the scenario", ::GetLastError());
-        }
+        step(::CopyFileW(WindowsPath(STANDIN_DLL).c_str(), kLibraryPath, FALSE), L"installing the stand-in library");
+        daxlib::unique_hfile file(options.scenario.empty() ? INVALID_HANDLE_VALUE
+                                                           : ::CreateFileW(kScenarioPath, GENERIC_WRITE, 0, nullptr,
+                                                                           CREATE_ALWAYS, 0, nullptr));
+        DWORD written = 0;
+        step(options.scenario.empty() || ::WriteFile(file.get(), options.scenario.data(),
+                                                     static_cast<DWORD>(options.scenario.size()), &written, nullptr),
+             L"writing the scenario");
     }
-    if (!m_error.empty())
-        return;
-
     const std::wstring binary = L"\"" + WindowsPath(VELOMARD_EXE) + L"\"";
-    m_service.reset(::CreateServiceW(m_scm.get(), L"velomard", L"velomard", SERVICE_ALL_ACCESS,
-                                     SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-                                     binary.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
-    if (!m_service)
-        m_error = Describe(L"CreateServiceW", ::GetLastError());
+    if (m_error.empty())
+        m_service.reset(::CreateServiceW(m_scm.get(), L"velomard", L"velomard", SERVICE_ALL_ACCESS,
+                                         SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
+                                         binary.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+    step(m_service.valid(), L"CreateServiceW");
 }
 
 ServiceRun::~ServiceRun()
@@ -177,7 +165,6 @@ ServiceRun::StopOutcome ServiceRun::Stop()
     const auto sent = std::chrono::steady_clock::now();
     SERVICE_STATUS status{};
     outcome.controlAccepted = Control(SERVICE_CONTROL_STOP, status) != FALSE;
-    outcome.controlError = outcome.controlAccepted ? 0 : ::GetLastError();
     outcome.reportedState = status.dwCurrentState;
     if (outcome.controlAccepted && process && ::WaitForSingleObject(process.get(), 10000) == WAIT_OBJECT_0)
     {
@@ -275,7 +262,7 @@ std::string ToUtf8(std::u16string_view text)
 bool AgentPipe::Connect(milliseconds limit)
 {
     const auto end = std::chrono::steady_clock::now() + limit;
-    for (;;)
+    do
     {
         m_pipe.reset(::CreateFileW(kAgentPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                    FILE_FLAG_OVERLAPPED, nullptr));
@@ -284,15 +271,11 @@ bool AgentPipe::Connect(milliseconds limit)
             m_event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
             return m_event.valid();
         }
-        const DWORD error = ::GetLastError();
-        const auto left = std::chrono::duration_cast<milliseconds>(end - std::chrono::steady_clock::now());
-        if (left.count() <= 0)
-            return false;
-        if (error == ERROR_PIPE_BUSY)
-            ::WaitNamedPipeW(kAgentPipe, static_cast<DWORD>(std::min<long long>(left.count(), 1000)));
-        else
-            ::Sleep(20); // not listening yet, or between instances
-    }
+        // Busy: waits for a free instance; not listening yet, or between instances: a moment.
+        if (!::WaitNamedPipeW(kAgentPipe, 1000))
+            ::Sleep(20);
+    } while (std::chrono::steady_clock::now() < end);
+    return false;
 }
 
 DWORD AgentPipe::Io(bool write, void* bytes, size_t size, milliseconds limit, DWORD& error)

@@ -55,7 +55,6 @@ public:
     struct StopOutcome
     {
         bool controlAccepted = false;
-        DWORD controlError = 0;  // when the control manager refused the control
         DWORD reportedState = 0; // the state ControlService handed back
         bool processEnded = false;
         DWORD exitCode = 0xFFFFFFFF;
