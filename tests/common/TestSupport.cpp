@@ -4,6 +4,7 @@
 
 #include <tlhelp32.h>
 
+#include <algorithm>
 #include <atomic>
 #include <vector>
 
@@ -135,6 +136,46 @@ bool Eventually(const std::function<bool()>& condition, std::chrono::millisecond
         ::Sleep(5);
     }
     return true;
+}
+
+ProcessRun RunProcess(std::wstring commandLine, DWORD limitMs)
+{
+    ProcessRun run;
+    TempDir dir(L"velomar-run");
+    SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+    daxlib::unique_hfile files[2];
+    for (int i = 0; i < 2; ++i)
+        files[i].reset(::CreateFileW(dir.File(i ? L"err.txt" : L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ,
+                                     &inherit, CREATE_ALWAYS, 0, nullptr));
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = files[0].get();
+    startup.hStdError = files[1].get();
+    PROCESS_INFORMATION info{};
+    const auto start = std::chrono::steady_clock::now();
+    if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
+                          &startup, &info))
+        return run;
+    daxlib::unique_handle process(info.hProcess), thread(info.hThread);
+    run.processId = info.dwProcessId;
+    run.ended = ::WaitForSingleObject(process.get(), limitMs) == WAIT_OBJECT_0;
+    run.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    if (!run.ended && ::TerminateProcess(process.get(), 99))
+        ::WaitForSingleObject(process.get(), 5000);
+    ::GetExitCodeProcess(process.get(), &run.exitCode);
+    files[0].reset();
+    files[1].reset();
+    run.out = ReadFileBytes(dir.File(L"out.txt"));
+    run.err = ReadFileBytes(dir.File(L"err.txt"));
+    return run;
+}
+
+std::wstring BuildPath(const std::string& path)
+{
+    std::wstring windows(path.begin(), path.end());
+    std::replace(windows.begin(), windows.end(), L'/', L'\\');
+    return !windows.empty() && windows[0] == L'\\' ? L"Z:" + windows : windows;
 }
 
 std::string ReadFileBytes(const std::wstring& path)

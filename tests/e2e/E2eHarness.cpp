@@ -35,15 +35,6 @@ const wchar_t kAgentPipe[] = L"\\\\.\\pipe\\9FEA9DA6-BEA1-479B-9819-F9031E0B69EE
 
 using std::chrono::milliseconds;
 
-// "/a/b" -> "Z:\a\b": the build tree as the Windows side sees it.
-std::wstring WindowsPath(const char* unixPath)
-{
-    std::wstring path = L"Z:";
-    for (const char* p = unixPath; *p; ++p)
-        path += *p == '/' ? L'\\' : static_cast<wchar_t>(static_cast<unsigned char>(*p));
-    return path;
-}
-
 // Everything after the first line of a skeinctl reply (its "ok"), line by line.
 std::vector<std::string> ReplyLines(const CtlResult& reply)
 {
@@ -93,7 +84,8 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
         for (size_t slash = folder.find(L'\\', 3); slash != std::wstring::npos; slash = folder.find(L'\\', slash + 1))
             ::CreateDirectoryW(folder.substr(0, slash).c_str(), nullptr);
         ::CreateDirectoryW(kLibraryFolder, nullptr);
-        step(::CopyFileW(WindowsPath(STANDIN_DLL).c_str(), kLibraryPath, FALSE), L"installing the stand-in library");
+        step(::CopyFileW(testing_support::BuildPath(STANDIN_DLL).c_str(), kLibraryPath, FALSE),
+             L"installing the stand-in library");
         daxlib::unique_hfile file(options.scenario.empty() ? INVALID_HANDLE_VALUE
                                                            : ::CreateFileW(kScenarioPath, GENERIC_WRITE, 0, nullptr,
                                                                            CREATE_ALWAYS, 0, nullptr));
@@ -102,7 +94,7 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
                                                      static_cast<DWORD>(options.scenario.size()), &written, nullptr),
              L"writing the scenario");
     }
-    const std::wstring binary = L"\"" + WindowsPath(VELOMARD_EXE) + L"\"";
+    const std::wstring binary = L"\"" + testing_support::BuildPath(VELOMARD_EXE) + L"\"";
     if (m_error.empty())
         m_service.reset(::CreateServiceW(m_scm.get(), L"velomard", L"velomard", SERVICE_ALL_ACCESS,
                                          SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
@@ -200,33 +192,11 @@ std::wstring WaitForLog(const std::wstring& fragment, milliseconds limit, size_t
 
 CtlResult Skeinctl(const std::string& words)
 {
-    CtlResult result;
-    SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
-    HANDLE readEnd = nullptr, writeEnd = nullptr;
-    if (!::CreatePipe(&readEnd, &writeEnd, &inherit, 0))
-        return result;
-    daxlib::unique_handle reader(readEnd), writer(writeEnd);
-    ::SetHandleInformation(reader.get(), HANDLE_FLAG_INHERIT, 0);
-
-    std::wstring commandLine = L"\"" + WindowsPath(SKEINCTL_EXE) + L"\" " + std::wstring(words.begin(), words.end());
-    STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = startup.hStdError = writer.get();
-    PROCESS_INFORMATION info{};
-    if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
-                          &startup, &info))
-        return result;
-    daxlib::unique_handle process(info.hProcess), thread(info.hThread);
-    writer.reset(); // the child's copy is the last write end: end of output means it has exited
-
-    char chunk[4096];
-    DWORD got = 0;
-    while (::ReadFile(reader.get(), chunk, sizeof(chunk), &got, nullptr) && got > 0)
-        std::copy_if(chunk, chunk + got, std::back_inserter(result.output), [](char c) { return c != '\r'; });
-    DWORD code = 0;
-    if (::WaitForSingleObject(process.get(), 30000) == WAIT_OBJECT_0 && ::GetExitCodeProcess(process.get(), &code))
-        result.exitCode = static_cast<int>(code);
+    const auto run = testing_support::RunProcess(
+        L"\"" + testing_support::BuildPath(SKEINCTL_EXE) + L"\" " + std::wstring(words.begin(), words.end()), 30000);
+    CtlResult result{run.ended ? static_cast<int>(run.exitCode) : -1, {}};
+    const std::string output = run.out + run.err;
+    std::copy_if(output.begin(), output.end(), std::back_inserter(result.output), [](char c) { return c != '\r'; });
     return result;
 }
 
