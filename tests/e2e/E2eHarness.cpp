@@ -271,8 +271,12 @@ DWORD AgentPipe::Io(bool write, void* bytes, size_t size, milliseconds limit, DW
 
 bool AgentPipe::Write(const void* bytes, size_t size, milliseconds limit)
 {
+    auto* next = static_cast<uint8_t*>(const_cast<void*>(bytes));
     DWORD error = 0;
-    return Io(true, const_cast<void*>(bytes), size, limit, error) == size && error == 0;
+    for (const size_t chunk = m_trickle ? 1 : size; size > 0; size -= chunk, next += chunk)
+        if (Io(true, next, chunk, limit, error) != chunk || error != 0)
+            return false;
+    return true;
 }
 
 bool AgentPipe::ReadExact(void* bytes, size_t size, milliseconds limit)

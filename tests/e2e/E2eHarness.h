@@ -93,6 +93,8 @@ std::string ToUtf8(std::u16string_view text);
 class AgentPipe
 {
 public:
+    // A trickling agent writes every byte on its own.
+    explicit AgentPipe(bool trickle = false) : m_trickle(trickle) {}
     // Opens the pipe, waiting through "busy" up to the limit.
     bool Connect(std::chrono::milliseconds limit = std::chrono::seconds(10));
     void Close() { m_pipe.reset(); }
@@ -117,6 +119,7 @@ private:
     // `error` why it failed (0 when it did not).
     DWORD Io(bool write, void* bytes, size_t size, std::chrono::milliseconds limit, DWORD& error);
 
+    bool m_trickle = false;
     daxlib::unique_hfile m_pipe;
     daxlib::unique_handle m_event; // one overlapped call at a time
 };
