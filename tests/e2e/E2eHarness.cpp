@@ -136,7 +136,10 @@ std::vector<DWORD> ServiceRun::Start(milliseconds limit)
 {
     std::vector<DWORD> seen;
     if (!m_service || !::StartServiceW(m_service.get(), 0, nullptr))
+    {
+        m_error = L"StartServiceW failed, error " + std::to_wstring(::GetLastError());
         return seen;
+    }
     WaitUntil(
         [&] {
             const DWORD state = Query().dwCurrentState;

@@ -44,7 +44,7 @@ public:
     ServiceRun(const ServiceRun&) = delete;
     ServiceRun& operator=(const ServiceRun&) = delete;
 
-    // Empty on success, otherwise what went wrong.
+    // Empty on success, otherwise what went wrong in the setup or the start.
     const std::wstring& SetupError() const { return m_error; }
     // Starts the service and waits until it reports running; the states seen on the way.
     std::vector<DWORD> Start(std::chrono::milliseconds limit = std::chrono::seconds(30));

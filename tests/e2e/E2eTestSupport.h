@@ -15,9 +15,10 @@ namespace e2e
 // running.
 inline void StartRunning(ServiceRun& run)
 {
-    ASSERT_TRUE(run.SetupError().empty()) << std::string(run.SetupError().begin(), run.SetupError().end());
+    const auto error = [&] { return std::string(run.SetupError().begin(), run.SetupError().end()); };
+    ASSERT_TRUE(run.SetupError().empty()) << error();
     const std::vector<DWORD> states = run.Start();
-    ASSERT_FALSE(states.empty()) << "StartServiceW failed";
+    ASSERT_FALSE(states.empty()) << error();
     ASSERT_EQ(static_cast<DWORD>(SERVICE_RUNNING), states.back());
     for (size_t i = 0; i + 1 < states.size(); ++i)
         EXPECT_EQ(static_cast<DWORD>(SERVICE_START_PENDING), states[i]) << "state " << i;
