@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <sstream>
 
 #ifndef VELOMARD_EXE
 #error VELOMARD_EXE names the built service executable
@@ -35,19 +36,16 @@ const wchar_t kAgentPipe[] = L"\\\\.\\pipe\\9FEA9DA6-BEA1-479B-9819-F9031E0B69EE
 
 using std::chrono::milliseconds;
 
-// Everything after the first line of a skeinctl reply (its "ok"), line by line.
+// The lines of a skeinctl reply after its first ("ok"); none when it failed.
 std::vector<std::string> ReplyLines(const CtlResult& reply)
 {
     std::vector<std::string> lines;
-    size_t start = reply.output.find('\n');
-    while (reply.exitCode == 0 && start != std::string::npos)
-    {
-        const size_t end = reply.output.find('\n', start + 1);
-        const std::string line = reply.output.substr(start + 1, end == std::string::npos ? end : end - start - 1);
-        if (!line.empty())
-            lines.push_back(line);
-        start = end;
-    }
+    std::istringstream in(reply.exitCode == 0 ? reply.output : std::string());
+    for (std::string line; std::getline(in, line);)
+        lines.push_back(line);
+    if (!lines.empty())
+        lines.erase(lines.begin());
+    std::erase(lines, std::string());
     return lines;
 }
 
@@ -210,16 +208,13 @@ std::vector<std::string> ReceivedUrls(uint32_t session)
 
 std::map<std::string, unsigned> SessionStats(uint32_t session)
 {
-    // "ok" then "name=value" words.
+    // "ok name=value name=value ..."
     const CtlResult reply = Skeinctl("stats " + std::to_string(session));
     std::map<std::string, unsigned> stats;
-    for (size_t at = 0; reply.exitCode == 0 && (at = reply.output.find('=', at)) != std::string::npos; ++at)
-    {
-        const size_t blank = reply.output.find_last_of(" \n", at);
-        const size_t nameStart = blank == std::string::npos ? 0 : blank + 1;
-        stats[reply.output.substr(nameStart, at - nameStart)] =
-            static_cast<unsigned>(std::strtoul(reply.output.c_str() + at + 1, nullptr, 10));
-    }
+    std::istringstream words(reply.exitCode == 0 ? reply.output : std::string());
+    for (std::string word; words >> word;)
+        if (const size_t eq = word.find('='); eq != std::string::npos)
+            stats[word.substr(0, eq)] = static_cast<unsigned>(std::strtoul(word.c_str() + eq + 1, nullptr, 10));
     return stats;
 }
 
