@@ -4,6 +4,7 @@
 #include "common/ICvLogger.h"
 #include "common/WideFormat.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -52,30 +53,23 @@ public:
     size_t Count(const std::wstring& fragment) const
     {
         std::lock_guard lock(m_mutex);
-        size_t n = 0;
-        for (const auto& r : m_records)
-            n += r.text.find(fragment) != std::wstring::npos ? 1 : 0;
-        return n;
+        return CountLocked(fragment);
     }
     bool Contains(const std::wstring& fragment) const { return Count(fragment) > 0; }
     // Waits until at least `times` records contain the fragment.
     bool WaitFor(const std::wstring& fragment, std::chrono::milliseconds limit, size_t times = 1) const
     {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, limit, [&] {
-            size_t n = 0;
-            for (const auto& r : m_records)
-                n += r.text.find(fragment) != std::wstring::npos ? 1 : 0;
-            return n >= times;
-        });
-    }
-    void Clear()
-    {
-        std::lock_guard lock(m_mutex);
-        m_records.clear();
+        return m_changed.wait_for(lock, limit, [&] { return CountLocked(fragment) >= times; });
     }
 
 private:
+    size_t CountLocked(const std::wstring& fragment) const
+    {
+        return static_cast<size_t>(std::count_if(m_records.begin(), m_records.end(), [&](const LogRecord& r) {
+            return r.text.find(fragment) != std::wstring::npos;
+        }));
+    }
     void Add(LogRecord record)
     {
         {

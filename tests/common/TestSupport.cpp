@@ -1,7 +1,10 @@
 #include "tests/common/TestSupport.h"
 
+#include "common/UniqueHandle.h"
+
 #include <tlhelp32.h>
 
+#include <algorithm>
 #include <atomic>
 #include <vector>
 
@@ -41,16 +44,11 @@ void RemoveTree(const std::wstring& path)
     {
         WIN32_FIND_DATAW data;
         HANDLE find = ::FindFirstFileW((path + L"\\*").c_str(), &data);
+        for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = ::FindNextFileW(find, &data))
+            if (std::wstring name = data.cFileName; name != L"." && name != L"..")
+                RemoveTree(path + L"\\" + name);
         if (find != INVALID_HANDLE_VALUE)
-        {
-            do
-            {
-                const std::wstring name = data.cFileName;
-                if (name != L"." && name != L"..")
-                    RemoveTree(path + L"\\" + name);
-            } while (::FindNextFileW(find, &data));
             ::FindClose(find);
-        }
     }
     if (attributes & FILE_ATTRIBUTE_DIRECTORY)
         ::RemoveDirectoryW(path.c_str());
@@ -117,15 +115,14 @@ long long CountProcessHandles(DWORD processId)
 
 long long CountProcessThreads(DWORD processId)
 {
-    HANDLE snapshot = ::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    if (snapshot == INVALID_HANDLE_VALUE)
+    daxlib::unique_hfile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0));
+    if (!snapshot)
         return -1;
     THREADENTRY32 entry{};
     entry.dwSize = sizeof(entry);
     long long count = 0;
-    for (BOOL more = ::Thread32First(snapshot, &entry); more; more = ::Thread32Next(snapshot, &entry))
+    for (BOOL more = ::Thread32First(snapshot.get(), &entry); more; more = ::Thread32Next(snapshot.get(), &entry))
         count += entry.th32OwnerProcessID == processId ? 1 : 0;
-    ::CloseHandle(snapshot);
     return count;
 }
 
@@ -141,18 +138,56 @@ bool Eventually(const std::function<bool()>& condition, std::chrono::millisecond
     return true;
 }
 
+ProcessRun RunProcess(std::wstring commandLine, DWORD limitMs)
+{
+    ProcessRun run;
+    TempDir dir(L"velomar-run");
+    SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
+    daxlib::unique_hfile files[2];
+    for (int i = 0; i < 2; ++i)
+        files[i].reset(::CreateFileW(dir.File(i ? L"err.txt" : L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ,
+                                     &inherit, CREATE_ALWAYS, 0, nullptr));
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdOutput = files[0].get();
+    startup.hStdError = files[1].get();
+    PROCESS_INFORMATION info{};
+    const auto start = std::chrono::steady_clock::now();
+    if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
+                          &startup, &info))
+        return run;
+    daxlib::unique_handle process(info.hProcess), thread(info.hThread);
+    run.processId = info.dwProcessId;
+    run.ended = ::WaitForSingleObject(process.get(), limitMs) == WAIT_OBJECT_0;
+    run.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    if (!run.ended && ::TerminateProcess(process.get(), 99))
+        ::WaitForSingleObject(process.get(), 5000);
+    ::GetExitCodeProcess(process.get(), &run.exitCode);
+    files[0].reset();
+    files[1].reset();
+    run.out = ReadFileBytes(dir.File(L"out.txt"));
+    run.err = ReadFileBytes(dir.File(L"err.txt"));
+    return run;
+}
+
+std::wstring BuildPath(const std::string& path)
+{
+    std::wstring windows(path.begin(), path.end());
+    std::replace(windows.begin(), windows.end(), L'/', L'\\');
+    return !windows.empty() && windows[0] == L'\\' ? L"Z:" + windows : windows;
+}
+
 std::string ReadFileBytes(const std::wstring& path)
 {
-    HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
-        return {};
+    daxlib::unique_hfile file(::CreateFileW(path.c_str(), GENERIC_READ,
+                                            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                            OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     std::string bytes;
     char chunk[65536];
     DWORD read = 0;
-    while (::ReadFile(file, chunk, sizeof(chunk), &read, nullptr) && read > 0)
+    while (file && ::ReadFile(file.get(), chunk, sizeof(chunk), &read, nullptr) && read > 0)
         bytes.append(chunk, read);
-    ::CloseHandle(file);
     return bytes;
 }
 

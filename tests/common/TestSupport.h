@@ -43,6 +43,20 @@ long long CountProcessThreads(DWORD processId = ::GetCurrentProcessId());
 bool Eventually(const std::function<bool()>& condition,
                 std::chrono::milliseconds limit = std::chrono::seconds(20));
 
+// A child process run to its end, or ended after the limit; its output is kept in files.
+struct ProcessRun
+{
+    bool ended = false;
+    DWORD exitCode = STILL_ACTIVE;
+    DWORD processId = 0;
+    std::chrono::milliseconds elapsed{0};
+    std::string out; // as written
+    std::string err;
+};
+ProcessRun RunProcess(std::wstring commandLine, DWORD limitMs = 20000);
+// A path CMake gave; a host path of the cross build ("/a/b") is reached through Z: ("Z:\a\b").
+std::wstring BuildPath(const std::string& path);
+
 // Reads a whole file; empty when it cannot be opened.
 std::string ReadFileBytes(const std::wstring& path);
 // Decodes UTF-16LE bytes (no byte-order mark) to a wide string.

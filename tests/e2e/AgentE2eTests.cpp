@@ -4,49 +4,15 @@
 #include "tests/e2e/E2eTestSupport.h"
 
 #include "pipeserver/AgentProtocol.h"
+#include "tests/common/TestSupport.h"
 
-#include <cstdio>
-#include <cstring>
+#include <algorithm>
+#include <array>
 #include <string>
 #include <vector>
 
 using namespace std::chrono_literals;
 using namespace e2e;
-
-namespace
-{
-
-// An open-URL message whose payload ends with the URL's last code unit: no NUL.
-std::vector<uint8_t> OpenUrlWithoutNul(std::u16string_view url)
-{
-    std::vector<uint8_t> message(8 + 4 + 2 * url.size());
-    agentpipe::StoreU32(message.data(), agentpipe::kTypeOpenUrl);
-    agentpipe::StoreU32(message.data() + 4, static_cast<uint32_t>(4 + 2 * url.size()));
-    for (size_t i = 0; i < url.size(); ++i)
-    {
-        message[12 + 2 * i] = static_cast<uint8_t>(url[i] & 0xFF);
-        message[13 + 2 * i] = static_cast<uint8_t>(url[i] >> 8);
-    }
-    return message;
-}
-
-std::string ReadSink()
-{
-    std::string bytes;
-    daxlib::unique_hfile file(::CreateFileW(kSinkFile, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                            OPEN_EXISTING, 0, nullptr));
-    char chunk[65536];
-    DWORD got = 0;
-    while (file && ::ReadFile(file.get(), chunk, sizeof(chunk), &got, nullptr) && got > 0)
-        bytes.append(chunk, got);
-    std::string text;
-    for (char c : bytes)
-        if (c != '\r')
-            text += c;
-    return text;
-}
-
-} // namespace
 
 // One service run at log level 3 carries the cases that need a fresh channel-id counter.
 TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
@@ -57,12 +23,7 @@ TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
     // Channel 1: the handshake and URLs of every shape, each its own submit, in order.
     AgentPipe first;
     ASSERT_TRUE(first.Connect());
-    const auto handshake = agentpipe::EncodeHandshake({0xA1B2C3D4u, 0x1122334455667788ull});
-    ASSERT_TRUE(first.Write(handshake));
-    uint8_t answer[24] = {};
-    ASSERT_TRUE(first.ReadExact(answer, sizeof(answer)));
-    const uint8_t expectedAnswer[24] = {0, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(0, std::memcmp(expectedAnswer, answer, sizeof(answer)));
+    ASSERT_TRUE(first.Handshake(0xA1B2C3D4u, 0x1122334455667788ull));
 
     std::vector<std::u16string> urls = {u"http://a.b/", u"https://\u4F8B.jp/\U0001F600",
                                         u"https://example.com/path?q=1&r=%20#frag"};
@@ -80,18 +41,17 @@ TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
     // payload without NUL ends the URL at the payload's end; the reserved word is not read.
     AgentPipe second;
     ASSERT_TRUE(second.Connect());
-    uint8_t typeTwo[8] = {2, 0, 0, 0, 0, 0, 0, 0};
-    uint8_t typeNine[8] = {9, 0, 0, 0, 0, 0, 0, 0};
-    ASSERT_TRUE(second.Write(typeTwo, sizeof(typeTwo)));
-    ASSERT_TRUE(second.Write(typeNine, sizeof(typeNine)));
+    for (uint8_t type : {2, 9})
+        ASSERT_TRUE(second.Write(std::vector<uint8_t>{type, 0, 0, 0, 0, 0, 0, 0}));
     EXPECT_TRUE(second.NothingArrives(300ms));
-    auto noNul = OpenUrlWithoutNul(u"https://example.com/no-nul");
+    auto noNul = agentpipe::EncodeOpenUrl(u"https://example.com/no-nul");
+    noNul.resize(noNul.size() - 2);
+    agentpipe::StoreU32(noNul.data() + 4, static_cast<uint32_t>(noNul.size() - 8));
     agentpipe::StoreU32(noNul.data() + 8, 0xFFFFFFFFu);
     ASSERT_TRUE(second.Write(noNul));
-    uint8_t urlAnswer[12] = {};
-    ASSERT_TRUE(second.ReadExact(urlAnswer, sizeof(urlAnswer)));
-    const uint8_t sent[12] = {1, 0, 0, 0, 4, 0, 0, 0, 0, 0, 0, 0};
-    EXPECT_EQ(0, std::memcmp(sent, urlAnswer, sizeof(urlAnswer))) << "the first answer is the URL's";
+    std::array<uint8_t, 12> urlAnswer{};
+    ASSERT_TRUE(second.ReadExact(urlAnswer.data(), urlAnswer.size()));
+    EXPECT_EQ(agentpipe::EncodeOpenUrlAnswer(agentpipe::kResultSent), urlAnswer) << "the first answer is the URL's";
     expected.push_back("https://example.com/no-nul");
     // Channel 3: connects, says nothing, goes.
     AgentPipe third;
@@ -105,27 +65,22 @@ TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
     std::string lines;
     for (const auto& url : expected)
         lines += url + "\n";
-    EXPECT_EQ(lines, ReadSink());
+    EXPECT_EQ(lines, testing_support::ReadFileBytes(kSinkFile));
 
-    // One at a time, so that the log's order is the order of the disconnects.
-    third.Close();
-    WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, 1);
-    second.Close();
-    WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, 2);
-    first.Close();
-    const std::wstring log = WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, 3);
-    const size_t one = log.find(L"ch: <1>");
-    const size_t two = log.find(L"ch: <2>");
-    const size_t three = log.find(L"ch: <3>");
+    // One at a time, so that the log's order is the order of the disconnects: the opposite of
+    // the connects, so each id must stay with its own connection.
+    std::wstring log;
+    size_t closed = 0;
+    for (AgentPipe* agent : {&third, &second, &first})
+    {
+        agent->Close();
+        log = WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, ++closed);
+    }
     EXPECT_EQ(3u, CountOf(log, L"client connected: h = 0x"));
-    ASSERT_NE(std::wstring::npos, one);
-    ASSERT_NE(std::wstring::npos, two);
-    ASSERT_NE(std::wstring::npos, three);
+    const std::vector<size_t> at = {log.find(L"ch: <3>"), log.find(L"ch: <2>"), log.find(L"ch: <1>")};
+    EXPECT_TRUE(std::is_sorted(at.begin(), at.end()) && at.back() != std::wstring::npos);
     EXPECT_EQ(std::wstring::npos, log.find(L"ch: <0>"));
     EXPECT_EQ(std::wstring::npos, log.find(L"ch: <4>"));
-    // Disconnected in the opposite order: each id stays with its own connection.
-    EXPECT_LT(three, two);
-    EXPECT_LT(two, one);
 }
 
 // Clients that leave around the moment the service takes them up, some before it has made
@@ -155,9 +110,6 @@ TEST(AgentE2e, ClientsThatVanishAroundTheirConnectAreIgnored)
         WaitForLog(L"CPipeServer::OnDisconnectedChannel", 10s, CountOf(log, L"client connected: h = 0x"));
     const size_t connected = CountOf(after, L"client connected: h = 0x");
     EXPECT_EQ(connected, CountOf(after, L"CPipeServer::OnDisconnectedChannel"));
-    std::printf("%zu of %d connects seen; %zu left before their handler, %zu before their stream was attached\n",
-                connected, kVanishing + 1, CountOf(after, L"client just disconnected: h = 0x"),
-                CountOf(after, L"Unable attach stream to pipe"));
     EXPECT_EQ(std::vector<std::string>{"https://example.com/after-the-vanished"}, ReceivedUrls(1));
     AgentPipe late;
     ASSERT_TRUE(late.Connect());

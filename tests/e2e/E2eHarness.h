@@ -19,15 +19,7 @@
 namespace e2e
 {
 
-extern const wchar_t kLibraryFolder[];
-extern const wchar_t kLibraryPath[];
-extern const wchar_t kScenarioPath[];
-extern const wchar_t kLogFile[];
 extern const wchar_t kSinkFile[];
-extern const wchar_t kAgentPipe[];
-
-// "/a/b" -> "Z:\a\b": the build tree as the Windows side sees it.
-std::wstring WindowsPath(const char* unixPath);
 
 struct ServiceOptions
 {
@@ -52,23 +44,23 @@ public:
     ServiceRun(const ServiceRun&) = delete;
     ServiceRun& operator=(const ServiceRun&) = delete;
 
-    // Empty on success, otherwise what went wrong.
+    // Empty on success, otherwise what went wrong in the setup or the start.
     const std::wstring& SetupError() const { return m_error; }
     // Starts the service and waits until it reports running; the states seen on the way.
     std::vector<DWORD> Start(std::chrono::milliseconds limit = std::chrono::seconds(30));
     SERVICE_STATUS_PROCESS Query() const;
     DWORD ProcessId() const { return Query().dwProcessId; }
+    BOOL Control(DWORD control, SERVICE_STATUS& status) { return ::ControlService(m_service.get(), control, &status); }
 
     struct StopOutcome
     {
         bool controlAccepted = false;
-        DWORD controlError = 0;  // when the control manager refused the control
         DWORD reportedState = 0; // the state ControlService handed back
         bool processEnded = false;
         DWORD exitCode = 0xFFFFFFFF;
         long long endedAfterMs = -1; // from the control to the end of the process
     };
-    StopOutcome Stop(DWORD control = SERVICE_CONTROL_STOP);
+    StopOutcome Stop();
 
 private:
     void Remove();
@@ -78,10 +70,9 @@ private:
     std::wstring m_error;
 };
 
-// The service's live log, decoded.
-std::wstring ReadLog();
-// Waits until the log holds `fragment` at least `times` times; the log as last read.
+// Waits until the service's log holds `fragment` at least `times` times; the log as last read.
 std::wstring WaitForLog(const std::wstring& fragment, std::chrono::milliseconds limit, size_t times = 1);
+std::wstring ReadLog();
 size_t CountOf(const std::wstring& text, const std::wstring& fragment);
 
 // Runs skeinctl with these words; its exit code and output (lines without carriage returns).
@@ -102,10 +93,10 @@ std::string ToUtf8(std::u16string_view text);
 class AgentPipe
 {
 public:
-    AgentPipe() = default;
+    // A trickling agent writes every byte on its own.
+    explicit AgentPipe(bool trickle = false) : m_trickle(trickle) {}
     // Opens the pipe, waiting through "busy" up to the limit.
     bool Connect(std::chrono::milliseconds limit = std::chrono::seconds(10));
-    bool Connected() const { return m_pipe.valid(); }
     void Close() { m_pipe.reset(); }
 
     bool Write(const void* bytes, size_t size, std::chrono::milliseconds limit = std::chrono::seconds(10));
@@ -124,9 +115,11 @@ public:
                                     std::chrono::milliseconds limit = std::chrono::seconds(10));
 
 private:
-    // Completes a started overlapped call within the limit, cancelling it otherwise.
-    bool Finish(BOOL started, OVERLAPPED& ov, DWORD& transferred, std::chrono::milliseconds limit);
+    // One overlapped call completed within the limit or cancelled; the bytes it moved, and in
+    // `error` why it failed (0 when it did not).
+    DWORD Io(bool write, void* bytes, size_t size, std::chrono::milliseconds limit, DWORD& error);
 
+    bool m_trickle = false;
     daxlib::unique_hfile m_pipe;
     daxlib::unique_handle m_event; // one overlapped call at a time
 };

@@ -4,27 +4,42 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cwchar>
 #include <string>
 
 namespace e2e
 {
 
-inline std::string Narrow(const std::wstring& text)
-{
-    std::string out;
-    for (wchar_t c : text)
-        out += c < 0x80 ? static_cast<char>(c) : '?';
-    return out;
-}
-
-// Registers and starts the service; fails the test when it does not reach running.
+// Registers and starts the service; fails the test unless it reports start-pending and then
+// running.
 inline void StartRunning(ServiceRun& run)
 {
-    ASSERT_TRUE(run.SetupError().empty()) << Narrow(run.SetupError());
+    const auto error = [&] { return std::string(run.SetupError().begin(), run.SetupError().end()); };
+    ASSERT_TRUE(run.SetupError().empty()) << error();
     const std::vector<DWORD> states = run.Start();
-    ASSERT_FALSE(states.empty()) << "StartServiceW failed";
+    ASSERT_FALSE(states.empty()) << error();
     ASSERT_EQ(static_cast<DWORD>(SERVICE_RUNNING), states.back());
+    for (size_t i = 0; i + 1 < states.size(); ++i)
+        EXPECT_EQ(static_cast<DWORD>(SERVICE_START_PENDING), states[i]) << "state " << i;
     ASSERT_NE(0u, run.ProcessId());
+}
+
+// Stops the service: stopped is reported at once, without a stop-pending phase, and the stop
+// thread ends the process with exit code 0 half a second later; nothing ends it earlier, which
+// would risk cutting off the answer to the stop control.
+inline void ExpectCleanStop(ServiceRun& run)
+{
+    const ServiceRun::StopOutcome stop = run.Stop();
+    EXPECT_TRUE(stop.controlAccepted);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), stop.reportedState);
+    ASSERT_TRUE(stop.processEnded);
+    EXPECT_EQ(0u, stop.exitCode);
+    EXPECT_GE(stop.endedAfterMs, 450);
+    EXPECT_LT(stop.endedAfterMs, 5000);
+    std::printf("service process ended %lld ms after the stop control\n", stop.endedAfterMs);
+    EXPECT_GE(CountOf(WaitForLog(L"CLogSvc::OnStop: Service Stopping...", std::chrono::seconds(5)),
+                      L"CLogSvc::OnStop: Service Stopping..."), 1u);
 }
 
 } // namespace e2e

@@ -1,3 +1,4 @@
+#include "common/UniqueHandle.h"
 #include "service/BaseService.h"
 #include "service/ServiceConfig.h"
 #include "tests/common/TestSupport.h"
@@ -86,66 +87,41 @@ TEST(ServiceDispatchTable, GrowsByTenAndStaysTerminated)
     EXPECT_GE(table.Capacity(), table.Count() + 1);
 }
 
-class ServiceLogSettings : public ::testing::Test
+// The log settings under the service's own key: defaults for what is missing, the values when
+// present, and the default name again when the stored one does not fit the 256-character buffer.
+TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
 {
-protected:
-    void SetUp() override
-    {
-        m_name = testing_support::UniqueName(L"velomar-config");
-        m_keyPath = L"System\\CurrentControlSet\\Services\\" + m_name;
-        ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, m_keyPath.c_str(), 0, nullptr, 0,
-                                                   KEY_ALL_ACCESS, nullptr, &m_key, nullptr));
-    }
-    void TearDown() override
-    {
-        ::RegCloseKey(m_key);
-        ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, m_keyPath.c_str());
-    }
-    std::wstring m_name;
-    std::wstring m_keyPath;
-    HKEY m_key = nullptr;
-};
-
-TEST_F(ServiceLogSettings, MissingValuesTakeDefaults)
-{
-    service::CServiceConfig config(m_name);
+    const std::wstring name = testing_support::UniqueName(L"velomar-config");
+    const std::wstring keyPath = L"System\\CurrentControlSet\\Services\\" + name;
+    daxlib::unique_hkey key;
+    ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
+                                               nullptr, key.put(), nullptr));
+    service::CServiceConfig config(name);
     std::wstring file;
     uint32_t level = 99;
     uint32_t maxSize = 0;
     ASSERT_TRUE(config.ReadServiceLogSettings(file, level, &maxSize));
-    EXPECT_EQ(m_name + L".log", file);
+    EXPECT_EQ(name + L".log", file);
     EXPECT_EQ(0u, level);
     EXPECT_EQ(104857600u, maxSize);
 
-    service::CServiceConfig velomard;
-    EXPECT_EQ(L"velomard", velomard.ServiceName());
+    const DWORD values[] = {3, 4096};
+    ::RegSetValueExW(key.get(), L"logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&values[0]), sizeof(DWORD));
+    ::RegSetValueExW(key.get(), L"logFileMaxSize", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&values[1]),
+                     sizeof(DWORD));
+    for (const std::wstring& stored : {std::wstring(L"custom.log"), std::wstring(300, L'n')})
+    {
+        ::RegSetValueExW(key.get(), L"logFileName", 0, REG_SZ, reinterpret_cast<const BYTE*>(stored.c_str()),
+                         static_cast<DWORD>((stored.size() + 1) * sizeof(wchar_t)));
+        ASSERT_TRUE(config.ReadServiceLogSettings(file, level, &maxSize));
+        EXPECT_EQ(stored.size() < 256 ? stored : name + L".log", file);
+        EXPECT_EQ(3u, level);
+        EXPECT_EQ(4096u, maxSize);
+    }
+    key.reset();
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, keyPath.c_str());
+
+    EXPECT_EQ(L"velomard", service::CServiceConfig().ServiceName());
     service::CServiceConfig missing(testing_support::UniqueName(L"velomar-absent"));
     EXPECT_FALSE(missing.ReadServiceLogSettings(file, level, nullptr));
-}
-
-TEST_F(ServiceLogSettings, ValuesAreTakenAndOverlongNameFallsBack)
-{
-    const DWORD level = 3;
-    const DWORD maxSize = 4096;
-    const std::wstring name = L"custom.log";
-    ::RegSetValueExW(m_key, L"logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&level), sizeof(level));
-    ::RegSetValueExW(m_key, L"logFileMaxSize", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&maxSize),
-                     sizeof(maxSize));
-    ::RegSetValueExW(m_key, L"logFileName", 0, REG_SZ, reinterpret_cast<const BYTE*>(name.c_str()),
-                     static_cast<DWORD>((name.size() + 1) * sizeof(wchar_t)));
-    service::CServiceConfig config(m_name);
-    std::wstring file;
-    uint32_t readLevel = 0;
-    uint32_t readMax = 0;
-    ASSERT_TRUE(config.ReadServiceLogSettings(file, readLevel, &readMax));
-    EXPECT_EQ(name, file);
-    EXPECT_EQ(3u, readLevel);
-    EXPECT_EQ(4096u, readMax);
-
-    // 300 characters do not fit the 256-character buffer: the read fails and the default wins.
-    const std::wstring longName(300, L'n');
-    ::RegSetValueExW(m_key, L"logFileName", 0, REG_SZ, reinterpret_cast<const BYTE*>(longName.c_str()),
-                     static_cast<DWORD>((longName.size() + 1) * sizeof(wchar_t)));
-    ASSERT_TRUE(config.ReadServiceLogSettings(file, readLevel, nullptr));
-    EXPECT_EQ(m_name + L".log", file);
 }
