@@ -1,7 +1,6 @@
 #pragma once
 // The received-data queue of a pipe stream: bytes appended by the I/O completion and taken from
 // the front by readers, kept in 1024-byte pages that are freed once read.
-#include "common/Locks.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -29,7 +28,7 @@ private:
     using Page = std::unique_ptr<unsigned char[]>;
     void ReleaseFrontPage();
 
-    mutable daxlib::srw_lock m_mutex;
+    mutable std::mutex m_mutex;
     std::list<Page> m_pages;
     size_t m_writePos = 0; // in the last page
     size_t m_readPos = 0;  // in the first page
