@@ -354,6 +354,8 @@ std::shared_ptr<PIPE_IO_REQUEST> CNamedPipeStream::CreateWriteRequest(const void
         request->hEvent = record->m_hEvent;
         record->m_pRequest = request;
         record->m_pData = request->buffer;
+        if (record->m_bCanceled)
+            request->state = ePipeRequestState_Canceled;
     }
     if (!request->hEvent)
         request->callback = m_pWriteCallback;
@@ -378,13 +380,20 @@ BOOL CNamedPipeStream::AddWriteRequest(const std::shared_ptr<PIPE_IO_REQUEST>& r
         request->transferred = 0;
         {
             std::lock_guard lock(m_writeListMutex);
-            request->state = ePipeRequestState_Pending;
+            // A request cancelled before it was queued stays cancelled: it is listed only so that
+            // the failure below can finish it and wake its writer.
+            uint32_t state = request->state.load();
+            while (state != ePipeRequestState_Canceled &&
+                   !request->state.compare_exchange_weak(state, ePipeRequestState_Pending))
+            {
+            }
             m_writeRequests.push_back(request);
         }
         if (BeginWrite(request))
             return TRUE;
         const DWORD error = ::GetLastError();
-        Log(LogLevel::Error, L"CNamedPipeStream::AddWriteRequest: (226)",
+        Log(error == ERROR_OPERATION_ABORTED ? LogLevel::Debug : LogLevel::Error,
+            L"CNamedPipeStream::AddWriteRequest: (226)",
             L"BeginWrite() failed: GLE=%d, Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>", static_cast<int>(error),
             static_cast<void*>(request.get()), static_cast<void*>(request->ov), request->id);
         // Finished with the error, so that a blocked writer wakes.
@@ -414,21 +423,27 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
             ::SetLastError(ERROR_PIPE_NOT_CONNECTED);
             return FALSE;
         }
-        const uint32_t requestState = request->state.load();
-        if (requestState != ePipeRequestState_Created && requestState != ePipeRequestState_Pending)
-        {
-            Log(LogLevel::Trace, L"CNamedPipeStream::BeginWrite: (252)",
-                L"Request state: %d<%s> - SKIP Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>", requestState,
-                RequestStateName(requestState), static_cast<void*>(request.get()),
-                static_cast<void*>(request->ov), request->id);
-            ::SetLastError(ERROR_INVALID_STATE);
-            return FALSE;
-        }
         auto signal = std::make_shared<PipeTaskSignal>();
         signal->signal = ePipeTaskSignal_Write;
         signal->request = request;
         auto io = std::make_shared<PipeRequestIo>(signal);
-        request->io = io;
+        {
+            // Checked and published under the record lock, which CancelRequest takes too: a
+            // cancel either sees the kernel-level request or stops the write from starting.
+            std::lock_guard lock(m_recordMutex);
+            const uint32_t requestState = request->state.load();
+            if (requestState != ePipeRequestState_Created && requestState != ePipeRequestState_Pending)
+            {
+                Log(LogLevel::Trace, L"CNamedPipeStream::BeginWrite: (252)",
+                    L"Request state: %d<%s> - SKIP Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>", requestState,
+                    RequestStateName(requestState), static_cast<void*>(request.get()),
+                    static_cast<void*>(request->ov), request->id);
+                ::SetLastError(requestState == ePipeRequestState_Canceled ? ERROR_OPERATION_ABORTED
+                                                                          : ERROR_INVALID_STATE);
+                return FALSE;
+            }
+            request->io = io;
+        }
         if (!m_pIo->StartIo(io))
             return FALSE;
         void* buffer = request->buffer.get();
@@ -453,6 +468,12 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
                     L"ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p:0x%p",
                     static_cast<void*>(request.get()), buffer, length, static_cast<void*>(request->ov),
                     static_cast<void*>(io.get()));
+                m_pIo->Cancel(io, FALSE);
+            }
+            else if (request->state.load() == ePipeRequestState_Canceled)
+            {
+                // Cancelled between the check above and WriteFile: that cancel may have found no
+                // I/O to stop yet, so the write is stopped here.
                 m_pIo->Cancel(io, FALSE);
             }
             else
@@ -563,9 +584,12 @@ BOOL CNamedPipeStream::CancelRequest(PIPE_OVERLAPPED* record)
         return FALSE;
     }
     std::shared_ptr<PIPE_IO_REQUEST> request;
+    std::shared_ptr<PipeRequestIo> io;
     {
         std::lock_guard lock(m_recordMutex);
         request = record->m_pRequest;
+        if (!request && record->m_hEvent)
+            record->m_bCanceled = true; // a blocked write not handed over yet never starts
         if (!request || request->ov != record || request->completed.load())
         {
             ::SetLastError(ERROR_NOT_FOUND);
@@ -577,6 +601,7 @@ BOOL CNamedPipeStream::CancelRequest(PIPE_OVERLAPPED* record)
             request->ov = nullptr;
             record->m_pRequest.reset();
         }
+        io = request->io.lock();
     }
     if (request->kind == PIPE_IO_REQUEST::eKindRead)
     {
@@ -589,7 +614,7 @@ BOOL CNamedPipeStream::CancelRequest(PIPE_OVERLAPPED* record)
             }
         return TRUE;
     }
-    if (auto io = request->io.lock())
+    if (io)
         m_pIo->Cancel(io, FALSE);
     return TRUE;
 }

@@ -33,6 +33,9 @@ struct PIPE_OVERLAPPED
     uint32_t m_dwBytesTransferred = 0;
     std::shared_ptr<PIPE_IO_REQUEST> m_pRequest; // set when the stream accepts the operation
     std::shared_ptr<unsigned char[]> m_pData;
+    // A cancel that came before the stream took the operation: the write it is for never starts.
+    // Guarded by the stream's record lock.
+    bool m_bCanceled = false;
 };
 
 // The owner's read or write callback: (data, its length, I/O status, completion record).

@@ -67,7 +67,7 @@ TEST_F(StreamTest, WriteCompletesOnceAndRunsNoCallbackAfterDisconnect)
     EXPECT_EQ(0u, stream->OutstandingWriteCount());
 }
 
-TEST_F(StreamTest, BlockingWriteFailsOnVanishedClientAndIsWokenByCancelAll)
+TEST_F(StreamTest, BlockingWriteFailsOnVanishedClient)
 {
     // A blocking write that completes is exercised by every echo of the server and load tests.
     {
@@ -83,22 +83,34 @@ TEST_F(StreamTest, BlockingWriteFailsOnVanishedClientAndIsWokenByCancelAll)
         EXPECT_EQ(handles, testing_support::CountProcessHandles()); // the record's event is closed
         EXPECT_FALSE(CPipeServerRequest(nullptr, m_log).Write("x", 1));
     }
+}
+
+TEST_F(StreamTest, OneCancelAllWakesABlockingWriteWhereverItLands)
+{
+    // One cancel, landing anywhere between the record being listed and the I/O running, must
+    // end the write: the client never reads, so a write that escapes it waits for ever.
     RawPipePair pair;
     auto stream = MakeStream(pair);
     CPipeServerRequest request(stream, m_log);
-    std::vector<unsigned char> big(64 * 1024, 1); // more than the pipe holds; the client never reads
-    std::atomic<int> result{-1};
-    std::thread writer([&] { result = request.Write(big.data(), static_cast<uint32_t>(big.size())); });
-    // Listed, and its I/O started (the client sees the first bytes): cancelling any earlier can
-    // leave the writer waiting.
-    EXPECT_TRUE(Eventually([&] {
-        DWORD available = 0;
-        return stream->OutstandingWriteCount() == 1 && request.OutstandingCount() == 1 &&
-               ::PeekNamedPipe(pair.client.get(), nullptr, 0, nullptr, &available, nullptr) && available > 0;
-    }));
-    request.CancelAll();
-    writer.join();
-    EXPECT_EQ(FALSE, result.load());
+    std::vector<unsigned char> big(64 * 1024, 1); // more than the pipe holds
+    for (int round = 0; round < 300; ++round)
+    {
+        std::atomic<int> result{-1};
+        std::thread writer([&] { result = request.Write(big.data(), static_cast<uint32_t>(big.size())); });
+        while (request.OutstandingCount() == 0 && result.load() == -1)
+            std::this_thread::yield();
+        // Spread the cancels over the window between listing and WriteFile.
+        for (int spin = 0; spin < round % 40; ++spin)
+            std::this_thread::yield();
+        request.CancelAll();
+        if (!Eventually([&] { return result.load() != -1; }, 10s))
+        {
+            ADD_FAILURE() << "round " << round << ": the cancelled write still waits";
+            pair.client.reset(); // frees the writer
+        }
+        writer.join();
+        ASSERT_EQ(FALSE, result.load()) << "round " << round;
+    }
     EXPECT_EQ(0u, request.OutstandingCount());
     EXPECT_EQ(0u, stream->OutstandingWriteCount());
 }
