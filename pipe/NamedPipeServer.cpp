@@ -5,6 +5,7 @@
 #include "pipe/attributes.h"
 
 #include <exception>
+#include <utility>
 #include <vector>
 
 // ---- CNamedPipeServerStream ----
@@ -267,12 +268,21 @@ int CNamedPipeServer::AcceptThread(void* stopEvent, void*)
     Log(LogLevel::Debug, L"CNamedPipeServer::AcceptThread: (140)", L"begin thread...");
     int result = 1;
     const HANDLE handles[2] = {static_cast<HANDLE>(stopEvent), m_pAcceptSemaphore->get()};
+    LONG unitsToRetry = 0; // waiting instances not created because another process held the name
     for (;;)
     {
-        const DWORD wait = ::WaitForMultipleObjects(2, handles, FALSE, INFINITE);
+        const DWORD wait =
+            ::WaitForMultipleObjects(2, handles, FALSE, unitsToRetry > 0 ? kNameRetryMs : INFINITE);
         if (wait == WAIT_OBJECT_0 + 1)
         {
             result = WaitForConnection();
+            if (!result && m_bNameTaken)
+                ++unitsToRetry;
+            continue;
+        }
+        if (wait == WAIT_TIMEOUT)
+        {
+            ::ReleaseSemaphore(m_pAcceptSemaphore->get(), std::exchange(unitsToRetry, 0), nullptr);
             continue;
         }
         if (wait == WAIT_OBJECT_0)
@@ -295,11 +305,41 @@ BOOL CNamedPipeServer::WaitForConnection()
     try
     {
         SECURITY_ATTRIBUTES* attributes = CDaxSecattr::Get(m_pSecurityAttributes.get());
-        auto pipe = std::make_shared<daxlib::unique_hfile>(::CreateNamedPipeW(
-            m_strPipeName.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, m_dwMaxInstances,
-            m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs, attributes));
+        // Holding no instance, the server may be about to join a pipe that another process made
+        // under its name, which would hand that process the clients: the first instance must be
+        // a new pipe.
+        bool first = false;
+        {
+            std::lock_guard lock(m_mutex);
+            first = m_acceptList.empty() && m_connectionList.empty();
+        }
+        const DWORD openMode =
+            PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | (first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0);
+        const DWORD pipeMode = PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS;
+        const HANDLE created =
+            m_createInstance ? m_createInstance(m_strPipeName.c_str(), openMode, pipeMode, m_dwMaxInstances,
+                                                m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs, attributes)
+                             : ::CreateNamedPipeW(m_strPipeName.c_str(), openMode, pipeMode, m_dwMaxInstances,
+                                                  m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs,
+                                                  attributes);
+        auto pipe = std::make_shared<daxlib::unique_hfile>(created);
+        const DWORD createError = *pipe ? ERROR_SUCCESS : ::GetLastError();
+        if (first && (createError == ERROR_ACCESS_DENIED || createError == ERROR_PIPE_BUSY))
+        {
+            if (!std::exchange(m_bNameTaken, true))
+                Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (186)",
+                    L"The pipe %s exists already and was not created by this server: not serving it; "
+                    L"trying again every %u ms. GLE = %d",
+                    m_strPipeName.c_str(), static_cast<unsigned>(kNameRetryMs), static_cast<int>(createError));
+            ::SetLastError(createError);
+            return FALSE;
+        }
+        if (*pipe && std::exchange(m_bNameTaken, false))
+            Log(LogLevel::Info, L"CNamedPipeServer::WaitForConnection: (188)",
+                L"The pipe %s is this server's now: serving it", m_strPipeName.c_str());
         if (!*pipe)
         {
+            ::SetLastError(createError);
             // As built, the unit is not given back: each creation failure leaves one waiting
             // instance fewer.
             Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (190)",

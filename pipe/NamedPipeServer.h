@@ -17,6 +17,7 @@
 #include "pipe/NamedPipeStream.h"
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,6 +28,13 @@ class CNamedPipeServer;
 
 // Connect and disconnect callbacks: (pipe handle, channel id of the stream or 0, owner context).
 using PipeConnectionCallback = CCallbackHolder<void(void*, unsigned long long, void*)>;
+
+// Creates one pipe instance; CreateNamedPipeW's arguments and result. Replaceable so that tests
+// can see the flags of every instance and play a name taken by another process, neither of which
+// Wine enforces.
+using PipeInstanceCreator = std::function<HANDLE(const wchar_t* name, DWORD openMode, DWORD pipeMode,
+                                                 DWORD maxInstances, DWORD outBuffer, DWORD inBuffer,
+                                                 DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes)>;
 
 class CNamedPipeServerStream : public CNamedPipeStream
 {
@@ -76,6 +84,8 @@ class CNamedPipeServer : public CommonHelper::CvLogger::CBaseLogger,
 public:
     static constexpr uint32_t kBufferSize = 1024;
     static constexpr DWORD kDefaultTimeoutMs = 1000;
+    // How often the accept thread tries again for a name that another process holds.
+    static constexpr DWORD kNameRetryMs = 1000;
 
     // `accepts` instances wait for clients at once (1 to 100; anything else gives 1).
     CNamedPipeServer(const std::wstring& name, uint32_t maxInstances, uint32_t accepts,
@@ -100,6 +110,9 @@ public:
     BOOL WaitForConnection();
     int OnClientConnected(void* pipe);
     void OnClientDisconnected(void* pipe);
+
+    // Before BeginWaitForConnection.
+    void SetInstanceCreator(PipeInstanceCreator creator) { m_createInstance = std::move(creator); }
 
     uint32_t GetAccepts() const { return m_dwAccepts; }
     const std::wstring& GetPipeName() const { return m_strPipeName; }
@@ -129,4 +142,7 @@ private:
     void* m_pContext = nullptr;
     std::weak_ptr<CNamedPipeServer> m_self;
     std::atomic<bool> m_bStopping{false};
+    PipeInstanceCreator m_createInstance;
+    // Accept thread only: the last creation found the name held by another process.
+    bool m_bNameTaken = false;
 };

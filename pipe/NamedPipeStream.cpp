@@ -260,14 +260,14 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
         request->kind = PIPE_IO_REQUEST::eKindRead;
         request->id = m_nextRequestId++;
         request->length = bytes;
-        request->buffer.reset(new unsigned char[bytes ? bytes : 1]);
+        // The buffer comes when the data is all there (ProcessQueueReadRequest): a peer that
+        // announces a large message and trickles it holds only what it has sent.
         request->callback = std::move(callback);
         request->state = ePipeRequestState_Pending;
         {
             std::lock_guard lock(m_recordMutex);
             request->ov = record;
             record->m_pRequest = request;
-            record->m_pData = request->buffer;
         }
         {
             std::lock_guard lock(m_readQueueMutex);
@@ -304,6 +304,12 @@ void CNamedPipeStream::ProcessQueueReadRequest(unsigned long ioResult)
             }
             if (m_memStream.Size() >= request->length)
             {
+                request->buffer.reset(new unsigned char[request->length ? request->length : 1]);
+                {
+                    std::lock_guard recordLock(m_recordMutex);
+                    if (request->ov)
+                        request->ov->m_pData = request->buffer;
+                }
                 if (request->length > 0 && !m_memStream.Read(request->buffer.get(), request->length))
                 {
                     Log(LogLevel::Error, L"CNamedPipeStream::ProcessQueueReadRequest: (925)",

@@ -10,7 +10,6 @@
 
 namespace
 {
-constexpr DWORD kLocalMask = 0xC0100000; // generic read, generic write, synchronize
 constexpr const wchar_t* kModule = L"attributes";
 
 BOOL WINAPI QueryVersion(LPOSVERSIONINFOW info)
@@ -72,7 +71,7 @@ BOOL CDaxSecattr::BuildFromString(const wchar_t* sddl)
     return TRUE;
 }
 
-BOOL CDaxSecattr::BuildLocalDacl()
+BOOL CDaxSecattr::BuildLocalDacl(DWORD clientMask)
 {
     SID_IDENTIFIER_AUTHORITY localAuthority = SECURITY_LOCAL_SID_AUTHORITY;
     SID_IDENTIFIER_AUTHORITY ntAuthority = SECURITY_NT_AUTHORITY;
@@ -87,10 +86,10 @@ BOOL CDaxSecattr::BuildLocalDacl()
     daxlib::unique_hlocal acl(::LocalAlloc(LPTR, aclSize));
     if (!acl || !::InitializeAcl(static_cast<PACL>(acl.get()), aclSize, ACL_REVISION))
         return FALSE;
-    if (!::AddAccessAllowedAce(static_cast<PACL>(acl.get()), ACL_REVISION, kLocalMask, local.get()))
+    if (!::AddAccessAllowedAce(static_cast<PACL>(acl.get()), ACL_REVISION, clientMask, local.get()))
         return FALSE;
     local.reset();
-    if (!::AddAccessAllowedAce(static_cast<PACL>(acl.get()), ACL_REVISION, kLocalMask, system.get()))
+    if (!::AddAccessAllowedAce(static_cast<PACL>(acl.get()), ACL_REVISION, FILE_ALL_ACCESS, system.get()))
         return FALSE;
     system.reset();
     daxlib::unique_hlocal descriptor(::LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH));
@@ -115,13 +114,13 @@ BOOL CDaxSecattr::BuildNullDacl()
 }
 
 void CDaxSecattr::BuildLabelled(const wchar_t* sddl, VersionQuery query, unsigned versionLine,
-                                unsigned buildLine)
+                                unsigned buildLine, DWORD clientMask)
 {
     OSVERSIONINFOW version{};
     version.dwOSVersionInfoSize = 276;
     if (!query || !query(&version))
         daxlib::ThrowDaxException(kModule, versionLine);
-    const BOOL built = version.dwMajorVersion >= 6 ? BuildFromString(sddl) : BuildLocalDacl();
+    const BOOL built = version.dwMajorVersion >= 6 ? BuildFromString(sddl) : BuildLocalDacl(clientMask);
     if (!built)
         daxlib::ThrowDaxException(kModule, buildLine);
 }
@@ -178,9 +177,11 @@ CDaxSecattrLocal::CDaxSecattrLocal()
         daxlib::ThrowDaxException(kModule, 455);
 }
 
-CDaxSecattrLocalLI::CDaxSecattrLocalLI(VersionQuery query)
+CDaxSecattrLocalLI::CDaxSecattrLocalLI(VersionQuery query, ClientAccess access)
 {
-    BuildLabelled(kSddl, query, 472, 483);
+    const bool legacy = access == ClientAccess::LegacyGenericWrite;
+    BuildLabelled(legacy ? kLegacySddl : kSddl, query, 472, 483,
+                  legacy ? pipe_access::kLegacyClient : pipe_access::kClient);
 }
 
 CDaxSecattrEveryoneLI::CDaxSecattrEveryoneLI(VersionQuery query)

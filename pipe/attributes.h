@@ -4,6 +4,27 @@
 // CDaxException (module "attributes") when the descriptor cannot be built.
 #include <windows.h>
 
+// Who may use a pipe, and with which rights. Clients get only what connecting, reading and
+// writing need; never FILE_CREATE_PIPE_INSTANCE (the same bit as FILE_APPEND_DATA), WRITE_DAC
+// or WRITE_OWNER, with which any local user could serve the pipe's name or rewrite its security.
+// SYSTEM, the service's own account, keeps full rights to create its instances.
+namespace pipe_access
+{
+// Read data, attributes and extended attributes (GENERIC_READ maps to all three), write data and
+// attributes, read control, synchronize.
+constexpr DWORD kClient = 0x0012018B;
+// What a client opening with GENERIC_WRITE needs as well: append data (which on a pipe is the
+// right to create instances) and write extended attributes. Only for hosts that must keep older
+// agents working; the service warns when it is used.
+constexpr DWORD kLegacyClient = 0x0012019F;
+} // namespace pipe_access
+
+enum class ClientAccess
+{
+    Narrow,             // pipe_access::kClient
+    LegacyGenericWrite, // pipe_access::kLegacyClient
+};
+
 // Reads the system version; replaceable so that the path for systems before version 6 can be
 // exercised.
 using VersionQuery = BOOL(WINAPI*)(LPOSVERSIONINFOW);
@@ -34,9 +55,11 @@ public:
 
 protected:
     BOOL BuildFromString(const wchar_t* sddl);
-    BOOL BuildLocalDacl(); // LOCAL and LocalSystem: generic read, generic write, synchronize
+    // LOCAL with the given client rights, LocalSystem with all rights.
+    BOOL BuildLocalDacl(DWORD clientMask = pipe_access::kClient);
     BOOL BuildNullDacl();
-    void BuildLabelled(const wchar_t* sddl, VersionQuery query, unsigned versionLine, unsigned buildLine);
+    void BuildLabelled(const wchar_t* sddl, VersionQuery query, unsigned versionLine, unsigned buildLine,
+                       DWORD clientMask = pipe_access::kClient);
 
     SECURITY_ATTRIBUTES m_sa;
     DWORD m_bHandBuilt = 0;
@@ -49,19 +72,24 @@ public:
     CDaxSecattrLocal();
 };
 
+// Local users, local logons, low-integrity processes and app containers may connect; network
+// logons are denied before anything is granted.
 class CDaxSecattrLocalLI : public CDaxSecattr
 {
 public:
-    static constexpr const wchar_t* kSddl = L"D:(A;;0xc01fffff;;;S-1-2-0)(A;;0xc01fffff;;;AU)(A;;0xc01fffff;;"
-                                            L";SY)(A;;GA;;;S-1-15-2-1)S:(ML;;NW;;;LW)";
-    explicit CDaxSecattrLocalLI(VersionQuery query = DefaultVersionQuery());
+    static constexpr const wchar_t* kSddl = L"D:(D;;FA;;;NU)(A;;0x12018b;;;S-1-2-0)(A;;0x12018b;;;AU)(A;;FA;;;SY)"
+                                            L"(A;;0x12018b;;;S-1-15-2-1)S:(ML;;NW;;;LW)";
+    static constexpr const wchar_t* kLegacySddl =
+        L"D:(D;;FA;;;NU)(A;;0x12019f;;;S-1-2-0)(A;;0x12019f;;;AU)(A;;FA;;;SY)(A;;0x12019f;;;S-1-15-2-1)"
+        L"S:(ML;;NW;;;LW)";
+    explicit CDaxSecattrLocalLI(VersionQuery query = DefaultVersionQuery(), ClientAccess access = ClientAccess::Narrow);
 };
 
 class CDaxSecattrEveryoneLI : public CDaxSecattr
 {
 public:
     static constexpr const wchar_t* kSddl =
-        L"D:(A;;0xc01fffff;;;WD)(A;;0xc01fffff;;;SY)(A;;GA;;;S-1-15-2-1)S:(ML;;NW;;;LW)";
+        L"D:(D;;FA;;;NU)(A;;0x12018b;;;WD)(A;;FA;;;SY)(A;;0x12018b;;;S-1-15-2-1)S:(ML;;NW;;;LW)";
     explicit CDaxSecattrEveryoneLI(VersionQuery query = DefaultVersionQuery());
 };
 

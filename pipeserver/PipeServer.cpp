@@ -13,6 +13,7 @@
 #include <functional>
 #include <mutex>
 #include <shared_mutex>
+#include <utility>
 #include <vector>
 
 namespace
@@ -54,7 +55,13 @@ int CPipeServer::Start()
         }
         if (!m_pNamedPipeServer)
         {
-            auto attributes = std::make_shared<CDaxSecattrLocalLI>();
+            if (m_settings.legacyClientAccess)
+                Log(LogLevel::Warning, L"CPipeServer::Start: (47)",
+                    L"agents may open the pipe with GENERIC_WRITE: every local user can also create "
+                    L"instances of its name. Switch this off once all agents open it with FILE_WRITE_DATA.");
+            auto attributes = std::make_shared<CDaxSecattrLocalLI>(
+                CDaxSecattr::DefaultVersionQuery(),
+                m_settings.legacyClientAccess ? ClientAccess::LegacyGenericWrite : ClientAccess::Narrow);
             auto server = std::make_shared<CNamedPipeServer>(m_pipeName, 255, 3, attributes, GetLogger());
             server->SetSelf(server);
             m_pNamedPipeServer = std::move(server);
@@ -96,6 +103,7 @@ int CPipeServer::Stop()
     {
         std::lock_guard lock(m_tableLock);
         handlers.swap(m_connections);
+        m_sessionConnections.clear();
     }
     for (auto& [id, handler] : handlers)
         handler->Stop();
@@ -137,6 +145,9 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
     ConnectionInformation information;
     information.dwClientProcessId = stream->GetClientProcessId();
     information.dwClientSessionId = stream->GetClientSessionId();
+    if (m_resolveSession)
+        information.dwClientSessionId =
+            m_resolveSession(information.dwClientProcessId, information.dwClientSessionId);
     if (!stream->IsConnected())
     {
         Log(LogLevel::Debug, L"CPipeServer::InitConnectionHandler: (117)",
@@ -149,9 +160,10 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
         sender = m_sendUrl;
     }
     auto handler = std::make_shared<CConnectionHandler>(GetLogger(), stream, information, std::move(sender));
+    if (!Admit(data.channelId, handler))
     {
-        std::lock_guard lock(m_tableLock);
-        m_connections.insert({data.channelId, handler});
+        stream->Disconnect();
+        return 0;
     }
     // A disconnect reported while the handler was being made found no entry to remove; the
     // state tells, and the entry goes now instead of living until Stop.
@@ -239,9 +251,46 @@ void CPipeServer::RemoveChannel(uint64_t channelId)
             return;
         handler = std::move(it->second);
         m_connections.erase(it);
+        auto count = m_sessionConnections.find(handler->Information().dwClientSessionId);
+        if (count != m_sessionConnections.end() && --count->second == 0)
+            m_sessionConnections.erase(count);
     }
     // The handler (and its stream) is released here, outside the lock, unless a completion
     // still holds it.
+}
+
+bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHandler>& handler)
+{
+    const uint32_t session = handler->Information().dwClientSessionId;
+    uint32_t refusedBefore = 0;
+    {
+        std::lock_guard lock(m_tableLock);
+        uint32_t& inSession = m_sessionConnections[session];
+        const bool overTotal = m_connections.size() >= m_settings.maxConnections;
+        if (overTotal || inSession >= m_settings.maxConnectionsPerSession)
+        {
+            if (inSession == 0)
+                m_sessionConnections.erase(session);
+            // One line per burst: a flood must not flood the log as well.
+            if (m_refusedInBurst++ == 0)
+                Log(LogLevel::Warning, L"CPipeServer::Admit: (301)",
+                    overTotal ? L"%u agent connection(s) open in all, the limit: connection of session %u "
+                                L"(process %u) closed, and further ones until a connection is admitted again"
+                              : L"%u agent connection(s) open in this session, the limit: connection of session %u "
+                                L"(process %u) closed, and further ones until a connection is admitted again",
+                    overTotal ? m_settings.maxConnections : m_settings.maxConnectionsPerSession, session,
+                    handler->Information().dwClientProcessId);
+            return false;
+        }
+        if (!m_connections.insert({channelId, handler}).second)
+            return false;
+        ++inSession;
+        refusedBefore = std::exchange(m_refusedInBurst, 0);
+    }
+    if (refusedBefore > 1)
+        Log(LogLevel::Warning, L"CPipeServer::Admit: (320)", L"%u agent connection(s) were closed over the limits",
+            refusedBefore);
+    return true;
 }
 
 size_t CPipeServer::ConnectionCount() const

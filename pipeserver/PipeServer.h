@@ -21,6 +21,22 @@ constexpr wchar_t kAgentPipeName[] = L"9FEA9DA6-BEA1-479B-9819-F9031E0B69EE";
 // A payload longer than this is no URL: the connection is closed instead of buffering it.
 constexpr uint32_t kMaxAgentPayload = 1u << 20;
 
+// Who may open the agent pipe with which rights, and how many agents may be connected at once.
+// A connection over either bound is closed as soon as it arrives, so that one session's flood
+// can neither exhaust the service nor crowd out the agents of other sessions.
+struct AgentPipeSettings
+{
+    static constexpr uint32_t kDefaultMaxPerSession = 64;
+    static constexpr uint32_t kDefaultMaxTotal = 1024;
+
+    bool legacyClientAccess = false; // agents that open with GENERIC_WRITE
+    uint32_t maxConnectionsPerSession = kDefaultMaxPerSession;
+    uint32_t maxConnections = kDefaultMaxTotal;
+};
+
+// The session a new connection counts against: (client process id, session the pipe reports).
+using SessionResolver = std::function<uint32_t(uint32_t processId, uint32_t reportedSession)>;
+
 class CPipeServer : public IBaseItem
 {
 public:
@@ -37,6 +53,10 @@ public:
 
     // Where URLs go; without it every URL is answered as not sent.
     void SetUrlSender(UrlSender sender);
+    // Both before Start. The resolver replaces the pipe's own session report: tests use it to
+    // play several sessions, which Wine cannot report.
+    void SetSettings(const AgentPipeSettings& settings) { m_settings = settings; }
+    void SetSessionResolver(SessionResolver resolver) { m_resolveSession = std::move(resolver); }
 
     int Start() override;
     int Stop() override;
@@ -61,12 +81,19 @@ private:
     void OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
                     PIPE_OVERLAPPED* overlapped, uint64_t channelId);
     void RemoveChannel(uint64_t channelId);
+    // Enters the handler when its session and the server are under their bounds.
+    bool Admit(uint64_t channelId, const std::shared_ptr<CConnectionHandler>& handler);
 
     std::wstring m_pipeName;
     std::shared_ptr<CNamedPipeServer> m_pNamedPipeServer;
     std::shared_ptr<CSignalQueueThread<NewConnectData>> m_pConnectQueue;
+    AgentPipeSettings m_settings;
+    SessionResolver m_resolveSession;
+    // Guards the connection table, the per-session counts and the refusal burst.
     mutable daxlib::srw_lock m_tableLock;
     std::map<uint64_t, std::shared_ptr<CConnectionHandler>> m_connections;
+    std::map<uint32_t, uint32_t> m_sessionConnections;
+    uint32_t m_refusedInBurst = 0; // connections refused since the last one admitted
     daxlib::srw_lock m_senderLock;
     UrlSender m_sendUrl;
 };

@@ -15,13 +15,21 @@ namespace
 {
 std::atomic<bool> g_endingProcess{false};
 
+void TerminateThisProcess()
+{
+    ::TerminateProcess(::GetCurrentProcess(), 0);
+}
+
 unsigned __stdcall EndProcessAfterDelay(void*)
 {
     ::Sleep(service::kStopDelayMs);
-    ::TerminateProcess(::GetCurrentProcess(), 0);
+    CLogSvc::s_endProcess();
     return 0;
 }
 } // namespace
+
+void (*CLogSvc::s_compose)(const std::shared_ptr<CCvLogger>&) = &service::RunStartupComposition;
+void (*CLogSvc::s_endProcess)() = &TerminateThisProcess;
 
 CLogSvc::CLogSvc(const wchar_t* name, void* context) : base_service(name, context) {}
 
@@ -39,7 +47,7 @@ void CLogSvc::main(DWORD, LPWSTR*, void*, SERVICE_STATUS_HANDLE)
 
     try
     {
-        service::RunStartupComposition(m_pLogger);
+        s_compose(m_pLogger);
     }
     catch (daxlib::CDaxException* raw)
     {

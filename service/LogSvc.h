@@ -19,6 +19,11 @@ public:
     // Whether a stop has started the thread that ends the process.
     static bool EndingProcess();
 
+    // Replaceable for tests: what builds and starts the servers, and what ends the process once
+    // a stop has been reported.
+    static void (*s_compose)(const std::shared_ptr<CCvLogger>& logger);
+    static void (*s_endProcess)();
+
 private:
     std::shared_ptr<CCvLogger> m_pLogger;
 };

@@ -10,7 +10,7 @@
 namespace
 {
 constexpr SECURITY_INFORMATION kWhat = DACL_SECURITY_INFORMATION | LABEL_SECURITY_INFORMATION;
-constexpr const wchar_t* kLocalSddl = L"D:(A;;0xc0100000;;;S-1-2-0)(A;;0xc0100000;;;SY)";
+constexpr const wchar_t* kLocalSddl = L"D:(A;;0x12018b;;;S-1-2-0)(A;;FA;;;SY)";
 
 // The DACL and mandatory label, as text, of a pipe created with the given attributes.
 std::wstring ReadBack(SECURITY_ATTRIBUTES* attributes)
@@ -67,11 +67,13 @@ TEST(SecurityAttributes, EachVariantMatchesItsDescriptor)
     CDaxSecattrLocal local;
     EXPECT_TRUE(local.IsHandBuilt());
     CDaxSecattrNullDacl nullDacl;
+    CDaxSecattrLocalLI legacy(CDaxSecattr::DefaultVersionQuery(), ClientAccess::LegacyGenericWrite);
     const std::set<std::wstring> seen = {
-        ExpectDescriptor(localLI, CDaxSecattrLocalLI::kSddl), ExpectDescriptor(everyoneLI, CDaxSecattrEveryoneLI::kSddl),
+        ExpectDescriptor(localLI, CDaxSecattrLocalLI::kSddl), ExpectDescriptor(legacy, CDaxSecattrLocalLI::kLegacySddl),
+        ExpectDescriptor(everyoneLI, CDaxSecattrEveryoneLI::kSddl),
         ExpectDescriptor(admin, CDaxSecattrAdmin::kSddl), ExpectDescriptor(local, kLocalSddl),
         ExpectDescriptor(nullDacl, L"D:NO_ACCESS_CONTROL")};
-    EXPECT_EQ(5u, seen.size()) << "the system kept the descriptors apart";
+    EXPECT_EQ(6u, seen.size()) << "the system kept the descriptors apart";
 }
 
 TEST(SecurityAttributes, BeforeVersion6TheLabelledVariantsAreHandBuiltWithoutLabel)

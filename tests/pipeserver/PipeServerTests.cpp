@@ -2,6 +2,7 @@
 // in place of the channel server.
 #include "common/UniqueHandle.h"
 #include "pipe/ThreadPool.h"
+#include "pipe/attributes.h"
 #include "pipeserver/AgentProtocol.h"
 #include "pipeserver/PipeServer.h"
 #include "tests/common/CapturingLogger.h"
@@ -10,7 +11,11 @@
 
 #include <gtest/gtest.h>
 
+#include <aclapi.h>
+#include <sddl.h>
+
 #include <atomic>
+#include <map>
 #include <cstdint>
 #include <mutex>
 #include <optional>
@@ -222,5 +227,167 @@ TEST(AgentPipeServerLeaks, ManyShortConnectionsLeaveNothingBehind)
         << "handles " << handles << " -> " << testing_support::CountProcessHandles();
     EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + 4; }, 30s))
         << "threads " << threads << " -> " << testing_support::CountProcessThreads();
+    SetThreadPool(nullptr);
+}
+
+namespace
+{
+
+// The rights each SID is allowed and denied on a live pipe instance, read through a client's
+// handle. Wine enforces no pipe access check, so what a client could do is read from the
+// descriptor instead of being tried. (Its mandatory label is checked on the server's end, where
+// Wine returns it, by the security attribute tests.)
+struct Grants
+{
+    std::map<std::wstring, DWORD> allowed;
+    std::map<std::wstring, DWORD> denied;
+    std::wstring sddl;
+};
+
+Grants ReadGrants(HANDLE pipe)
+{
+    Grants grants;
+    PACL dacl = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    constexpr SECURITY_INFORMATION what = DACL_SECURITY_INFORMATION | LABEL_SECURITY_INFORMATION;
+    if (::GetSecurityInfo(pipe, SE_KERNEL_OBJECT, what, nullptr, nullptr, &dacl, nullptr, &descriptor) != ERROR_SUCCESS)
+        return grants;
+    daxlib::unique_hlocal owned(descriptor);
+    LPWSTR text = nullptr;
+    if (::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, what, &text, nullptr))
+    {
+        grants.sddl = text;
+        ::LocalFree(text);
+    }
+    for (DWORD i = 0; dacl && i < dacl->AceCount; ++i)
+    {
+        ACE_HEADER* ace = nullptr;
+        if (!::GetAce(dacl, i, reinterpret_cast<void**>(&ace)))
+            continue;
+        // Allowed and denied ACEs share their layout: header, mask, then the SID.
+        auto* entry = reinterpret_cast<ACCESS_ALLOWED_ACE*>(ace);
+        LPWSTR sid = nullptr;
+        if (!::ConvertSidToStringSidW(&entry->SidStart, &sid))
+            continue;
+        (ace->AceType == ACCESS_DENIED_ACE_TYPE ? grants.denied : grants.allowed)[sid] |= entry->Mask;
+        ::LocalFree(sid);
+    }
+    return grants;
+}
+
+} // namespace
+
+TEST(AgentPipeAccess, ClientsMayConnectReadAndWriteButNeitherServeTheNameNorRewriteItsSecurity)
+{
+    auto logger = std::make_shared<CapturingLogger>(1);
+    SetThreadPool(std::make_shared<CThreadPool>(8, logger));
+    for (const bool legacy : {false, true})
+    {
+        const std::wstring name = testing_support::UniqueName(L"velomar-agentpipe-acl");
+        CPipeServer server(logger, name);
+        AgentPipeSettings settings;
+        settings.legacyClientAccess = legacy;
+        server.SetSettings(settings);
+        ASSERT_EQ(1, server.Start());
+        daxlib::unique_hfile client(testing_support::OpenClient(L"\\\\.\\pipe\\" + name));
+        ASSERT_TRUE(client);
+        const Grants grants = ReadGrants(client.get());
+        SCOPED_TRACE(grants.sddl);
+        const DWORD client_rights = legacy ? pipe_access::kLegacyClient : pipe_access::kClient;
+        for (const wchar_t* sid : {L"S-1-2-0", L"S-1-5-11", L"S-1-15-2-1"}) // local, authenticated, app containers
+        {
+            EXPECT_EQ(client_rights, grants.allowed.count(sid) ? grants.allowed.at(sid) : 0u) << sid;
+            EXPECT_EQ(0u, grants.allowed.count(sid) ? grants.allowed.at(sid) & (WRITE_DAC | WRITE_OWNER | 0xF0000000u) : 0u);
+        }
+        EXPECT_EQ(static_cast<DWORD>(FILE_ALL_ACCESS), grants.allowed.count(L"S-1-5-18") ? grants.allowed.at(L"S-1-5-18") : 0u);
+        EXPECT_EQ(4u, grants.allowed.size()) << "nobody else is granted anything";
+        EXPECT_EQ(static_cast<DWORD>(FILE_ALL_ACCESS), grants.denied.count(L"S-1-5-2") ? grants.denied.at(L"S-1-5-2") : 0u)
+            << "network logons are kept out";
+        EXPECT_EQ(legacy ? 1u : 0u, logger->Count(L"agents may open the pipe with GENERIC_WRITE"));
+    }
+    // The narrow grant keeps the instance-creation bit (FILE_APPEND_DATA) from clients.
+    EXPECT_EQ(0u, pipe_access::kClient & FILE_CREATE_PIPE_INSTANCE);
+    SetThreadPool(nullptr);
+}
+
+// Run as a child process by the flood case: opens the connections it is told to and holds them.
+TEST(AgentPipeFloodChild, HoldsConnections)
+{
+    wchar_t pipe[256] = {};
+    wchar_t event[128] = {};
+    if (!::GetEnvironmentVariableW(L"VELOMAR_FLOOD_PIPE", pipe, 256) ||
+        !::GetEnvironmentVariableW(L"VELOMAR_FLOOD_EVENT", event, 128))
+        return; // not a child of the flood case
+    std::vector<daxlib::unique_hfile> held;
+    for (int i = 0; i < 10; ++i)
+        held.emplace_back(testing_support::OpenClient(pipe));
+    daxlib::unique_handle release(::OpenEventW(SYNCHRONIZE, FALSE, event));
+    ::WaitForSingleObject(release.get(), 60000);
+}
+
+TEST(AgentPipeBounds, OneSessionsFloodIsCutAtItsLimitAndOtherSessionsAreStillServed)
+{
+    auto logger = std::make_shared<CapturingLogger>(1);
+    SetThreadPool(std::make_shared<CThreadPool>(16, logger));
+    const std::wstring name = testing_support::UniqueName(L"velomar-agentpipe-flood");
+    const std::wstring path = L"\\\\.\\pipe\\" + name;
+    CPipeServer server(logger, name);
+    AgentPipeSettings settings;
+    settings.maxConnectionsPerSession = 4;
+    settings.maxConnections = 6;
+    server.SetSettings(settings);
+    // Wine reports session 1 for everyone: this process plays session 2, the flooding child 1.
+    const DWORD self = ::GetCurrentProcessId();
+    server.SetSessionResolver([self](uint32_t process, uint32_t) { return process == self ? 2u : 1u; });
+    std::mutex mutex;
+    std::vector<uint32_t> sessions;
+    server.SetUrlSender([&](uint32_t session, const std::wstring&) {
+        std::lock_guard lock(mutex);
+        sessions.push_back(session);
+        return 1; // sent
+    });
+    ASSERT_EQ(1, server.Start());
+
+    const std::wstring eventName = testing_support::UniqueName(L"velomar-flood-release");
+    daxlib::unique_handle release(::CreateEventW(nullptr, TRUE, FALSE, eventName.c_str()));
+    wchar_t self_path[MAX_PATH] = {};
+    ::GetModuleFileNameW(nullptr, self_path, MAX_PATH);
+    ::SetEnvironmentVariableW(L"VELOMAR_FLOOD_PIPE", path.c_str());
+    ::SetEnvironmentVariableW(L"VELOMAR_FLOOD_EVENT", eventName.c_str());
+    std::wstring command = L"\"" + std::wstring(self_path) + L"\" --gtest_filter=AgentPipeFloodChild.HoldsConnections";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    PROCESS_INFORMATION child{};
+    const BOOL started = ::CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                                          &startup, &child);
+    ::SetEnvironmentVariableW(L"VELOMAR_FLOOD_PIPE", nullptr);
+    ::SetEnvironmentVariableW(L"VELOMAR_FLOOD_EVENT", nullptr);
+    ASSERT_TRUE(started);
+    daxlib::unique_handle process(child.hProcess);
+    daxlib::unique_handle thread(child.hThread);
+
+    // Ten connections from session 1: four admitted, the rest closed with one warning.
+    EXPECT_TRUE(logger->WaitFor(L"open in this session, the limit", 20s));
+    EXPECT_TRUE(Eventually([&] { return server.ConnectionCount() == 4; }, 20s));
+    ::Sleep(500); // the rest of the burst
+    EXPECT_EQ(1u, logger->Count(L"open in this session, the limit")) << "one line per burst";
+
+    TestAgent mine(path);
+    EXPECT_EQ(agentpipe::kResultSent, mine.OpenUrl(u"https://a.test/"));
+    EXPECT_TRUE(logger->Contains(L"were closed over the limits"));
+    TestAgent second(path);
+    EXPECT_TRUE(second.Handshake());
+    TestAgent overTotal(path); // the seventh connection in all
+    EXPECT_TRUE(overTotal.Ended());
+    EXPECT_TRUE(logger->Contains(L"open in all, the limit"));
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(std::vector<uint32_t>{2u}, sessions);
+    }
+
+    ::SetEvent(release.get());
+    EXPECT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(process.get(), 20000));
+    EXPECT_TRUE(Eventually([&] { return server.ConnectionCount() == 2; }, 20s));
+    EXPECT_EQ(agentpipe::kResultSent, TestAgent(path).OpenUrl(u"https://b.test/")) << "freed room is used again";
     SetThreadPool(nullptr);
 }
