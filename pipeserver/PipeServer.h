@@ -37,6 +37,8 @@ public:
 
     // Where URLs go; without it every URL is answered as not sent.
     void SetUrlSender(UrlSender sender);
+    // The URL policy each new connection applies; without it, the default policy.
+    void SetUrlPolicy(UrlPolicySource policy);
 
     int Start() override;
     int Stop() override;
@@ -69,4 +71,5 @@ private:
     std::map<uint64_t, std::shared_ptr<CConnectionHandler>> m_connections;
     daxlib::srw_lock m_senderLock;
     UrlSender m_sendUrl;
+    UrlPolicySource m_policy;
 };

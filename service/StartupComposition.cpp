@@ -4,6 +4,7 @@
 #include "log/CvLogger.h"
 #include "pipe/ThreadPool.h"
 #include "pipeserver/PipeServer.h"
+#include "pipeserver/UrlPolicyRegistry.h"
 #include "service/ServiceConfig.h"
 #include "virt/VirtServer.h"
 
@@ -17,6 +18,7 @@ namespace
 daxlib::srw_lock g_slotLock;
 std::shared_ptr<CVirtServer> g_virtServer;
 std::shared_ptr<CPipeServer> g_pipeServer;
+std::shared_ptr<CUrlPolicyWatch> g_urlPolicy;
 } // namespace
 
 std::shared_ptr<CVirtServer> GetVirtServer()
@@ -40,7 +42,15 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
         std::lock_guard lock(g_slotLock);
         g_virtServer = virtServer;
     }
+    // Read before the pipe opens, so that the first URL already meets the administrator's policy.
+    auto urlPolicy = std::make_shared<CUrlPolicyWatch>(logger);
+    urlPolicy->Start();
+    {
+        std::lock_guard lock(g_slotLock);
+        g_urlPolicy = urlPolicy;
+    }
     auto pipeServer = std::make_shared<CPipeServer>(logger);
+    pipeServer->SetUrlPolicy([urlPolicy] { return urlPolicy->Current(); });
     pipeServer->SetUrlSender(
         [](uint32_t sessionId, const std::wstring& url)
         {
