@@ -269,6 +269,8 @@ bool Punycode(const std::u32string& input, std::string& out)
 // One IPv4 part as browsers read it: 0x hex, leading-zero octal, or decimal.
 std::optional<uint64_t> ParseIpv4Part(std::string_view part)
 {
+    if (part.empty())
+        return std::nullopt;
     uint32_t radix = 10;
     if (part.size() >= 2 && part[0] == '0' && (part[1] == 'x' || part[1] == 'X'))
         radix = 16, part.remove_prefix(2);
@@ -682,6 +684,13 @@ std::string CanonicalPath(std::u16string_view path)
                 bytes += hex[value >> 4];
                 bytes += hex[value & 0xF];
             }
+            continue;
+        }
+        // A lone '%' is written as an escape of itself, so that the result reads the same when
+        // it is canonicalised again ("%%32e" must not turn into a dot later).
+        if (c == u'%')
+        {
+            bytes += "%25";
             continue;
         }
         if (c >= 0xD800 && c <= 0xDBFF && i + 1 < path.size() && path[i + 1] >= 0xDC00 && path[i + 1] <= 0xDFFF)

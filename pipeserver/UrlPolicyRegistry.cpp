@@ -4,9 +4,12 @@
 
 #include <process.h>
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
+#include <utility>
 
 namespace
 {
