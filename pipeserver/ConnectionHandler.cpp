@@ -48,7 +48,8 @@ void CConnectionHandler::ProcessMessage(const unsigned char* buffer, unsigned lo
         // This is the trust boundary: a URL the policy refuses never reaches the channel.
         static const urlpolicy::Policy defaultPolicy;
         const auto policy = m_policy ? m_policy() : nullptr;
-        const urlpolicy::Verdict verdict = urlpolicy::Evaluate(policy ? *policy : defaultPolicy, decision.url);
+        const urlpolicy::Verdict verdict =
+            urlpolicy::Evaluate(policy ? *policy : defaultPolicy, decision.url);
         uint32_t result = agentpipe::kResultRefused;
         if (verdict.Allowed())
         {

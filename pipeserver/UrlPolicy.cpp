@@ -150,7 +150,8 @@ bool DecodeHostText(std::u16string_view text, std::u32string& out)
             i += 2;
             continue;
         }
-        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] <= 0xDFFF)
+        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < text.size() && text[i + 1] >= 0xDC00 &&
+            text[i + 1] <= 0xDFFF)
         {
             c = 0x10000 + ((c - 0xD800) << 10) + (text[i + 1] - 0xDC00);
             ++i;
@@ -298,7 +299,8 @@ bool EndsInNumber(std::string_view host)
     if (std::all_of(last.begin(), last.end(), [](char c) { return IsDigit(static_cast<unsigned char>(c)); }))
         return true;
     return last.size() >= 2 && last[0] == '0' && last[1] == 'x' &&
-           std::all_of(last.begin() + 2, last.end(), [](char c) { return HexValue(static_cast<unsigned char>(c)) >= 0; });
+           std::all_of(last.begin() + 2, last.end(),
+                       [](char c) { return HexValue(static_cast<unsigned char>(c)) >= 0; });
 }
 
 std::optional<std::string> CanonicalIpv4(std::string_view host)
@@ -307,7 +309,8 @@ std::optional<std::string> CanonicalIpv4(std::string_view host)
     for (size_t start = 0;;)
     {
         const size_t dot = host.find('.', start);
-        const auto part = ParseIpv4Part(host.substr(start, dot == std::string_view::npos ? dot : dot - start));
+        const auto part =
+            ParseIpv4Part(host.substr(start, dot == std::string_view::npos ? dot : dot - start));
         if (!part || parts.size() == 4)
             return std::nullopt;
         parts.push_back(*part);
@@ -360,7 +363,8 @@ std::optional<std::string> CanonicalIpv6(std::string_view text)
         uint32_t value = 0;
         size_t digits = 0;
         while (i < text.size() && digits < 4 && HexValue(static_cast<unsigned char>(text[i])) >= 0)
-            value = value * 16 + static_cast<uint32_t>(HexValue(static_cast<unsigned char>(text[i++]))), ++digits;
+            value = value * 16 + static_cast<uint32_t>(HexValue(static_cast<unsigned char>(text[i++]))),
+            ++digits;
         if (digits == 0)
             return std::nullopt;
         if (i < text.size() && text[i] == '.')
@@ -369,7 +373,8 @@ std::optional<std::string> CanonicalIpv6(std::string_view text)
             if (count > 6)
                 return std::nullopt;
             const auto v4 = CanonicalIpv4(text.substr(i - digits));
-            if (!v4 || std::count(text.begin() + static_cast<std::ptrdiff_t>(i - digits), text.end(), '.') != 3)
+            if (!v4 ||
+                std::count(text.begin() + static_cast<std::ptrdiff_t>(i - digits), text.end(), '.') != 3)
                 return std::nullopt;
             uint32_t address = 0;
             for (size_t start = 0; start < v4->size();)
@@ -535,8 +540,8 @@ bool WildcardMatch(std::string_view pattern, std::string_view text)
 
 bool IsUnreserved(int c)
 {
-    return IsAsciiAlpha(static_cast<char32_t>(c)) || IsDigit(static_cast<char32_t>(c)) || c == '-' || c == '.' ||
-           c == '_' || c == '~';
+    return IsAsciiAlpha(static_cast<char32_t>(c)) || IsDigit(static_cast<char32_t>(c)) || c == '-' ||
+           c == '.' || c == '_' || c == '~';
 }
 
 struct UrlParts
@@ -658,7 +663,6 @@ std::optional<std::string> ParseScheme(std::u16string_view text)
     return SchemeText(text);
 }
 
-
 std::optional<std::string> CanonicalHost(std::u16string_view host, bool fileScheme)
 {
     return CanonicalHostImpl(host, fileScheme, false);
@@ -693,7 +697,8 @@ std::string CanonicalPath(std::u16string_view path)
             bytes += "%25";
             continue;
         }
-        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < path.size() && path[i + 1] >= 0xDC00 && path[i + 1] <= 0xDFFF)
+        if (c >= 0xD800 && c <= 0xDBFF && i + 1 < path.size() && path[i + 1] >= 0xDC00 &&
+            path[i + 1] <= 0xDFFF)
             c = 0x10000 + ((c - 0xD800) << 10) + (path[++i] - 0xDC00);
         if (c == u'\\')
             c = u'/';
@@ -756,7 +761,8 @@ std::optional<Pattern> Pattern::Compile(std::u16string_view text)
     if (hostPart.empty())
         return std::nullopt;
     for (char16_t c : hostPart)
-        if (c < 0x20 || c == 0x7F || c == u'%' || c == u'@' || c == u'\\' || (c == u':' && hostPart[0] != u'['))
+        if (c < 0x20 || c == 0x7F || c == u'%' || c == u'@' || c == u'\\' ||
+            (c == u':' && hostPart[0] != u'['))
             return std::nullopt;
     const auto host = CanonicalHostImpl(hostPart, false, true);
     if (!host)

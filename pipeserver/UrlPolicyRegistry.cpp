@@ -33,8 +33,7 @@ std::optional<RawValue> QueryValue(HKEY key, const wchar_t* name)
     {
         value.bytes.resize(std::min(size, kMaxValueBytes));
         size = static_cast<DWORD>(value.bytes.size());
-        const LSTATUS rc =
-            ::RegQueryValueExW(key, name, nullptr, &value.type, value.bytes.data(), &size);
+        const LSTATUS rc = ::RegQueryValueExW(key, name, nullptr, &value.type, value.bytes.data(), &size);
         if (rc == ERROR_SUCCESS)
         {
             value.bytes.resize(size);
@@ -69,7 +68,8 @@ std::vector<std::u16string> MultiStrings(const std::vector<uint8_t>& bytes)
 
 std::wstring Shown(const std::u16string& text)
 {
-    std::wstring shown(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(text.size(), 80)));
+    std::wstring shown(text.begin(),
+                       text.begin() + static_cast<std::ptrdiff_t>(std::min<size_t>(text.size(), 80)));
     for (wchar_t& c : shown)
         if (c < L' ' || c == 0x7F)
             c = L'?';
@@ -110,8 +110,9 @@ UrlPolicyLoad ReadUrlPolicy(HKEY root, const wchar_t* subKey)
         if (!length)
             problem(L"MaxUrlLength", L"not a REG_DWORD");
         else if (*length == 0 || *length > urlpolicy::kLargestMaxUrlLength)
-            problem(L"MaxUrlLength", daxlib::Format(L"%u is not between 1 and %u", static_cast<unsigned>(*length),
-                                                   static_cast<unsigned>(urlpolicy::kLargestMaxUrlLength)));
+            problem(L"MaxUrlLength",
+                    daxlib::Format(L"%u is not between 1 and %u", static_cast<unsigned>(*length),
+                                   static_cast<unsigned>(urlpolicy::kLargestMaxUrlLength)));
         else
             load.policy.maxUrlLength = *length;
     }
@@ -134,8 +135,8 @@ UrlPolicyLoad ReadUrlPolicy(HKEY root, const wchar_t* subKey)
         if (!broken)
             load.policy.schemes = std::move(schemes);
     }
-    for (const auto& [name, patterns] :
-         {std::pair{L"AllowedHosts", &load.policy.allowedHosts}, std::pair{L"ExceptionHosts", &load.policy.exceptionHosts}})
+    for (const auto& [name, patterns] : {std::pair{L"AllowedHosts", &load.policy.allowedHosts},
+                                         std::pair{L"ExceptionHosts", &load.policy.exceptionHosts}})
     {
         const auto value = QueryValue(key.get(), name);
         if (!value)
@@ -182,8 +183,8 @@ int CUrlPolicyWatch::Start()
         return 1;
     m_hevStop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (m_hevStop)
-        m_hThread.reset(
-            reinterpret_cast<HANDLE>(::_beginthreadex(nullptr, 0, &CUrlPolicyWatch::WatchThread, this, 0, nullptr)));
+        m_hThread.reset(reinterpret_cast<HANDLE>(
+            ::_beginthreadex(nullptr, 0, &CUrlPolicyWatch::WatchThread, this, 0, nullptr)));
     if (!m_hThread)
     {
         Log(LogLevel::Error, L"CUrlPolicyWatch::Start: (187)",
@@ -226,9 +227,9 @@ void CUrlPolicyWatch::Load()
     std::wstring summary = daxlib::Format(
         L"URL policy %s: redirection %s, schemes <%s>, %u allowed host pattern(s), %u exception(s), "
         L"at most %u characters",
-        load.keyPresent ? L"read" : L"not configured, default", policy.enabled ? L"on" : L"off", schemes.c_str(),
-        static_cast<unsigned>(policy.allowedHosts.size()), static_cast<unsigned>(policy.exceptionHosts.size()),
-        static_cast<unsigned>(policy.maxUrlLength));
+        load.keyPresent ? L"read" : L"not configured, default", policy.enabled ? L"on" : L"off",
+        schemes.c_str(), static_cast<unsigned>(policy.allowedHosts.size()),
+        static_cast<unsigned>(policy.exceptionHosts.size()), static_cast<unsigned>(policy.maxUrlLength));
     // Every change under the watched key wakes the watch; only a different policy is news.
     if (summary != m_strSummary)
         Log(LogLevel::Info, L"CUrlPolicyWatch::Load: (227)", L"%s", summary.c_str());
@@ -276,8 +277,9 @@ void CUrlPolicyWatch::WatchLoop()
         // Opened afresh each round: the key watched last time may have been deleted, or the
         // policy key created below it.
         daxlib::unique_hkey key = OpenNearest();
-        if (!key || ::RegNotifyChangeKeyValue(key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
-                                              changed.get(), TRUE) != ERROR_SUCCESS)
+        if (!key ||
+            ::RegNotifyChangeKeyValue(key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
+                                      changed.get(), TRUE) != ERROR_SUCCESS)
         {
             Log(LogLevel::Error, L"CUrlPolicyWatch::WatchLoop: (282)",
                 L"cannot watch the URL policy; changes apply after a restart");

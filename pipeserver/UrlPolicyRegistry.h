@@ -18,7 +18,7 @@ constexpr wchar_t kUrlPolicyKey[] = L"Software\\Policies\\Corvane\\Velomar (Serv
 
 struct UrlPolicyLoad
 {
-    urlpolicy::Policy policy;        // the default wherever a value is missing or broken
+    urlpolicy::Policy policy;           // the default wherever a value is missing or broken
     std::vector<std::wstring> problems; // one line per broken value, naming it
     bool keyPresent = false;
 };

@@ -293,9 +293,10 @@ int wmain(int argc, wchar_t** argv)
     const double policyMicros = PolicyMicrosPerUrl(200000);
     if (policyMicros < 0)
         return std::fprintf(stderr, "the policy benchmark's URLs were not allowed\n"), 1;
-    std::printf("URL policy evaluation, 200 patterns: %.2f us per URL = %.3f%% of the answer p50 of one agent "
-                "(%.1f us)%s\n",
-                policyMicros, oneAgentAnswerP50 > 0 ? 100 * policyMicros / oneAgentAnswerP50 : 0.0,
-                oneAgentAnswerP50, oneAgentAnswerP50 > 0 && policyMicros < oneAgentAnswerP50 / 100 ? "" : "  (over 1%)");
+    std::printf(
+        "URL policy evaluation, 200 patterns: %.2f us per URL = %.3f%% of the answer p50 of one agent "
+        "(%.1f us)%s\n",
+        policyMicros, oneAgentAnswerP50 > 0 ? 100 * policyMicros / oneAgentAnswerP50 : 0.0, oneAgentAnswerP50,
+        oneAgentAnswerP50 > 0 && policyMicros < oneAgentAnswerP50 / 100 ? "" : "  (over 1%)");
     return 0;
 }

@@ -25,7 +25,8 @@ public:
 
     void Set(const wchar_t* name, DWORD type, const void* data, DWORD size) const
     {
-        ASSERT_EQ(ERROR_SUCCESS, ::RegSetKeyValueW(HKEY_CURRENT_USER, m_path.c_str(), name, type, data, size));
+        ASSERT_EQ(ERROR_SUCCESS,
+                  ::RegSetKeyValueW(HKEY_CURRENT_USER, m_path.c_str(), name, type, data, size));
     }
     void Strings(const wchar_t* name, std::wstring_view joined) const // '|' separates the strings
     {
@@ -77,8 +78,8 @@ TEST(UrlPolicyRegistry, GoodValuesApplyAndEachBrokenOneFallsBackToItsDefault)
     EXPECT_TRUE(load.policy.allowedHosts.empty());
     EXPECT_TRUE(load.policy.exceptionHosts.empty());
     ASSERT_EQ(5u, load.problems.size());
-    for (const wchar_t* name : {L"\"Enabled\"", L"\"MaxUrlLength\"", L"\"AllowedSchemes\"", L"\"AllowedHosts\"",
-                                L"\"ExceptionHosts\""})
+    for (const wchar_t* name : {L"\"Enabled\"", L"\"MaxUrlLength\"", L"\"AllowedSchemes\"",
+                                L"\"AllowedHosts\"", L"\"ExceptionHosts\""})
     {
         size_t mentions = 0;
         for (const auto& problem : load.problems)

@@ -98,7 +98,8 @@ TEST(UrlPolicy, EveryWayOfWritingAHostComesToOneCanonicalForm)
         {u"https://evil.example:443/", "evil.example"},
         {u"https://%65vil.ex%41mple/", "evil.example"},
         {u"https://evil%2Eexample/", "evil.example"},
-        {u"https://\uFF45\uFF56\uFF49\uFF4C\uFF0E\uFF45\uFF58\uFF41\uFF4D\uFF50\uFF4C\uFF45/", "evil.example"},
+        {u"https://\uFF45\uFF56\uFF49\uFF4C\uFF0E\uFF45\uFF58\uFF41\uFF4D\uFF50\uFF4C\uFF45/",
+         "evil.example"},
         {u"https://evil\u3002example/", "evil.example"},
         {u"https://b\u00FCcher.example/", "xn--bcher-kva.example"},
         {u"https://B\u00DCCHER.example/", "xn--bcher-kva.example"},
@@ -115,9 +116,9 @@ TEST(UrlPolicy, EveryWayOfWritingAHostComesToOneCanonicalForm)
         {u"file://server/share/x", "server"},
         {u"ssh://User@Host.Example:22", "host.example"},
         // Unreadable: what a browser would map further, or a malformed authority.
-        {u"https://\u212Aelvin.example/", ""},       // the Kelvin sign becomes "k"
-        {u"https://e\u0301vil.example/", ""},        // a combining accent composes
-        {u"https://\u2460.example/", ""},            // a circled digit becomes "1"
+        {u"https://\u212Aelvin.example/", ""}, // the Kelvin sign becomes "k"
+        {u"https://e\u0301vil.example/", ""},  // a combining accent composes
+        {u"https://\u2460.example/", ""},      // a circled digit becomes "1"
         {u"https://%zz.example/", ""},
         {u"https://%C3.example/", ""},
         {u"https://evil..example/", ""},
@@ -139,7 +140,8 @@ TEST(UrlPolicy, EveryWayOfWritingAHostComesToOneCanonicalForm)
         const urlpolicy::Verdict verdict = urlpolicy::Evaluate(policy, c.url);
         EXPECT_EQ(c.host, verdict.host);
         const bool unreadable = std::string(c.host).empty() && c.url.rfind(u"file:", 0) != 0;
-        EXPECT_EQ(unreadable ? Rule::BadHost : Rule::Allowed, verdict.rule) << urlpolicy::RuleName(verdict.rule);
+        EXPECT_EQ(unreadable ? Rule::BadHost : Rule::Allowed, verdict.rule)
+            << urlpolicy::RuleName(verdict.rule);
     }
     // Without host rules the host does not matter: the default policy lets odd but web URLs by.
     EXPECT_EQ(Rule::Allowed, urlpolicy::Evaluate(urlpolicy::Policy(), u"https://evil..example/").rule);
@@ -151,7 +153,8 @@ TEST(UrlPolicy, HostPatternsWithWildcardsAndExceptionsOverAllows)
     policy.schemes = {"http", "https", "mailto", "custom"};
     policy.allowedHosts = Patterns({u"*.Corp.Example", u"intranet?.example", u"B\u00FCcher.example", u"10.1",
                                     u"[::1]", u"docs.example/public/*", u"app.example"});
-    policy.exceptionHosts = Patterns({u"secret.corp.example", u"*.corp.example/admin*", u"app.example/private/*"});
+    policy.exceptionHosts =
+        Patterns({u"secret.corp.example", u"*.corp.example/admin*", u"app.example/private/*"});
     const struct
     {
         std::u16string url;
