@@ -20,6 +20,7 @@ constexpr uint32_t kTypeOpenUrl = 1;
 constexpr size_t kHandshakePayloadSize = 16;
 constexpr uint32_t kResultSent = 0;
 constexpr uint32_t kResultNotSent = 1;
+constexpr uint32_t kResultRefused = 2; // refused by the host's URL policy; never written to the channel
 
 struct MessageHeader
 {

@@ -7,9 +7,11 @@
 
 CConnectionHandler::CConnectionHandler(std::shared_ptr<ICvLogger> logger,
                                        std::shared_ptr<CNamedPipeServerStream> stream,
-                                       const ConnectionInformation& information, UrlSender sendUrl)
+                                       const ConnectionInformation& information, UrlSender sendUrl,
+                                       UrlPolicySource policy)
     : IBaseItem(logger), m_pStream(std::move(stream)), m_information(information),
-      m_pRequest(std::make_unique<CPipeServerRequest>(m_pStream, logger)), m_sendUrl(std::move(sendUrl))
+      m_pRequest(std::make_unique<CPipeServerRequest>(m_pStream, logger)), m_sendUrl(std::move(sendUrl)),
+      m_policy(std::move(policy))
 {
 }
 
@@ -43,11 +45,31 @@ void CConnectionHandler::ProcessMessage(const unsigned char* buffer, unsigned lo
     }
     case agentpipe::Decision::Kind::OpenUrl:
     {
-        // The session is the one the pipe reports for the agent, never one named by the agent.
-        const std::wstring url(decision.url.begin(), decision.url.end());
-        const int sent = m_sendUrl ? m_sendUrl(m_information.dwClientSessionId, url) : 0;
-        const auto answer =
-            agentpipe::EncodeOpenUrlAnswer(sent ? agentpipe::kResultSent : agentpipe::kResultNotSent);
+        // This is the trust boundary: a URL the policy refuses never reaches the channel.
+        static const urlpolicy::Policy defaultPolicy;
+        const auto policy = m_policy ? m_policy() : nullptr;
+        const urlpolicy::Verdict verdict =
+            urlpolicy::Evaluate(policy ? *policy : defaultPolicy, decision.url);
+        uint32_t result = agentpipe::kResultRefused;
+        if (verdict.Allowed())
+        {
+            // The text judged is the text sent. The session is the one the pipe reports for
+            // the agent, never one named by the agent.
+            const std::u16string_view trimmed = urlpolicy::Trim(decision.url);
+            const std::wstring url(trimmed.begin(), trimmed.end());
+            const int sent = m_sendUrl ? m_sendUrl(m_information.dwClientSessionId, url) : 0;
+            result = sent ? agentpipe::kResultSent : agentpipe::kResultNotSent;
+        }
+        else
+        {
+            // Scheme, host and rule only: paths and queries carry tokens.
+            Log(LogLevel::Warning, L"CConnectionHandler::ProcessMessage: (66)",
+                L"URL refused by the URL policy: scheme <%S>, host <%S>, rule: %S%S%S, pid %u",
+                verdict.scheme.substr(0, 64).c_str(), verdict.host.c_str(), urlpolicy::RuleName(verdict.rule),
+                verdict.pattern.empty() ? "" : " ", verdict.pattern.c_str(),
+                static_cast<unsigned>(m_information.dwClientProcessId));
+        }
+        const auto answer = agentpipe::EncodeOpenUrlAnswer(result);
         SendReply(answer.data(), static_cast<uint32_t>(answer.size()));
         break;
     }

@@ -5,6 +5,7 @@
 
 #include <windows.h>
 #include "pipeserver/AgentProtocol.h"
+#include "pipeserver/UrlPolicy.h"
 
 #include <cstdint>
 #include <functional>
@@ -16,6 +17,8 @@ class CPipeServerRequest;
 
 // Sends a URL to the client side of a session; nonzero when it was written to its channel.
 using UrlSender = std::function<int(uint32_t sessionId, const std::wstring& url)>;
+// The URL policy in force; null stands for the default policy.
+using UrlPolicySource = std::function<std::shared_ptr<const urlpolicy::Policy>()>;
 
 // What the service knows of a new connection. The texts and the shared reference stay empty.
 struct ConnectionInformation
@@ -32,7 +35,8 @@ class CConnectionHandler : public IBaseItem
 {
 public:
     CConnectionHandler(std::shared_ptr<ICvLogger> logger, std::shared_ptr<CNamedPipeServerStream> stream,
-                       const ConnectionInformation& information, UrlSender sendUrl);
+                       const ConnectionInformation& information, UrlSender sendUrl,
+                       UrlPolicySource policy = nullptr);
     ~CConnectionHandler() override;
     CConnectionHandler(const CConnectionHandler&) = delete;
     CConnectionHandler& operator=(const CConnectionHandler&) = delete;
@@ -63,4 +67,5 @@ private:
     // Reads and writes of this connection; it outlives every operation it started.
     std::unique_ptr<CPipeServerRequest> m_pRequest;
     UrlSender m_sendUrl;
+    UrlPolicySource m_policy;
 };

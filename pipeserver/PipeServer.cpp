@@ -40,6 +40,12 @@ void CPipeServer::SetUrlSender(UrlSender sender)
     m_sendUrl = std::move(sender);
 }
 
+void CPipeServer::SetUrlPolicy(UrlPolicySource policy)
+{
+    std::lock_guard lock(m_senderLock);
+    m_policy = std::move(policy);
+}
+
 int CPipeServer::Start()
 {
     try
@@ -155,11 +161,14 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
         return 0;
     }
     UrlSender sender;
+    UrlPolicySource policy;
     {
         std::lock_guard lock(m_senderLock);
         sender = m_sendUrl;
+        policy = m_policy;
     }
-    auto handler = std::make_shared<CConnectionHandler>(GetLogger(), stream, information, std::move(sender));
+    auto handler = std::make_shared<CConnectionHandler>(GetLogger(), stream, information, std::move(sender),
+                                                        std::move(policy));
     if (!Admit(data.channelId, handler))
     {
         stream->Disconnect();

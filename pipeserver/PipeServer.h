@@ -53,6 +53,8 @@ public:
 
     // Where URLs go; without it every URL is answered as not sent.
     void SetUrlSender(UrlSender sender);
+    // The URL policy each new connection applies; without it, the default policy.
+    void SetUrlPolicy(UrlPolicySource policy);
     // Both before Start. The resolver replaces the pipe's own session report: tests use it to
     // play several sessions, which Wine cannot report.
     void SetSettings(const AgentPipeSettings& settings) { m_settings = settings; }
@@ -96,4 +98,5 @@ private:
     uint32_t m_refusedInBurst = 0; // connections refused since the last one admitted
     daxlib::srw_lock m_senderLock;
     UrlSender m_sendUrl;
+    UrlPolicySource m_policy;
 };

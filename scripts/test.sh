@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Builds everything and runs the whole suite: the Windows-free logic natively, then the
-# Windows build under Wine in a private prefix inside build/mingw.
+# Builds everything and runs the whole suite: the Windows-free logic natively, each fuzz target
+# for a while, then the Windows build under Wine in a private prefix inside build/mingw.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -9,6 +9,25 @@ scripts/setup.sh
 cmake --preset native >/dev/null
 cmake --build --preset native
 ctest --preset native --no-tests=ignore
+
+# Every fuzz target for about 30 s from an empty corpus; a crash, a leak or a sanitizer report
+# fails the run, and the fuzzer's output stays in build/fuzz/logs.
+fuzz_seconds=${VELOMAR_FUZZ_SECONDS:-30}
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+mkdir -p build/fuzz/logs
+mapfile -t fuzzers < <(find build/fuzz/tests -type f -name '*_fuzz' -perm -u+x | sort)
+[ ${#fuzzers[@]} -gt 0 ] || { echo "no fuzz targets were built" >&2; exit 1; }
+for fuzzer in "${fuzzers[@]}"; do
+  name=$(basename "$fuzzer")
+  echo "fuzzing $name for ${fuzz_seconds} s"
+  if ! "$fuzzer" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 \
+       -artifact_prefix="build/fuzz/logs/$name-" >"build/fuzz/logs/$name.log" 2>&1; then
+    tail -n 40 "build/fuzz/logs/$name.log" >&2
+    echo "$name failed; its input is in build/fuzz/logs/" >&2
+    exit 1
+  fi
+done
 
 cmake --preset mingw >/dev/null
 cmake --build --preset mingw

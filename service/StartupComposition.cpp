@@ -4,6 +4,7 @@
 #include "log/CvLogger.h"
 #include "pipe/ThreadPool.h"
 #include "pipeserver/PipeServer.h"
+#include "pipeserver/UrlPolicyRegistry.h"
 #include "service/ServiceConfig.h"
 #include "virt/VirtServer.h"
 
@@ -17,6 +18,7 @@ namespace
 daxlib::srw_lock g_slotLock;
 std::shared_ptr<CVirtServer> g_virtServer;
 std::shared_ptr<CPipeServer> g_pipeServer;
+std::shared_ptr<CUrlPolicyWatch> g_urlPolicy;
 } // namespace
 
 std::shared_ptr<CVirtServer> GetVirtServer()
@@ -31,6 +33,26 @@ std::shared_ptr<CPipeServer> GetPipeServer()
     return g_pipeServer;
 }
 
+AgentPipeSettings ReadAgentPipeSettings(HKEY root)
+{
+    AgentPipeSettings settings;
+    auto read = [root](const wchar_t* name) -> DWORD
+    {
+        DWORD value = 0;
+        DWORD size = sizeof(value);
+        return ::RegGetValueW(root, kProductKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS
+                   ? value
+                   : 0;
+    };
+    settings.legacyClientAccess = read(L"AllowLegacyAgentAccess") != 0;
+    // A missing or zero limit keeps the default: a limit of 0 would shut every agent out.
+    if (const DWORD perSession = read(L"MaxAgentConnectionsPerSession"))
+        settings.maxConnectionsPerSession = perSession;
+    if (const DWORD total = read(L"MaxAgentConnections"))
+        settings.maxConnections = total;
+    return settings;
+}
+
 void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
 {
     SetThreadPool(std::make_shared<CThreadPool>(kThreadPoolMaximum, logger));
@@ -40,7 +62,16 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
         std::lock_guard lock(g_slotLock);
         g_virtServer = virtServer;
     }
+    // Read before the pipe opens, so that the first URL already meets the administrator's policy.
+    auto urlPolicy = std::make_shared<CUrlPolicyWatch>(logger);
+    urlPolicy->Start();
+    {
+        std::lock_guard lock(g_slotLock);
+        g_urlPolicy = urlPolicy;
+    }
     auto pipeServer = std::make_shared<CPipeServer>(logger);
+    pipeServer->SetSettings(ReadAgentPipeSettings());
+    pipeServer->SetUrlPolicy([urlPolicy] { return urlPolicy->Current(); });
     pipeServer->SetUrlSender(
         [](uint32_t sessionId, const std::wstring& url)
         {

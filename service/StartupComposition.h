@@ -1,4 +1,8 @@
 #pragma once
+#include "pipeserver/PipeServer.h"
+
+#include <windows.h>
+
 #include <memory>
 
 class CCvLogger;
@@ -13,6 +17,10 @@ namespace service
 // a server that fails to start does not stop the service: without the channel library agents
 // are still served, and their URLs are answered as not sent.
 void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger);
+
+// The agent pipe's access and connection limits from the product key: "AllowLegacyAgentAccess",
+// "MaxAgentConnectionsPerSession" and "MaxAgentConnections" (REG_DWORD each).
+AgentPipeSettings ReadAgentPipeSettings(HKEY root = HKEY_LOCAL_MACHINE);
 
 std::shared_ptr<CVirtServer> GetVirtServer();
 std::shared_ptr<CPipeServer> GetPipeServer();

@@ -320,15 +320,20 @@ bool CSessionHandler::ConnectOnce()
     if (::WaitForMultipleObjects(3, wakers, FALSE, ConnectedWaitMs) != WAIT_OBJECT_0 + 1)
         return false;
 
-    if (!DoHandshake())
+    switch (DoHandshake())
     {
+    case HandshakeOutcome::Accepted:
+        return true;
+    case HandshakeOutcome::Refused:
         m_bProtocolInvalid = true;
         return false;
+    case HandshakeOutcome::Broken:
+        break;
     }
-    return true;
+    return false;
 }
 
-bool CSessionHandler::DoHandshake()
+CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
 {
     using namespace SkApi;
     // Each exchange holds the state lock on its own, never the whole handshake.
@@ -364,6 +369,8 @@ bool CSessionHandler::DoHandshake()
         m_status = ChannelStatusRecord{};
     }
     ChannelStatusRecord local{};
+    // Set only by an answer of the client side; a failed read or write leaves it false.
+    bool refused = false;
 
     auto exchange = [&]() -> bool
     {
@@ -389,6 +396,7 @@ bool CSessionHandler::DoHandshake()
         {
             Log(LogLevel::Warning, kDoHandshake,
                 L"Remote side is not compatible with local protocol version");
+            refused = true;
             return false;
         }
         Log(LogLevel::Info, kDoHandshake, L"Negotiations about the version are successful. Version=%#.8x",
@@ -412,12 +420,24 @@ bool CSessionHandler::DoHandshake()
         {
             Log(LogLevel::Warning, kDoHandshake,
                 L"Remote side is not compatible with local protocol options");
+            refused = true;
             return false;
         }
         // Told "accepted" in the version exchange, dropped now without a word: kept as it is.
-        return local.dwRemoteVersion >= UrlNet::LowestRemoteVersion;
+        refused = local.dwRemoteVersion < UrlNet::LowestRemoteVersion;
+        return !refused;
     };
     const bool ok = exchange();
+    if (!ok && !refused)
+    {
+        // A blip in the middle of the exchange is no verdict on the protocol: the session is
+        // reported broken and the connection thread tries again after its pause.
+        std::lock_guard lock(m_csState);
+        m_status = ChannelStatusRecord{};
+        m_status.dwState = eCvUrlApiEvent_RdpConnectionBroken;
+        Publish(m_status);
+        return HandshakeOutcome::Broken;
+    }
 
     // Whoever learns of state 50 may send at once, so reading and sending are allowed first.
     if (ok)
@@ -426,7 +446,7 @@ bool CSessionHandler::DoHandshake()
     m_status = local;
     m_status.dwState = ok ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpInvalidProtocol;
     Publish(m_status);
-    return ok;
+    return ok ? HandshakeOutcome::Accepted : HandshakeOutcome::Refused;
 }
 
 unsigned CSessionHandler::ReadThread()

@@ -53,7 +53,13 @@ private:
     unsigned ConnectionThread();
     unsigned ReadThread();
     bool ConnectOnce();
-    bool DoHandshake();
+    enum class HandshakeOutcome
+    {
+        Accepted,
+        Refused, // the client side said no, or its version is too low: never retried
+        Broken,  // the connection failed on the way: retried like any broken connection
+    };
+    HandshakeOutcome DoHandshake();
     void ReadOneMessage();
     void StopThreads();
     void DropConnection();

@@ -14,8 +14,9 @@
 using namespace std::chrono_literals;
 using namespace e2e;
 
-// One service run at log level 3 carries the cases that need a fresh channel-id counter.
-TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
+// One service run at log level 3 carries the cases that need a fresh channel-id counter, and the
+// URL policy: the default one, then the administrator's, changed while the service runs.
+TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThreeAsThePolicyAllows)
 {
     ServiceRun run(ServiceOptions().LogLevel(3));
     StartRunning(run);
@@ -36,6 +37,12 @@ TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
         EXPECT_EQ(std::optional<uint32_t>(0), first.OpenUrl(url)) << ToUtf8(url).substr(0, 60);
         expected.push_back(ToUtf8(url));
     }
+    // The default policy refuses every scheme but http, https and mailto: answer 2, nothing on
+    // the channel, and a warning that names the scheme and the rule but not the rest.
+    for (const char16_t* refused : {u"file://\\\\attacker\\share\\x.exe", u"ms-msdt:/id PCWDiagnostic /param s3cret"})
+        EXPECT_EQ(std::optional<uint32_t>(2), first.OpenUrl(refused)) << ToUtf8(refused);
+    EXPECT_EQ(std::optional<uint32_t>(0), first.OpenUrl(u"  MAILTO:a@b.example "));
+    expected.push_back("MAILTO:a@b.example");
 
     // Channel 2: a header of another type with length 0 is consumed without an answer, and a
     // payload without NUL ends the URL at the payload's end; the reserved word is not read.
@@ -81,6 +88,33 @@ TEST(AgentE2e, UrlsReachTheClientSideExactlyInOrderOnChannelsOneTwoThree)
     EXPECT_TRUE(std::is_sorted(at.begin(), at.end()) && at.back() != std::wstring::npos);
     EXPECT_EQ(std::wstring::npos, log.find(L"ch: <0>"));
     EXPECT_EQ(std::wstring::npos, log.find(L"ch: <4>"));
+    EXPECT_EQ(1u, CountOf(log, L"scheme <ms-msdt>, host <>, rule: scheme not in AllowedSchemes"));
+    EXPECT_EQ(1u, CountOf(log, L"scheme <file>, host <attacker>, rule: scheme not in AllowedSchemes"));
+    EXPECT_EQ(std::wstring::npos, log.find(L"s3cret"));
+
+    // The administrator's policy is watched: each change applies to the next URL, no restart.
+    AgentPipe fourth;
+    ASSERT_TRUE(fourth.Connect());
+    ASSERT_TRUE(SetPolicyStrings(L"AllowedSchemes", {L"HTTPS", L"ms-settings:"}));
+    WaitForLog(L"schemes <https ms-settings>", 10s);
+    EXPECT_EQ(std::optional<uint32_t>(0), fourth.OpenUrl(u"ms-settings:display"));
+    EXPECT_EQ(std::optional<uint32_t>(2), fourth.OpenUrl(u"http://plain.example/"));
+    // A broken value is ignored, with one warning however often the key is read again after it.
+    ASSERT_TRUE(SetPolicyValue(L"Enabled", REG_SZ, L"0", sizeof(L"0")));
+    WaitForLog(L"value \"Enabled\" ignored: not a REG_DWORD", 10s);
+    ASSERT_TRUE(SetPolicyStrings(L"ExceptionHosts", {L"*.blocked.example"}));
+    WaitForLog(L"1 exception(s)", 10s);
+    EXPECT_EQ(std::optional<uint32_t>(0), fourth.OpenUrl(u"https://fine.example/"));
+    EXPECT_EQ(std::optional<uint32_t>(2), fourth.OpenUrl(u"https://x.Blocked.example./"));
+    const DWORD off = 0;
+    ASSERT_TRUE(SetPolicyValue(L"Enabled", REG_DWORD, &off, sizeof(off)));
+    WaitForLog(L"redirection off", 10s);
+    EXPECT_EQ(std::optional<uint32_t>(2), fourth.OpenUrl(u"https://fine.example/again"));
+    log = ReadLog();
+    EXPECT_EQ(1u, CountOf(log, L"value \"Enabled\" ignored"));
+    expected.push_back("ms-settings:display");
+    expected.push_back("https://fine.example/");
+    EXPECT_EQ(expected, ReceivedUrls(1));
 }
 
 // Clients that leave around the moment the service takes them up, some before it has made

@@ -32,6 +32,7 @@ const wchar_t kScenarioPath[] = L"C:\\Program Files\\Common Files\\Corvane\\Skei
 const wchar_t kLogFolder[] = L"C:\\ProgramData\\Corvane\\Velomar (Server)";
 const wchar_t kLogFile[] = L"C:\\ProgramData\\Corvane\\Velomar (Server)\\velomard.txt";
 const wchar_t kProductKey[] = L"Software\\Corvane\\Velomar (Server)";
+const wchar_t kPolicyKey[] = L"Software\\Policies\\Corvane\\Velomar (Server)\\UrlPolicy";
 const wchar_t kAgentPipe[] = L"\\\\.\\pipe\\9FEA9DA6-BEA1-479B-9819-F9031E0B69EE";
 
 using std::chrono::milliseconds;
@@ -63,6 +64,7 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
     if (!step(m_scm.valid(), L"OpenSCManagerW"))
         return;
     Remove(); // a registration left behind by an aborted run
+    RemovePolicy();
 
     // A fresh log, so that what a case reads is its own service run's.
     testing_support::RemoveTree(kLogFolder);
@@ -103,8 +105,32 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
 ServiceRun::~ServiceRun()
 {
     Remove();
+    RemovePolicy();
     ::DeleteFileW(kScenarioPath);
     ::DeleteFileW(kLibraryPath);
+}
+
+bool SetPolicyValue(const wchar_t* name, DWORD type, const void* data, DWORD size)
+{
+    daxlib::unique_hkey key;
+    return ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kPolicyKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(),
+                             nullptr) == ERROR_SUCCESS &&
+           ::RegSetValueExW(key.get(), name, 0, type, static_cast<const BYTE*>(data), size) == ERROR_SUCCESS;
+}
+
+bool SetPolicyStrings(const wchar_t* name, const std::vector<std::wstring>& strings)
+{
+    std::wstring data;
+    for (const auto& s : strings)
+        data += s + L'\0';
+    data += L'\0';
+    return SetPolicyValue(name, REG_MULTI_SZ, data.c_str(), static_cast<DWORD>(data.size() * sizeof(wchar_t)));
+}
+
+void RemovePolicy()
+{
+    ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, kPolicyKey);
+    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, kPolicyKey);
 }
 
 void ServiceRun::Remove()

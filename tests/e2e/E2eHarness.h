@@ -70,6 +70,11 @@ private:
     std::wstring m_error;
 };
 
+// The service's URL policy key. Every ServiceRun starts without it and removes it again.
+bool SetPolicyValue(const wchar_t* name, DWORD type, const void* data, DWORD size);
+bool SetPolicyStrings(const wchar_t* name, const std::vector<std::wstring>& strings); // REG_MULTI_SZ
+void RemovePolicy();
+
 // Waits until the service's log holds `fragment` at least `times` times; the log as last read.
 std::wstring WaitForLog(const std::wstring& fragment, std::chrono::milliseconds limit, size_t times = 1);
 std::wstring ReadLog();

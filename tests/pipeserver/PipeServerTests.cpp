@@ -120,7 +120,13 @@ TEST_F(AgentPipeServer, AnswersKnownMessagesAndConsumesOthersInStep)
 {
     TestAgent agent(m_path);
     ASSERT_TRUE(agent.Handshake());
-    EXPECT_EQ(agentpipe::kResultSent, agent.OpenUrl(u"https://example.test/\u00e9"));
+    EXPECT_EQ(agentpipe::kResultSent, agent.OpenUrl(u" https://example.test/\u00e9\t"));
+    // Without a policy of its own the server applies the default one; what it refuses is never
+    // handed on, and its log names the scheme but not the rest of the URL.
+    EXPECT_EQ(agentpipe::kResultRefused, agent.OpenUrl(u"ms-msdt:/id PCWDiagnostic /param token=s3cret"));
+    EXPECT_TRUE(m_logger->Contains(L"URL refused by the URL policy: scheme <ms-msdt>, host <>"));
+    for (const auto& record : m_logger->Records())
+        EXPECT_EQ(std::wstring::npos, record.text.find(L"s3cret"));
     m_result = 0;
     EXPECT_EQ(agentpipe::kResultNotSent, agent.OpenUrl(u"https://example.test/second"));
     EXPECT_TRUE(agent.Handshake()); // a second handshake is answered the same way
@@ -133,7 +139,7 @@ TEST_F(AgentPipeServer, AnswersKnownMessagesAndConsumesOthersInStep)
              Header(agentpipe::kTypeHandshake, 8), std::vector<uint8_t>(8, 0xAA), // handshake of the wrong size
              Header(agentpipe::kTypeOpenUrl, 0),                            // empty URL message
              // A URL without its terminating NUL ends at the payload's end.
-             Header(agentpipe::kTypeOpenUrl, 4 + 6), {0, 0, 0, 0, 'a', 0, ':', 0, 'b', 0}})
+             Header(agentpipe::kTypeOpenUrl, 4 + 12), {0, 0, 0, 0, 'h', 0, 't', 0, 't', 0, 'p', 0, ':', 0, 'b', 0}})
         burst.insert(burst.end(), part.begin(), part.end());
     ASSERT_TRUE(agent.Write(burst));
     // The first answer is the URL's and the next one the handshake's: nothing else was answered.
@@ -146,7 +152,7 @@ TEST_F(AgentPipeServer, AnswersKnownMessagesAndConsumesOthersInStep)
     const auto sent = m_sent;
     ASSERT_EQ(3u, sent.size());
     EXPECT_EQ(L"https://example.test/\u00e9", sent[0].second);
-    EXPECT_EQ(L"a:b", sent[2].second);
+    EXPECT_EQ(L"http:b", sent[2].second);
     // Wine reports session 1 for every pipe client; the URL carries no session of its own.
     for (const auto& [session, url] : sent)
         EXPECT_EQ(1u, session);

@@ -28,7 +28,17 @@ TEST_F(ChannelProtocolTest, HandshakeOutcomesAndRetriesPerClientSide)
     Command("peer 7 options=12 send=0900000000000000"); // announces options, sends none
     Command("peer 8 absent");
     Command("peer 9 silent");
-    OpenSessions(3, 9);
+    Command("peer 10 mute"); // connects, then answers nothing: its handshake waits
+    OpenSessions(3, 10);
+
+    // A connection that breaks in the middle of the handshake is a broken connection, not a
+    // refusal: the session is tried again and connects once the client side answers.
+    ASSERT_TRUE(m_logger->WaitFor(Tag(10) + L"LocalVersion=", 10s));
+    Command("peer 10 accept");
+    Command("break 10");
+    ASSERT_TRUE(m_status.WaitForState(10, eCvUrlApiEvent_RdpConnectionBroken, 10s));
+    EXPECT_TRUE(WaitConnected(10));
+    EXPECT_EQ(2u, Stats(10).connectAttempts);
 
     for (uint32_t accepted : {6u, 7u})
         ASSERT_TRUE(WaitConnected(accepted)) << accepted;
@@ -106,8 +116,6 @@ TEST_F(ChannelProtocolTest, BadPeersDoNotWedgeTheirSessionOrDisturbOthers)
     EXPECT_TRUE(m_logger->WaitFor(Tag(5) + L"SkReadData(Data) failed. Error=ERROR_NOT_CONNECTED(2250)", 5s));
 
     // Once the peers behave, their sessions work again: each reconnects right after a break.
-    // (A break during a handshake would end the session's attempts for good, hence no forced
-    // break here.)
     Command("peer 4 accept");
     Command("peer 5 accept");
     // A connection made just before a peer was told may still run the old script and close

@@ -131,7 +131,8 @@ std::wstring HelpText()
            L"\n"
            L"Hands URL to the velomard service, which opens it on the client side of this remote\n"
            L"session. When the service is absent or cannot send it, the URL is opened on this host\n"
-           L"with its default handler, unless --no-fallback is given.\n"
+           L"with its default handler, unless --no-fallback is given. A URL that the host's URL policy\n"
+           L"refuses (it is checked here first, and again by the service) is treated the same way.\n"
            L"\n"
            L"  --no-fallback   never open the URL on this host\n"
            L"  --timeout MS    longest wait for the service, in milliseconds (default 5000)\n"
@@ -142,6 +143,8 @@ std::wstring HelpText()
            L"   0  sent to the client side of this session\n"
            L"   1  not sent; opened on this host instead\n"
            L"   2  not sent and not opened (--no-fallback, or the local opening failed)\n"
+           L"   3  refused by the host's URL policy; opened on this host instead\n"
+           L"   4  refused by the host's URL policy; not opened (--no-fallback, or the local opening failed)\n"
            L"  64  usage error: no URL, an unknown option, or too many arguments\n"
            L"  65  not a URL, or longer than 16384 characters\n"
            L"  70  --register or --unregister failed\n";

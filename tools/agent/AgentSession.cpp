@@ -83,6 +83,8 @@ std::wstring DescribeStatus(SessionStatus status, DWORD error)
         return L"sent to the client side of this session";
     case SessionStatus::NotSent:
         return L"the service could not send it to the client side (no remote channel for this session)";
+    case SessionStatus::Refused:
+        return L"refused by the host's URL policy";
     case SessionStatus::Absent:
         return L"the velomard service is not running";
     case SessionStatus::Busy:
@@ -218,6 +220,8 @@ SessionStatus CAgentSession::OpenUrl(std::u16string_view url, DWORD timeoutMs)
         return SessionStatus::Sent;
     case agentpipe::kResultNotSent:
         return SessionStatus::NotSent;
+    case agentpipe::kResultRefused:
+        return SessionStatus::Refused;
     default:
         Close();
         return Fail(SessionStatus::ProtocolError, ERROR_INVALID_DATA);

@@ -37,6 +37,7 @@ enum class SessionStatus
     Ok,            // connected, the bytes went out, or the handshake was answered
     Sent,          // the service answered 0 to a URL: the client side opens it
     NotSent,       // the service answered 1: no remote channel for this session
+    Refused,       // the service answered 2: the host's URL policy refuses the URL
     Absent,        // there is no agent pipe: the service is not running
     Busy,          // every pipe instance stayed taken until the time limit
     TimedOut,      // the time limit passed before the operation completed

@@ -2,6 +2,7 @@
 // service cannot take it, opens it on this host with the user's default handler.
 #include "common/DaxException.h"
 #include "common/WideFormat.h"
+#include "pipeserver/UrlPolicyRegistry.h"
 #include "pipe/ThreadPool.h"
 #include "tools/agent/AgentOptions.h"
 #include "tools/agent/AgentSession.h"
@@ -137,15 +138,29 @@ DWORD OpenLocally(const std::wstring& url)
 
 int OpenUrl(const agent::Options& options)
 {
+    // The same policy the service enforces, checked first so that a refused URL costs no
+    // connection; the service's answer 2 covers a policy changed in between.
+    const UrlPolicyLoad policy = ReadUrlPolicy();
+    const urlpolicy::Verdict verdict =
+        urlpolicy::Evaluate(policy.policy, std::u16string(options.url.begin(), options.url.end()));
     DWORD error = 0;
-    const agent::SessionStatus status = SendToService(options, error);
+    agent::SessionStatus status = agent::SessionStatus::Refused;
+    if (verdict.Allowed())
+        status = SendToService(options, error);
     if (status == agent::SessionStatus::Sent)
         return agent::kExitSent;
-    const std::wstring reason = agent::DescribeStatus(status, error);
+    const bool refused = status == agent::SessionStatus::Refused;
+    const int notOpened = refused ? agent::kExitRefusedNotOpened : agent::kExitNotOpened;
+    std::wstring reason = agent::DescribeStatus(status, error);
+    if (!verdict.Allowed())
+    {
+        const char* rule = urlpolicy::RuleName(verdict.rule);
+        reason += L" (" + std::wstring(rule, rule + std::char_traits<char>::length(rule)) + L")";
+    }
     if (!options.fallback)
     {
         PrintError(L"not opened: " + reason);
-        return agent::kExitNotOpened;
+        return notOpened;
     }
     const std::wstring scheme = agent::UrlScheme(options.url);
     const std::wstring self = OwnPath();
@@ -153,7 +168,7 @@ int OpenUrl(const agent::Options& options)
     {
         PrintError(L"not opened: " + reason + L", and the default handler for " + scheme +
                    L": URLs on this host is velomar-open itself");
-        return agent::kExitNotOpened;
+        return notOpened;
     }
     const DWORD shellError = OpenLocally(options.url);
     if (shellError != 0)
@@ -161,10 +176,10 @@ int OpenUrl(const agent::Options& options)
         PrintError(L"not opened: " + reason +
                    daxlib::Format(L", and opening it on this host failed (error %u)",
                                   static_cast<unsigned>(shellError)));
-        return agent::kExitNotOpened;
+        return notOpened;
     }
     PrintError(L"opened on this host: " + reason);
-    return agent::kExitOpenedLocally;
+    return refused ? agent::kExitRefusedOpenedLocally : agent::kExitOpenedLocally;
 }
 
 int Registration(agent::Action action)
