@@ -159,7 +159,9 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         while (!m_bStop.load())
         {
             ++m_dwAttempts;
-            pipe = ::CreateFileW(m_strPipeName.c_str(), GENERIC_READ | GENERIC_WRITE, 0,
+            // FILE_WRITE_DATA, not GENERIC_WRITE: that would also ask for the right to create
+            // instances of the pipe, which the service grants nobody.
+            pipe = ::CreateFileW(m_strPipeName.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0,
                                  CDaxSecattr::Get(m_pSecurityAttributes.get()), OPEN_EXISTING,
                                  FILE_FLAG_OVERLAPPED, nullptr);
             if (pipe != INVALID_HANDLE_VALUE)

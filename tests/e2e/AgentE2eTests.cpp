@@ -195,4 +195,11 @@ TEST(AgentE2e, AbsentOrRefusingClientSideAnswersOneUntilAChannelIsUp)
     ASSERT_FALSE(urls.empty());
     EXPECT_EQ("https://example.com/reopened", urls.back());
     EXPECT_EQ(0u, SessionStats(1)["malformed"]);
+
+    // The reference agent hands its URL over only once it has seen that the pipe's server is the
+    // service's own process.
+    const auto agentRun = testing_support::RunProcess(L"\"" + testing_support::BuildPath(VELOMAR_OPEN_EXE) +
+                                                      L"\" --no-fallback https://example.com/by-velomar-open");
+    EXPECT_EQ(0u, agentRun.exitCode) << agentRun.err;
+    EXPECT_EQ("https://example.com/by-velomar-open", ReceivedUrls(1).back());
 }

@@ -78,6 +78,13 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
              ::RegSetValueExW(key.get(), L"LogLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&options.logLevel),
                               sizeof(options.logLevel)) == ERROR_SUCCESS,
          L"writing the log level");
+    if (options.agentsPerSession)
+        step(::RegSetValueExW(key.get(), L"MaxAgentConnectionsPerSession", 0, REG_DWORD,
+                              reinterpret_cast<const BYTE*>(&options.agentsPerSession),
+                              sizeof(options.agentsPerSession)) == ERROR_SUCCESS,
+             L"writing the agent limit");
+    else
+        ::RegDeleteValueW(key.get(), L"MaxAgentConnectionsPerSession");
     if (options.installLibrary)
     {
         const std::wstring folder = kLibraryFolder;
@@ -258,7 +265,7 @@ bool AgentPipe::Connect(milliseconds limit)
     const auto end = std::chrono::steady_clock::now() + limit;
     do
     {
-        m_pipe.reset(::CreateFileW(kAgentPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+        m_pipe.reset(::CreateFileW(kAgentPipe, GENERIC_READ | FILE_WRITE_DATA, 0, nullptr, OPEN_EXISTING,
                                    FILE_FLAG_OVERLAPPED, nullptr));
         if (m_pipe)
         {

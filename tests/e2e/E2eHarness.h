@@ -28,10 +28,14 @@ struct ServiceOptions
     // an accepting client side, URLs appended to the default sink file).
     std::string scenario;
     DWORD logLevel = 2;
+    // "MaxAgentConnectionsPerSession"; 0: the service's default. Wine puts every agent in
+    // session 1, so a storm of agents needs a higher bound than one real session would.
+    DWORD agentsPerSession = 0;
 
     ServiceOptions& WithoutLibrary() { installLibrary = false; return *this; }
     ServiceOptions& Scenario(std::string commands) { scenario = std::move(commands); return *this; }
     ServiceOptions& LogLevel(DWORD level) { logLevel = level; return *this; }
+    ServiceOptions& AgentsPerSession(DWORD count) { agentsPerSession = count; return *this; }
 };
 
 // One registration and run of the service. The destructor stops it (when it runs), deletes the

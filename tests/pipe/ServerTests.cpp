@@ -2,6 +2,8 @@
 #include "tests/pipe/EchoOwner.h"
 #include "tests/pipe/PipeTestSupport.h"
 
+#include <atomic>
+#include <mutex>
 #include <numeric>
 #include <random>
 #include <thread>
@@ -46,6 +48,59 @@ TEST_F(ServerTest, AcceptsAreClampedAndThatManyInstancesWait)
         server->EndWaitForConnection();
         EXPECT_EQ(0u, server->AcceptCount());
     }
+}
+
+// Wine enforces neither FILE_FLAG_FIRST_PIPE_INSTANCE nor remote-client rejection, so the flags
+// are watched through the creation seam, and a name held by another process is played by it.
+TEST_F(ServerTest, TakenNameIsNotJoinedButRetriedAndEveryInstanceRejectsRemoteClients)
+{
+    struct Call
+    {
+        DWORD openMode;
+        DWORD pipeMode;
+        bool failed;
+    };
+    std::mutex mutex;
+    std::vector<Call> calls;
+    std::atomic<int> refusals{3}; // the other process lets the name go after three tries
+    EchoOwner owner(m_log);
+    auto server = MakeServer(3);
+    server->SetInstanceCreator([&](const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD maxInstances,
+                                   DWORD outBuffer, DWORD inBuffer, DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes) {
+        const bool fail = (openMode & FILE_FLAG_FIRST_PIPE_INSTANCE) && refusals.fetch_sub(1) > 0;
+        {
+            std::lock_guard lock(mutex);
+            calls.push_back({openMode, pipeMode, fail});
+        }
+        if (fail)
+        {
+            ::SetLastError(ERROR_ACCESS_DENIED);
+            return INVALID_HANDLE_VALUE;
+        }
+        return ::CreateNamedPipeW(name, openMode, pipeMode, maxInstances, outBuffer, inBuffer, timeoutMs, attributes);
+    });
+    const auto started = std::chrono::steady_clock::now();
+    ASSERT_TRUE(owner.Start(server));
+    ASSERT_TRUE(Eventually([&] { return server->AcceptCount() == 3; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, 900ms) << "retried at once instead of on the cadence";
+    daxlib::unique_hfile client(Open());
+    ASSERT_TRUE(client);
+    EXPECT_TRUE(RoundTrip(client.get(), {1, 2, 3}));
+    EXPECT_EQ(1u, m_log->Count(L"exists already and was not created by this server")) << "one line per outage";
+    EXPECT_TRUE(m_log->Contains(L"is this server's now"));
+
+    std::lock_guard lock(mutex);
+    size_t firstSuccess = calls.size();
+    for (size_t i = 0; i < calls.size(); ++i)
+    {
+        EXPECT_NE(0u, calls[i].pipeMode & PIPE_REJECT_REMOTE_CLIENTS) << i;
+        if (!calls[i].failed && firstSuccess == calls.size())
+            firstSuccess = i;
+    }
+    ASSERT_LT(firstSuccess, calls.size());
+    EXPECT_NE(0u, calls[firstSuccess].openMode & FILE_FLAG_FIRST_PIPE_INSTANCE) << "the name is taken as a new pipe";
+    for (size_t i = firstSuccess + 1; i < calls.size(); ++i)
+        EXPECT_EQ(0u, calls[i].openMode & FILE_FLAG_FIRST_PIPE_INSTANCE) << "later instances join the server's own pipe";
 }
 
 TEST_F(ServerTest, ClientArrivingBetweenCreateAndConnectIsConnected)

@@ -147,7 +147,9 @@ std::wstring HelpText()
            L"   4  refused by the host's URL policy; not opened (--no-fallback, or the local opening failed)\n"
            L"  64  usage error: no URL, an unknown option, or too many arguments\n"
            L"  65  not a URL, or longer than 16384 characters\n"
-           L"  70  --register or --unregister failed\n";
+           L"  70  --register or --unregister failed\n"
+           L"  77  the agent pipe is served by another process than the velomard service; nothing was\n"
+           L"      handed over, and the URL is not opened\n";
 }
 
 } // namespace agent

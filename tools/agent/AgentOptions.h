@@ -18,6 +18,7 @@ enum ExitCode : int
     kExitUsage = 64,        // no URL, an unknown option, or too many arguments
     kExitBadUrl = 65,       // the text is not a URL, or it is too long
     kExitRegistration = 70, // --register or --unregister failed
+    kExitWrongServer = 77,  // the agent pipe is served by another process than the service: nothing sent
 };
 
 constexpr size_t kMaxUrlLength = 16384; // characters

@@ -66,6 +66,34 @@ std::wstring AgentPipeName()
     return name;
 }
 
+std::wstring ExpectedServiceName()
+{
+    wchar_t value[257];
+    const DWORD length =
+        ::GetEnvironmentVariableW(kServiceNameVariable, value, static_cast<DWORD>(std::size(value)));
+    if (length > 0 && length < std::size(value))
+        return std::wstring(value, length);
+    return ::GetEnvironmentVariableW(kPipeNameVariable, nullptr, 0) ? std::wstring() : kServiceName;
+}
+
+namespace
+{
+// The process id the service control manager reports for a running service; 0 when it is not
+// installed, not running, or cannot be asked.
+DWORD ServiceProcessId(const std::wstring& serviceName)
+{
+    daxlib::unique_schandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    daxlib::unique_schandle service(
+        manager ? ::OpenServiceW(manager.get(), serviceName.c_str(), SERVICE_QUERY_STATUS) : nullptr);
+    SERVICE_STATUS_PROCESS status{};
+    DWORD needed = 0;
+    if (!service || !::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                                            sizeof(status), &needed))
+        return 0;
+    return status.dwCurrentState == SERVICE_RUNNING ? status.dwProcessId : 0;
+}
+} // namespace
+
 agentpipe::HandshakeValues OwnHandshakeValues()
 {
     agentpipe::HandshakeValues values;
@@ -85,6 +113,8 @@ std::wstring DescribeStatus(SessionStatus status, DWORD error)
         return L"the service could not send it to the client side (no remote channel for this session)";
     case SessionStatus::Refused:
         return L"refused by the host's URL policy";
+    case SessionStatus::WrongServer:
+        return L"the agent pipe is not served by the velomard service; nothing was handed over";
     case SessionStatus::Absent:
         return L"the velomard service is not running";
     case SessionStatus::Busy:
@@ -154,6 +184,20 @@ SessionStatus CAgentSession::Connect(DWORD timeoutMs)
         }
         if (opened)
             m_pStream = m_pClient->GetStream();
+        if (m_pStream && !m_strExpectedService.empty())
+        {
+            ULONG server = 0;
+            const DWORD expected = ServiceProcessId(m_strExpectedService);
+            if (!::GetNamedPipeServerProcessId(m_pStream->GetHandle(), &server) || expected == 0 ||
+                server != expected)
+            {
+                Log(LogLevel::Error, L"CAgentSession::Connect: ",
+                    L"%s is served by process %lu, the service %s runs as process %lu: not used",
+                    m_strPipeName.c_str(), server, m_strExpectedService.c_str(), static_cast<unsigned long>(expected));
+                Close();
+                return Fail(SessionStatus::WrongServer, ERROR_ACCESS_DENIED);
+            }
+        }
         if (m_pStream)
         {
             Log(LogLevel::Debug, L"CAgentSession::Connect: ", L"connected to %s", m_strPipeName.c_str());

@@ -25,6 +25,13 @@ constexpr wchar_t kAgentPipeName[] = L"9FEA9DA6-BEA1-479B-9819-F9031E0B69EE";
 // A full pipe name ("\\.\pipe\name") in this variable replaces the service's pipe: for tests and
 // for trying an agent against a private server.
 constexpr wchar_t kPipeNameVariable[] = L"VELOMAR_AGENT_PIPE";
+// The service whose process must serve the pipe: "velomard". With kPipeNameVariable set there is
+// no such check unless this variable names a service.
+constexpr wchar_t kServiceNameVariable[] = L"VELOMAR_AGENT_SERVICE";
+constexpr wchar_t kServiceName[] = L"velomard";
+
+// The service the pipe's server must be; empty: any server (a private pipe for tests).
+std::wstring ExpectedServiceName();
 
 // The agent pipe to use: kPipeNameVariable when set, else kAgentPipeName; without the prefix.
 std::wstring AgentPipeName();
@@ -38,6 +45,7 @@ enum class SessionStatus
     Sent,          // the service answered 0 to a URL: the client side opens it
     NotSent,       // the service answered 1: no remote channel for this session
     Refused,       // the service answered 2: the host's URL policy refuses the URL
+    WrongServer,   // the pipe's server is not the service's process: nothing was handed over
     Absent,        // there is no agent pipe: the service is not running
     Busy,          // every pipe instance stayed taken until the time limit
     TimedOut,      // the time limit passed before the operation completed
@@ -59,6 +67,11 @@ public:
     ~CAgentSession() override;
     CAgentSession(const CAgentSession&) = delete;
     CAgentSession& operator=(const CAgentSession&) = delete;
+
+    // Before Connect: the pipe's server must be this service's process, or Connect closes the
+    // pipe again and fails with WrongServer before anything is written. Another process can hold
+    // a pipe of the same name; it must not receive the URL.
+    void ExpectService(std::wstring serviceName) { m_strExpectedService = std::move(serviceName); }
 
     // Opens the pipe. No pipe at all fails at once (Absent); when every instance is taken it
     // waits for a free one at most `timeoutMs`.
@@ -90,6 +103,7 @@ private:
     SessionStatus Fail(SessionStatus status, DWORD error);
 
     std::wstring m_strPipeName;
+    std::wstring m_strExpectedService;
     std::shared_ptr<CNamedPipeClient> m_pClient;
     std::shared_ptr<CNamedPipeStream> m_pStream;
     DWORD m_dwError = 0;

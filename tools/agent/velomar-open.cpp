@@ -113,6 +113,7 @@ agent::SessionStatus SendToService(const agent::Options& options, DWORD& error)
         return agent::SessionStatus::Failed;
     }
     agent::CAgentSession session;
+    session.ExpectService(agent::ExpectedServiceName());
     const agent::SessionStatus status =
         session.SendUrl(options.url, agent::OwnHandshakeValues(), options.timeoutMs);
     error = session.GetError();
@@ -149,6 +150,13 @@ int OpenUrl(const agent::Options& options)
         status = SendToService(options, error);
     if (status == agent::SessionStatus::Sent)
         return agent::kExitSent;
+    if (status == agent::SessionStatus::WrongServer)
+    {
+        // Someone else holds the pipe's name: tell the user rather than carry on as if the
+        // service were merely absent.
+        PrintError(L"not opened: " + agent::DescribeStatus(status, error));
+        return agent::kExitWrongServer;
+    }
     const bool refused = status == agent::SessionStatus::Refused;
     const int notOpened = refused ? agent::kExitRefusedNotOpened : agent::kExitNotOpened;
     std::wstring reason = agent::DescribeStatus(status, error);

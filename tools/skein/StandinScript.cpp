@@ -236,7 +236,7 @@ void ControlThread(void* argument)
         return;
     for (;;)
     {
-        HANDLE pipe = ::CreateNamedPipeW(name, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+        HANDLE pipe = ::CreateNamedPipeW(name, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
                                          PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT |
                                              PIPE_REJECT_REMOTE_CLIENTS,
                                          1, 65536, 65536, 0, nullptr);
