@@ -22,16 +22,30 @@ struct ProcessFigures
     long long privateBytes = -1;
 };
 
-// The process's committed private memory; -1 when it cannot be read.
+// The process's committed private memory; -1 when it cannot be read. Wine leaves PrivateUsage
+// at 0, so there the committed private regions of the address space are added up instead, which
+// is what the figure means.
 inline long long PrivateBytes(DWORD processId)
 {
-    daxlib::unique_handle process(::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId));
+    daxlib::unique_handle process(
+        ::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId));
+    if (!process)
+        return -1;
     PROCESS_MEMORY_COUNTERS_EX counters{};
     counters.cb = sizeof(counters);
-    return process && ::GetProcessMemoryInfo(process.get(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
-                                             sizeof(counters))
-               ? static_cast<long long>(counters.PrivateUsage)
-               : -1;
+    if (::GetProcessMemoryInfo(process.get(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
+                               sizeof(counters)) &&
+        counters.PrivateUsage != 0)
+        return static_cast<long long>(counters.PrivateUsage);
+    long long committed = 0;
+    MEMORY_BASIC_INFORMATION region{};
+    for (const char* at = nullptr;
+         ::VirtualQueryEx(process.get(), at, &region, sizeof(region)) == sizeof(region) &&
+         region.RegionSize > 0;
+         at = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
+            committed += static_cast<long long>(region.RegionSize);
+    return committed > 0 ? committed : -1;
 }
 
 inline ProcessFigures MeasureProcess(DWORD processId)
@@ -50,8 +64,9 @@ public:
         m_ok = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"Software\\Corvane\\Velomar (Server)", 0, nullptr, 0,
                                  KEY_ALL_ACCESS, nullptr, m_key.put(), nullptr) == ERROR_SUCCESS;
         for (const auto& [name, value] : m_values)
-            m_ok = m_ok && ::RegSetValueExW(m_key.get(), name.c_str(), 0, REG_DWORD,
-                                            reinterpret_cast<const BYTE*>(&value), sizeof(value)) == ERROR_SUCCESS;
+            m_ok = m_ok &&
+                   ::RegSetValueExW(m_key.get(), name.c_str(), 0, REG_DWORD,
+                                    reinterpret_cast<const BYTE*>(&value), sizeof(value)) == ERROR_SUCCESS;
     }
     ~ProductValues()
     {

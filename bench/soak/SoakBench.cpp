@@ -119,7 +119,7 @@ public:
 
     void Record(const std::string& url, std::optional<uint32_t> answer)
     {
-        const Answer kind = !answer ? None
+        const Answer kind = !answer                                ? None
                             : *answer == agentpipe::kResultSent    ? Sent
                             : *answer == agentpipe::kResultNotSent ? NotSent
                                                                    : Other;
@@ -149,8 +149,9 @@ class SinkReader
 {
 public:
     SinkReader()
-        : m_file(::CreateFileW(kSinkFile, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                               nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr))
+        : m_file(::CreateFileW(kSinkFile, GENERIC_READ,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                               FILE_ATTRIBUTE_NORMAL, nullptr))
     {
     }
     bool Valid() const { return m_file.valid(); }
@@ -163,7 +164,8 @@ public:
         {
             m_pending.append(chunk, got);
             size_t start = 0;
-            for (size_t end = m_pending.find('\n'); end != std::string::npos; end = m_pending.find('\n', start))
+            for (size_t end = m_pending.find('\n'); end != std::string::npos;
+                 end = m_pending.find('\n', start))
             {
                 ++m_times[m_pending.substr(start, end - start)];
                 ++m_lines;
@@ -219,7 +221,8 @@ void GoodAgent(int id, Shared& shared)
         ++shared.agentConnections;
         for (int left = 20 + static_cast<int>(random() % 200); left > 0 && !shared.stop; --left)
         {
-            const std::string url = "https://soak.example/a" + std::to_string(id) + "/" + std::to_string(next++);
+            const std::string url =
+                "https://soak.example/a" + std::to_string(id) + "/" + std::to_string(next++);
             const auto answer = agent.OpenUrl(Widen(url), 30s);
             shared.ledger.Record(url, answer);
             if (!answer)
@@ -234,7 +237,10 @@ void Hostile(int kind, int round, std::mt19937& random, Shared& shared)
 {
     AgentPipe client;
     if (!client.Connect(30s))
-        return ++shared.connectFailures, void();
+    {
+        ++shared.connectFailures;
+        return;
+    }
     const std::string tag = "hostile " + std::to_string(kind) + "/" + std::to_string(round) + ": ";
     switch (kind)
     {
@@ -289,7 +295,8 @@ void Hostile(int kind, int round, std::mt19937& random, Shared& shared)
         const bool answered = written && client.ReadExact(answer, sizeof(answer), 30s) &&
                               agentpipe::LoadU32(answer) == agentpipe::kTypeOpenUrl &&
                               agentpipe::LoadU32(answer + 4) == 4;
-        shared.ledger.Record(url, answered ? std::optional<uint32_t>(agentpipe::LoadU32(answer + 8)) : std::nullopt);
+        shared.ledger.Record(url, answered ? std::optional<uint32_t>(agentpipe::LoadU32(answer + 8))
+                                           : std::nullopt);
         break;
     }
     }
@@ -324,7 +331,8 @@ void SessionChurn(Shared& shared)
     };
     std::mt19937 random(shared.options.seed * 15485863u);
     bool open[kLastChurned + 1] = {};
-    const auto check = [&](const std::string& words) {
+    const auto check = [&](const std::string& words)
+    {
         if (Ctl(words).exitCode != 0)
             shared.Anomaly("skeinctl " + words + " failed");
     };
@@ -422,12 +430,14 @@ int wmain(int argc, wchar_t** argv)
     if (!sink.Valid())
         return std::fprintf(stderr, "cannot read the sink file\n"), 1;
 
-    std::printf("soak: %d min, %d agents (pause %d ms), 2 hostile clients, sessions %u-%u churned every %d ms, "
-                "service pid %lu\n",
-                options.minutes, options.agents, options.pauseMs, kFirstChurned, kLastChurned, options.churnMs,
-                static_cast<unsigned long>(pid));
-    std::printf("%7s %9s %9s %22s %8s %7s %8s %8s %8s %12s\n", "elapsed", "sent", "received", "answers 0/1/other/none",
-                "hostile", "churn", "handles", "threads", "private", "rotated logs");
+    std::printf(
+        "soak: %d min, %d agents (pause %d ms), 2 hostile clients, sessions %u-%u churned every %d ms, "
+        "service pid %lu\n",
+        options.minutes, options.agents, options.pauseMs, kFirstChurned, kLastChurned, options.churnMs,
+        static_cast<unsigned long>(pid));
+    std::printf("%7s %9s %9s %22s %8s %7s %8s %8s %8s %12s\n", "elapsed", "sent", "received",
+                "answers 0/1/other/none", "hostile", "churn", "handles", "threads", "private",
+                "rotated logs");
 
     std::vector<std::thread> threads;
     for (int i = 0; i < options.agents; ++i)
@@ -459,10 +469,11 @@ int wmain(int argc, wchar_t** argv)
                 Ctl("forget " + std::to_string(id));
             const auto tally = shared.ledger.Tally();
             const auto& f = samples.back().figures;
-            std::printf("%6.1fm %9lld %9lld %22s %8lld %7lld %8lld %8lld %7lldK %12zu\n", minutes, tally[Ledger::Sent],
-                        received,
-                        (std::to_string(tally[Ledger::Sent]) + "/" + std::to_string(tally[Ledger::NotSent]) + "/" +
-                         std::to_string(tally[Ledger::Other]) + "/" + std::to_string(tally[Ledger::None]))
+            std::printf("%6.1fm %9lld %9lld %22s %8lld %7lld %8lld %8lld %7lldK %12zu\n", minutes,
+                        tally[Ledger::Sent], received,
+                        (std::to_string(tally[Ledger::Sent]) + "/" + std::to_string(tally[Ledger::NotSent]) +
+                         "/" + std::to_string(tally[Ledger::Other]) + "/" +
+                         std::to_string(tally[Ledger::None]))
                             .c_str(),
                         shared.hostileRounds.load(), shared.opens + shared.closes + shared.breaks, f.handles,
                         f.threads, f.privateBytes / 1024, RotatedLogFiles());
@@ -490,7 +501,8 @@ int wmain(int argc, wchar_t** argv)
     // Every URL answered 0 arrived exactly once, none answered 1 arrived, nothing unknown arrived.
     long long lost = 0, duplicated = 0, arrivedThoughRefused = 0, unknown = 0, unansweredArrived = 0;
     std::vector<std::string> examples;
-    const auto note = [&](const std::string& what) {
+    const auto note = [&](const std::string& what)
+    {
         if (examples.size() < 5)
             examples.push_back(what);
     };
@@ -520,25 +532,27 @@ int wmain(int argc, wchar_t** argv)
     const double handleSlope = Slope(samples, 1.0, &bench::ProcessFigures::handles);
     const double threadSlope = Slope(samples, 1.0, &bench::ProcessFigures::threads);
     const double privateSlope = Slope(samples, 1.0, &bench::ProcessFigures::privateBytes);
-    const bool enoughSamples = std::count_if(samples.begin(), samples.end(), [](const Sample& s) {
-                                   return s.minutes >= 1.0;
-                               }) >= 3;
+    const bool enoughSamples =
+        std::count_if(samples.begin(), samples.end(), [](const Sample& s) { return s.minutes >= 1.0; }) >= 3;
 
-    std::printf("\nURLs answered 0 %lld, 1 %lld, other %lld, unanswered %lld (of which %lld arrived); received %lld\n",
+    std::printf("\nURLs answered 0 %lld, 1 %lld, other %lld, unanswered %lld (of which %lld arrived); "
+                "received %lld\n",
                 tally[Ledger::Sent], tally[Ledger::NotSent], tally[Ledger::Other], tally[Ledger::None],
                 unansweredArrived, received);
-    std::printf("agent connections %lld, connect failures %lld, hostile rounds %lld; sessions opened %lld, closed "
-                "%lld, broken %lld; rotated log files %zu\n",
-                shared.agentConnections.load(), shared.connectFailures.load(), shared.hostileRounds.load(),
-                shared.opens.load(), shared.closes.load(), shared.breaks.load(), RotatedLogFiles());
+    std::printf(
+        "agent connections %lld, connect failures %lld, hostile rounds %lld; sessions opened %lld, closed "
+        "%lld, broken %lld; rotated log files %zu\n",
+        shared.agentConnections.load(), shared.connectFailures.load(), shared.hostileRounds.load(),
+        shared.opens.load(), shared.closes.load(), shared.breaks.load(), RotatedLogFiles());
     for (const auto& example : examples)
         std::printf("  %s\n", example.c_str());
     for (size_t i = 0; i < shared.anomalies.size() && i < 5; ++i)
         std::printf("  %s\n", shared.anomalies[i].c_str());
-    std::printf("slopes after minute 1: handles %+.2f/min (tolerance %.1f), threads %+.2f/min (tolerance %.1f), "
-                "private bytes %+.1f KiB/min (tolerance %.0f)\n",
-                handleSlope, kHandleSlopeTolerance, threadSlope, kThreadSlopeTolerance, privateSlope / 1024,
-                kPrivateSlopeTolerance / 1024);
+    std::printf(
+        "slopes after minute 1: handles %+.2f/min (tolerance %.1f), threads %+.2f/min (tolerance %.1f), "
+        "private bytes %+.1f KiB/min (tolerance %.0f)\n",
+        handleSlope, kHandleSlopeTolerance, threadSlope, kThreadSlopeTolerance, privateSlope / 1024,
+        kPrivateSlopeTolerance / 1024);
 
     struct Criterion
     {

@@ -65,8 +65,8 @@ struct Connection
 
 void PrintFigures(const char* when, double seconds, long long open, const bench::ProcessFigures& f)
 {
-    std::printf("%-10s %7.0fs %6lld %12lld %8lld %8lld\n", when, seconds, open, f.privateBytes / 1024, f.handles,
-                f.threads);
+    std::printf("%-10s %7.0fs %6lld %12lld %8lld %8lld\n", when, seconds, open, f.privateBytes / 1024,
+                f.handles, f.threads);
     std::fflush(stdout);
 }
 
@@ -76,7 +76,8 @@ int wmain(int argc, wchar_t** argv)
 {
     Options options;
     if (!ParseOptions(argc, argv, options))
-        return std::fprintf(stderr, "usage: trickle_bench [--connections N] [--seconds S] [--threads T]\n"), 2;
+        return std::fprintf(stderr, "usage: trickle_bench [--connections N] [--seconds S] [--threads T]\n"),
+               2;
 
     ServiceRun run(ServiceOptions{}); // the stand-in's default: session 1 with an accepting client side
     // Caps on agent connections well above what this program opens, so that they refuse none.
@@ -127,23 +128,26 @@ int wmain(int argc, wchar_t** argv)
     std::atomic<long long> open{opened - refused}, closedByService{0}, stalledWrites{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < options.threads; ++t)
-        threads.emplace_back([&, t] {
-            const uint8_t byte = 0x61;
-            for (auto tick = Clock::now(); !stop; tick += 1s)
+        threads.emplace_back(
+            [&, t]
             {
-                for (size_t i = static_cast<size_t>(t); i < connections.size() && !stop; i += options.threads)
+                const uint8_t byte = 0x61;
+                for (auto tick = Clock::now(); !stop; tick += 1s)
                 {
-                    Connection& c = connections[i];
-                    if (!c.open || c.pipe.Write(&byte, 1, 200ms))
-                        continue;
-                    if (c.pipe.ClosedByPeer(10ms))
-                        c.open = false, --open, ++closedByService;
-                    else
-                        ++stalledWrites;
+                    for (size_t i = static_cast<size_t>(t); i < connections.size() && !stop;
+                         i += options.threads)
+                    {
+                        Connection& c = connections[i];
+                        if (!c.open || c.pipe.Write(&byte, 1, 200ms))
+                            continue;
+                        if (c.pipe.ClosedByPeer(10ms))
+                            c.open = false, --open, ++closedByService;
+                        else
+                            ++stalledWrites;
+                    }
+                    std::this_thread::sleep_until(tick + 1s);
                 }
-                std::this_thread::sleep_until(tick + 1s);
-            }
-        });
+            });
 
     const auto start = Clock::now();
     long long peak = idle.privateBytes;
@@ -172,14 +176,16 @@ int wmain(int argc, wchar_t** argv)
 
     const bool alive = run.Query().dwCurrentState == SERVICE_RUNNING && run.ProcessId() == pid;
     const long long accepted = opened - refused;
-    std::printf("\nconnections: asked %d, opened %lld, accepted %lld, open at the end %lld, closed by the service "
-                "%lld, writes that stalled %lld\n",
-                options.connections, opened, accepted, stillOpen, closedByService.load(), stalledWrites.load());
+    std::printf(
+        "\nconnections: asked %d, opened %lld, accepted %lld, open at the end %lld, closed by the service "
+        "%lld, writes that stalled %lld\n",
+        options.connections, opened, accepted, stillOpen, closedByService.load(), stalledWrites.load());
     std::printf("private bytes: idle %lld KiB, peak %lld KiB, %.1f KiB per accepted connection above idle; "
                 "5 s after the clients hung up %lld KiB\n",
                 idle.privateBytes / 1024, peak / 1024,
-                accepted > 0 ? static_cast<double>(peak - idle.privateBytes) / 1024.0 / static_cast<double>(accepted)
-                             : 0.0,
+                accepted > 0
+                    ? static_cast<double>(peak - idle.privateBytes) / 1024.0 / static_cast<double>(accepted)
+                    : 0.0,
                 after.privateBytes / 1024);
     std::printf("the service %s\n", alive ? "is still running" : "is NOT running any more");
     run.Stop();
