@@ -35,6 +35,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <optional>
