@@ -161,6 +161,15 @@ std::string RunCommand(const std::string& line)
                 reply += "\n" + url;
             return reply;
         }
+        if (verb == "forget")
+        {
+            // A long run would otherwise keep every URL and byte it ever received in the
+            // process that loaded the library; the sink file keeps the URLs.
+            std::vector<std::string>().swap(s.urls);
+            std::vector<uint8_t>().swap(s.lastReceived);
+            std::vector<uint64_t>().swap(s.connectTimes);
+            return "ok";
+        }
         if (verb == "stats")
         {
             const auto& t = s.stats;

@@ -1,0 +1,87 @@
+#pragma once
+// What the long-running benchmarks follow in the service's process, and the product values they
+// set for one run of the service.
+#include "common/UniqueHandle.h"
+#include "tests/common/TestSupport.h"
+
+#include <windows.h>
+
+#include <psapi.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace bench
+{
+
+struct ProcessFigures
+{
+    long long handles = -1; // from the system's handle table: GetProcessHandleCount says 0 under Wine
+    long long threads = -1;
+    long long privateBytes = -1;
+};
+
+// The process's committed private memory; -1 when it cannot be read. Wine leaves PrivateUsage
+// at 0, so there the committed private regions of the address space are added up instead, which
+// is what the figure means.
+inline long long PrivateBytes(DWORD processId)
+{
+    daxlib::unique_handle process(
+        ::OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, processId));
+    if (!process)
+        return -1;
+    PROCESS_MEMORY_COUNTERS_EX counters{};
+    counters.cb = sizeof(counters);
+    if (::GetProcessMemoryInfo(process.get(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
+                               sizeof(counters)) &&
+        counters.PrivateUsage != 0)
+        return static_cast<long long>(counters.PrivateUsage);
+    long long committed = 0;
+    MEMORY_BASIC_INFORMATION region{};
+    for (const char* at = nullptr;
+         ::VirtualQueryEx(process.get(), at, &region, sizeof(region)) == sizeof(region) &&
+         region.RegionSize > 0;
+         at = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
+        if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE)
+            committed += static_cast<long long>(region.RegionSize);
+    return committed > 0 ? committed : -1;
+}
+
+inline ProcessFigures MeasureProcess(DWORD processId)
+{
+    return {testing_support::CountProcessHandles(processId), testing_support::CountProcessThreads(processId),
+            PrivateBytes(processId)};
+}
+
+// REG_DWORD values under the product key for one run; deleted again at destruction, so that the
+// tests that share the prefix see the defaults. Set them before the service starts.
+class ProductValues
+{
+public:
+    explicit ProductValues(std::vector<std::pair<std::wstring, DWORD>> values) : m_values(std::move(values))
+    {
+        m_ok = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"Software\\Corvane\\Velomar (Server)", 0, nullptr, 0,
+                                 KEY_ALL_ACCESS, nullptr, m_key.put(), nullptr) == ERROR_SUCCESS;
+        for (const auto& [name, value] : m_values)
+            m_ok = m_ok &&
+                   ::RegSetValueExW(m_key.get(), name.c_str(), 0, REG_DWORD,
+                                    reinterpret_cast<const BYTE*>(&value), sizeof(value)) == ERROR_SUCCESS;
+    }
+    ~ProductValues()
+    {
+        for (const auto& [name, value] : m_values)
+            ::RegDeleteValueW(m_key.get(), name.c_str());
+    }
+    ProductValues(const ProductValues&) = delete;
+    ProductValues& operator=(const ProductValues&) = delete;
+
+    bool Ok() const { return m_ok; }
+
+private:
+    std::vector<std::pair<std::wstring, DWORD>> m_values;
+    daxlib::unique_hkey m_key;
+    bool m_ok = false;
+};
+
+} // namespace bench
