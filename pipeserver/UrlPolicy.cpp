@@ -680,7 +680,7 @@ std::string CanonicalPath(std::u16string_view path)
             const int value = HexValue(path[i + 1]) * 16 + HexValue(path[i + 2]);
             i += 2;
             if (IsUnreserved(value))
-                bytes += static_cast<char>(value);
+                bytes += ToLowerAscii(static_cast<char>(value)); // paths compare without ASCII case
             else
             {
                 static const char hex[] = "0123456789abcdef";

@@ -8,6 +8,7 @@
 
 #include <psapi.h>
 
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +22,25 @@ struct ProcessFigures
     long long threads = -1;
     long long privateBytes = -1;
 };
+
+// Reads "--name value" pairs into the numbers they name; false on an unknown name or a name
+// without a value.
+inline bool ParseNumberOptions(int argc, wchar_t** argv, std::initializer_list<std::pair<const wchar_t*, int*>> known)
+{
+    if (argc % 2 == 0)
+        return false;
+    for (int i = 1; i + 1 < argc; i += 2)
+    {
+        int* target = nullptr;
+        for (const auto& [name, value] : known)
+            if (std::wstring(argv[i]) == name)
+                target = value;
+        if (!target)
+            return false;
+        *target = _wtoi(argv[i + 1]);
+    }
+    return true;
+}
 
 // The process's committed private memory; -1 when it cannot be read. Wine leaves PrivateUsage
 // at 0, so there the committed private regions of the address space are added up instead, which

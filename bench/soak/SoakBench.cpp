@@ -67,32 +67,20 @@ struct Options
     int agents = 4;
     int pauseMs = 10;
     int churnMs = 2000;
-    unsigned seed = 1;
+    int seed = 1;
 };
 
 bool ParseOptions(int argc, wchar_t** argv, Options& options)
 {
-    for (int i = 1; i + 1 < argc; i += 2)
-    {
-        const std::wstring name = argv[i];
-        const int value = _wtoi(argv[i + 1]);
-        if (name == L"--minutes")
-            options.minutes = value;
-        else if (name == L"--report-seconds")
-            options.reportSeconds = value;
-        else if (name == L"--agents")
-            options.agents = value;
-        else if (name == L"--pause-ms")
-            options.pauseMs = value;
-        else if (name == L"--churn-ms")
-            options.churnMs = value;
-        else if (name == L"--seed")
-            options.seed = static_cast<unsigned>(value);
-        else
-            return false;
-    }
-    return argc % 2 == 1 && options.minutes > 0 && options.reportSeconds > 0 && options.agents > 0 &&
-           options.pauseMs >= 0 && options.churnMs > 0;
+    return bench::ParseNumberOptions(argc, argv,
+                                     {{L"--minutes", &options.minutes},
+                                      {L"--report-seconds", &options.reportSeconds},
+                                      {L"--agents", &options.agents},
+                                      {L"--pause-ms", &options.pauseMs},
+                                      {L"--churn-ms", &options.churnMs},
+                                      {L"--seed", &options.seed}}) &&
+           options.minutes > 0 && options.reportSeconds > 0 && options.agents > 0 && options.pauseMs >= 0 &&
+           options.churnMs > 0;
 }
 
 std::u16string Widen(const std::string& text)
@@ -212,7 +200,7 @@ struct Shared
 // and starts again, so that connections come and go as well.
 void GoodAgent(int id, Shared& shared)
 {
-    std::mt19937 random(shared.options.seed * 7919u + static_cast<unsigned>(id));
+    std::mt19937 random(static_cast<unsigned>(shared.options.seed) * 7919u + static_cast<unsigned>(id));
     long long next = 0;
     while (!shared.stop)
     {
@@ -310,7 +298,7 @@ void Hostile(int kind, int round, std::mt19937& random, Shared& shared)
 
 void HostileClients(int id, Shared& shared)
 {
-    std::mt19937 random(shared.options.seed * 104729u + static_cast<unsigned>(id));
+    std::mt19937 random(static_cast<unsigned>(shared.options.seed) * 104729u + static_cast<unsigned>(id));
     for (int round = id; !shared.stop; round += 2)
     {
         Hostile(static_cast<int>(random() % 5), round, random, shared);
@@ -334,7 +322,7 @@ void SessionChurn(Shared& shared)
         "break-after=1",
         "send=0700000064000000aabb close-after-send",
     };
-    std::mt19937 random(shared.options.seed * 15485863u);
+    std::mt19937 random(static_cast<unsigned>(shared.options.seed) * 15485863u);
     bool open[kLastChurned + 1] = {};
     const auto check = [&](const std::string& words)
     {

@@ -41,20 +41,11 @@ struct Options
 
 bool ParseOptions(int argc, wchar_t** argv, Options& options)
 {
-    for (int i = 1; i + 1 < argc; i += 2)
-    {
-        const std::wstring name = argv[i];
-        const int value = _wtoi(argv[i + 1]);
-        if (name == L"--connections")
-            options.connections = value;
-        else if (name == L"--seconds")
-            options.seconds = value;
-        else if (name == L"--threads")
-            options.threads = value;
-        else
-            return false;
-    }
-    return argc % 2 == 1 && options.connections > 0 && options.seconds > 0 && options.threads > 0;
+    return bench::ParseNumberOptions(argc, argv,
+                                     {{L"--connections", &options.connections},
+                                      {L"--seconds", &options.seconds},
+                                      {L"--threads", &options.threads}}) &&
+           options.connections > 0 && options.seconds > 0 && options.threads > 0;
 }
 
 struct Connection

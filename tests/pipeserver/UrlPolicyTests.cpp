@@ -154,7 +154,7 @@ TEST(UrlPolicy, HostPatternsWithWildcardsAndExceptionsOverAllows)
     policy.allowedHosts = Patterns({u"*.Corp.Example", u"intranet?.example", u"B\u00FCcher.example", u"10.1",
                                     u"[::1]", u"docs.example/public/*", u"app.example"});
     policy.exceptionHosts =
-        Patterns({u"secret.corp.example", u"*.corp.example/admin*", u"app.example/private/*"});
+        Patterns({u"secret.corp.example", u"*.corp.example/admin*", u"app.example/private/*", u"app.example/%53ecret*"});
     const struct
     {
         std::u16string url;
@@ -182,6 +182,7 @@ TEST(UrlPolicy, HostPatternsWithWildcardsAndExceptionsOverAllows)
         {u"https://app.example/private/x?y", Rule::Exception},
         {u"https://app.example/./private/x", Rule::Exception},
         {u"https://app.example/public?/private/", Rule::Allowed},
+        {u"https://app.example/secret/x", Rule::Exception}, // an escaped capital in the pattern
         {u"https://se%63ret.corp.example/", Rule::Exception},
         {u"https://\u212Aelvin.corp.example/", Rule::BadHost},
         {u"mailto:someone@evil.example", Rule::Allowed}, // no authority: judged by its scheme
