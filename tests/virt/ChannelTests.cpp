@@ -135,10 +135,11 @@ TEST_F(ChannelProtocolTest, BadPeersDoNotWedgeTheirSessionOrDisturbOthers)
 // including the read thread that was waiting for an endless message.
 TEST_F(ChannelProtocolTest, StartAndStopWithBadPeersLeaveNothingBehind)
 {
-    long long handles[6] = {};
-    long long threads[6] = {};
+    constexpr int kRounds = 9;
+    long long handles[kRounds] = {};
+    long long threads[kRounds] = {};
     ASSERT_TRUE(InstallLibrary(VIRT_STANDIN_DLL));
-    for (int round = 0; round < 6; ++round)
+    for (int round = 0; round < kRounds; ++round)
     {
         ASSERT_TRUE(m_server->Init());
         Command("peer 3 send=5a5a5a5a5a5a5a5aff13ee37c0");
@@ -156,10 +157,12 @@ TEST_F(ChannelProtocolTest, StartAndStopWithBadPeersLeaveNothingBehind)
         threads[round] = testing_support::CountProcessThreads();
         handles[round] = testing_support::CountProcessHandles();
     }
-    // The first rounds also pay for what the system caches once; a handle lost per round
-    // would still show over the last three.
-    EXPECT_LE(threads[5], threads[2]);
-    EXPECT_LE(handles[5], handles[2] + 2) << handles[2] << " handles after round 3, " << handles[5] << " after 6";
+    // The first rounds also pay for what the system caches once. A handle lost per round shows
+    // as six over the last six rounds; one or two may still be on their way out when counted.
+    constexpr int kLast = kRounds - 1;
+    EXPECT_LE(threads[kLast], threads[2]);
+    EXPECT_TRUE(Eventually([&] { return (handles[kLast] = testing_support::CountProcessHandles()) <= handles[2] + 3; }, 10s))
+        << handles[2] << " handles after round 3, " << handles[kLast] << " after " << kRounds;
 }
 
 TEST(SessionHandler, StartsOnceStopsTwiceAndKeepsItsStateWithoutALibrary)
