@@ -3,11 +3,14 @@
 // set for one run of the service.
 #include "common/UniqueHandle.h"
 #include "tests/common/TestSupport.h"
+#include "tests/e2e/E2eHarness.h"
 
 #include <windows.h>
 
 #include <psapi.h>
 
+#include <chrono>
+#include <cstdio>
 #include <initializer_list>
 #include <string>
 #include <utility>
@@ -103,5 +106,19 @@ private:
     daxlib::unique_hkey m_key;
     bool m_ok = false;
 };
+
+// Starts the registered service and waits until one URL has reached the client side; the
+// service's process id, or 0 once it has printed why not.
+inline DWORD StartAndWarmUp(e2e::ServiceRun& run, std::u16string_view url)
+{
+    using namespace std::chrono_literals;
+    const auto states = run.Start();
+    if (states.empty() || states.back() != SERVICE_RUNNING)
+        return std::fprintf(stderr, "the service did not start\n"), 0;
+    e2e::AgentPipe probe;
+    if (!probe.Connect(30s) || !e2e::WaitUntil([&] { return probe.OpenUrl(url) == 0u; }, 30s, 100ms))
+        return std::fprintf(stderr, "the service does not reach the client side\n"), 0;
+    return run.ProcessId();
+}
 
 } // namespace bench

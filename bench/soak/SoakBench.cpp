@@ -429,17 +429,10 @@ int wmain(int argc, wchar_t** argv)
     bench::ProductValues logValues({{L"RotationLogFileSizeMB", 1}, {L"RotationLogFileNumber", 3}});
     if (!run.SetupError().empty() || !logValues.Ok())
         return std::fwprintf(stderr, L"setup failed: %ls\n", run.SetupError().c_str()), 1;
-    const auto states = run.Start();
-    if (states.empty() || states.back() != SERVICE_RUNNING)
-        return std::fprintf(stderr, "the service did not start\n"), 1;
-    const DWORD pid = run.ProcessId();
-    {
-        AgentPipe probe;
-        if (!probe.Connect(30s) ||
-            !WaitUntil([&] { return probe.OpenUrl(u"https://soak.example/warm-up") == 0u; }, 30s, 100ms))
-            return std::fprintf(stderr, "the service does not reach the client side\n"), 1;
-        shared.ledger.Record("https://soak.example/warm-up", 0u);
-    }
+    const DWORD pid = bench::StartAndWarmUp(run, u"https://soak.example/warm-up");
+    if (!pid)
+        return 1;
+    shared.ledger.Record("https://soak.example/warm-up", 0u);
     SinkReader sink;
     if (!sink.Valid())
         return std::fprintf(stderr, "cannot read the sink file\n"), 1;

@@ -75,16 +75,9 @@ int wmain(int argc, wchar_t** argv)
     bench::ProductValues caps({{L"MaxAgentConnectionsPerSession", 1000}, {L"MaxAgentConnections", 2000}});
     if (!run.SetupError().empty() || !caps.Ok())
         return std::fwprintf(stderr, L"setup failed: %ls\n", run.SetupError().c_str()), 1;
-    const auto states = run.Start();
-    if (states.empty() || states.back() != SERVICE_RUNNING)
-        return std::fprintf(stderr, "the service did not start\n"), 1;
-    const DWORD pid = run.ProcessId();
-    {
-        AgentPipe probe;
-        if (!probe.Connect(30s) ||
-            !WaitUntil([&] { return probe.OpenUrl(u"https://trickle.example/warm-up") == 0u; }, 30s, 100ms))
-            return std::fprintf(stderr, "the service does not reach the client side\n"), 1;
-    }
+    const DWORD pid = bench::StartAndWarmUp(run, u"https://trickle.example/warm-up");
+    if (!pid)
+        return 1;
     ::Sleep(3000); // let the pools settle after the first agent
     const bench::ProcessFigures idle = bench::MeasureProcess(pid);
     std::printf("%-10s %8s %6s %12s %8s %8s\n", "", "elapsed", "open", "private KiB", "handles", "threads");
