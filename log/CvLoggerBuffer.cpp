@@ -1,6 +1,6 @@
 #include "log/CvLoggerBuffer.h"
 
-#include "log/CvLogger.h"
+#include "log/JunctionCheck.h"
 #include "log/FileSearch.h"
 #include "log/LogText.h"
 #include "log/RestrictedToken.h"
@@ -27,7 +27,7 @@ std::wstring FromU16(const std::u16string& text)
 }
 } // namespace
 
-CCvLoggerBuffer::CCvLoggerBuffer(const CCvLogger* owner, Options options)
+CCvLoggerBuffer::CCvLoggerBuffer(const IJunctionCheck* owner, Options options)
     : m_pOwner(owner), m_strFileStem(std::move(options.fileStem)), m_strFileName(m_strFileStem + L".txt"),
       m_dwMaxSize(options.maxSize), m_bBuffered(options.buffered),
       m_dwRotationCount(std::max<uint32_t>(options.rotationCount, 1)),

@@ -228,6 +228,18 @@ std::vector<std::u16string> SelectOverLimit(std::vector<FileStamp> files, uint32
     return doomed;
 }
 
+std::u16string ContinuedFileStem(const std::vector<FileStamp>& files, uint64_t now)
+{
+    const FileStamp* latest = nullptr;
+    for (const FileStamp& file : files)
+        if (!latest || file.lastWrite > latest->lastWrite)
+            latest = &file;
+    constexpr uint64_t kHour = 3600ULL * 10000000ULL;
+    if (!latest || latest->lastWrite + kHour <= now || latest->name.size() <= 4)
+        return {};
+    return latest->name.substr(0, latest->name.size() - 4);
+}
+
 bool IsExpired(uint64_t lastWrite, uint64_t now)
 {
     constexpr uint64_t kNinetyDays = 7776000ULL * 10000000ULL;

@@ -258,6 +258,9 @@ struct FileStamp
 // A limit of 0 keeps everything.
 std::vector<std::u16string> SelectOverLimit(std::vector<FileStamp> files, uint32_t limit,
                                             const std::u16string& baseName);
+// The per-process file to continue among this process's files: the newest, when it was written
+// within the hour before `now` (100 ns units); its name without ".txt", or empty.
+std::u16string ContinuedFileStem(const std::vector<FileStamp>& files, uint64_t now);
 // Older than 90 days.
 bool IsExpired(uint64_t lastWrite, uint64_t now);
 

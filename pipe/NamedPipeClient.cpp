@@ -303,19 +303,16 @@ void CNamedPipeClient::OnClientDisconnected(void* pipe)
 void CNamedPipeClient::Close()
 {
     m_bStop = 1;
-    PTP_TIMER timer = nullptr;
+    daxlib::unique_tp_timer timer;
     {
         std::lock_guard lock(m_mutex);
-        timer = m_ptpTimer.get();
-        if (timer)
-            ::SetThreadpoolTimer(timer, nullptr, 0, 0);
+        timer = std::move(m_ptpTimer);
     }
-    if (timer)
-        ::WaitForThreadpoolTimerCallbacks(timer, FALSE);
+    // Closed outside the lock: closing waits for a running retry, which takes it.
+    timer.reset();
     std::shared_ptr<CNamedPipeClientStream> stream;
     {
         std::lock_guard lock(m_mutex);
-        m_ptpTimer.reset();
         stream = std::move(m_pStream);
     }
     stream.reset();

@@ -144,11 +144,10 @@ public:
             Log(LogLevel::Error, Origin(L"Stop: (140)").c_str(),
                 L": %d request(s) never completed (this = 0x%p)", static_cast<int>(m_requests.size()),
                 static_cast<void*>(this));
+        // Closed outside the lock: closing waits for callbacks, which take it.
+        daxlib::unique_tp_io closing = std::move(m_ptpIo);
         lock.unlock();
-        ::WaitForThreadpoolIoCallbacks(io, FALSE);
-        lock.lock();
-        m_ptpIo.reset();
-        lock.unlock();
+        closing.reset();
         Log(LogLevel::Debug, Origin(L"Stop: (147)").c_str(), L": ... (this = 0x%p)... end.",
             static_cast<void*>(this));
         return result;

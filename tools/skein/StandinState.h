@@ -6,6 +6,8 @@
 #include "virt/UrlClientParser.h"
 #include "virt/UrlProtocol.h"
 
+#include "common/Locks.h"
+
 #include <windows.h>
 
 #include <process.h>
@@ -99,44 +101,8 @@ struct QueuedEvent
 
 // The library's own locks and threads are the system's, so that loading and unloading it
 // costs nothing that outlives it.
-class SrwMutex
-{
-public:
-    void lock() noexcept { ::AcquireSRWLockExclusive(&m_lock); }
-    void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_lock); }
-    bool try_lock() noexcept { return ::TryAcquireSRWLockExclusive(&m_lock) != FALSE; }
-    PSRWLOCK native() noexcept { return &m_lock; }
-
-private:
-    SRWLOCK m_lock = SRWLOCK_INIT;
-};
-
-class CondVar
-{
-public:
-    template <typename Pred> void wait(std::unique_lock<SrwMutex>& lock, Pred ready)
-    {
-        while (!ready())
-            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), INFINITE, 0);
-    }
-    template <typename Pred>
-    bool wait_for(std::unique_lock<SrwMutex>& lock, std::chrono::milliseconds limit, Pred ready)
-    {
-        const ULONGLONG end = ::GetTickCount64() + static_cast<ULONGLONG>(limit.count());
-        while (!ready())
-        {
-            const ULONGLONG now = ::GetTickCount64();
-            if (now >= end)
-                return false;
-            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), static_cast<DWORD>(end - now), 0);
-        }
-        return true;
-    }
-    void notify_all() noexcept { ::WakeAllConditionVariable(&m_cv); }
-
-private:
-    CONDITION_VARIABLE m_cv = CONDITION_VARIABLE_INIT;
-};
+using SrwMutex = daxlib::srw_lock;
+using CondVar = daxlib::condition_variable;
 
 class Thread
 {
