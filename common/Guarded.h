@@ -14,7 +14,8 @@ namespace daxlib
 // std::exception or anything else, each logged at error level under `origin` when a logger is
 // given. A result is passed out through the lambda's captures.
 template <class Call>
-bool GuardedCall(const CommonHelper::CvLogger::CBaseLogger* logger, const wchar_t* origin, Call&& call) noexcept
+bool GuardedCall(const CommonHelper::CvLogger::CBaseLogger* logger, const wchar_t* origin,
+                 Call&& call) noexcept
 {
     try
     {
@@ -38,6 +39,17 @@ bool GuardedCall(const CommonHelper::CvLogger::CBaseLogger* logger, const wchar_
             logger->Log(LogLevel::Error, origin, L"Unknown exception");
     }
     return false;
+}
+
+// The same for a call with a result: `fallback` when it threw.
+template <class R, class Call>
+R GuardedValue(const CommonHelper::CvLogger::CBaseLogger* logger, const wchar_t* origin, R fallback,
+               Call&& call) noexcept
+{
+    R result = fallback;
+    if (!GuardedCall(logger, origin, [&] { result = std::forward<Call>(call)(); }))
+        return fallback;
+    return result;
 }
 
 } // namespace daxlib

@@ -16,7 +16,10 @@ class critical_section
 public:
     critical_section() noexcept { ::InitializeCriticalSection(&m_cs); }
     // A lock held for a few copies at a time spins this often before it sleeps.
-    explicit critical_section(DWORD spinCount) noexcept { ::InitializeCriticalSectionAndSpinCount(&m_cs, spinCount); }
+    explicit critical_section(DWORD spinCount) noexcept
+    {
+        ::InitializeCriticalSectionAndSpinCount(&m_cs, spinCount);
+    }
     ~critical_section() { ::DeleteCriticalSection(&m_cs); }
     critical_section(const critical_section&) = delete;
     critical_section& operator=(const critical_section&) = delete;

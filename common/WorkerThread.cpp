@@ -26,7 +26,8 @@ bool CWorkerThread::Start(Body body, unsigned stackSize)
         return false;
     ::ResetEvent(m_stop.get());
     m_body = std::move(body);
-    m_thread.reset(reinterpret_cast<HANDLE>(::_beginthreadex(nullptr, stackSize, &CWorkerThread::Run, this, 0, nullptr)));
+    m_thread.reset(reinterpret_cast<HANDLE>(
+        ::_beginthreadex(nullptr, stackSize, &CWorkerThread::Run, this, 0, nullptr)));
     if (!m_thread)
     {
         const last_error_guard keep;
@@ -56,7 +57,9 @@ void CWorkerThread::Join() noexcept
 unsigned __stdcall CWorkerThread::Run(void* self)
 {
     auto* worker = static_cast<CWorkerThread*>(self);
-    return GuardedCall(nullptr, L"CWorkerThread::Run", [worker] { worker->m_body(worker->m_stop.get()); }) ? 0 : 1;
+    return GuardedCall(nullptr, L"CWorkerThread::Run", [worker] { worker->m_body(worker->m_stop.get()); })
+               ? 0
+               : 1;
 }
 
 } // namespace daxlib

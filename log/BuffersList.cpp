@@ -18,7 +18,7 @@ CBuffersList::CBuffersList(uint64_t blockSize, BOOL backgroundAllocation, uint32
     m_hevNeedBlocks.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!m_hevNeedBlocks)
         daxlib::ThrowDaxException(L"BuffersList", __LINE__);
-    if (m_bBackground && !m_allocator.Start([this](HANDLE stop) { AllocationLoop(stop); }, 16384))
+    if (m_bBackground && !m_allocator.Start([this](HANDLE stop) { AllocateNewBuffersThread(stop); }, 16384))
         daxlib::ThrowDaxException(L"BuffersList", __LINE__, L"error creating of AllocateNewBuffersThread()");
 }
 
@@ -31,7 +31,7 @@ CBuffersList::~CBuffersList()
         delete[] block;
 }
 
-void CBuffersList::AllocationLoop(HANDLE stop)
+void CBuffersList::AllocateNewBuffersThread(HANDLE stop)
 {
     const HANDLE events[] = {stop, m_hevNeedBlocks.get()};
     for (;;)
@@ -45,7 +45,7 @@ void CBuffersList::AllocationLoop(HANDLE stop)
             m_bNeedRequested = false;
         }
         // On failure the next block taken in a logging thread tries again.
-        daxlib::GuardedCall(nullptr, L"CBuffersList::AllocationLoop", [this] { Refill(true); });
+        daxlib::GuardedCall(nullptr, L"CBuffersList::AllocateNewBuffersThread", [this] { Refill(true); });
         ::Sleep(0);
     }
 }

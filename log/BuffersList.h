@@ -35,7 +35,7 @@ public:
     uint64_t WritePosition() const;
 
 private:
-    void AllocationLoop(HANDLE stop);
+    void AllocateNewBuffersThread(HANDLE stop);
     void Refill(bool oneAtATime);
     void TakeNewBlock();
     void WakeAllocator();

@@ -61,22 +61,24 @@ std::shared_ptr<CCvLogger> CCvLogger::CreateLoggerInFolder(const wchar_t* szFold
         return nullptr;
     }
     std::shared_ptr<CCvLogger> result;
-    daxlib::GuardedCall(nullptr, L"CCvLogger::CreateLoggerInFolder", [&]
-    {
-        auto logger = std::make_shared<CCvLogger>(szFolder, dwLevel, cvlog::kDefaultMaxFileSize);
-        if (junctionCheck)
-            logger->m_pfnJunctionCheck = junctionCheck;
-        if (!logger->CreateCleanupPool())
-            return;
-        logger->SetBuffered(bBuffered);
-        logger->SetHeaderFlags(cvlog::HeaderFlag::Service);
-        logger->BuildBanner();
-        if (!logger->OpenMainFile(szBaseName, szPrefix))
-            return;
-        if (hRoot && szSubKey)
-            logger->OpenRegistry(hRoot, szSubKey, TRUE, bCreateKey);
-        result = std::move(logger);
-    });
+    daxlib::GuardedCall(nullptr, L"CCvLogger::CreateLoggerInFolder",
+                        [&]
+                        {
+                            auto logger =
+                                std::make_shared<CCvLogger>(szFolder, dwLevel, cvlog::kDefaultMaxFileSize);
+                            if (junctionCheck)
+                                logger->m_pfnJunctionCheck = junctionCheck;
+                            if (!logger->CreateCleanupPool())
+                                return;
+                            logger->SetBuffered(bBuffered);
+                            logger->SetHeaderFlags(cvlog::HeaderFlag::Service);
+                            logger->BuildBanner();
+                            if (!logger->OpenMainFile(szBaseName, szPrefix))
+                                return;
+                            if (hRoot && szSubKey)
+                                logger->OpenRegistry(hRoot, szSubKey, TRUE, bCreateKey);
+                            result = std::move(logger);
+                        });
     return result;
 }
 

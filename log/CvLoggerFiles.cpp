@@ -75,8 +75,10 @@ std::wstring CCvLogger::PerProcessStem(const wchar_t* name) const
     FILETIME nowUtc;
     ::GetSystemTimeAsFileTime(&nowUtc);
     std::vector<cvlog::FileStamp> mine;
-    cvlog::ForEachFile(pattern, [&](const WIN32_FIND_DATAW& data)
-                       { mine.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)}); });
+    cvlog::ForEachFile(pattern,
+                       [&](const WIN32_FIND_DATAW& data) {
+                           mine.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
+                       });
     const std::u16string continued = cvlog::ContinuedFileStem(mine, FileTimeValue(nowUtc));
     if (!continued.empty())
         return m_strFolder + FromU16(continued);

@@ -1,6 +1,8 @@
 #include "pipe/NamedPipeClient.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
+#include "common/PipeNames.h"
 #include "pipe/ThreadPool.h"
 #include "pipe/attributes.h"
 
@@ -68,7 +70,7 @@ void CNamedPipeClientStream::OnReadLoopEnded()
 CNamedPipeClient::CNamedPipeClient(const std::wstring& name, std::shared_ptr<CDaxSecattr> securityAttributes,
                                    std::shared_ptr<ICvLogger> logger)
     : CBaseLogger(std::move(logger)), m_pSecurityAttributes(std::move(securityAttributes)),
-      m_strPipeName(L"\\\\.\\pipe\\" + name)
+      m_strPipeName(daxlib::PipePath(name))
 {
     Log(LogLevel::Debug, L"CNamedPipeClient::CNamedPipeClient: (40)", L"constructor start...");
     Log(LogLevel::Debug, L"CNamedPipeClient::CNamedPipeClient: (45)", L"constructor end.");
@@ -205,7 +207,7 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         auto owned = std::make_shared<daxlib::unique_hfile>(pipe);
         Log(LogLevel::Debug, L"CNamedPipeClient::Connect: (258)",
             L"Opened the client end of a named pipe <attempts: %d>. Call InitConnection(hPipe = 0x%p)...",
-            static_cast<int>(m_dwAttempts.load()), static_cast<void*>(pipe));
+            static_cast<int>(m_dwAttempts.load()), daxlib::Addr(pipe));
         {
             std::lock_guard lock(m_mutex);
             m_pOpening = owned;
@@ -247,40 +249,32 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
 
 int CNamedPipeClient::InitConnection(void* pipe)
 {
-    try
-    {
-        SharedPipeHandle handle;
-        std::shared_ptr<PipeClientCallback> onConnected;
-        {
-            std::lock_guard lock(m_mutex);
-            if (!m_pOpening || m_pOpening->get() != pipe)
-                return 0;
-            handle = std::move(m_pOpening);
-            onConnected = m_pOnConnected;
-        }
-        auto stream = std::make_shared<CNamedPipeClientStream>(m_pLogger, handle, nullptr, weak_from_this());
-        {
-            std::lock_guard lock(m_mutex);
-            m_pStream = stream;
-        }
-        if (!stream->Start(onConnected))
-        {
-            std::lock_guard lock(m_mutex);
-            m_pStream.reset();
-            return 0;
-        }
-        return 1;
-    }
-    catch (daxlib::CDaxException* raw)
-    {
-        daxlib::DaxExceptionPtr e(raw);
-        LogDaxException(LogLevel::Error, L"CNamedPipeClient::InitConnection: (325)", *e);
-    }
-    catch (const std::exception& e)
-    {
-        LogStdException(LogLevel::Error, L"CNamedPipeClient::InitConnection: (331)", e);
-    }
-    return 0;
+    return daxlib::GuardedValue(this, L"CNamedPipeClient::InitConnection: (325)", 0,
+                                [&]() -> int
+                                {
+                                    SharedPipeHandle handle;
+                                    std::shared_ptr<PipeClientCallback> onConnected;
+                                    {
+                                        std::lock_guard lock(m_mutex);
+                                        if (!m_pOpening || m_pOpening->get() != pipe)
+                                            return 0;
+                                        handle = std::move(m_pOpening);
+                                        onConnected = m_pOnConnected;
+                                    }
+                                    auto stream = std::make_shared<CNamedPipeClientStream>(
+                                        m_pLogger, handle, nullptr, weak_from_this());
+                                    {
+                                        std::lock_guard lock(m_mutex);
+                                        m_pStream = stream;
+                                    }
+                                    if (!stream->Start(onConnected))
+                                    {
+                                        std::lock_guard lock(m_mutex);
+                                        m_pStream.reset();
+                                        return 0;
+                                    }
+                                    return 1;
+                                });
 }
 
 void CNamedPipeClient::OnClientDisconnected(void* pipe)

@@ -1,6 +1,8 @@
 #include "pipe/NamedPipeServer.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
+#include "common/PipeNames.h"
 #include "pipe/ThreadPool.h"
 #include "pipe/attributes.h"
 
@@ -67,7 +69,7 @@ BOOL CNamedPipeServerStream::ConnectAsync()
             Log(LogLevel::Debug, L"CNamedPipeServerStream::ConnectAsync: (92)",
                 L"ConnectNamedPipe(ov = 0x%p)...ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p: "
                 L"0x%p",
-                static_cast<void*>(&request->overlapped), static_cast<void*>(request.get()));
+                daxlib::Addr(&request->overlapped), daxlib::Addr(request.get()));
             GetIo()->Cancel(request, FALSE);
             SetPipeConnectionState(ePipeConnectionState_ConnectionError);
             ::SetLastError(ERROR_OPERATION_ABORTED);
@@ -198,7 +200,7 @@ CNamedPipeServer::CNamedPipeServer(const std::wstring& name, uint32_t maxInstanc
                                    std::shared_ptr<ICvLogger> logger)
     : CBaseLogger(std::move(logger)), m_pSecurityAttributes(std::move(securityAttributes)),
       m_dwMaxInstances(maxInstances), m_dwAccepts(pipe_states::ClampAccepts(accepts)),
-      m_strPipeName(L"\\\\.\\pipe\\" + name)
+      m_strPipeName(daxlib::PipePath(name))
 {
     Log(LogLevel::Debug, L"CNamedPipeServer::CNamedPipeServer: (50)", L"constructor start (accepts: %d)...",
         static_cast<int>(accepts));
@@ -302,83 +304,77 @@ int CNamedPipeServer::AcceptThread(void* stopEvent, void*)
 
 BOOL CNamedPipeServer::WaitForConnection()
 {
-    try
-    {
-        SECURITY_ATTRIBUTES* attributes = CDaxSecattr::Get(m_pSecurityAttributes.get());
-        // Holding no instance, the server may be about to join a pipe that another process made
-        // under its name, which would hand that process the clients: the first instance must be
-        // a new pipe.
-        bool first = false;
+    return daxlib::GuardedValue(
+        this, L"CNamedPipeServer::WaitForConnection: (218)", FALSE,
+        [&]() -> BOOL
         {
-            std::lock_guard lock(m_mutex);
-            first = m_acceptList.empty() && m_connectionList.empty();
-        }
-        const DWORD openMode =
-            PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | (first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0);
-        const DWORD pipeMode = PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS;
-        const HANDLE created =
-            m_createInstance ? m_createInstance(m_strPipeName.c_str(), openMode, pipeMode, m_dwMaxInstances,
-                                                m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs, attributes)
-                             : ::CreateNamedPipeW(m_strPipeName.c_str(), openMode, pipeMode, m_dwMaxInstances,
-                                                  m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs,
-                                                  attributes);
-        auto pipe = std::make_shared<daxlib::unique_hfile>(created);
-        const DWORD createError = *pipe ? ERROR_SUCCESS : ::GetLastError();
-        if (first && (createError == ERROR_ACCESS_DENIED || createError == ERROR_PIPE_BUSY))
-        {
-            if (!std::exchange(m_bNameTaken, true))
-                Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (186)",
-                    L"The pipe %s exists already and was not created by this server: not serving it; "
-                    L"trying again every %u ms. GLE = %d",
-                    m_strPipeName.c_str(), static_cast<unsigned>(kNameRetryMs), static_cast<int>(createError));
-            ::SetLastError(createError);
+            SECURITY_ATTRIBUTES* attributes = CDaxSecattr::Get(m_pSecurityAttributes.get());
+            // Holding no instance, the server may be about to join a pipe that another process made
+            // under its name, which would hand that process the clients: the first instance must be
+            // a new pipe.
+            bool first = false;
+            {
+                std::lock_guard lock(m_mutex);
+                first = m_acceptList.empty() && m_connectionList.empty();
+            }
+            const DWORD openMode =
+                PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | (first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0);
+            const DWORD pipeMode =
+                PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS;
+            const HANDLE created =
+                m_createInstance
+                    ? m_createInstance(m_strPipeName.c_str(), openMode, pipeMode, m_dwMaxInstances,
+                                       m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs, attributes)
+                    : ::CreateNamedPipeW(m_strPipeName.c_str(), openMode, pipeMode, m_dwMaxInstances,
+                                         m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs, attributes);
+            auto pipe = std::make_shared<daxlib::unique_hfile>(created);
+            const DWORD createError = *pipe ? ERROR_SUCCESS : ::GetLastError();
+            if (first && (createError == ERROR_ACCESS_DENIED || createError == ERROR_PIPE_BUSY))
+            {
+                if (!std::exchange(m_bNameTaken, true))
+                    Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (186)",
+                        L"The pipe %s exists already and was not created by this server: not serving it; "
+                        L"trying again every %u ms. GLE = %d",
+                        m_strPipeName.c_str(), static_cast<unsigned>(kNameRetryMs),
+                        static_cast<int>(createError));
+                ::SetLastError(createError);
+                return FALSE;
+            }
+            if (*pipe && std::exchange(m_bNameTaken, false))
+                Log(LogLevel::Info, L"CNamedPipeServer::WaitForConnection: (188)",
+                    L"The pipe %s is this server's now: serving it", m_strPipeName.c_str());
+            if (!*pipe)
+            {
+                ::SetLastError(createError);
+                // As built, the unit is not given back: each creation failure leaves one waiting
+                // instance fewer.
+                Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (190)",
+                    L"Unable to create Named Pipe instance: GLE = %d", static_cast<int>(::GetLastError()));
+                return FALSE;
+            }
+            const HANDLE handle = pipe->get();
+            auto stream = std::make_shared<CNamedPipeServerStream>(m_pLogger, std::move(pipe), m_pContext);
+            {
+                std::lock_guard lock(stream->m_ownerMutex);
+                stream->m_server = Self();
+            }
+            stream->m_acceptSemaphore = m_pAcceptSemaphore;
+            {
+                std::lock_guard lock(m_mutex);
+                m_acceptList[handle] = stream;
+            }
+            if (stream->ConnectAsync())
+                return TRUE;
+            Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)",
+                L"Failed to connect pipe <hPipe = 0x%p>", daxlib::Addr(handle));
+            {
+                std::lock_guard lock(m_mutex);
+                m_acceptList.erase(handle);
+            }
+            CloseStream(stream);
+            ::ReleaseSemaphore(m_pAcceptSemaphore->get(), 1, nullptr);
             return FALSE;
-        }
-        if (*pipe && std::exchange(m_bNameTaken, false))
-            Log(LogLevel::Info, L"CNamedPipeServer::WaitForConnection: (188)",
-                L"The pipe %s is this server's now: serving it", m_strPipeName.c_str());
-        if (!*pipe)
-        {
-            ::SetLastError(createError);
-            // As built, the unit is not given back: each creation failure leaves one waiting
-            // instance fewer.
-            Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (190)",
-                L"Unable to create Named Pipe instance: GLE = %d", static_cast<int>(::GetLastError()));
-            return FALSE;
-        }
-        const HANDLE handle = pipe->get();
-        auto stream = std::make_shared<CNamedPipeServerStream>(m_pLogger, std::move(pipe), m_pContext);
-        {
-            std::lock_guard lock(stream->m_ownerMutex);
-            stream->m_server = Self();
-        }
-        stream->m_acceptSemaphore = m_pAcceptSemaphore;
-        {
-            std::lock_guard lock(m_mutex);
-            m_acceptList[handle] = stream;
-        }
-        if (stream->ConnectAsync())
-            return TRUE;
-        Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)",
-            L"Failed to connect pipe <hPipe = 0x%p>", static_cast<void*>(handle));
-        {
-            std::lock_guard lock(m_mutex);
-            m_acceptList.erase(handle);
-        }
-        CloseStream(stream);
-        ::ReleaseSemaphore(m_pAcceptSemaphore->get(), 1, nullptr);
-        return FALSE;
-    }
-    catch (daxlib::CDaxException* raw)
-    {
-        daxlib::DaxExceptionPtr e(raw);
-        LogDaxException(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (218)", *e);
-    }
-    catch (const std::exception& e)
-    {
-        LogStdException(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (222)", e);
-    }
-    return FALSE;
+        });
 }
 
 int CNamedPipeServer::OnClientConnected(void* pipe)

@@ -32,9 +32,9 @@ using PipeConnectionCallback = CCallbackHolder<void(void*, unsigned long long, v
 // Creates one pipe instance; CreateNamedPipeW's arguments and result. Replaceable so that tests
 // can see the flags of every instance and play a name taken by another process, neither of which
 // Wine enforces.
-using PipeInstanceCreator = std::function<HANDLE(const wchar_t* name, DWORD openMode, DWORD pipeMode,
-                                                 DWORD maxInstances, DWORD outBuffer, DWORD inBuffer,
-                                                 DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes)>;
+using PipeInstanceCreator =
+    std::function<HANDLE(const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD maxInstances,
+                         DWORD outBuffer, DWORD inBuffer, DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes)>;
 
 class CNamedPipeServerStream : public CNamedPipeStream
 {

@@ -44,9 +44,8 @@ void CGroupTask::Notify(PTP_WORK work, int32_t result, const CommonHelper::CvLog
         ++m_completed;
         if (log)
             log->Log(LogLevel::Debug, L"CGroupTask::Notify: (480)",
-                     L"obj: 0x%p. Task <0x%p> end. CountTask = %d, completed = %d", static_cast<void*>(this),
-                     static_cast<void*>(work), static_cast<int>(m_tasks.size()),
-                     static_cast<int>(m_completed));
+                     L"obj: 0x%p. Task <0x%p> end. CountTask = %d, completed = %d", daxlib::Addr(this),
+                     daxlib::Addr(work), static_cast<int>(m_tasks.size()), static_cast<int>(m_completed));
     }
     m_changed.notify_all();
 }
@@ -91,7 +90,7 @@ bool CThreadPool::Create()
     if (!m_ptpCleanupGroup)
     {
         Log(LogLevel::Error, L"CThreadPool::Create: (252)",
-            L"[obj: 0x%p] CreateThreadpoolCleanupGroup() failed. GLE=%d", static_cast<void*>(this),
+            L"[obj: 0x%p] CreateThreadpoolCleanupGroup() failed. GLE=%d", daxlib::Addr(this),
             static_cast<int>(::GetLastError()));
         return false;
     }
@@ -99,7 +98,7 @@ bool CThreadPool::Create()
     if (!m_ptpPool)
     {
         Log(LogLevel::Error, L"CThreadPool::Create: (258)", L"[obj: 0x%p] CreateThreadpool() failed. GLE=%d",
-            static_cast<void*>(this), static_cast<int>(::GetLastError()));
+            daxlib::Addr(this), static_cast<int>(::GetLastError()));
         m_ptpCleanupGroup.reset();
         return false;
     }
@@ -123,10 +122,10 @@ void CThreadPool::Close()
     if (m_ptpCleanupGroup)
     {
         Log(LogLevel::Info, L"CThreadPool::Close: (289)", L"[obj: 0x%p] Close threadpool: wait callbacks...",
-            static_cast<void*>(this));
+            daxlib::Addr(this));
         ::CloseThreadpoolCleanupGroupMembers(m_ptpCleanupGroup.get(), FALSE, nullptr);
         Log(LogLevel::Info, L"CThreadPool::Close: (291)",
-            L"[obj: 0x%p] Close threadpool: wait callbacks... Success", static_cast<void*>(this));
+            L"[obj: 0x%p] Close threadpool: wait callbacks... Success", daxlib::Addr(this));
     }
     ::DestroyThreadpoolEnvironment(&m_environment);
     m_ptpCleanupGroup.reset();
@@ -142,7 +141,7 @@ BOOL CThreadPool::Submit(std::unique_ptr<WorkTaskContext> context, bool withFutu
     {
         Log(LogLevel::Error,
             line == 110 ? L"CThreadPool::CreateTask: (110)" : L"CThreadPool::CreateTask: (191)",
-            L"[obj: 0x%p] CreateThreadpoolWork() failed. GLE=%d", static_cast<void*>(this),
+            L"[obj: 0x%p] CreateThreadpoolWork() failed. GLE=%d", daxlib::Addr(this),
             static_cast<int>(::GetLastError()));
         daxlib::last_error_guard keep;
         if (withFuture)

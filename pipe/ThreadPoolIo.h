@@ -49,7 +49,7 @@ public:
     {
         Log(LogLevel::Info, Origin(L"Start: (84)").c_str(),
             L": ... create IoCompletionCallback (FileHandle = 0x%p, this = 0x%p)...", m_hFile,
-            static_cast<void*>(this));
+            daxlib::Addr(this));
         std::lock_guard lock(m_mutex);
         if (m_ptpIo)
             return true;
@@ -88,8 +88,8 @@ public:
             return FALSE;
         Log(LogLevel::Trace, Origin(L"Cancel: (170)").c_str(),
             L": this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p, bCancelFailedOperations = %d ...",
-            static_cast<void*>(this), static_cast<void*>(m_ptpIo.get()),
-            static_cast<void*>(&request->overlapped), bCancelFailedOperations);
+            daxlib::Addr(this), daxlib::Addr(m_ptpIo.get()), daxlib::Addr(&request->overlapped),
+            bCancelFailedOperations);
         std::lock_guard lock(m_mutex);
         auto it = Find(&request->overlapped);
         if (it == m_requests.end())
@@ -101,8 +101,8 @@ public:
         const DWORD error = ::GetLastError();
         Log(LogLevel::Trace, Origin(L"Cancel: (178)").c_str(),
             L": this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p. CancelIoEx() -> result: %d, GLE=%d ",
-            static_cast<void*>(this), static_cast<void*>(m_ptpIo.get()),
-            static_cast<void*>(&request->overlapped), result, static_cast<int>(error));
+            daxlib::Addr(this), daxlib::Addr(m_ptpIo.get()), daxlib::Addr(&request->overlapped), result,
+            static_cast<int>(error));
         if (bCancelFailedOperations && !result && error == ERROR_NOT_FOUND)
         {
             if (m_ptpIo)
@@ -124,7 +124,7 @@ public:
             if (!io)
                 return TRUE;
             Log(LogLevel::Debug, Origin(L"Stop: (115)").c_str(), L": ... (this = 0x%p)...",
-                static_cast<void*>(this));
+                daxlib::Addr(this));
             m_bStop = 1;
             ::CancelIoEx(m_hFile, nullptr);
         }
@@ -143,13 +143,13 @@ public:
         if (!m_emptied.wait_for(lock, std::chrono::seconds(30), [this] { return m_requests.empty(); }))
             Log(LogLevel::Error, Origin(L"Stop: (140)").c_str(),
                 L": %d request(s) never completed (this = 0x%p)", static_cast<int>(m_requests.size()),
-                static_cast<void*>(this));
+                daxlib::Addr(this));
         // Closed outside the lock: closing waits for callbacks, which take it.
         daxlib::unique_tp_io closing = std::move(m_ptpIo);
         lock.unlock();
         closing.reset();
         Log(LogLevel::Debug, Origin(L"Stop: (147)").c_str(), L": ... (this = 0x%p)... end.",
-            static_cast<void*>(this));
+            daxlib::Addr(this));
         return result;
     }
 
@@ -200,7 +200,7 @@ private:
             Request request = self->ExtractRequest(static_cast<OVERLAPPED*>(overlapped));
             self->Log(LogLevel::Trace, L"CThreadPoolIo::IoCompletionCallback: (208)",
                       L": IoCompletionCallback (this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p)...",
-                      static_cast<void*>(self), static_cast<void*>(self->m_ptpIo.get()), overlapped);
+                      daxlib::Addr(self), daxlib::Addr(self->m_ptpIo.get()), overlapped);
             if (!request)
             {
                 self->Log(LogLevel::Error, L"CThreadPoolIo::IoCompletionCallback: (213)",

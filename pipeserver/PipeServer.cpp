@@ -1,6 +1,7 @@
 #include "pipeserver/PipeServer.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
 #include "common/UniqueHandle.h"
 #include "pipe/CallbackHolder.h"
 #include "pipe/NamedPipeServer.h"
@@ -48,52 +49,45 @@ void CPipeServer::SetUrlPolicy(UrlPolicySource policy)
 
 int CPipeServer::Start()
 {
-    try
-    {
-        if (!m_pConnectQueue)
+    return daxlib::GuardedValue(
+        this, L"CPipeServer::Start: (60)", 0,
+        [&]() -> int
         {
-            auto handler =
-                MakeMemberCallback<int(NewConnectData&)>(this, &CPipeServer::InitConnectionHandler);
-            auto queue = std::make_shared<CSignalQueueThread<NewConnectData>>(handler, GetLogger());
-            if (!queue->Start())
+            if (!m_pConnectQueue)
+            {
+                auto handler =
+                    MakeMemberCallback<int(NewConnectData&)>(this, &CPipeServer::InitConnectionHandler);
+                auto queue = std::make_shared<CSignalQueueThread<NewConnectData>>(handler, GetLogger());
+                if (!queue->Start())
+                    return 0;
+                m_pConnectQueue = std::move(queue);
+            }
+            if (!m_pNamedPipeServer)
+            {
+                if (m_settings.legacyClientAccess)
+                    Log(LogLevel::Warning, L"CPipeServer::Start: (47)",
+                        L"agents may open the pipe with GENERIC_WRITE: every local user can also create "
+                        L"instances of its name. Switch this off once all agents open it with "
+                        L"FILE_WRITE_DATA.");
+                auto attributes = std::make_shared<CDaxSecattrLocalLI>(
+                    CDaxSecattr::DefaultVersionQuery(),
+                    m_settings.legacyClientAccess ? ClientAccess::LegacyGenericWrite : ClientAccess::Narrow);
+                auto server = std::make_shared<CNamedPipeServer>(m_pipeName, 255, 3, attributes, GetLogger());
+                server->SetSelf(server);
+                m_pNamedPipeServer = std::move(server);
+            }
+            auto onConnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
+                this, &CPipeServer::OnConnectedChannel);
+            auto onDisconnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
+                this, &CPipeServer::OnDisconnectedChannel);
+            Log(LogLevel::Info, L"CPipeServer::Start: (51)", L"waiting for connections...");
+            if (!m_pNamedPipeServer->BeginWaitForConnection(onConnected, onDisconnected, nullptr))
+            {
+                Log(LogLevel::Error, L"CPipeServer::Start: (55)", L"BeginWaitForConnection failed");
                 return 0;
-            m_pConnectQueue = std::move(queue);
-        }
-        if (!m_pNamedPipeServer)
-        {
-            if (m_settings.legacyClientAccess)
-                Log(LogLevel::Warning, L"CPipeServer::Start: (47)",
-                    L"agents may open the pipe with GENERIC_WRITE: every local user can also create "
-                    L"instances of its name. Switch this off once all agents open it with FILE_WRITE_DATA.");
-            auto attributes = std::make_shared<CDaxSecattrLocalLI>(
-                CDaxSecattr::DefaultVersionQuery(),
-                m_settings.legacyClientAccess ? ClientAccess::LegacyGenericWrite : ClientAccess::Narrow);
-            auto server = std::make_shared<CNamedPipeServer>(m_pipeName, 255, 3, attributes, GetLogger());
-            server->SetSelf(server);
-            m_pNamedPipeServer = std::move(server);
-        }
-        auto onConnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
-            this, &CPipeServer::OnConnectedChannel);
-        auto onDisconnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
-            this, &CPipeServer::OnDisconnectedChannel);
-        Log(LogLevel::Info, L"CPipeServer::Start: (51)", L"waiting for connections...");
-        if (!m_pNamedPipeServer->BeginWaitForConnection(onConnected, onDisconnected, nullptr))
-        {
-            Log(LogLevel::Error, L"CPipeServer::Start: (55)", L"BeginWaitForConnection failed");
-            return 0;
-        }
-        return 1;
-    }
-    catch (daxlib::CDaxException* raw)
-    {
-        daxlib::DaxExceptionPtr e(raw);
-        LogDaxException(LogLevel::Error, L"CPipeServer::Start: (60)", *e);
-    }
-    catch (const std::exception& e)
-    {
-        LogStdException(LogLevel::Error, L"CPipeServer::Start: (64)", e);
-    }
-    return 0;
+            }
+            return 1;
+        });
 }
 
 int CPipeServer::Stop()
@@ -283,10 +277,11 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
             // One line per burst: a flood must not flood the log as well.
             if (m_refusedInBurst++ == 0)
                 Log(LogLevel::Warning, L"CPipeServer::Admit: (301)",
-                    overTotal ? L"%u agent connection(s) open in all, the limit: connection of session %u "
-                                L"(process %u) closed, and further ones until a connection is admitted again"
-                              : L"%u agent connection(s) open in this session, the limit: connection of session %u "
-                                L"(process %u) closed, and further ones until a connection is admitted again",
+                    overTotal
+                        ? L"%u agent connection(s) open in all, the limit: connection of session %u "
+                          L"(process %u) closed, and further ones until a connection is admitted again"
+                        : L"%u agent connection(s) open in this session, the limit: connection of session %u "
+                          L"(process %u) closed, and further ones until a connection is admitted again",
                     overTotal ? m_settings.maxConnections : m_settings.maxConnectionsPerSession, session,
                     handler->Information().dwClientProcessId);
             return false;
@@ -297,8 +292,8 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
         refusedBefore = std::exchange(m_refusedInBurst, 0);
     }
     if (refusedBefore > 1)
-        Log(LogLevel::Warning, L"CPipeServer::Admit: (320)", L"%u agent connection(s) were closed over the limits",
-            refusedBefore);
+        Log(LogLevel::Warning, L"CPipeServer::Admit: (320)",
+            L"%u agent connection(s) were closed over the limits", refusedBefore);
     return true;
 }
 

@@ -4,6 +4,7 @@
 // session, as the system reports it for the pipe connection.
 #include "common/BaseItem.h"
 #include "common/Locks.h"
+#include "common/PipeNames.h"
 #include "pipeserver/ConnectionHandler.h"
 
 #include <atomic>
@@ -17,7 +18,7 @@ class CNamedPipeServerStream;
 struct PIPE_OVERLAPPED;
 template <typename T> class CSignalQueueThread;
 
-constexpr wchar_t kAgentPipeName[] = L"9FEA9DA6-BEA1-479B-9819-F9031E0B69EE";
+using daxlib::kAgentPipeName;
 // A payload longer than this is no URL: the connection is closed instead of buffering it.
 constexpr uint32_t kMaxAgentPayload = 1u << 20;
 

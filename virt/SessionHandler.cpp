@@ -1,6 +1,7 @@
 #include "virt/SessionHandler.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
 #include "common/WideFormat.h"
 #include "virt/SkApi.h"
 #include "virt/UrlProtocol.h"
@@ -195,47 +196,17 @@ void CSessionHandler::GetChannelStatus(ChannelStatusRecord& record) const
 unsigned __stdcall CSessionHandler::ConnectionThreadEntry(void* self)
 {
     auto* handler = static_cast<CSessionHandler*>(self);
-    try
-    {
-        return handler->ConnectionThread();
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        daxlib::DaxExceptionPtr owned(e);
-        handler->LogDaxException(LogLevel::Error, kConnectionThread, *owned);
-    }
-    catch (const std::exception& e)
-    {
-        handler->LogStdException(LogLevel::Error, kConnectionThread, e);
-    }
-    catch (...)
-    {
-        handler->Log(LogLevel::Error, kConnectionThread, L"Unknown exception");
-    }
-    return 1;
+    unsigned result = 1;
+    daxlib::GuardedCall(handler, kConnectionThread, [&] { result = handler->ConnectionThread(); });
+    return result;
 }
 
 unsigned __stdcall CSessionHandler::ReadThreadEntry(void* self)
 {
     auto* handler = static_cast<CSessionHandler*>(self);
-    try
-    {
-        return handler->ReadThread();
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        daxlib::DaxExceptionPtr owned(e);
-        handler->LogDaxException(LogLevel::Error, kReadThread, *owned);
-    }
-    catch (const std::exception& e)
-    {
-        handler->LogStdException(LogLevel::Error, kReadThread, e);
-    }
-    catch (...)
-    {
-        handler->Log(LogLevel::Error, kReadThread, L"Unknown exception");
-    }
-    return 1;
+    unsigned result = 1;
+    daxlib::GuardedCall(handler, kReadThread, [&] { result = handler->ReadThread(); });
+    return result;
 }
 
 void WINAPI CSessionHandler::ConnectionEventTrampoline(HANDLE connection, DWORD event, void* context)

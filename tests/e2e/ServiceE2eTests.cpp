@@ -2,6 +2,7 @@
 // it always reaches running and serves agents, and a stop ends its process half a second later with exit
 // code 0, also while agents are connected. The control manager refuses the shutdown control
 // from a program (error 87), so only the system's own shutdown could send it; not driven here.
+#include "common/PipeNames.h"
 #include "tests/e2e/E2eTestSupport.h"
 
 #include "pipeserver/AgentProtocol.h"
@@ -24,7 +25,7 @@ TEST(ServiceE2e, WithoutTheLibraryItRunsAndAnswersEveryUrlWithOne)
     EXPECT_TRUE(agent.Handshake());
     EXPECT_EQ(std::optional<uint32_t>(1), agent.OpenUrl(u"https://example.com/no-library"));
     EXPECT_EQ(std::optional<uint32_t>(1), agent.OpenUrl(u"https://example.com/still-none"));
-    EXPECT_FALSE(::WaitNamedPipeW(L"\\\\.\\pipe\\CorvaneSkeinStandin", 100))
+    EXPECT_FALSE(::WaitNamedPipeW(daxlib::kStandinControlPipe, 100))
         << "no library, so nobody serves its control pipe";
     ExpectCleanStop(run);
 }
