@@ -34,7 +34,7 @@ TEST(ServiceE2e, StartsLogsOpensTheSessionsChannelAndStopsWithAgentsConnected)
 {
     ServiceRun run({});
     StartRunning(run);
-    EXPECT_EQ(133u, run.Query().dwControlsAccepted);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE), run.Query().dwControlsAccepted);
 
     // The file begins with the banner (a blank line, a header, the build text); the start
     // record has the version as bare hex digits run together with the build date.
