@@ -144,14 +144,14 @@ using unique_tp_cleanup_group =
 class last_error_guard
 {
 public:
-    last_error_guard() noexcept : m_error(::GetLastError()) {}
-    ~last_error_guard() { ::SetLastError(m_error); }
+    last_error_guard() noexcept : m_dwError(::GetLastError()) {}
+    ~last_error_guard() { ::SetLastError(m_dwError); }
     last_error_guard(const last_error_guard&) = delete;
     last_error_guard& operator=(const last_error_guard&) = delete;
-    void set(DWORD error) noexcept { m_error = error; }
+    void set(DWORD error) noexcept { m_dwError = error; }
 
 private:
-    DWORD m_error;
+    DWORD m_dwError;
 };
 
 } // namespace daxlib

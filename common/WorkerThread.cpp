@@ -12,23 +12,23 @@ namespace daxlib
 
 CWorkerThread::~CWorkerThread()
 {
-    assert(!m_thread && "a worker thread outlived its owner's Stop()");
+    assert(!m_hThread && "a worker thread outlived its owner's Stop()");
     Stop();
 }
 
 bool CWorkerThread::Start(Body body, unsigned stackSize)
 {
-    if (m_thread)
+    if (m_hThread)
         return false;
-    if (!m_stop)
-        m_stop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    if (!m_stop)
+    if (!m_hevStop)
+        m_hevStop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!m_hevStop)
         return false;
-    ::ResetEvent(m_stop.get());
+    ::ResetEvent(m_hevStop.get());
     m_body = std::move(body);
-    m_thread.reset(reinterpret_cast<HANDLE>(
+    m_hThread.reset(reinterpret_cast<HANDLE>(
         ::_beginthreadex(nullptr, stackSize, &CWorkerThread::Run, this, 0, nullptr)));
-    if (!m_thread)
+    if (!m_hThread)
     {
         const last_error_guard keep;
         m_body = nullptr;
@@ -39,25 +39,25 @@ bool CWorkerThread::Start(Body body, unsigned stackSize)
 
 void CWorkerThread::Stop() noexcept
 {
-    if (!m_thread)
+    if (!m_hThread)
         return;
-    ::SetEvent(m_stop.get());
+    ::SetEvent(m_hevStop.get());
     Join();
 }
 
 void CWorkerThread::Join() noexcept
 {
-    if (!m_thread)
+    if (!m_hThread)
         return;
-    ::WaitForSingleObject(m_thread.get(), INFINITE);
-    m_thread.reset();
+    ::WaitForSingleObject(m_hThread.get(), INFINITE);
+    m_hThread.reset();
     m_body = nullptr;
 }
 
 unsigned __stdcall CWorkerThread::Run(void* self)
 {
     auto* worker = static_cast<CWorkerThread*>(self);
-    return GuardedCall(nullptr, L"CWorkerThread::Run", [worker] { worker->m_body(worker->m_stop.get()); })
+    return GuardedCall(nullptr, L"CWorkerThread::Run", [worker] { worker->m_body(worker->m_hevStop.get()); })
                ? 0
                : 1;
 }

@@ -29,22 +29,22 @@ public:
     // Sets the stop event and joins. Returns at once when not running. Never from the body.
     void Stop() noexcept;
 
-    bool IsRunning() const noexcept { return static_cast<bool>(m_thread); }
-    HANDLE StopEvent() const noexcept { return m_stop.get(); }
+    bool IsRunning() const noexcept { return static_cast<bool>(m_hThread); }
+    HANDLE StopEvent() const noexcept { return m_hevStop.get(); }
     // Joins without asking the body to stop (a body that ends by itself).
     void Join() noexcept;
     // Whether the body has returned, waiting at most `ms` for it.
     bool HasEnded(DWORD ms) const noexcept
     {
-        return !m_thread || ::WaitForSingleObject(m_thread.get(), ms) == WAIT_OBJECT_0;
+        return !m_hThread || ::WaitForSingleObject(m_hThread.get(), ms) == WAIT_OBJECT_0;
     }
 
 private:
     static unsigned __stdcall Run(void* self);
 
     Body m_body;
-    unique_handle m_stop;
-    unique_handle m_thread;
+    unique_handle m_hevStop;
+    unique_handle m_hThread;
 };
 
 } // namespace daxlib

@@ -41,7 +41,7 @@ void CBuffersList::AllocateNewBuffersThread(HANDLE stop)
             return;
         ::ResetEvent(m_hevNeedBlocks.get());
         {
-            std::lock_guard lock(m_mutex);
+            std::lock_guard lock(m_srwLists);
             m_bNeedRequested = false;
         }
         // On failure the next block taken in a logging thread tries again.
@@ -63,7 +63,7 @@ void CBuffersList::Refill(bool oneAtATime)
         {
             if (oneAtATime)
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwLists);
                 m_free.push_back(block);
             }
             else
@@ -95,7 +95,7 @@ void CBuffersList::WakeAllocator()
 {
     bool wake = false;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         wake = std::exchange(m_bNeedPending, false);
     }
     if (wake)
@@ -127,7 +127,7 @@ void CBuffersList::Append(uint64_t size, const void* data)
 
 void CBuffersList::AppendLocked(uint64_t size, const void* data)
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     // Reserve every block the piece needs first, so a failed allocation leaves no half piece.
     uint64_t needed = 0;
     uint64_t pos = m_qwWritePos;
@@ -164,7 +164,7 @@ const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
 {
     if (size)
         *size = 0;
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     if (m_used.empty() || (m_used.size() == 1 && m_qwReadPos == m_qwWritePos))
         return nullptr;
 
@@ -234,13 +234,13 @@ const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
 
 bool CBuffersList::IsEmpty() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_used.empty() || (m_used.size() == 1 && m_qwReadPos == m_qwWritePos);
 }
 
 void CBuffersList::Clear()
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     while (!m_used.empty())
     {
         ReleaseBlock(m_used.front());
@@ -251,18 +251,18 @@ void CBuffersList::Clear()
 
 size_t CBuffersList::UsedBlockCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_used.size();
 }
 
 size_t CBuffersList::FreeBlockCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_free.size();
 }
 
 uint64_t CBuffersList::WritePosition() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_qwWritePos;
 }

@@ -54,7 +54,7 @@ private:
     uint64_t m_qwWritePos = 0;
     std::vector<uint8_t> m_output;
 
-    mutable daxlib::srw_lock m_mutex;
+    mutable daxlib::srw_lock m_srwLists;
     // The allocation thread is asked once until it has run, and asked after the mutex is
     // released, so that taking a block never pays for a kernel call under the lock.
     bool m_bNeedRequested = false;

@@ -7,21 +7,21 @@
 bool CLogCleanupPool::Create(std::function<void()> job)
 {
     Close();
-    m_pool.reset(::CreateThreadpool(nullptr));
-    if (!m_pool)
+    m_ptpPool.reset(::CreateThreadpool(nullptr));
+    if (!m_ptpPool)
         return false;
-    ::SetThreadpoolThreadMaximum(m_pool.get(), 1);
-    if (!::SetThreadpoolThreadMinimum(m_pool.get(), 1))
+    ::SetThreadpoolThreadMaximum(m_ptpPool.get(), 1);
+    if (!::SetThreadpoolThreadMinimum(m_ptpPool.get(), 1))
     {
         Close();
         return false;
     }
     ::InitializeThreadpoolEnvironment(&m_environment);
     m_bEnvironment = true;
-    ::SetThreadpoolCallbackPool(&m_environment, m_pool.get());
+    ::SetThreadpoolCallbackPool(&m_environment, m_ptpPool.get());
     m_job = std::move(job);
-    m_work.reset(::CreateThreadpoolWork(&CLogCleanupPool::Callback, this, &m_environment));
-    if (!m_work)
+    m_ptpWork.reset(::CreateThreadpoolWork(&CLogCleanupPool::Callback, this, &m_environment));
+    if (!m_ptpWork)
     {
         Close();
         return false;
@@ -31,20 +31,20 @@ bool CLogCleanupPool::Create(std::function<void()> job)
 
 void CLogCleanupPool::Submit()
 {
-    if (m_work)
-        ::SubmitThreadpoolWork(m_work.get());
+    if (m_ptpWork)
+        ::SubmitThreadpoolWork(m_ptpWork.get());
 }
 
 void CLogCleanupPool::Wait()
 {
-    if (m_work)
-        ::WaitForThreadpoolWorkCallbacks(m_work.get(), FALSE);
+    if (m_ptpWork)
+        ::WaitForThreadpoolWorkCallbacks(m_ptpWork.get(), FALSE);
 }
 
 void CLogCleanupPool::Close()
 {
-    m_work.reset();
-    m_pool.reset();
+    m_ptpWork.reset();
+    m_ptpPool.reset();
     if (m_bEnvironment)
         ::DestroyThreadpoolEnvironment(&m_environment);
     m_bEnvironment = false;

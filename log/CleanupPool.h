@@ -25,9 +25,9 @@ private:
     static void CALLBACK Callback(PTP_CALLBACK_INSTANCE, PVOID context, PTP_WORK);
 
     std::function<void()> m_job;
-    daxlib::unique_tp_pool m_pool;
+    daxlib::unique_tp_pool m_ptpPool;
     TP_CALLBACK_ENVIRON m_environment{};
     bool m_bEnvironment = false;
     // Closed first: closing waits for its callbacks, which need the pool.
-    daxlib::unique_tp_work m_work;
+    daxlib::unique_tp_work m_ptpWork;
 };

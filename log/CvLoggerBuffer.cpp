@@ -48,7 +48,7 @@ CCvLoggerBuffer::CCvLoggerBuffer(const IJunctionCheck* owner, Options options)
 CCvLoggerBuffer::~CCvLoggerBuffer()
 {
     Close(FALSE);
-    std::lock_guard lock(m_lock);
+    std::lock_guard lock(m_srwFile);
     m_hFile.reset();
 }
 
@@ -63,7 +63,7 @@ void CCvLoggerBuffer::CloseIfIdle(DWORD now, DWORD idleMs)
 {
     // A writer holding the lock is busy writing, not idle; waiting for it here would hold up
     // every logging thread behind the disk, because the caller holds the logger's lock.
-    std::unique_lock lock(m_lock, std::try_to_lock);
+    std::unique_lock lock(m_srwFile, std::try_to_lock);
     if (!lock.owns_lock())
         return;
     if ((m_hFile || m_bStale) && now - m_dwLastWrite.load() > idleMs)
@@ -106,7 +106,7 @@ BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL /*last*/)
 
 BOOL CCvLoggerBuffer::TransferLocked(const void* data, uint64_t size)
 {
-    std::lock_guard lock(m_lock);
+    std::lock_guard lock(m_srwFile);
     const DWORD now = ::GetTickCount();
     if (m_bStale)
         return FALSE;

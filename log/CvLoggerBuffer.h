@@ -69,7 +69,7 @@ private:
     daxlib::unique_handle m_hRestrictedToken; // made once when writing without the queue
     std::wstring m_strBanner;
     std::wstring m_strFolder;
-    daxlib::srw_lock m_lock;
+    daxlib::srw_lock m_srwFile;
     DWORD m_dwJunctionBlock = 0;
     bool m_bJunctionBlocked = false;
     // A rotation stopped by the junction guard leaves the file closed but counted as open, so

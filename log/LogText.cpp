@@ -62,10 +62,10 @@ std::u16string FormatHeaderFields(const HeaderFields& fields, size_t capacity)
 
 size_t HeaderAlignment::PaddingFor(size_t length, size_t capacity)
 {
-    const size_t width = m_width.load(std::memory_order_relaxed);
+    const size_t width = m_nWidth.load(std::memory_order_relaxed);
     if (length > width)
     {
-        m_width.store(length, std::memory_order_relaxed);
+        m_nWidth.store(length, std::memory_order_relaxed);
         return 0;
     }
     const size_t target = capacity > 0 ? std::min(width, capacity - 1) : 0;

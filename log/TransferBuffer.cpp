@@ -29,7 +29,7 @@ BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
         return FALSE;
     bool wake = false;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwQueue);
         if (!daxlib::GuardedCall(nullptr, L"CTransferBuffer::Write", [&] { m_pList->Append(size, data); }))
             return FALSE;
         wake = !m_bDataSignalled;
@@ -44,7 +44,7 @@ BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
 
 bool CTransferBuffer::Drained() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwQueue);
     return !m_bBusy && m_pList->IsEmpty();
 }
 
@@ -55,7 +55,7 @@ void CTransferBuffer::Close(BOOL immediate)
     if (immediate)
     {
         m_bRefuseNow.store(true, std::memory_order_release);
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwQueue);
         m_pList->Clear();
         m_bDataSignalled = false;
         ::ResetEvent(m_hevData.get());
@@ -97,7 +97,7 @@ void CTransferBuffer::WriterLoop(HANDLE stop)
             uint64_t size = 0;
             bool have = false;
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwQueue);
                 const uint8_t* piece = m_pList->Take(&size, TRUE);
                 if (piece)
                 {
@@ -133,7 +133,7 @@ void CTransferBuffer::WriterLoop(HANDLE stop)
             }
             if (have)
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwQueue);
                 m_bBusy = false;
             }
         }

@@ -36,7 +36,7 @@ private:
     bool Drained() const;
 
     std::unique_ptr<CBuffersList> m_pList;
-    mutable daxlib::srw_lock m_mutex;
+    mutable daxlib::srw_lock m_srwQueue;
     bool m_bBusy = false;          // the writer holds a piece that has not reached Transfer() yet
     bool m_bDataSignalled = false; // data-available is set; set once per burst, not per piece
     daxlib::unique_handle m_hevData;

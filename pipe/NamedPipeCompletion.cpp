@@ -33,7 +33,7 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
               RequestStateName(request->state.load()), static_cast<int>(ioStatus));
         return FALSE;
     }
-    std::unique_lock recordLock(m_recordMutex);
+    std::unique_lock recordLock(m_srwRecord);
     PIPE_OVERLAPPED* record = request->ov;
     if (!record)
         return FinishDetached(request, ioStatus);
@@ -61,7 +61,7 @@ bool CNamedPipeStream::ClaimCompletion(const Request& request)
 {
     if (request->kind != PIPE_IO_REQUEST::eKindWrite)
         return true;
-    std::lock_guard lock(m_writeListMutex);
+    std::lock_guard lock(m_srwWriteList);
     const auto it = std::find(m_writeRequests.begin(), m_writeRequests.end(), request);
     if (it == m_writeRequests.end())
         return false;
@@ -129,13 +129,13 @@ BOOL CNamedPipeStream::HandToCallback(const Request& request, PIPE_OVERLAPPED* r
                : L"add write callback: Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>",
           daxlib::Addr(record), request->id);
     {
-        std::lock_guard lock(read ? m_readMapMutex : m_writeMapMutex);
+        std::lock_guard lock(read ? m_srwReadMap : m_srwWriteMap);
         (read ? m_readCallbacks : m_writeCallbacks)[request->id] = request;
     }
     const BOOL submitted = SubmitCallback(request->id, read);
     if (!submitted)
     {
-        std::lock_guard lock(read ? m_readMapMutex : m_writeMapMutex);
+        std::lock_guard lock(read ? m_srwReadMap : m_srwWriteMap);
         (read ? m_readCallbacks : m_writeCallbacks).erase(request->id);
     }
     return submitted;
@@ -161,7 +161,7 @@ int CNamedPipeStream::ProcessWriteCallback(int64_t requestId)
 
 int CNamedPipeStream::ProcessCallback(int64_t requestId, bool read)
 {
-    daxlib::srw_lock& mutex = read ? m_readMapMutex : m_writeMapMutex;
+    daxlib::srw_lock& mutex = read ? m_srwReadMap : m_srwWriteMap;
     auto& map = read ? m_readCallbacks : m_writeCallbacks;
     const wchar_t* origin = read ? L"CNamedPipeStream::ProcessReadCallback: (1032)"
                                  : L"CNamedPipeStream::ProcessWriteCallback: (1070)";
@@ -187,7 +187,7 @@ int CNamedPipeStream::ProcessCallback(int64_t requestId, bool read)
         PIPE_OVERLAPPED* record = nullptr;
         uint32_t status = 0;
         {
-            std::lock_guard lock(m_recordMutex);
+            std::lock_guard lock(m_srwRecord);
             record = request->ov;
             if (record)
                 status = record->m_dwIoStatus;

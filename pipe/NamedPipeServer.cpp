@@ -26,19 +26,19 @@ CNamedPipeServerStream::~CNamedPipeServerStream()
 
 void CNamedPipeServerStream::SetOwnerData(std::weak_ptr<void> data)
 {
-    std::lock_guard lock(m_ownerMutex);
-    m_ownerData = std::move(data);
+    std::lock_guard lock(m_srwOwner);
+    m_pOwnerData = std::move(data);
 }
 
 std::shared_ptr<void> CNamedPipeServerStream::GetOwnerData() const
 {
-    std::lock_guard lock(m_ownerMutex);
-    return m_ownerData.lock();
+    std::lock_guard lock(m_srwOwner);
+    return m_pOwnerData.lock();
 }
 
 void CNamedPipeServerStream::ReleaseAcceptUnit()
 {
-    if (auto semaphore = m_acceptSemaphore.lock())
+    if (auto semaphore = m_pAcceptSemaphore.lock())
         ::ReleaseSemaphore(semaphore->get(), 1, nullptr);
 }
 
@@ -183,14 +183,14 @@ void CNamedPipeServerStream::Disconnect()
 void CNamedPipeServerStream::Close()
 {
     WaitForIoCallbacks();
-    std::lock_guard lock(m_ownerMutex);
-    m_server.reset();
+    std::lock_guard lock(m_srwOwner);
+    m_pServer.reset();
 }
 
 std::weak_ptr<CNamedPipeServer> CNamedPipeServerStream::GetServerLink() const
 {
-    std::lock_guard lock(m_ownerMutex);
-    return m_server;
+    std::lock_guard lock(m_srwOwner);
+    return m_pServer;
 }
 
 // ---- CNamedPipeServer ----
@@ -213,7 +213,7 @@ CNamedPipeServer::~CNamedPipeServer()
     EndWaitForConnection();
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> connections;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         connections.swap(m_connectionList);
     }
     for (auto& [pipe, stream] : connections)
@@ -223,7 +223,7 @@ CNamedPipeServer::~CNamedPipeServer()
 
 std::shared_ptr<CNamedPipeServer> CNamedPipeServer::Self()
 {
-    if (auto self = m_self.lock())
+    if (auto self = m_pSelf.lock())
         return self;
     return weak_from_this().lock();
 }
@@ -234,10 +234,10 @@ BOOL CNamedPipeServer::BeginWaitForConnection(std::shared_ptr<PipeConnectionCall
 {
     Log(LogLevel::Debug, L"CNamedPipeServer::BeginWaitForConnection: (83)", L" (accepts: %d)...",
         static_cast<int>(m_dwAccepts));
-    if (m_self.expired())
-        m_self = weak_from_this();
+    if (m_pSelf.expired())
+        m_pSelf = weak_from_this();
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         m_pOnConnected = std::move(onConnected);
         m_pOnDisconnected = std::move(onDisconnected);
         m_pContext = context;
@@ -314,7 +314,7 @@ BOOL CNamedPipeServer::WaitForConnection()
             // a new pipe.
             bool first = false;
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwLists);
                 first = m_acceptList.empty() && m_connectionList.empty();
             }
             const DWORD openMode =
@@ -355,12 +355,12 @@ BOOL CNamedPipeServer::WaitForConnection()
             const HANDLE handle = pipe->get();
             auto stream = std::make_shared<CNamedPipeServerStream>(m_pLogger, std::move(pipe), m_pContext);
             {
-                std::lock_guard lock(stream->m_ownerMutex);
-                stream->m_server = Self();
+                std::lock_guard lock(stream->m_srwOwner);
+                stream->m_pServer = Self();
             }
-            stream->m_acceptSemaphore = m_pAcceptSemaphore;
+            stream->m_pAcceptSemaphore = m_pAcceptSemaphore;
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwLists);
                 m_acceptList[handle] = stream;
             }
             if (stream->ConnectAsync())
@@ -368,7 +368,7 @@ BOOL CNamedPipeServer::WaitForConnection()
             Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)",
                 L"Failed to connect pipe <hPipe = 0x%p>", daxlib::Addr(handle));
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwLists);
                 m_acceptList.erase(handle);
             }
             CloseStream(stream);
@@ -385,7 +385,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
     std::shared_ptr<PipeConnectionCallback> onConnected;
     void* context = nullptr;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
         if (it == m_acceptList.end())
         {
@@ -404,7 +404,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
         Log(LogLevel::Error, L"CNamedPipeServer::OnClientConnected: (256)",
             L"Failed to start asynchronous read operation <hPipe = 0x%p>. Close pipe instance...", pipe);
         {
-            std::lock_guard lock(m_mutex);
+            std::lock_guard lock(m_srwLists);
             m_connectionList.erase(static_cast<HANDLE>(pipe));
         }
         stream->Disconnect();
@@ -415,7 +415,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
         onConnected->Invoke(pipe, 0, context);
     bool deferred = false;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         stream->m_bConnectReported = true;
         deferred = stream->m_bDisconnectDeferred;
     }
@@ -432,7 +432,7 @@ void CNamedPipeServer::OnClientDisconnected(void* pipe)
     std::shared_ptr<PipeConnectionCallback> onDisconnected;
     void* context = nullptr;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         auto it = m_connectionList.find(static_cast<HANDLE>(pipe));
         if (it == m_connectionList.end())
         {
@@ -460,7 +460,7 @@ void CNamedPipeServer::OnConnectFailed(void* pipe, const void* identity)
 {
     std::shared_ptr<CNamedPipeServerStream> stream;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
         // The handle value may belong to a newer instance by now.
         if (it == m_acceptList.end() || it->second.get() != identity)
@@ -479,7 +479,7 @@ void CNamedPipeServer::CloseStream(const std::shared_ptr<CNamedPipeServerStream>
 
 std::shared_ptr<CNamedPipeServerStream> CNamedPipeServer::AttachStream(void* pipe, uint64_t channelId)
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     auto it = m_connectionList.find(static_cast<HANDLE>(pipe));
     if (it == m_connectionList.end())
     {
@@ -493,7 +493,7 @@ std::shared_ptr<CNamedPipeServerStream> CNamedPipeServer::AttachStream(void* pip
 void CNamedPipeServer::ResetCallback()
 {
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         m_pOnConnected.reset();
         m_pOnDisconnected.reset();
         m_pContext = nullptr;
@@ -509,7 +509,7 @@ void CNamedPipeServer::EndWaitForConnection()
         m_pAcceptThread->Stop();
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> waiting;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         waiting.swap(m_acceptList);
     }
     for (auto& [pipe, stream] : waiting)
@@ -519,12 +519,12 @@ void CNamedPipeServer::EndWaitForConnection()
 
 size_t CNamedPipeServer::AcceptCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_acceptList.size();
 }
 
 size_t CNamedPipeServer::ConnectionCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_connectionList.size();
 }

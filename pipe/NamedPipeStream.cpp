@@ -74,11 +74,11 @@ CNamedPipeStream::~CNamedPipeStream()
 
 uint32_t CNamedPipeStream::SetPipeConnectionState(uint32_t newState)
 {
-    std::lock_guard lock(m_stateMutex);
-    const uint32_t current = m_state;
+    std::lock_guard lock(m_srwState);
+    const uint32_t current = m_dwState;
     if (IsTransitionAllowed(current, newState))
     {
-        m_state = newState;
+        m_dwState = newState;
         Log(LogLevel::Debug, L"CNamedPipeStream::SetPipeConnectionState: (1197)",
             L"CurrentState: %d<%s>, NewState: %d<%s> - status updated", current, ConnectionStateName(current),
             newState, ConnectionStateName(newState));
@@ -94,21 +94,21 @@ uint32_t CNamedPipeStream::SetPipeConnectionState(uint32_t newState)
 
 uint32_t CNamedPipeStream::GetPipeConnectionState() const
 {
-    std::lock_guard lock(m_stateMutex);
-    return m_state;
+    std::lock_guard lock(m_srwState);
+    return m_dwState;
 }
 
 void CNamedPipeStream::ForceConnectionState(uint32_t state)
 {
-    std::lock_guard lock(m_stateMutex);
-    m_state = state;
+    std::lock_guard lock(m_srwState);
+    m_dwState = state;
 }
 
 BOOL CNamedPipeStream::BeginRead()
 {
     {
-        std::lock_guard lock(m_stateMutex);
-        if (m_state != ePipeConnectionState_Connected)
+        std::lock_guard lock(m_srwState);
+        if (m_dwState != ePipeConnectionState_Connected)
         {
             Log(LogLevel::Trace, L"CNamedPipeStream::BeginRead: (158)",
                 L"Disconnected - SKIP adding new read operation to thread pool I/O");
@@ -204,7 +204,7 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
                 {
                     uint32_t error = 0;
                     {
-                        std::lock_guard lock(m_readQueueMutex);
+                        std::lock_guard lock(m_srwReadQueue);
                         error = m_reads.Append(signal->buffer.get(), static_cast<size_t>(bytes));
                     }
                     if (error != 0)
@@ -216,7 +216,7 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
                 const bool more = ioResult == 0 && BeginRead();
                 if (!more)
                 {
-                    std::lock_guard lock(m_readQueueMutex);
+                    std::lock_guard lock(m_srwReadQueue);
                     m_reads.Finish(ioResult != 0 ? static_cast<uint32_t>(ioResult) : ERROR_BROKEN_PIPE);
                 }
                 if (!EndRead(ioResult))
@@ -265,7 +265,7 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
     }
     bool servable = false;
     {
-        std::lock_guard lock(m_readQueueMutex);
+        std::lock_guard lock(m_srwReadQueue);
         servable = m_reads.CanServe(bytes);
     }
     if (GetPipeConnectionState() == ePipeConnectionState_ConnectionError || !servable)
@@ -279,7 +279,7 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
                                              {
                                                  auto request = std::make_shared<PIPE_IO_REQUEST>();
                                                  request->kind = PIPE_IO_REQUEST::eKindRead;
-                                                 request->id = m_nextRequestId++;
+                                                 request->id = m_nNextRequestId++;
                                                  request->length = bytes;
                                                  // The buffer comes when the data is all there
                                                  // (ProcessQueueReadRequest): a peer that announces a large
@@ -287,12 +287,12 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
                                                  request->callback = std::move(callback);
                                                  request->state = ePipeRequestState_Pending;
                                                  {
-                                                     std::lock_guard lock(m_recordMutex);
+                                                     std::lock_guard lock(m_srwRecord);
                                                      request->ov = record;
                                                      record->m_pRequest = request;
                                                  }
                                                  {
-                                                     std::lock_guard lock(m_readQueueMutex);
+                                                     std::lock_guard lock(m_srwReadQueue);
                                                      m_reads.Push(request, bytes);
                                                  }
                                                  // Data already received is handed over at once; the owner's
@@ -311,7 +311,7 @@ void CNamedPipeStream::ProcessQueueReadRequest(unsigned long ioResult)
     daxlib::GuardedCall(this, L"CNamedPipeStream::ProcessQueueReadRequest: (948)",
                         [&]
                         {
-                            std::lock_guard lock(m_readQueueMutex);
+                            std::lock_guard lock(m_srwReadQueue);
                             const auto dropped = [&](const Request& request)
                             {
                                 if (request->state.load() != ePipeRequestState_Canceled)
@@ -336,7 +336,7 @@ void CNamedPipeStream::ProcessQueueReadRequest(unsigned long ioResult)
                                 }
                                 request->buffer = std::move(bytes);
                                 {
-                                    std::lock_guard recordLock(m_recordMutex);
+                                    std::lock_guard recordLock(m_srwRecord);
                                     if (request->ov)
                                         request->ov->m_pData = request->buffer;
                                 }
@@ -354,15 +354,15 @@ void CNamedPipeStream::WaitForIoCallbacks()
 {
     Log(LogLevel::Trace, L"CNamedPipeStream::WaitForIoCallbacks: (132)", L"begin...");
     {
-        std::lock_guard lock(m_stateMutex);
-        if (m_state == ePipeConnectionState_Connected || m_state == ePipeConnectionState_Connecting)
-            m_state = ePipeConnectionState_Disconnecting;
+        std::lock_guard lock(m_srwState);
+        if (m_dwState == ePipeConnectionState_Connected || m_dwState == ePipeConnectionState_Connecting)
+            m_dwState = ePipeConnectionState_Disconnecting;
     }
     CancelWriteRequest();
     if (m_pIo)
         m_pIo->Stop();
     {
-        std::lock_guard lock(m_readQueueMutex);
+        std::lock_guard lock(m_srwReadQueue);
         m_reads.Finish(ERROR_OPERATION_ABORTED);
     }
     // Readers still waiting learn that nothing more will come (skipped when the stream is being
@@ -373,6 +373,6 @@ void CNamedPipeStream::WaitForIoCallbacks()
 
 size_t CNamedPipeStream::PendingReadCount() const
 {
-    std::lock_guard lock(m_readQueueMutex);
+    std::lock_guard lock(m_srwReadQueue);
     return m_reads.Count();
 }

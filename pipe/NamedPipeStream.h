@@ -178,27 +178,27 @@ private:
     HANDLE m_hPipe;
     void* m_pContext;
 
-    // Lock order: m_readQueueMutex, then m_recordMutex, then m_stateMutex or one of the callback
-    // maps' locks. m_writeListMutex is taken alone. Nothing else is held while the owner's
+    // Lock order: m_srwReadQueue, then m_srwRecord, then m_srwState or one of the callback
+    // maps' locks. m_srwWriteList is taken alone. Nothing else is held while the owner's
     // callbacks run or while a thread-pool I/O is waited for.
-    mutable daxlib::srw_lock m_stateMutex;
-    uint32_t m_state = ePipeConnectionState_WaitConnection;
+    mutable daxlib::srw_lock m_srwState;
+    uint32_t m_dwState = ePipeConnectionState_WaitConnection;
 
-    mutable daxlib::srw_lock m_writeListMutex;
+    mutable daxlib::srw_lock m_srwWriteList;
     std::list<Request> m_writeRequests;
-    daxlib::srw_lock m_writeMapMutex;
+    daxlib::srw_lock m_srwWriteMap;
     std::map<int64_t, Request> m_writeCallbacks;
-    daxlib::srw_lock m_readMapMutex;
+    daxlib::srw_lock m_srwReadMap;
     std::map<int64_t, Request> m_readCallbacks;
 
-    mutable daxlib::srw_lock m_readQueueMutex;
+    mutable daxlib::srw_lock m_srwReadQueue;
     CPendingReads<Request> m_reads;
 
     // Guards the records (PIPE_OVERLAPPED) against a cancel that detaches them.
-    daxlib::srw_lock m_recordMutex;
+    daxlib::srw_lock m_srwRecord;
     std::shared_ptr<PipeIoCallback> m_pWriteCallback;
 
-    std::atomic<int64_t> m_nextRequestId{1};
+    std::atomic<int64_t> m_nNextRequestId{1};
     std::atomic<uint32_t> m_cntWrite{0};
     std::atomic<uint32_t> m_cntBeginWrite{0};
     std::atomic<bool> m_bEndWrite{false};

@@ -38,9 +38,9 @@ public:
     void Finish(uint32_t error)
     {
         uint32_t none = 0;
-        m_finalError.compare_exchange_strong(none, error);
+        m_dwFinalError.compare_exchange_strong(none, error);
     }
-    uint32_t FinalError() const { return m_finalError.load(); }
+    uint32_t FinalError() const { return m_dwFinalError.load(); }
     // Whether a read of `length` bytes can still be served.
     bool CanServe(uint32_t length) const { return FinalError() == 0 || m_data.Size() >= length; }
 
@@ -90,5 +90,5 @@ private:
 
     std::deque<Entry> m_reads;
     CMemStream m_data;
-    std::atomic<uint32_t> m_finalError{0};
+    std::atomic<uint32_t> m_dwFinalError{0};
 };

@@ -30,36 +30,37 @@ void SetThreadPool(std::shared_ptr<CThreadPool> pool)
 
 void CGroupTask::Add(PTP_WORK work)
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwTasks);
     m_tasks[work] = Entry{};
 }
 
 void CGroupTask::Notify(PTP_WORK work, int32_t result, const CommonHelper::CvLogger::CBaseLogger* log)
 {
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwTasks);
         auto it = m_tasks.find(work);
         if (it != m_tasks.end())
             it->second.result = result;
-        ++m_completed;
+        ++m_dwCompleted;
         if (log)
             log->Log(LogLevel::Debug, L"CGroupTask::Notify: (480)",
                      L"obj: 0x%p. Task <0x%p> end. CountTask = %d, completed = %d", daxlib::Addr(this),
-                     daxlib::Addr(work), static_cast<int>(m_tasks.size()), static_cast<int>(m_completed));
+                     daxlib::Addr(work), static_cast<int>(m_tasks.size()), static_cast<int>(m_dwCompleted));
     }
-    m_changed.notify_all();
+    m_cvChanged.notify_all();
 }
 
 bool CGroupTask::WaitCompleted(uint32_t count, DWORD limitMs)
 {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(limitMs), [&] { return m_completed >= count; });
+    std::unique_lock lock(m_srwTasks);
+    return m_cvChanged.wait_for(lock, std::chrono::milliseconds(limitMs),
+                                [&] { return m_dwCompleted >= count; });
 }
 
 uint32_t CGroupTask::Completed()
 {
-    std::lock_guard lock(m_mutex);
-    return m_completed;
+    std::lock_guard lock(m_srwTasks);
+    return m_dwCompleted;
 }
 
 CThreadPool::CThreadPool(uint32_t maxThreads, std::shared_ptr<ICvLogger> logger)

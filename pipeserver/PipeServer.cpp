@@ -26,7 +26,7 @@ using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsi
 } // namespace
 
 CPipeServer::CPipeServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName)
-    : IBaseItem(std::move(logger)), m_pipeName(std::move(pipeName))
+    : IBaseItem(std::move(logger)), m_strPipeName(std::move(pipeName))
 {
 }
 
@@ -37,13 +37,13 @@ CPipeServer::~CPipeServer()
 
 void CPipeServer::SetUrlSender(UrlSender sender)
 {
-    std::lock_guard lock(m_senderLock);
+    std::lock_guard lock(m_srwSender);
     m_sendUrl = std::move(sender);
 }
 
 void CPipeServer::SetUrlPolicy(UrlPolicySource policy)
 {
-    std::lock_guard lock(m_senderLock);
+    std::lock_guard lock(m_srwSender);
     m_policy = std::move(policy);
 }
 
@@ -72,7 +72,8 @@ int CPipeServer::Start()
                 auto attributes = std::make_shared<CDaxSecattrLocalLI>(
                     CDaxSecattr::DefaultVersionQuery(),
                     m_settings.legacyClientAccess ? ClientAccess::LegacyGenericWrite : ClientAccess::Narrow);
-                auto server = std::make_shared<CNamedPipeServer>(m_pipeName, 255, 3, attributes, GetLogger());
+                auto server =
+                    std::make_shared<CNamedPipeServer>(m_strPipeName, 255, 3, attributes, GetLogger());
                 server->SetSelf(server);
                 m_pNamedPipeServer = std::move(server);
             }
@@ -101,7 +102,7 @@ int CPipeServer::Stop()
         queue->Stop();
     std::map<uint64_t, std::shared_ptr<CConnectionHandler>> handlers;
     {
-        std::lock_guard lock(m_tableLock);
+        std::lock_guard lock(m_srwTable);
         handlers.swap(m_connections);
         m_sessionConnections.clear();
     }
@@ -157,7 +158,7 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
     UrlSender sender;
     UrlPolicySource policy;
     {
-        std::lock_guard lock(m_senderLock);
+        std::lock_guard lock(m_srwSender);
         sender = m_sendUrl;
         policy = m_policy;
     }
@@ -248,7 +249,7 @@ void CPipeServer::RemoveChannel(uint64_t channelId)
 {
     std::shared_ptr<CConnectionHandler> handler;
     {
-        std::lock_guard lock(m_tableLock);
+        std::lock_guard lock(m_srwTable);
         auto it = m_connections.find(channelId);
         if (it == m_connections.end())
             return;
@@ -267,7 +268,7 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
     const uint32_t session = handler->Information().dwClientSessionId;
     uint32_t refusedBefore = 0;
     {
-        std::lock_guard lock(m_tableLock);
+        std::lock_guard lock(m_srwTable);
         uint32_t& inSession = m_sessionConnections[session];
         const bool overTotal = m_connections.size() >= m_settings.maxConnections;
         if (overTotal || inSession >= m_settings.maxConnectionsPerSession)
@@ -275,7 +276,7 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
             if (inSession == 0)
                 m_sessionConnections.erase(session);
             // One line per burst: a flood must not flood the log as well.
-            if (m_refusedInBurst++ == 0)
+            if (m_dwRefusedInBurst++ == 0)
                 Log(LogLevel::Warning, L"CPipeServer::Admit: (301)",
                     overTotal
                         ? L"%u agent connection(s) open in all, the limit: connection of session %u "
@@ -289,7 +290,7 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
         if (!m_connections.insert({channelId, handler}).second)
             return false;
         ++inSession;
-        refusedBefore = std::exchange(m_refusedInBurst, 0);
+        refusedBefore = std::exchange(m_dwRefusedInBurst, 0);
     }
     if (refusedBefore > 1)
         Log(LogLevel::Warning, L"CPipeServer::Admit: (320)",
@@ -299,13 +300,13 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
 
 size_t CPipeServer::ConnectionCount() const
 {
-    std::shared_lock lock(m_tableLock);
+    std::shared_lock lock(m_srwTable);
     return m_connections.size();
 }
 
 std::shared_ptr<CConnectionHandler> CPipeServer::FindHandler(uint64_t channelId) const
 {
-    std::shared_lock lock(m_tableLock);
+    std::shared_lock lock(m_srwTable);
     auto it = m_connections.find(channelId);
     return it == m_connections.end() ? nullptr : it->second;
 }

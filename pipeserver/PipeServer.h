@@ -87,17 +87,17 @@ private:
     // Enters the handler when its session and the server are under their bounds.
     bool Admit(uint64_t channelId, const std::shared_ptr<CConnectionHandler>& handler);
 
-    std::wstring m_pipeName;
+    std::wstring m_strPipeName;
     std::shared_ptr<CNamedPipeServer> m_pNamedPipeServer;
     std::shared_ptr<CSignalQueueThread<NewConnectData>> m_pConnectQueue;
     AgentPipeSettings m_settings;
     SessionResolver m_resolveSession;
     // Guards the connection table, the per-session counts and the refusal burst.
-    mutable daxlib::srw_lock m_tableLock;
+    mutable daxlib::srw_lock m_srwTable;
     std::map<uint64_t, std::shared_ptr<CConnectionHandler>> m_connections;
     std::map<uint32_t, uint32_t> m_sessionConnections;
-    uint32_t m_refusedInBurst = 0; // connections refused since the last one admitted
-    daxlib::srw_lock m_senderLock;
+    uint32_t m_dwRefusedInBurst = 0; // connections refused since the last one admitted
+    daxlib::srw_lock m_srwSender;
     UrlSender m_sendUrl;
     UrlPolicySource m_policy;
 };

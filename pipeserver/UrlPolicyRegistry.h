@@ -55,7 +55,7 @@ private:
 
     HKEY m_hRoot;
     std::wstring m_strSubKey;
-    mutable daxlib::srw_lock m_lock;
+    mutable daxlib::srw_lock m_srwLock;
     std::shared_ptr<const urlpolicy::Policy> m_pPolicy;
     // Only the watch thread touches these once it runs.
     std::set<std::wstring> m_reported; // problems of the last reading, already logged

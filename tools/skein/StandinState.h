@@ -109,21 +109,21 @@ class Thread
 public:
     void start(void (*entry)(void*), void* argument)
     {
-        m_entry = entry;
-        m_argument = argument;
-        m_handle = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Run, this, 0, &m_id));
+        m_pfnEntry = entry;
+        m_pArgument = argument;
+        m_hThread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Run, this, 0, &m_uId));
     }
-    bool joinable() const noexcept { return m_handle != nullptr; }
-    bool is_current() const noexcept { return m_handle && ::GetCurrentThreadId() == m_id; }
+    bool joinable() const noexcept { return m_hThread != nullptr; }
+    bool is_current() const noexcept { return m_hThread && ::GetCurrentThreadId() == m_uId; }
     // Waits unless called on the thread itself; closes the handle either way.
     void join() noexcept
     {
-        if (!m_handle)
+        if (!m_hThread)
             return;
         if (!is_current())
-            ::WaitForSingleObject(m_handle, INFINITE);
-        ::CloseHandle(m_handle);
-        m_handle = nullptr;
+            ::WaitForSingleObject(m_hThread, INFINITE);
+        ::CloseHandle(m_hThread);
+        m_hThread = nullptr;
     }
 
 private:
@@ -132,7 +132,7 @@ private:
         auto* thread = static_cast<Thread*>(self);
         try
         {
-            thread->m_entry(thread->m_argument);
+            thread->m_pfnEntry(thread->m_pArgument);
         }
         catch (...)
         {
@@ -140,10 +140,10 @@ private:
         }
         return 0;
     }
-    HANDLE m_handle = nullptr;
-    unsigned m_id = 0;
-    void (*m_entry)(void*) = nullptr;
-    void* m_argument = nullptr;
+    HANDLE m_hThread = nullptr;
+    unsigned m_uId = 0;
+    void (*m_pfnEntry)(void*) = nullptr;
+    void* m_pArgument = nullptr;
 };
 
 struct Library
