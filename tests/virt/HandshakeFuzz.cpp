@@ -1,6 +1,7 @@
 // Plays the client side's answers of the handshake from arbitrary bytes; a read past them fails
 // as a broken connection would.
 #include "virt/Handshake.h"
+#include "virt/UrlProtocol.h"
 
 #include <cstddef>
 #include <cstdint>
