@@ -80,7 +80,8 @@ std::shared_ptr<CCvLogger> MakeLogger(const TempDir& dir, const wchar_t* base, B
                                       const TestKey* key = nullptr, CCvLogger::JunctionCheck check = nullptr)
 {
     return CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), key ? HKEY_CURRENT_USER : nullptr,
-                                           key ? key->path.c_str() : nullptr, base, nullptr, TRUE, buffered, 2, check);
+                                           key ? key->path.c_str() : nullptr, base, nullptr, TRUE, buffered,
+                                           2, check);
 }
 
 uint64_t NowFileTime()
@@ -160,21 +161,19 @@ protected:
     std::shared_ptr<CCvLogger> m_logger;
 };
 
-TEST_F(RegistrySettings, MissingLevelIsWrittenBackAtCreation)
-{
-    EXPECT_EQ(m_key.GetDword(L"LogLevel"), 2u);
-}
-
 TEST_F(RegistrySettings, IdleFileIsClosedAndReopenedWithoutASecondBanner)
 {
     m_logger->Log(2, L"first-record");
     const std::wstring path = m_dir.File(L"reg.txt");
     ASSERT_TRUE(Eventually([&] { return Exists(path); }));
-    EXPECT_TRUE(Eventually([&] {
-        daxlib::unique_hfile file(
-            ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-        return file.valid();
-    })) << "the idle handle was never closed";
+    EXPECT_TRUE(Eventually(
+        [&]
+        {
+            daxlib::unique_hfile file(::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+            return file.valid();
+        }))
+        << "the idle handle was never closed";
     m_logger->Log(1, L"second-record");
     const std::wstring banner = m_logger->GetBanner();
     m_logger.reset();
@@ -196,7 +195,8 @@ TEST_F(RegistrySettings, RotationValuesAreHeldWithinTheirRanges)
     ::RegDeleteValueW(m_key.key.get(), L"RotationLogFileNumber");
     Load();
     EXPECT_EQ(m_logger->GetRotationCount(), 10u);
-    for (const auto& [value, expected] : {std::pair<DWORD, uint32_t>{0, 1000u << 20}, {5000, 1000u << 20}, {1, 1u << 20}})
+    for (const auto& [value, expected] :
+         {std::pair<DWORD, uint32_t>{0, 1000u << 20}, {5000, 1000u << 20}, {1, 1u << 20}})
     {
         m_key.SetDword(L"RotationLogFileSizeMB", value);
         Load();
@@ -233,8 +233,10 @@ TEST_F(RegistrySettings, WrongTypesAndSizesAreIgnoredButALevelInDecimalTextIsTak
     EXPECT_EQ(LevelOf(*m_logger), 4u);
 }
 
-TEST_F(RegistrySettings, LevelSetInCodeGoesToTheKeyWithItsOwnFileSize)
+// Missing at creation, it is written back; set in code, it goes to the key with its file size.
+TEST_F(RegistrySettings, KeyHoldsTheLoggersLevel)
 {
+    EXPECT_EQ(m_key.GetDword(L"LogLevel"), 2u);
     m_logger->SetLevelFileSizes({{5, 4096}});
     EXPECT_EQ(m_logger->SetLevel(5), 0u);
     EXPECT_EQ(m_key.GetDword(L"LogLevel"), 5u);
@@ -265,10 +267,12 @@ TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
     const auto start = std::chrono::steady_clock::now();
     logger->Log(2, L"refused-during-block");
     EXPECT_FALSE(Exists(path));
-    ASSERT_TRUE(Eventually([&] {
-        logger->Log(2, L"probe");
-        return Exists(path);
-    }));
+    ASSERT_TRUE(Eventually(
+        [&]
+        {
+            logger->Log(2, L"probe");
+            return Exists(path);
+        }));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4900));
     logger.reset();
     const std::wstring text = ReadText(path);
@@ -285,11 +289,12 @@ TEST_P(BadInput, UnusableFolderDropsRecordsWithoutLeaks)
     TempDir dir(L"velomar-bad");
     SetLastWrite(dir.File(L"blocker")); // a file where the folder should be
     const std::wstring folder = dir.File(L"blocker") + L"\\logs\\";
-    auto logger = CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, L"bad", nullptr, FALSE, GetParam(),
-                                                  2);
+    auto logger = CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, L"bad", nullptr, FALSE,
+                                                  GetParam(), 2);
     ASSERT_TRUE(logger);
     const unsigned char bytes[64] = {};
-    const auto batch = [&] {
+    const auto batch = [&]
+    {
         for (int i = 0; i < 200; ++i)
         {
             logger->Log(2, L"dropped %d", i);
@@ -317,8 +322,8 @@ TEST_P(BadInput, LockedFileDropsAndRetriesAndStrictModeWritesUnderTheRestrictedT
     auto logger = MakeLogger(dir, L"locked", GetParam());
     ASSERT_TRUE(logger);
     {
-        daxlib::unique_hfile lock(
-            ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+        daxlib::unique_hfile lock(::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, CREATE_NEW,
+                                                FILE_ATTRIBUTE_NORMAL, nullptr));
         ASSERT_TRUE(lock.valid());
         logger->Log(2, L"dropped-while-locked");
         // The queued writer gives no completion signal; re-opening the main file drains it.
@@ -329,7 +334,8 @@ TEST_P(BadInput, LockedFileDropsAndRetriesAndStrictModeWritesUnderTheRestrictedT
     logger->Log(2, L"strict-record");
     daxlib::unique_handle token;
     EXPECT_FALSE(::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()));
-    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN)) << "the logging thread must not keep a token";
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN))
+        << "the logging thread must not keep a token";
     logger->SetLogFileSecurity(TRUE, FALSE);
     logger->Log(2, L"restricted-record");
     const std::wstring banner = logger->GetBanner();
@@ -352,7 +358,8 @@ TEST(ExtraFiles, AddingOneClearsExpiredAndSurplusFilesOfItsBaseName)
     const uint64_t now = NowFileTime();
     constexpr uint64_t hour = 36000000000ULL;
     SetLastWrite(dir.File(L"x-pp-1-1_2020-01-01-000000(01).txt"), now - 100 * 24 * hour);
-    const wchar_t* recent[] = {L"b-pp-1-2.txt", L"c-pp-1-3.txt", L"d-pp-1-4.txt", L"e-pp-1-5.txt", L"f-pp-1-6.txt"};
+    const wchar_t* recent[] = {L"b-pp-1-2.txt", L"c-pp-1-3.txt", L"d-pp-1-4.txt", L"e-pp-1-5.txt",
+                               L"f-pp-1-6.txt"};
     for (int i = 0; i < 5; ++i)
         SetLastWrite(dir.File(recent[i]), now - (6 - i) * hour);
     SetLastWrite(dir.File(L"pp.txt"), now - 200 * 24 * hour);
@@ -446,13 +453,13 @@ TEST(EventLog, SourceIsRegisteredForTheRunningProgram)
     wchar_t module[MAX_PATH], file[MAX_PATH] = {};
     ::GetModuleFileNameW(nullptr, module, MAX_PATH);
     DWORD size = sizeof file, types = 0;
-    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"EventMessageFile", RRF_RT_REG_SZ, nullptr, file,
-                             &size),
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"EventMessageFile", RRF_RT_REG_SZ, nullptr,
+                             file, &size),
               ERROR_SUCCESS);
     EXPECT_STREQ(file, module);
     size = sizeof types;
-    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"TypesSupported", RRF_RT_REG_DWORD, nullptr,
-                             &types, &size),
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"TypesSupported", RRF_RT_REG_DWORD,
+                             nullptr, &types, &size),
               ERROR_SUCCESS);
     EXPECT_EQ(types, 7u);
     ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath.c_str());

@@ -99,7 +99,7 @@ TEST_F(UrlPolicyTest, SwitchedOffRefusesEvenAnAllowedUrl)
 }
 
 // Every host is allowed, so that the verdict shows only whether the host could be read.
-class UrlHost : public ::testing::Test
+class UrlHost : public UrlPolicyTest
 {
 protected:
     void ExpectHosts(std::initializer_list<std::pair<std::u16string, const char*>> cases) const
@@ -119,7 +119,6 @@ protected:
         m_policy.schemes = {"http", "https", "file", "ssh", "custom"};
         m_policy.allowedHosts = Patterns({u"*"});
     }
-    urlpolicy::Policy m_policy;
 };
 
 TEST_F(UrlHost, UserinfoPortsAndSlashTricksComeToTheRealHost)
