@@ -40,8 +40,8 @@ class RecordTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        m_logger = CCvLogger::CreateLoggerInFolder(m_dir.Path().c_str(), nullptr, nullptr, L"rectest", nullptr, FALSE,
-                                                   LOG_TEST_BUFFERED, 2);
+        m_logger = CCvLogger::CreateLoggerInFolder(m_dir.Path().c_str(), nullptr, nullptr, L"rectest",
+                                                   nullptr, FALSE, LOG_TEST_BUFFERED, 2);
         ASSERT_TRUE(m_logger);
         m_banner = m_logger->GetBanner();
     }
@@ -104,17 +104,19 @@ TEST_F(RecordTest, HeaderHasTimeWithUtcOffsetProcessThreadAndLabel)
     SYSTEMTIME local, utc;
     ::GetLocalTime(&local);
     ::GetSystemTime(&utc);
-    const auto offset = cvlog::ComputeUtcOffset({local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute},
-                                                {utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute});
+    const auto offset =
+        cvlog::ComputeUtcOffset({local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute},
+                                {utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute});
     m_logger->Log(2, L"Service logger is working.");
     const size_t column = CCvLogger::HeaderWidth();
     const auto lines = RecordLines();
     ASSERT_EQ(1u, lines.size());
     std::wsmatch m;
-    ASSERT_TRUE(std::regex_match(lines[0], m,
-                                 std::wregex(L"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3} "
-                                             L"\\(([+-]\\d{2}):(\\d{2})\\) \\[(\\d+)\\] \\[(\\d+)\\] \\[INFO\\]: "
-                                             L"( *)Service logger is working\\.")));
+    ASSERT_TRUE(
+        std::regex_match(lines[0], m,
+                         std::wregex(L"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3} "
+                                     L"\\(([+-]\\d{2}):(\\d{2})\\) \\[(\\d+)\\] \\[(\\d+)\\] \\[INFO\\]: "
+                                     L"( *)Service logger is working\\.")));
     EXPECT_EQ(std::stoi(m[1].str()), offset.hours);
     EXPECT_EQ(std::stoi(m[2].str()), offset.minutes);
     EXPECT_EQ(std::stoul(m[3].str()), ::GetCurrentProcessId());
@@ -237,17 +239,20 @@ TEST_F(RecordTest, ThreadsNeverInterleaveInsideALine)
     constexpr int kPerThread = 300;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i)
-                m_logger->Log(2, L"thread %d record %d %s", t, i, L"padding-text-to-make-lines-longer");
-        });
+        threads.emplace_back(
+            [&, t]
+            {
+                for (int i = 0; i < kPerThread; ++i)
+                    m_logger->Log(2, L"thread %d record %d %s", t, i, L"padding-text-to-make-lines-longer");
+            });
     for (auto& thread : threads)
         thread.join();
 
     const auto lines = RecordLines();
     ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kPerThread));
-    const std::wregex shape(L"\\d{4}\\.\\d{2}\\.\\d{2} [0-9:.]{12} \\([+-]\\d{2}:\\d{2}\\) \\[\\d+\\] \\[\\d+\\] "
-                            L"\\[INFO\\]: +thread (\\d) record (\\d+) padding-text-to-make-lines-longer");
+    const std::wregex shape(
+        L"\\d{4}\\.\\d{2}\\.\\d{2} [0-9:.]{12} \\([+-]\\d{2}:\\d{2}\\) \\[\\d+\\] \\[\\d+\\] "
+        L"\\[INFO\\]: +thread (\\d) record (\\d+) padding-text-to-make-lines-longer");
     std::vector<int> next(kThreads, 0);
     for (const auto& line : lines)
     {

@@ -241,16 +241,14 @@ TEST(AgentPipeServerLeaks, ManyShortConnectionsLeaveNothingBehind)
             t.join();
     };
     // Warm-up at full size: the pools grow to what this load needs and their threads take their
-    // lazily made objects. A leak per connection would then show as hundreds of handles.
-    round();
-    round();
+    // lazily made objects. A leak per connection would then show as hundreds of handles. Pool
+    // threads that took their first lock during the measured rounds may need a moment to go.
+    round(), round();
     const long long handles = testing_support::CountProcessHandles();
     const long long threads = testing_support::CountProcessThreads();
     answered = 0;
-    round();
-    round();
+    round(), round();
     EXPECT_EQ(2 * 4 * (50 - 17), answered.load()) << "every agent that stayed gets its answer";
-    // Pool threads that took their first lock during the measured rounds may need a moment to go.
     EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + 4; }, 30s))
         << "handles " << handles << " -> " << testing_support::CountProcessHandles();
     EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + 4; }, 30s))

@@ -38,7 +38,8 @@ TEST_F(ChannelProtocolTest, RefusedHandshakeIsPublishedAndNeverRetried)
     {
         EXPECT_EQ(1u, Stats(refused).connectAttempts) << refused;
         EXPECT_EQ(0, m_server->SendURL(refused, L"https://refused/"));
-        EXPECT_TRUE(m_logger->Contains(Tag(refused) + L"Connection is closed. Module=\"VirtServer\", Line=443"));
+        EXPECT_TRUE(
+            m_logger->Contains(Tag(refused) + L"Connection is closed. Module=\"VirtServer\", Line=443"));
     }
 }
 
@@ -54,11 +55,12 @@ TEST_F(ChannelProtocolTest, AcceptedHandshakeIsLoggedAndRecordedAndOpensTheChann
     EXPECT_EQ(0x00020000u, accepted.dwRemoteVersion);
     EXPECT_EQ(0x00010001u, accepted.dwNegotiatedVersion);
     EXPECT_EQ(50u, accepted.dwState);
-    for (const wchar_t* line : {L"LocalVersion=0x00010001", L"RemoteVersion=0x00020000",
-                                L"Negotiations about the version are successful. Version=0x00010001",
-                                L"cbRemoteOptions=12"})
+    for (const wchar_t* line :
+         {L"LocalVersion=0x00010001", L"RemoteVersion=0x00020000",
+          L"Negotiations about the version are successful. Version=0x00010001", L"cbRemoteOptions=12"})
         EXPECT_TRUE(m_logger->Contains(L"CSessionHandler::DoHandshake: " + Tag(6) + line)) << line;
-    EXPECT_TRUE(m_logger->WaitFor(Tag(6) + L"CSessionHandler::ReadThread: Unknown command. Command=undefined command(9)", 5s));
+    EXPECT_TRUE(m_logger->WaitFor(
+        Tag(6) + L"CSessionHandler::ReadThread: Unknown command. Command=undefined command(9)", 5s));
     EXPECT_EQ(1, m_server->SendURL(6, L"https://six/"));
 }
 
@@ -72,7 +74,8 @@ TEST_F(ChannelProtocolTest, HandshakeBrokenOnTheWayIsRetriedLikeABrokenConnectio
     Command("peer 10 accept");
     Command("break 10");
     ASSERT_TRUE(m_status.WaitForState(10, eCvUrlApiEvent_RdpConnectionBroken, 10s));
-    EXPECT_TRUE(m_logger->Contains(Tag(10) + L"First SkReadData(RemoteVersion) failed. Error=ERROR_NOT_CONNECTED(2250)"));
+    EXPECT_TRUE(m_logger->Contains(
+        Tag(10) + L"First SkReadData(RemoteVersion) failed. Error=ERROR_NOT_CONNECTED(2250)"));
     EXPECT_TRUE(WaitConnected(10));
     EXPECT_EQ(2u, Stats(10).connectAttempts);
 }
@@ -103,7 +106,9 @@ TEST_F(ChannelProtocolTest, MessagesFromTheClientSideAreReadWholeAndDropped)
 {
     ASSERT_TRUE(StartServer());
     // Command 7 with 5 bytes, command 0 with none, and a submit from the client side.
-    Command("peer 6 send=0700000005000000aabbccddee" "0000000000000000" "0100000006000000000000006869");
+    Command("peer 6 send=0700000005000000aabbccddee"
+            "0000000000000000"
+            "0100000006000000000000006869");
     OpenSessions(6, 6);
     const std::wstring prefix = Tag(6) + L"CSessionHandler::ReadThread: Unknown command. Command=";
     EXPECT_TRUE(m_logger->WaitFor(prefix + L"eUrlNet_Submit(1)", 10s));
@@ -129,10 +134,14 @@ TEST_F(ChannelProtocolTest, PeerThatBreaksMidMessageIsReconnectedOnceItBehaves)
     // A connection made just before a peer was told may still run the old script and close
     // after its handshake, hence a URL sent until one goes through.
     for (uint32_t id : {4u, 5u})
-        EXPECT_TRUE(Eventually([&] {
-            return StateOf(id) == 50u && Stats(id).liveConnections == 1 &&
-                   m_server->SendURL(id, L"https://ok/" + std::to_wstring(id)) == 1;
-        }, 10s)) << id;
+        EXPECT_TRUE(Eventually(
+            [&]
+            {
+                return StateOf(id) == 50u && Stats(id).liveConnections == 1 &&
+                       m_server->SendURL(id, L"https://ok/" + std::to_wstring(id)) == 1;
+            },
+            10s))
+            << id;
 }
 
 // Garbage that makes the service wait for a message of ~1.5 GB which never comes.
@@ -180,7 +189,8 @@ TEST_F(ChannelProtocolTest, StartAndStopWithBadPeersLeaveNothingBehind)
     // as six over the last six rounds; one or two may still be on their way out when counted.
     constexpr int kLast = kRounds - 1;
     EXPECT_LE(threads[kLast], threads[2]);
-    EXPECT_TRUE(Eventually([&] { return (handles[kLast] = testing_support::CountProcessHandles()) <= handles[2] + 3; }, 10s))
+    EXPECT_TRUE(Eventually(
+        [&] { return (handles[kLast] = testing_support::CountProcessHandles()) <= handles[2] + 3; }, 10s))
         << handles[2] << " handles after round 3, " << handles[kLast] << " after " << kRounds;
 }
 
@@ -199,7 +209,8 @@ TEST(SessionHandler, StartsOnceStopsTwiceAndKeepsItsStateWithoutALibrary)
         EXPECT_TRUE(handler.StartThreads());
         EXPECT_EQ(1u, logger->Count(L"CSessionHandler::StartThreads: Session 7: Success"));
         // No library: every attempt fails and is retried, never published.
-        EXPECT_TRUE(logger->WaitFor(L"Session 7: SkResolveAddressW(\"00000007-5e1c-4a3b-9d2e-0000c0ffee07\") failed", 5s));
+        EXPECT_TRUE(logger->WaitFor(
+            L"Session 7: SkResolveAddressW(\"00000007-5e1c-4a3b-9d2e-0000c0ffee07\") failed", 5s));
         EXPECT_EQ(1, handler.Stop());
         EXPECT_EQ(1u, logger->Count(L"CSessionHandler::ConnectionThread: Session 7: Stopped"));
         EXPECT_EQ(1u, logger->Count(L"CSessionHandler::ReadThread: Session 7: Stopped"));

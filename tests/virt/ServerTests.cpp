@@ -10,7 +10,17 @@ using namespace virt_test;
 namespace
 {
 constexpr char kOtherGuid[] = "11111111-2222-3333-4444-555555555555";
+
+// A URL long enough that a split write would show, with characters of every width, and the
+// UTF-8 bytes the client side receives for it.
+std::pair<std::wstring, std::string> SenderUrl(int t, int i)
+{
+    const std::string tail = std::to_string(i) + "/" + std::string(200 + 13 * t, static_cast<char>('a' + t));
+    return {L"https://t" + std::to_wstring(t) + L".example/\u00E9\u4F8B\U0001F600/" +
+                std::wstring(tail.begin(), tail.end()),
+            "https://t" + std::to_string(t) + ".example/\xC3\xA9\xE4\xBE\x8B\xF0\x9F\x98\x80/" + tail};
 }
+} // namespace
 
 class VirtServerTest : public ChannelTest
 {
@@ -130,22 +140,18 @@ TEST_F(VirtServerTest, ConcurrentSendersDuringReconnectionNeverSplitAUrl)
     std::vector<std::string> expected[kThreads];
     std::vector<std::thread> senders;
     for (int t = 0; t < kThreads; ++t)
-        senders.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i)
+        senders.emplace_back(
+            [&, t]
             {
-                // Long enough that a split write would show, with characters of every width.
-                const std::string tail =
-                    std::to_string(i) + "/" + std::string(200 + 13 * t, static_cast<char>('a' + t));
-                const std::wstring url = L"https://t" + std::to_wstring(t) +
-                                         L".example/\u00E9\u4F8B\U0001F600/" +
-                                         std::wstring(tail.begin(), tail.end());
-                if (m_server->SendURL(2, url))
-                    expected[t].push_back("https://t" + std::to_string(t) +
-                                          ".example/\xC3\xA9\xE4\xBE\x8B\xF0\x9F\x98\x80/" + tail);
-                else // pacing only, so that the run spans several reconnections
-                    std::this_thread::sleep_for(2ms);
-            }
-        });
+                for (int i = 0; i < kPerThread; ++i)
+                {
+                    const auto [wide, utf8] = SenderUrl(t, i);
+                    if (m_server->SendURL(2, wide))
+                        expected[t].push_back(utf8);
+                    else // pacing only, so that the run spans several reconnections
+                        std::this_thread::sleep_for(2ms);
+                }
+            });
     for (auto& s : senders)
         s.join();
     // Whole, once each, and only what was reported sent.
