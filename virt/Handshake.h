@@ -24,6 +24,12 @@ enum class HandshakeStep : uint8_t
 };
 constexpr int HandshakeStepCount = 8;
 
+// The two sides take turns, so every odd step is a read.
+constexpr bool IsReadStep(HandshakeStep step) noexcept
+{
+    return static_cast<int>(step) % 2 == 1;
+}
+
 enum class HandshakeEnd
 {
     Accepted,

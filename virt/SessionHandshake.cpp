@@ -38,11 +38,6 @@ const wchar_t* FailureText(UrlNet::HandshakeStep step)
     return L"";
 }
 
-bool IsRead(UrlNet::HandshakeStep step)
-{
-    return static_cast<int>(step) % 2 == 1;
-}
-
 } // namespace
 
 CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
@@ -90,7 +85,7 @@ CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
     if (result.end == HandshakeEnd::Broken)
     {
         const wchar_t* text = FailureText(result.lastStep);
-        if (!IsRead(result.lastStep))
+        if (!UrlNet::IsReadStep(result.lastStep))
             Log(LogLevel::Error, kDoHandshake, text, error);
         else if (error == ERROR_NOT_CONNECTED)
             Log(LogLevel::Info, kDoHandshake, L"%s failed. Error=ERROR_NOT_CONNECTED(2250)", text);
