@@ -4,6 +4,7 @@
 #include "pipeserver/UrlPolicy.h"
 #include "pipeserver/UrlText.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace urlpolicy
