@@ -1,5 +1,7 @@
 #pragma once
 // Compiled-in settings of the service and the one registry reader of this module.
+#include "VelomarVersion.h"
+
 #include <cstdint>
 #include <string>
 
@@ -12,7 +14,8 @@ constexpr wchar_t kCompanyFolder[] = L"Corvane";
 constexpr wchar_t kProductFolder[] = L"Velomar (Server)";
 constexpr wchar_t kLogBaseName[] = L"velomard";
 constexpr int kLogShellFolder = 35;           // the common application-data folder
-constexpr uint32_t kProgramVersion = 0x10400; // 1.4.0 as major, minor and patch bytes
+// Major, minor and patch bytes (1.4.0 is 0x10400).
+constexpr uint32_t kProgramVersion = (VELOMAR_VERSION_MAJOR << 16) | (VELOMAR_VERSION_MINOR << 8) | VELOMAR_VERSION_PATCH;
 constexpr uint32_t kStopDelayMs = 500;
 constexpr uint32_t kThreadPoolMaximum = 1000;
 constexpr uint32_t kServiceLogHeaderFlags = 0x804F;
