@@ -23,7 +23,8 @@ LogSettingsKeys::LogSettingsKeys(HKEY productKey, HKEY root, const std::wstring&
 LSTATUS LogSettingsKeys::Query(const wchar_t* name, DWORD* type, BYTE* data, DWORD* size,
                                SettingSource* source) const
 {
-    // The callers' buffer size is in and out: each key gets the size the caller asked for.
+    // The size is in and out: the product key must get the caller's capacity, not what the
+    // policy key reported.
     const DWORD capacity = size ? *size : 0;
     const auto query = [&](HKEY key)
     {

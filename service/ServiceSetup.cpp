@@ -15,13 +15,18 @@ namespace service
 
 namespace
 {
-std::wstring ModulePath(HANDLE process)
+std::wstring OwnImagePath()
+{
+    wchar_t path[MAX_PATH] = {};
+    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+    return length && length < MAX_PATH ? std::wstring(path, length) : std::wstring();
+}
+
+std::wstring ImagePathOf(HANDLE process)
 {
     wchar_t path[MAX_PATH] = {};
     DWORD size = MAX_PATH;
-    if (process ? !::QueryFullProcessImageNameW(process, 0, path, &size) : !::GetModuleFileNameW(nullptr, path, MAX_PATH))
-        return {};
-    return path;
+    return ::QueryFullProcessImageNameW(process, 0, path, &size) ? std::wstring(path, size) : std::wstring();
 }
 } // namespace
 
@@ -51,7 +56,7 @@ DWORD ConfigureFailureActions(const wchar_t* serviceName)
 
 DWORD WaitForOtherInstancesToExit(DWORD limitMs)
 {
-    const std::wstring self = ModulePath(nullptr);
+    const std::wstring self = OwnImagePath();
     daxlib::unique_hfile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0)); // empty: INVALID_HANDLE_VALUE
     if (self.empty() || !snapshot)
         return ::GetLastError();
@@ -65,7 +70,7 @@ DWORD WaitForOtherInstancesToExit(DWORD limitMs)
             continue;
         daxlib::unique_handle process(
             ::OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE, entry.th32ProcessID));
-        if (process && ::_wcsicmp(ModulePath(process.get()).c_str(), self.c_str()) == 0)
+        if (process && ::_wcsicmp(ImagePathOf(process.get()).c_str(), self.c_str()) == 0)
             others.push_back(std::move(process));
     }
     if (others.empty())
