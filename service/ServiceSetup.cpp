@@ -30,16 +30,33 @@ std::wstring ImagePathOf(HANDLE process)
 }
 } // namespace
 
-DWORD ConfigureFailureActions(const wchar_t* serviceName)
+DWORD ConfigureService(const wchar_t* serviceName)
 {
     daxlib::unique_schandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
     if (!manager)
         return ::GetLastError();
     // A restart action needs SERVICE_START besides SERVICE_CHANGE_CONFIG.
-    daxlib::unique_schandle serviceHandle(
-        ::OpenServiceW(manager.get(), serviceName, SERVICE_CHANGE_CONFIG | SERVICE_START));
+    daxlib::unique_schandle serviceHandle(::OpenServiceW(
+        manager.get(), serviceName, SERVICE_CHANGE_CONFIG | SERVICE_QUERY_CONFIG | SERVICE_START));
     if (!serviceHandle)
         return ::GetLastError();
+
+    // An installer may register the path without quotes (Wine's does); unquoted, a path with a
+    // blank lets C:\Program.exe run as LocalSystem in the service's place.
+    std::vector<BYTE> buffer(8192);
+    DWORD needed = 0;
+    if (!::QueryServiceConfigW(serviceHandle.get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(buffer.data()),
+                               static_cast<DWORD>(buffer.size()), &needed))
+        return ::GetLastError();
+    const std::wstring path = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data())->lpBinaryPathName;
+    if (!path.empty() && path.front() != L'"' && path.find(L' ') != std::wstring::npos)
+    {
+        const std::wstring quoted = L"\"" + path + L"\"";
+        if (!::ChangeServiceConfigW(serviceHandle.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
+                                    quoted.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr))
+            return ::GetLastError();
+    }
+
     SC_ACTION actions[] = {
         {SC_ACTION_RESTART, kRestartDelayMs},
         {SC_ACTION_RESTART, kRestartDelayMs},
@@ -87,7 +104,7 @@ std::optional<int> RunSetupCommand(int argc, wchar_t** argv)
     if (argc != 2 || !argv[1])
         return std::nullopt;
     if (std::wcscmp(argv[1], kConfigureServiceSwitch) == 0)
-        return static_cast<int>(ConfigureFailureActions(kServiceName));
+        return static_cast<int>(ConfigureService(kServiceName));
     if (std::wcscmp(argv[1], kWaitForExitSwitch) == 0)
         return static_cast<int>(WaitForOtherInstancesToExit(kWaitForExitLimitMs));
     return std::nullopt;

@@ -132,7 +132,8 @@ TEST_F(FreshInstall, RegistersAnAutomaticLocalSystemServiceThatRuns)
     EXPECT_EQ(static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS), config->dwServiceType);
     EXPECT_EQ(static_cast<DWORD>(SERVICE_AUTO_START), config->dwStartType);
     EXPECT_STREQ(L"LocalSystem", config->lpServiceStartName);
-    EXPECT_NE(std::wstring::npos, std::wstring(config->lpBinaryPathName).find(kServiceExe));
+    // Quoted: the path holds blanks and the service runs as LocalSystem.
+    EXPECT_EQ(L"\"" + kServiceExe + L"\"", std::wstring(config->lpBinaryPathName));
     EXPECT_TRUE(ServiceRuns());
 }
 
