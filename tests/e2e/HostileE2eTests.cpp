@@ -124,7 +124,9 @@ void Storm(int firstAgent, int agents, int urlsPerAgent, int floodSize, Results&
         {12, Garbage},
         {12, Oversized},
         {12, [](int, Results&) { AgentPipe().Connect(30s); }},
-        {2, [floodSize](int, Results& r) {
+        {2,
+         [floodSize](int, Results& r)
+         {
              std::vector<AgentPipe> clients(static_cast<size_t>(floodSize));
              if (!std::all_of(clients.begin(), clients.end(), [](AgentPipe& c) { return c.Connect(30s); }))
                  r.Failed("flood could not connect");
@@ -132,11 +134,13 @@ void Storm(int firstAgent, int agents, int urlsPerAgent, int floodSize, Results&
     };
     std::atomic<size_t> kindsDone{0};
     for (const auto& [rounds, kind] : hostile)
-        threads.emplace_back([&, rounds = rounds, kind = kind] {
-            for (int round = 0; round < rounds; ++round)
-                kind(firstAgent + round, results);
-            ++kindsDone;
-        });
+        threads.emplace_back(
+            [&, rounds = rounds, kind = kind]
+            {
+                for (int round = 0; round < rounds; ++round)
+                    kind(firstAgent + round, results);
+                ++kindsDone;
+            });
     WaitUntil([&] { return kindsDone.load() == hostile.size(); }, 60s, 20ms);
     enough = true;
     for (auto& thread : threads)
@@ -193,7 +197,8 @@ TEST(HostileE2e, AgentsKeepTheirAnswersAndUrlsAndTheServiceGivesEverythingBack)
     // Handles and threads return to the baseline (with a little slack for the pools' idle threads).
     Counts now{};
     const bool back = WaitUntil(
-        [&] {
+        [&]
+        {
             now = Measure(pid);
             return now.handles <= baseline.handles + 24 && now.threads <= baseline.threads + 6;
         },
