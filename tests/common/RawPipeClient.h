@@ -31,7 +31,10 @@ inline bool ReadAll(HANDLE h, void* data, DWORD length)
 // (a few seconds at most).
 inline HANDLE OpenClient(const std::wstring& fullName)
 {
-    for (int attempt = 0; attempt < 5000; ++attempt)
+    // Bounded by time, not by attempts: on a loaded machine the server may take seconds to put
+    // up the next instance while hundreds of clients wait for one.
+    const ULONGLONG deadline = ::GetTickCount64() + 60000;
+    while (::GetTickCount64() < deadline)
     {
         // As agents must: GENERIC_WRITE would ask for the right to create instances as well.
         HANDLE h = ::CreateFileW(fullName.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr, OPEN_EXISTING,
