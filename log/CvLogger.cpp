@@ -299,15 +299,12 @@ void CCvLogger::ApplyLevel(uint32_t level)
 uint32_t CCvLogger::SetLevel(uint32_t level)
 {
     ApplyLevel(level);
-    HKEY root = nullptr;
-    std::wstring subKey;
     {
         std::lock_guard lock(m_cs);
         if (!m_bKeyWritable)
             return ERROR_SUCCESS;
-        root = m_hRootKey;
-        subKey = m_strSubKey;
     }
+    const auto [root, subKey] = RegistryKey();
     daxlib::unique_hkey key;
     LONG rc =
         ::RegCreateKeyExW(root, subKey.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr, key.put(), nullptr);

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 class CCvLoggerBuffer;
@@ -122,6 +123,8 @@ private:
     std::unique_ptr<CCvLoggerBuffer> MakeFile(const std::wstring& stem);
     std::wstring PerProcessStem(const wchar_t* name) const;
     void CloseIdleFiles();
+    // The registry key of the settings, copied under the lock.
+    std::pair<HKEY, std::wstring> RegistryKey() const;
     void WatchLoop(HANDLE stop);
     void Cleanup();
 

@@ -2,6 +2,7 @@
 // followed live by the watch thread, which also closes idle files.
 #include "log/CvLogger.h"
 
+#include "common/RegistryKeys.h"
 #include "log/CvLoggerBuffer.h"
 #include "log/LogSettingsKeys.h"
 #include "log/LogText.h"
@@ -15,7 +16,7 @@ namespace
 constexpr DWORD kWatchTimeoutMs = 4000;
 constexpr DWORD kIdleCloseMs = 2000;
 
-std::optional<DWORD> ReadDword(const cvlog::LogSettingsKeys& keys, const wchar_t* name,
+std::optional<DWORD> ReadDword(const cvlog::CLogSettingsKeys& keys, const wchar_t* name,
                                bool* missing = nullptr)
 {
     DWORD type = 0;
@@ -67,7 +68,7 @@ BOOL CCvLogger::OpenRegistry(HKEY hRoot, const wchar_t* szSubKey, BOOL startWatc
 void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
 {
     std::unique_lock keyLock(m_cs);
-    const cvlog::LogSettingsKeys keys(hKey, m_hRootKey, m_strSubKey);
+    const cvlog::CLogSettingsKeys keys(hKey, m_hRootKey, m_strSubKey);
     keyLock.unlock();
     DWORD type = 0;
     wchar_t raw[64] = {};
@@ -109,20 +110,20 @@ void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
     PropagateFileSettings();
 }
 
+std::pair<HKEY, std::wstring> CCvLogger::RegistryKey() const
+{
+    std::lock_guard lock(m_cs);
+    return {m_hRootKey, m_strSubKey};
+}
+
 uint32_t CCvLogger::GetOldFileLimit(uint32_t fallback)
 {
-    HKEY root = nullptr;
-    std::wstring subKey;
-    {
-        std::lock_guard lock(m_cs);
-        root = m_hRootKey;
-        subKey = m_strSubKey;
-    }
+    const auto [root, subKey] = RegistryKey();
     daxlib::unique_hkey key;
     if (root && ::RegOpenKeyExW(root, subKey.c_str(), 0, KEY_QUERY_VALUE, key.put()) == ERROR_SUCCESS)
     {
         if (const auto limit =
-                ReadDword(cvlog::LogSettingsKeys(key.get(), root, subKey), L"OverrideLogMaxFiles"))
+                ReadDword(cvlog::CLogSettingsKeys(key.get(), root, subKey), L"OverrideLogMaxFiles"))
         {
             m_dwOldFileLimit.store(*limit);
             return *limit;
@@ -134,21 +135,29 @@ uint32_t CCvLogger::GetOldFileLimit(uint32_t fallback)
 
 void CCvLogger::WatchLoop(HANDLE stop)
 {
-    HKEY root = nullptr;
-    std::wstring subKey;
-    {
-        std::lock_guard lock(m_cs);
-        root = m_hRootKey;
-        subKey = m_strSubKey;
-    }
+    const auto location = RegistryKey();
+    const HKEY root = location.first;
+    const std::wstring& subKey = location.second;
     daxlib::unique_hkey key;
     if (::RegOpenKeyExW(root, subKey.c_str(), 0, KEY_QUERY_VALUE | KEY_NOTIFY, key.put()) != ERROR_SUCCESS)
         return;
     daxlib::unique_handle changed(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!changed)
         return;
+    // The policy key wins over the product key, so its changes count too; it may not exist yet,
+    // so the nearest key on its way is watched and opened afresh each round.
+    const std::wstring policySubKey = cvlog::PolicySubKeyOf(subKey);
+    daxlib::unique_hkey policy;
     const auto arm = [&]
     {
+        if (!policySubKey.empty())
+        {
+            policy = daxlib::OpenNearestKey(root, policySubKey, KEY_NOTIFY);
+            if (policy)
+                ::RegNotifyChangeKeyValue(policy.get(), TRUE,
+                                          REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET, changed.get(),
+                                          TRUE);
+        }
         return ::RegNotifyChangeKeyValue(key.get(), TRUE, REG_NOTIFY_CHANGE_LAST_SET, changed.get(), TRUE) ==
                ERROR_SUCCESS;
     };

@@ -3,25 +3,22 @@
 namespace cvlog
 {
 
-namespace
-{
-std::wstring PolicyKeyOf(const std::wstring& productSubKey)
+std::wstring PolicySubKeyOf(const std::wstring& productSubKey)
 {
     const std::u16string key = PolicyKeyFor(std::u16string(productSubKey.begin(), productSubKey.end()));
     return std::wstring(key.begin(), key.end());
 }
-} // namespace
 
-LogSettingsKeys::LogSettingsKeys(HKEY productKey, HKEY root, const std::wstring& productSubKey)
+CLogSettingsKeys::CLogSettingsKeys(HKEY productKey, HKEY root, const std::wstring& productSubKey)
     : m_hProductKey(productKey)
 {
-    const std::wstring policyKey = PolicyKeyOf(productSubKey);
+    const std::wstring policyKey = PolicySubKeyOf(productSubKey);
     if (root && !policyKey.empty())
         ::RegOpenKeyExW(root, policyKey.c_str(), 0, KEY_QUERY_VALUE, m_hPolicyKey.put());
 }
 
-LSTATUS LogSettingsKeys::Query(const wchar_t* name, DWORD* type, BYTE* data, DWORD* size,
-                               SettingSource* source) const
+LSTATUS CLogSettingsKeys::Query(const wchar_t* name, DWORD* type, BYTE* data, DWORD* size,
+                                SettingSource* source) const
 {
     // The size is in and out: the product key must get the caller's capacity, not what the
     // policy key reported.
@@ -34,9 +31,9 @@ LSTATUS LogSettingsKeys::Query(const wchar_t* name, DWORD* type, BYTE* data, DWO
             *size = capacity;
         return ::RegQueryValueExW(key, name, nullptr, type, data, size);
     };
-    const auto [status, from] = ReadWithPrecedence<LSTATUS>([&] { return query(m_hPolicyKey.get()); },
-                                                           [&] { return query(m_hProductKey); },
-                                                           ERROR_FILE_NOT_FOUND);
+    const auto [status, from] =
+        ReadWithPrecedence<LSTATUS>([&] { return query(m_hPolicyKey.get()); },
+                                    [&] { return query(m_hProductKey); }, ERROR_FILE_NOT_FOUND);
     if (source)
         *source = from;
     return status;
@@ -46,7 +43,7 @@ std::vector<std::wstring> DescribeLogSettingSources(HKEY root, const std::wstrin
 {
     daxlib::unique_hkey product;
     ::RegOpenKeyExW(root, productSubKey.c_str(), 0, KEY_QUERY_VALUE, product.put());
-    const LogSettingsKeys keys(product.get(), root, productSubKey);
+    const CLogSettingsKeys keys(product.get(), root, productSubKey);
     std::vector<std::wstring> lines;
     for (const wchar_t* name : kLogSettingNames)
     {
@@ -57,7 +54,7 @@ std::vector<std::wstring> DescribeLogSettingSources(HKEY root, const std::wstrin
         switch (source)
         {
         case SettingSource::Policy:
-            line += L": from the policy key " + PolicyKeyOf(productSubKey);
+            line += L": from the policy key " + PolicySubKeyOf(productSubKey);
             break;
         case SettingSource::Product:
             line += L": from the settings key " + productSubKey;

@@ -12,24 +12,28 @@
 namespace cvlog
 {
 
-constexpr const wchar_t* kLogSettingNames[] = {L"LogLevel", L"RotationLogFileNumber", L"RotationLogFileSizeMB",
-                                               L"OverrideLogMaxFiles"};
+constexpr const wchar_t* kLogSettingNames[] = {L"LogLevel", L"RotationLogFileNumber",
+                                               L"RotationLogFileSizeMB", L"OverrideLogMaxFiles"};
 
-class LogSettingsKeys
+class CLogSettingsKeys
 {
 public:
     // `productKey` stays owned by the caller; the policy key of `root`\`productSubKey` is opened
     // read-only when it exists.
-    LogSettingsKeys(HKEY productKey, HKEY root, const std::wstring& productSubKey);
+    CLogSettingsKeys(HKEY productKey, HKEY root, const std::wstring& productSubKey);
 
     // RegQueryValueExW against the policy key, or against the product key when the policy key
     // lacks the value. `source` (optional) tells which one answered.
-    LSTATUS Query(const wchar_t* name, DWORD* type, BYTE* data, DWORD* size, SettingSource* source = nullptr) const;
+    LSTATUS Query(const wchar_t* name, DWORD* type, BYTE* data, DWORD* size,
+                  SettingSource* source = nullptr) const;
 
 private:
     HKEY m_hProductKey;
     daxlib::unique_hkey m_hPolicyKey;
 };
+
+// "Software\Policies\..." for a product key "Software\...", or empty.
+std::wstring PolicySubKeyOf(const std::wstring& productSubKey);
 
 // One line per log setting naming the key it is read from, for the start of the service's log.
 std::vector<std::wstring> DescribeLogSettingSources(HKEY root, const std::wstring& productSubKey);

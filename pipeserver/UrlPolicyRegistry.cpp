@@ -1,5 +1,7 @@
 #include "pipeserver/UrlPolicyRegistry.h"
 
+#include "common/RegistryKeys.h"
+
 #include "common/WideFormat.h"
 
 #include <algorithm>
@@ -228,21 +230,6 @@ void CUrlPolicyWatch::Load()
     m_pPolicy = std::move(current);
 }
 
-daxlib::unique_hkey CUrlPolicyWatch::OpenNearest() const
-{
-    std::wstring path = m_strSubKey;
-    for (;;)
-    {
-        daxlib::unique_hkey key;
-        if (::RegOpenKeyExW(m_hRoot, path.c_str(), 0, KEY_NOTIFY, key.put()) == ERROR_SUCCESS)
-            return key;
-        const size_t slash = path.rfind(L'\\');
-        if (slash == std::wstring::npos)
-            return {};
-        path.resize(slash);
-    }
-}
-
 void CUrlPolicyWatch::WatchLoop(HANDLE stop)
 {
     daxlib::unique_handle changed(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -253,7 +240,7 @@ void CUrlPolicyWatch::WatchLoop(HANDLE stop)
     {
         // Opened afresh each round: the key watched last time may have been deleted, or the
         // policy key created below it.
-        daxlib::unique_hkey key = OpenNearest();
+        daxlib::unique_hkey key = daxlib::OpenNearestKey(m_hRoot, m_strSubKey, KEY_NOTIFY);
         if (!key ||
             ::RegNotifyChangeKeyValue(key.get(), TRUE, REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET,
                                       changed.get(), TRUE) != ERROR_SUCCESS)

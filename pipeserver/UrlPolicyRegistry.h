@@ -50,8 +50,6 @@ public:
 private:
     void WatchLoop(HANDLE stop);
     void Load();
-    // The deepest existing key on the way to the policy key, opened for notification.
-    daxlib::unique_hkey OpenNearest() const;
 
     HKEY m_hRoot;
     std::wstring m_strSubKey;

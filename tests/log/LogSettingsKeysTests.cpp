@@ -16,8 +16,9 @@ protected:
     void SetUp() override
     {
         for (const std::wstring* key : {&m_product, &m_policy})
-            ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_CURRENT_USER, key->c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                                                       nullptr, daxlib::unique_hkey().put(), nullptr));
+            ASSERT_EQ(ERROR_SUCCESS,
+                      ::RegCreateKeyExW(HKEY_CURRENT_USER, key->c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
+                                        nullptr, daxlib::unique_hkey().put(), nullptr));
     }
     void TearDown() override
     {
@@ -28,7 +29,8 @@ protected:
     }
     static void SetDword(const std::wstring& key, const wchar_t* name, DWORD value)
     {
-        ASSERT_EQ(ERROR_SUCCESS, ::RegSetKeyValueW(HKEY_CURRENT_USER, key.c_str(), name, REG_DWORD, &value, sizeof(value)));
+        ASSERT_EQ(ERROR_SUCCESS,
+                  ::RegSetKeyValueW(HKEY_CURRENT_USER, key.c_str(), name, REG_DWORD, &value, sizeof(value)));
     }
 
     const std::wstring m_name = testing_support::UniqueName(L"VelomarSettings");
@@ -44,13 +46,17 @@ TEST_F(LogSettingsKeysTest, LoggerTakesPolicyValuesOverProductValues)
     SetDword(m_product, L"LogLevel", 1);
     SetDword(m_policy, L"LogLevel", 3);
     SetDword(m_product, L"RotationLogFileNumber", 7);
-    auto logger = CCvLogger::CreateLoggerInFolder(m_dir.Path().c_str(), HKEY_CURRENT_USER, m_product.c_str(), L"s",
-                                                  nullptr, TRUE, FALSE, 0);
+    auto logger = CCvLogger::CreateLoggerInFolder(m_dir.Path().c_str(), HKEY_CURRENT_USER, m_product.c_str(),
+                                                  L"s", nullptr, TRUE, FALSE, 0);
     ASSERT_TRUE(logger);
     uint32_t level = 0;
     logger->GetLevel(&level);
     EXPECT_EQ(3u, level);
     EXPECT_EQ(7u, logger->GetRotationCount());
+
+    // A policy change alone is followed live, like a change of the product key.
+    SetDword(m_policy, L"RotationLogFileNumber", 4);
+    EXPECT_TRUE(testing_support::Eventually([&] { return logger->GetRotationCount() == 4u; }));
 }
 
 TEST_F(LogSettingsKeysTest, DescriptionNamesTheKeyOfEachValue)
@@ -58,7 +64,8 @@ TEST_F(LogSettingsKeysTest, DescriptionNamesTheKeyOfEachValue)
     SetDword(m_policy, L"LogLevel", 3);
     SetDword(m_product, L"RotationLogFileSizeMB", 5);
     const auto lines = cvlog::DescribeLogSettingSources(HKEY_CURRENT_USER, m_product);
-    const auto has = [&](const std::wstring& line) { return std::find(lines.begin(), lines.end(), line) != lines.end(); };
+    const auto has = [&](const std::wstring& line)
+    { return std::find(lines.begin(), lines.end(), line) != lines.end(); };
     EXPECT_TRUE(has(L"LogSettings: LogLevel: from the policy key " + m_policy));
     EXPECT_TRUE(has(L"LogSettings: RotationLogFileSizeMB: from the settings key " + m_product));
     EXPECT_TRUE(has(L"LogSettings: OverrideLogMaxFiles: not set, default"));
