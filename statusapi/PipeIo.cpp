@@ -85,7 +85,7 @@ CPacketReader::Step CPacketReader::Continue(HANDLE pipe)
 
 Packet CPacketReader::Take()
 {
-    Packet packet{agentpipe::DecodeHeader(m_header), std::move(m_payload)};
+    Packet packet{Header(), std::move(m_payload)};
     m_payload.clear();
     m_headerDone = false;
     m_got = 0;

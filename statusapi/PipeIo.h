@@ -66,6 +66,8 @@ public:
     HANDLE Event() const { return m_operation.Event(); }
     Step Continue(HANDLE pipe);
     Packet Take();
+    // The header of the packet being read (once it is complete).
+    agentpipe::MessageHeader Header() const { return agentpipe::DecodeHeader(m_header); }
     void Cancel(HANDLE pipe) { m_operation.Cancel(pipe); }
     DWORD LastError() const { return m_error; }
 

@@ -144,7 +144,8 @@ CStatusConnection::Greeting CStatusConnection::Greet(uint32_t& reason)
         reason = kServiceStopping;
         return Greeting::Refused;
     case IoOutcome::TooLarge:
-        reason = kPacketTooLarge;
+        // Whatever else they are, bytes that do not begin a hello are no hello.
+        reason = reader.Header().type == kHello ? kPacketTooLarge : kHelloMalformed;
         return Greeting::Refused;
     case IoOutcome::Broken:
         return Greeting::Gone;
