@@ -18,7 +18,7 @@ public:
     RevertGuard& operator=(const RevertGuard&) = delete;
 };
 
-bool TokenUser(HANDLE token, std::vector<uint8_t>& sid)
+bool ReadTokenUser(HANDLE token, std::vector<uint8_t>& sid)
 {
     DWORD size = 0;
     ::GetTokenInformation(token, ::TokenUser, nullptr, 0, &size);
@@ -47,7 +47,7 @@ bool IsWellKnown(const std::vector<uint8_t>& sid, WELL_KNOWN_SID_TYPE type)
 
 bool ReadTokenIdentity(HANDLE token, PeerIdentity& identity)
 {
-    if (!TokenUser(token, identity.sid))
+    if (!ReadTokenUser(token, identity.sid))
         return false;
     BYTE administrators[SECURITY_MAX_SID_SIZE];
     DWORD size = sizeof(administrators);
@@ -79,7 +79,7 @@ bool OwnHello(Hello& hello)
     if (!::OpenProcessToken(::GetCurrentProcess(), TOKEN_QUERY, token.put()))
         return false;
     DWORD session = 0;
-    if (!TokenUser(token.get(), hello.sid) || !::ProcessIdToSessionId(::GetCurrentProcessId(), &session))
+    if (!ReadTokenUser(token.get(), hello.sid) || !::ProcessIdToSessionId(::GetCurrentProcessId(), &session))
         return false;
     hello.version = kProtocolVersion;
     hello.sessionId = session;

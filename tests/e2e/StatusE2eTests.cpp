@@ -67,6 +67,16 @@ std::unique_ptr<CStatusClient> ConnectedSubscriber()
     return client;
 }
 
+// Breaks session 1's channel: the subscriber hears of the break first and of `last` at the end.
+void ExpectBreakThen(CStatusClient& client, uint32_t last)
+{
+    ASSERT_EQ(0, Skeinctl("break 1").exitCode);
+    const std::vector<uint32_t> states = StatesUntil(client, last);
+    ASSERT_FALSE(states.empty());
+    EXPECT_EQ(eCvUrlApiEvent_RdpConnectionBroken, states.front());
+    EXPECT_EQ(last, states.back());
+}
+
 testing_support::ProcessRun VelomarStatus(const std::wstring& arguments)
 {
     return testing_support::RunProcess(L"\"" + testing_support::BuildPath(VELOMAR_STATUS_EXE) + L"\" " + arguments,
@@ -102,17 +112,6 @@ std::vector<uint8_t> OwnHelloWith(uint32_t sessionDelta)
     return EncodeHello(hello);
 }
 
-struct Counts
-{
-    long long handles = 0;
-    long long threads = 0;
-};
-
-Counts Measure(DWORD pid)
-{
-    return {testing_support::CountProcessHandles(pid), testing_support::CountProcessThreads(pid)};
-}
-
 } // namespace
 
 TEST(StatusE2e, SubscriberSeesConnectedBrokenAndInvalidProtocol)
@@ -122,18 +121,9 @@ TEST(StatusE2e, SubscriberSeesConnectedBrokenAndInvalidProtocol)
     auto client = ConnectedSubscriber();
     ASSERT_TRUE(client);
 
-    ASSERT_EQ(0, Skeinctl("break 1").exitCode);
-    auto states = StatesUntil(*client, eCvUrlApiEvent_RdpConnected);
-    ASSERT_FALSE(states.empty());
-    EXPECT_EQ(eCvUrlApiEvent_RdpConnectionBroken, states.front());
-    EXPECT_EQ(eCvUrlApiEvent_RdpConnected, states.back()) << "connected again after the break";
-
+    ExpectBreakThen(*client, eCvUrlApiEvent_RdpConnected); // and connected again
     ASSERT_EQ(0, Skeinctl("peer 1 refuse-version").exitCode);
-    ASSERT_EQ(0, Skeinctl("break 1").exitCode);
-    states = StatesUntil(*client, eCvUrlApiEvent_RdpInvalidProtocol);
-    ASSERT_FALSE(states.empty());
-    EXPECT_EQ(eCvUrlApiEvent_RdpConnectionBroken, states.front());
-    EXPECT_EQ(eCvUrlApiEvent_RdpInvalidProtocol, states.back());
+    ExpectBreakThen(*client, eCvUrlApiEvent_RdpInvalidProtocol);
 
     Answer now;
     ASSERT_EQ(Status::Ok, client->Ask(kGetStatus, kOwnSession, now, kLimitMs));
@@ -211,8 +201,8 @@ TEST(StatusE2e, HostileStatusClientsGetTheirReasonsWhileAgentsWorkAndTheServiceG
         ASSERT_TRUE(agent.Connect());
         ASSERT_EQ(std::optional<uint32_t>(0), agent.OpenUrl(u"https://e.x/first"));
     }
-    Counts baseline{};
-    ASSERT_TRUE(WaitUntil([&] { return (baseline = Measure(pid)).handles > 0; }, 5s));
+    ProcessCounts baseline{};
+    ASSERT_TRUE(WaitUntil([&] { return (baseline = MeasureCounts(pid)).handles > 0; }, 5s));
 
     // An agent sends URLs all along, and every one is sent.
     std::atomic<bool> stop{false};
@@ -271,14 +261,8 @@ TEST(StatusE2e, HostileStatusClientsGetTheirReasonsWhileAgentsWorkAndTheServiceG
     }
     EXPECT_EQ(kReaderTooSlow, CloseReasonOf(*sleeper));
 
-    Counts now{};
-    const bool back = WaitUntil(
-        [&] {
-            now = Measure(pid);
-            return now.handles <= baseline.handles + 8 && now.threads <= baseline.threads + 2;
-        },
-        30s, 250ms);
+    ProcessCounts now{};
+    EXPECT_TRUE(BackToBaseline(pid, baseline, {8, 2}, now));
     std::printf("service handles %lld then %lld; threads %lld then %lld\n", baseline.handles, now.handles,
                 baseline.threads, now.threads);
-    EXPECT_TRUE(back);
 }

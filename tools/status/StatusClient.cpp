@@ -96,20 +96,25 @@ Status CStatusClient::Connect(DWORD timeoutMs)
         return Status::Failed;
     }
     status = FromOutcome(WriteAll(m_pipe.get(), EncodeHello(hello), deadline, m_interrupt));
+    return status == Status::Ok ? ReadAs(kWelcome, DecodeWelcome, m_welcome, deadline) : status;
+}
+
+template <typename T>
+Status CStatusClient::ReadAs(uint32_t type, std::optional<T> (*decode)(const uint8_t*, size_t), T& value,
+                             ULONGLONG deadline)
+{
     Packet packet;
-    if (status == Status::Ok)
-        status = Read(packet, deadline);
+    const Status status = Read(packet, deadline);
     if (status != Status::Ok)
         return status;
-    const auto welcome = packet.header.type == kWelcome
-                             ? DecodeWelcome(packet.payload.data(), packet.payload.size())
-                             : std::nullopt;
-    if (!welcome)
+    const auto decoded =
+        packet.header.type == type ? decode(packet.payload.data(), packet.payload.size()) : std::nullopt;
+    if (!decoded)
     {
         Close();
         return Status::ProtocolError;
     }
-    m_welcome = *welcome;
+    value = *decoded;
     return Status::Ok;
 }
 
@@ -153,20 +158,7 @@ Status CStatusClient::NextNotification(Notification& notification, DWORD timeout
         m_notifications.pop_front();
         return Status::Ok;
     }
-    Packet packet;
-    const Status status = Read(packet, DeadlineAfter(timeoutMs));
-    if (status != Status::Ok)
-        return status;
-    const auto decoded = packet.header.type == kNotification
-                             ? DecodeNotification(packet.payload.data(), packet.payload.size())
-                             : std::nullopt;
-    if (!decoded)
-    {
-        Close();
-        return Status::ProtocolError;
-    }
-    notification = *decoded;
-    return Status::Ok;
+    return ReadAs(kNotification, DecodeNotification, notification, DeadlineAfter(timeoutMs));
 }
 
 void CStatusClient::Goodbye()

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -71,6 +72,9 @@ public:
 
 private:
     Status Read(statusapi::Packet& packet, ULONGLONG deadline);
+    // The next packet, which must be of this type and decode; ProtocolError (and closed) otherwise.
+    template <typename T>
+    Status ReadAs(uint32_t type, std::optional<T> (*decode)(const uint8_t*, size_t), T& value, ULONGLONG deadline);
     Status FromOutcome(statusapi::IoOutcome outcome);
 
     std::wstring m_pipeName;
