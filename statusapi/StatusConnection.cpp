@@ -116,7 +116,7 @@ int CStatusConnection::Run(void* stopEvent, void*)
     case Greeting::Refused:
         Log(LogLevel::Info, kRun, L"client (process %u, session %u) refused: %S", m_processId, m_sessionId,
             CloseReasonWord(reason));
-        SayGoodbye(reason, m_server.Settings().drainTimeoutMs);
+        WriteAll(m_pipe.get(), EncodeClose(reason), DeadlineAfter(DrainMs(reason)));
         break;
     case Greeting::Gone:
         break;
@@ -179,9 +179,10 @@ CStatusConnection::Greeting CStatusConnection::Greet(uint32_t& reason)
     return Greeting::Welcomed;
 }
 
-void CStatusConnection::SayGoodbye(uint32_t reason, DWORD drainMs)
+DWORD CStatusConnection::DrainMs(uint32_t reason) const
 {
-    WriteAll(m_pipe.get(), EncodeClose(reason), DeadlineAfter(drainMs));
+    const DWORD drain = m_server.Settings().drainTimeoutMs;
+    return reason == kServiceStopping ? std::min(kStopDrainMs, drain) : drain;
 }
 
 void CStatusConnection::Serve(HANDLE stop)
@@ -197,7 +198,7 @@ void CStatusConnection::Serve(HANDLE stop)
     bool closing = false;
     ULONGLONG drainDeadline = 0;
 
-    const auto close = [&](uint32_t reason, DWORD drainMs)
+    const auto close = [&](uint32_t reason)
     {
         if (closing)
             return;
@@ -207,13 +208,13 @@ void CStatusConnection::Serve(HANDLE stop)
         const auto packet = EncodeClose(reason);
         next.insert(next.end(), packet.begin(), packet.end());
         closing = true;
-        drainDeadline = DeadlineAfter(drainMs);
+        drainDeadline = DeadlineAfter(DrainMs(reason));
     };
 
     for (;;)
     {
         if (m_bStopRequested)
-            close(kServiceStopping, std::min(kStopDrainMs, m_server.Settings().drainTimeoutMs));
+            close(kServiceStopping);
         if (!writer.Pending())
         {
             if (written == writing.size())
@@ -221,7 +222,7 @@ void CStatusConnection::Serve(HANDLE stop)
                 // Changes are taken only between writes: while the client does not read, they
                 // wait in the bounded queue, never in a buffer of their own.
                 if (!closing && next.empty() && !TakeQueued(next))
-                    close(kReaderTooSlow, m_server.Settings().drainTimeoutMs);
+                    close(kReaderTooSlow);
                 writing.swap(next);
                 next.clear();
                 written = 0;
@@ -263,7 +264,7 @@ void CStatusConnection::Serve(HANDLE stop)
             if (step == CPacketReader::Step::Broken)
                 break;
             if (step == CPacketReader::Step::TooLarge)
-                close(kPacketTooLarge, m_server.Settings().drainTimeoutMs);
+                close(kPacketTooLarge);
             if (step != CPacketReader::Step::Complete)
                 continue;
             const Packet packet = reader.Take();
@@ -273,7 +274,7 @@ void CStatusConnection::Serve(HANDLE stop)
                 break; // answered with nothing
             if (request.kind == ClientPacket::Kind::Malformed)
             {
-                close(kPacketMalformed, m_server.Settings().drainTimeoutMs);
+                close(kPacketMalformed);
                 continue;
             }
             const auto answer = EncodeAnswer(

@@ -53,7 +53,8 @@ private:
     void Serve(HANDLE stop);
     // The queued notifications as packets, appended to `out`; false when the queue overflowed.
     bool TakeQueued(std::vector<uint8_t>& out);
-    void SayGoodbye(uint32_t reason, DWORD drainMs);
+    // How long a client closed for this reason has to read what it was sent, the close last.
+    DWORD DrainMs(uint32_t reason) const;
 
     CStatusServer& m_server;
     const uint64_t m_id;
