@@ -85,14 +85,18 @@ void CStatusConnection::Offer(uint32_t sessionId, const ChannelStatusRecord& rec
     ::SetEvent(m_hevWake.get());
 }
 
-bool CStatusConnection::TakeQueued(std::vector<uint8_t>& out)
+bool CStatusConnection::Overflowed()
+{
+    std::lock_guard lock(m_queueLock);
+    return m_bOverflowed;
+}
+
+void CStatusConnection::TakeQueued(std::vector<uint8_t>& out)
 {
     std::deque<SessionEntry> taken;
     uint32_t subscription = 0;
     {
         std::lock_guard lock(m_queueLock);
-        if (m_bOverflowed)
-            return false;
         taken.swap(m_queue);
         subscription = m_subscription;
     }
@@ -101,7 +105,6 @@ bool CStatusConnection::TakeQueued(std::vector<uint8_t>& out)
         const auto packet = EncodeNotification({subscription, entry});
         out.insert(out.end(), packet.begin(), packet.end());
     }
-    return true;
 }
 
 int CStatusConnection::Run(void* stopEvent, void*)
@@ -215,14 +218,16 @@ void CStatusConnection::Serve(HANDLE stop)
     {
         if (m_bStopRequested)
             close(kServiceStopping);
+        else if (Overflowed())
+            close(kReaderTooSlow); // behind the write in flight, which starts the drain deadline
         if (!writer.Pending())
         {
             if (written == writing.size())
             {
                 // Changes are taken only between writes: while the client does not read, they
                 // wait in the bounded queue, never in a buffer of their own.
-                if (!closing && next.empty() && !TakeQueued(next))
-                    close(kReaderTooSlow);
+                if (!closing && next.empty())
+                    TakeQueued(next);
                 writing.swap(next);
                 next.clear();
                 written = 0;
@@ -253,6 +258,11 @@ void CStatusConnection::Serve(HANDLE stop)
         const DWORD wait = ::WaitForMultipleObjects(count, handles, FALSE, closing ? Remaining(drainDeadline) : INFINITE);
         if (wait == WAIT_TIMEOUT)
             break; // the client did not read its close packet in time
+        if (wait == WAIT_FAILED)
+        {
+            Log(LogLevel::Error, kRun, L"WaitForMultipleObjects failed. GLE=%d", static_cast<int>(::GetLastError()));
+            break;
+        }
         if (wait == WAIT_OBJECT_0)
         {
             m_bStopRequested = true;
@@ -288,11 +298,6 @@ void CStatusConnection::Serve(HANDLE stop)
             if (!writer.Complete(pipe, bytes, error))
                 break; // the client has gone
             written += bytes;
-        }
-        else if (wait != WAIT_OBJECT_0 + 1)
-        {
-            Log(LogLevel::Error, kRun, L"WaitForMultipleObjects failed. GLE=%d", static_cast<int>(::GetLastError()));
-            break;
         }
     }
     reader.Cancel(pipe);

@@ -51,8 +51,9 @@ private:
     int Run(void* stopEvent, void* parameter);
     Greeting Greet(uint32_t& reason);
     void Serve(HANDLE stop);
-    // The queued notifications as packets, appended to `out`; false when the queue overflowed.
-    bool TakeQueued(std::vector<uint8_t>& out);
+    // The queued notifications as packets, appended to `out`.
+    void TakeQueued(std::vector<uint8_t>& out);
+    bool Overflowed();
     // How long a client closed for this reason has to read what it was sent, the close last.
     DWORD DrainMs(uint32_t reason) const;
 
