@@ -111,6 +111,19 @@ protected:
         EXPECT_EQ(Status::Ok, client.Ask(type, scope, answer, kLimitMs));
         return answer;
     }
+    // A subscriber of session 1 that has read nothing while 300 changes came, far more than the
+    // pipe's buffer and its queue hold.
+    std::unique_ptr<CStatusClient> FloodedSubscriber(const StatusApiSettings& settings)
+    {
+        Start(settings);
+        OpenSessions({1});
+        auto client = Welcomed(1);
+        if (!client || Ask(*client, kSubscribe, kOwnSession).result != kOk)
+            return nullptr;
+        for (int i = 0; i < 300; ++i)
+            m_server->OnStatusChanged(Record(i % 2 ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpConnectionBroken), 1);
+        return client;
+    }
     void OpenSessions(std::vector<uint32_t> sessions)
     {
         std::lock_guard lock(m_mutex);
@@ -262,14 +275,8 @@ TEST_F(StatusServerTest, SubscriberThatDoesNotReadIsDroppedWithItsReasonAndNever
 {
     StatusApiSettings settings;
     settings.queueDepth = 4;
-    Start(settings);
-    OpenSessions({1});
-    auto client = Welcomed(1);
+    auto client = FloodedSubscriber(settings);
     ASSERT_TRUE(client);
-    ASSERT_EQ(kOk, Ask(*client, kSubscribe, kOwnSession).result);
-    // Far more than the pipe's buffer and the queue hold, while the client reads nothing.
-    for (int i = 0; i < 300; ++i)
-        m_server->OnStatusChanged(Record(i % 2 ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpConnectionBroken), 1);
     size_t notifications = 0;
     EXPECT_EQ(kReaderTooSlow, CloseReasonOf(*client, &notifications));
     EXPECT_LT(notifications, 300u) << "what did not fit was dropped, not queued";
@@ -281,13 +288,8 @@ TEST_F(StatusServerTest, SubscriberThatNeverReadsHoldsNoThreadPastTheDrainTime)
     StatusApiSettings settings;
     settings.queueDepth = 4;
     settings.drainTimeoutMs = 300;
-    Start(settings);
-    OpenSessions({1});
-    auto client = Welcomed(1);
+    auto client = FloodedSubscriber(settings);
     ASSERT_TRUE(client);
-    ASSERT_EQ(kOk, Ask(*client, kSubscribe, kOwnSession).result);
-    for (int i = 0; i < 300; ++i)
-        m_server->OnStatusChanged(Record(i % 2 ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpConnectionBroken), 1);
     EXPECT_TRUE(Eventually([&] { return m_server->ConnectionCount() == 0; })) << "the client is still open, reading nothing";
 }
 
