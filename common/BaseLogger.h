@@ -11,7 +11,17 @@
 namespace daxlib
 {
 class CDaxException;
+
+// An object's address for a "%p" in a log record.
+template <class T> const void* Addr(const T* object) noexcept
+{
+    return object;
 }
+template <class T> const void* Addr(const std::shared_ptr<T>& object) noexcept
+{
+    return object.get();
+}
+} // namespace daxlib
 
 namespace CommonHelper::CvLogger
 {

@@ -15,6 +15,11 @@ class critical_section
 {
 public:
     critical_section() noexcept { ::InitializeCriticalSection(&m_cs); }
+    // A lock held for a few copies at a time spins this often before it sleeps.
+    explicit critical_section(DWORD spinCount) noexcept
+    {
+        ::InitializeCriticalSectionAndSpinCount(&m_cs, spinCount);
+    }
     ~critical_section() { ::DeleteCriticalSection(&m_cs); }
     critical_section(const critical_section&) = delete;
     critical_section& operator=(const critical_section&) = delete;
@@ -35,16 +40,16 @@ public:
     srw_lock(const srw_lock&) = delete;
     srw_lock& operator=(const srw_lock&) = delete;
 
-    void lock() noexcept { ::AcquireSRWLockExclusive(&m_lock); }
-    bool try_lock() noexcept { return ::TryAcquireSRWLockExclusive(&m_lock) != FALSE; }
-    void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_lock); }
-    void lock_shared() noexcept { ::AcquireSRWLockShared(&m_lock); }
-    bool try_lock_shared() noexcept { return ::TryAcquireSRWLockShared(&m_lock) != FALSE; }
-    void unlock_shared() noexcept { ::ReleaseSRWLockShared(&m_lock); }
-    PSRWLOCK native_handle() noexcept { return &m_lock; }
+    void lock() noexcept { ::AcquireSRWLockExclusive(&m_srw); }
+    bool try_lock() noexcept { return ::TryAcquireSRWLockExclusive(&m_srw) != FALSE; }
+    void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_srw); }
+    void lock_shared() noexcept { ::AcquireSRWLockShared(&m_srw); }
+    bool try_lock_shared() noexcept { return ::TryAcquireSRWLockShared(&m_srw) != FALSE; }
+    void unlock_shared() noexcept { ::ReleaseSRWLockShared(&m_srw); }
+    PSRWLOCK native_handle() noexcept { return &m_srw; }
 
 private:
-    SRWLOCK m_lock = SRWLOCK_INIT;
+    SRWLOCK m_srw = SRWLOCK_INIT;
 };
 
 // A condition variable for an srw_lock held exclusively; like the lock, it owns nothing that

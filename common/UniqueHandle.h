@@ -89,16 +89,23 @@ inline void close_event_source(HANDLE h) noexcept
 {
     ::DeregisterEventSource(h);
 }
+// Thread-pool objects wait for their running and queued callbacks before they close, so that no
+// callback can reach its owner once the owner's handle is gone. Never reset one from its own
+// callback, nor while holding a lock its callback takes.
 inline void close_tp_io(PTP_IO h) noexcept
 {
+    ::WaitForThreadpoolIoCallbacks(h, FALSE);
     ::CloseThreadpoolIo(h);
 }
 inline void close_tp_work(PTP_WORK h) noexcept
 {
+    ::WaitForThreadpoolWorkCallbacks(h, FALSE);
     ::CloseThreadpoolWork(h);
 }
 inline void close_tp_timer(PTP_TIMER h) noexcept
 {
+    ::SetThreadpoolTimer(h, nullptr, 0, 0);
+    ::WaitForThreadpoolTimerCallbacks(h, TRUE);
     ::CloseThreadpoolTimer(h);
 }
 inline void close_tp_pool(PTP_POOL h) noexcept
@@ -137,14 +144,14 @@ using unique_tp_cleanup_group =
 class last_error_guard
 {
 public:
-    last_error_guard() noexcept : m_error(::GetLastError()) {}
-    ~last_error_guard() { ::SetLastError(m_error); }
+    last_error_guard() noexcept : m_dwError(::GetLastError()) {}
+    ~last_error_guard() { ::SetLastError(m_dwError); }
     last_error_guard(const last_error_guard&) = delete;
     last_error_guard& operator=(const last_error_guard&) = delete;
-    void set(DWORD error) noexcept { m_error = error; }
+    void set(DWORD error) noexcept { m_dwError = error; }
 
 private:
-    DWORD m_error;
+    DWORD m_dwError;
 };
 
 } // namespace daxlib

@@ -1,8 +1,7 @@
 #include "log/BuffersList.h"
 
 #include "common/DaxException.h"
-
-#include <process.h>
+#include "common/Guarded.h"
 
 #include <algorithm>
 #include <mutex>
@@ -19,68 +18,34 @@ CBuffersList::CBuffersList(uint64_t blockSize, BOOL backgroundAllocation, uint32
     m_hevNeedBlocks.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!m_hevNeedBlocks)
         daxlib::ThrowDaxException(L"BuffersList", __LINE__);
-    m_hevStop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    if (!m_hevStop)
-        daxlib::ThrowDaxException(L"BuffersList", __LINE__);
-    if (m_bBackground)
-    {
-        m_hAllocThread.reset(reinterpret_cast<HANDLE>(
-            ::_beginthreadex(nullptr, 16384, &CBuffersList::AllocateNewBuffersThread, this, 0, nullptr)));
-        if (!m_hAllocThread)
-            daxlib::ThrowDaxException(L"BuffersList", __LINE__,
-                                      L"error creating of AllocateNewBuffersThread()");
-    }
+    if (m_bBackground && !m_allocator.Start([this](HANDLE stop) { AllocateNewBuffersThread(stop); }, 16384))
+        daxlib::ThrowDaxException(L"BuffersList", __LINE__, L"error creating of AllocateNewBuffersThread()");
 }
 
 CBuffersList::~CBuffersList()
 {
-    ::SetEvent(m_hevStop.get());
-    if (m_hAllocThread)
-        ::WaitForSingleObject(m_hAllocThread.get(), INFINITE);
+    m_allocator.Stop();
     for (uint8_t* block : m_used)
         delete[] block;
     for (uint8_t* block : m_free)
         delete[] block;
 }
 
-unsigned __stdcall CBuffersList::AllocateNewBuffersThread(void* context)
+void CBuffersList::AllocateNewBuffersThread(HANDLE stop)
 {
-    try
-    {
-        static_cast<CBuffersList*>(context)->AllocationLoop();
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        delete e;
-    }
-    catch (...)
-    {
-    }
-    return 0;
-}
-
-void CBuffersList::AllocationLoop()
-{
-    const HANDLE events[] = {m_hevStop.get(), m_hevNeedBlocks.get()};
+    const HANDLE events[] = {stop, m_hevNeedBlocks.get()};
     for (;;)
     {
         const DWORD wait = ::WaitForMultipleObjects(2, events, FALSE, INFINITE);
-        if (wait != WAIT_OBJECT_0 + 1 || ::WaitForSingleObject(m_hevStop.get(), 0) == WAIT_OBJECT_0)
+        if (wait != WAIT_OBJECT_0 + 1 || ::WaitForSingleObject(stop, 0) == WAIT_OBJECT_0)
             return;
         ::ResetEvent(m_hevNeedBlocks.get());
         {
-            std::lock_guard lock(m_mutex);
+            std::lock_guard lock(m_srwLists);
             m_bNeedRequested = false;
         }
-        try
-        {
-            Refill(true);
-        }
-        catch (daxlib::CDaxException* e)
-        {
-            // The next block taken in a logging thread tries again.
-            delete e;
-        }
+        // On failure the next block taken in a logging thread tries again.
+        daxlib::GuardedCall(nullptr, L"CBuffersList::AllocateNewBuffersThread", [this] { Refill(true); });
         ::Sleep(0);
     }
 }
@@ -98,7 +63,7 @@ void CBuffersList::Refill(bool oneAtATime)
         {
             if (oneAtATime)
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwLists);
                 m_free.push_back(block);
             }
             else
@@ -130,7 +95,7 @@ void CBuffersList::WakeAllocator()
 {
     bool wake = false;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         wake = std::exchange(m_bNeedPending, false);
     }
     if (wake)
@@ -162,7 +127,7 @@ void CBuffersList::Append(uint64_t size, const void* data)
 
 void CBuffersList::AppendLocked(uint64_t size, const void* data)
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     // Reserve every block the piece needs first, so a failed allocation leaves no half piece.
     uint64_t needed = 0;
     uint64_t pos = m_qwWritePos;
@@ -199,7 +164,7 @@ const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
 {
     if (size)
         *size = 0;
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     if (m_used.empty() || (m_used.size() == 1 && m_qwReadPos == m_qwWritePos))
         return nullptr;
 
@@ -269,13 +234,13 @@ const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
 
 bool CBuffersList::IsEmpty() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_used.empty() || (m_used.size() == 1 && m_qwReadPos == m_qwWritePos);
 }
 
 void CBuffersList::Clear()
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     while (!m_used.empty())
     {
         ReleaseBlock(m_used.front());
@@ -286,18 +251,18 @@ void CBuffersList::Clear()
 
 size_t CBuffersList::UsedBlockCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_used.size();
 }
 
 size_t CBuffersList::FreeBlockCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_free.size();
 }
 
 uint64_t CBuffersList::WritePosition() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_qwWritePos;
 }

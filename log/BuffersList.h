@@ -4,7 +4,8 @@
 // block. Read blocks go back to a free pool, which a background thread tops up before it runs
 // dry, so steady use allocates nothing.
 #include "common/UniqueHandle.h"
-#include "log/SrwMutex.h"
+#include "common/WorkerThread.h"
+#include "common/Locks.h"
 
 #include <cstdint>
 #include <deque>
@@ -34,8 +35,7 @@ public:
     uint64_t WritePosition() const;
 
 private:
-    static unsigned __stdcall AllocateNewBuffersThread(void* context);
-    void AllocationLoop();
+    void AllocateNewBuffersThread(HANDLE stop);
     void Refill(bool oneAtATime);
     void TakeNewBlock();
     void WakeAllocator();
@@ -54,12 +54,11 @@ private:
     uint64_t m_qwWritePos = 0;
     std::vector<uint8_t> m_output;
 
-    mutable CSrwMutex m_mutex;
+    mutable daxlib::srw_lock m_srwLists;
     // The allocation thread is asked once until it has run, and asked after the mutex is
     // released, so that taking a block never pays for a kernel call under the lock.
     bool m_bNeedRequested = false;
     bool m_bNeedPending = false;
     daxlib::unique_handle m_hevNeedBlocks;
-    daxlib::unique_handle m_hevStop;
-    daxlib::unique_handle m_hAllocThread;
+    daxlib::CWorkerThread m_allocator; // last: ends before the lists it fills
 };

@@ -1,77 +1,30 @@
 #include "log/CvLogger.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
 #include "common/WideFormat.h"
-#include "log/BuildInfo.h"
 #include "log/CvLoggerBuffer.h"
-#include "log/FileSearch.h"
+#include "log/LogConversions.h"
 #include "log/LogText.h"
-#include "log/RestrictedToken.h"
 
-#include <process.h>
 #include <shlobj.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <cwchar>
-#include <optional>
 #include <mutex>
 
 namespace
 {
-static_assert(sizeof(wchar_t) == sizeof(char16_t), "the Windows build keeps UTF-16 in wchar_t");
+constexpr uint32_t kNotFound = ERROR_NOT_FOUND;
+constexpr uint32_t kBadParameter = ERROR_INVALID_PARAMETER;
 
-constexpr DWORD kWatchTimeoutMs = 4000;
-constexpr DWORD kIdleCloseMs = 2000;
-constexpr uint32_t kNotFound = ERROR_NOT_FOUND;             // 1168
-constexpr uint32_t kBadParameter = ERROR_INVALID_PARAMETER; // 87
-const wchar_t kSddlOpen[] = L"D:(A;;GA;;;WD)";
-const wchar_t kSddlRestricted[] = L"D:(A;;GRGWSD;;;SY)(A;;GRGWSD;;;BA)(A;;GWSD;;;AU)";
-const wchar_t kSddlStrict[] = L"D:(A;;GRGWSD;;;SY)(A;;GRGWSD;;;BA)";
-const wchar_t kEventLogKey[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\";
-
-std::u16string ToU16(const wchar_t* text)
-{
-    const std::wstring_view view = text ? std::wstring_view(text) : std::wstring_view();
-    return std::u16string(view.begin(), view.end());
-}
-std::wstring FromU16(const std::u16string& text)
-{
-    return std::wstring(text.begin(), text.end());
-}
-cvlog::TimeParts ToParts(const SYSTEMTIME& t)
-{
-    return {t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond, t.wMilliseconds};
-}
 cvlog::HeaderAlignment& ProcessAlignment()
 {
     static cvlog::HeaderAlignment alignment;
     return alignment;
 }
-std::wstring WithoutTrailingSlash(std::wstring path)
-{
-    while (path.size() > 3 && (path.back() == L'\\' || path.back() == L'/'))
-        path.pop_back();
-    return path;
-}
-uint64_t FileTimeValue(const FILETIME& t)
-{
-    return (static_cast<uint64_t>(t.dwHighDateTime) << 32) | t.dwLowDateTime;
-}
-std::optional<DWORD> ReadDword(HKEY key, const wchar_t* name, bool* missing = nullptr)
-{
-    DWORD type = 0;
-    DWORD value = 0;
-    DWORD size = sizeof value;
-    const LONG rc = ::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&value), &size);
-    if (missing)
-        *missing = rc == ERROR_FILE_NOT_FOUND;
-    if (rc != ERROR_SUCCESS || type != REG_DWORD || size != sizeof value)
-        return std::nullopt;
-    return value;
-}
 } // namespace
+using cvlog::ToParts;
 
 // ---- creation and destruction ----------------------------------------------------------------
 
@@ -107,30 +60,26 @@ std::shared_ptr<CCvLogger> CCvLogger::CreateLoggerInFolder(const wchar_t* szFold
         ::SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    try
-    {
-        auto logger = std::make_shared<CCvLogger>(szFolder, dwLevel, cvlog::kDefaultMaxFileSize);
-        if (junctionCheck)
-            logger->m_pfnJunctionCheck = junctionCheck;
-        if (!logger->CreateCleanupPool())
-            return nullptr;
-        logger->SetBuffered(bBuffered);
-        logger->SetHeaderFlags(cvlog::HeaderFlag::Service);
-        logger->BuildBanner();
-        if (!logger->OpenMainFile(szBaseName, szPrefix))
-            return nullptr;
-        if (hRoot && szSubKey)
-            logger->OpenRegistry(hRoot, szSubKey, TRUE, bCreateKey);
-        return logger;
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        delete e;
-    }
-    catch (...)
-    {
-    }
-    return nullptr;
+    std::shared_ptr<CCvLogger> result;
+    daxlib::GuardedCall(nullptr, L"CCvLogger::CreateLoggerInFolder",
+                        [&]
+                        {
+                            auto logger =
+                                std::make_shared<CCvLogger>(szFolder, dwLevel, cvlog::kDefaultMaxFileSize);
+                            if (junctionCheck)
+                                logger->m_pfnJunctionCheck = junctionCheck;
+                            if (!logger->CreateCleanupPool())
+                                return;
+                            logger->SetBuffered(bBuffered);
+                            logger->SetHeaderFlags(cvlog::HeaderFlag::Service);
+                            logger->BuildBanner();
+                            if (!logger->OpenMainFile(szBaseName, szPrefix))
+                                return;
+                            if (hRoot && szSubKey)
+                                logger->OpenRegistry(hRoot, szSubKey, TRUE, bCreateKey);
+                            result = std::move(logger);
+                        });
+    return result;
 }
 
 CCvLogger::CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFileSize)
@@ -143,9 +92,6 @@ CCvLogger::CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFi
     DWORD session = 0xFFFFFFFF;
     if (::ProcessIdToSessionId(m_dwProcessId, &session))
         m_dwSessionId = session;
-    m_hevStop.reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
-    if (!m_hevStop)
-        daxlib::ThrowDaxException(L"CvLogger", __LINE__);
     m_hAdvapi.reset(::LoadLibraryW(L"Advapi32"));
     if (m_hAdvapi)
         m_pfnGetUserName = reinterpret_cast<GetUserNameFn>(
@@ -154,18 +100,12 @@ CCvLogger::CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFi
 
 CCvLogger::~CCvLogger()
 {
-    ::SetEvent(m_hevStop.get());
-    if (m_hWatchThread)
-    {
-        ::WaitForSingleObject(m_hWatchThread.get(), INFINITE);
-        m_hWatchThread.reset();
-    }
-    CloseCleanupPool();
+    m_watch.Stop();
+    m_cleanupPool.Close();
     std::lock_guard lock(m_cs);
     m_files.clear();
     m_nFileCount = 0;
 }
-
 // ---- records ---------------------------------------------------------------------------------
 
 void CCvLogger::LogV(uint32_t level, const wchar_t* format, va_list args)
@@ -342,7 +282,6 @@ size_t CCvLogger::HeaderWidth()
 {
     return ProcessAlignment().Width();
 }
-
 // ---- settings --------------------------------------------------------------------------------
 
 void CCvLogger::ApplyLevel(uint32_t level)
@@ -438,602 +377,4 @@ bool CCvLogger::FormatError(uint32_t code, wchar_t* buffer, size_t capacity)
         return false;
     daxlib::FormatTruncated(buffer, capacity, L"Error %u: %s", code, text);
     return true;
-}
-
-// ---- registry --------------------------------------------------------------------------------
-
-BOOL CCvLogger::OpenRegistry(HKEY hRoot, const wchar_t* szSubKey, BOOL startWatch, BOOL create)
-{
-    if (!hRoot || !szSubKey)
-    {
-        ::SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    const REGSAM access = KEY_QUERY_VALUE | KEY_SET_VALUE;
-    daxlib::unique_hkey key;
-    LONG rc = create ? ::RegCreateKeyExW(hRoot, szSubKey, 0, nullptr, 0, access, nullptr, key.put(), nullptr)
-                     : ::RegOpenKeyExW(hRoot, szSubKey, 0, access, key.put());
-    bool writable = true;
-    if (rc == ERROR_ACCESS_DENIED)
-    {
-        rc = ::RegOpenKeyExW(hRoot, szSubKey, 0, KEY_QUERY_VALUE, key.put());
-        writable = false;
-    }
-    if (rc != ERROR_SUCCESS)
-    {
-        ::SetLastError(static_cast<DWORD>(rc));
-        return FALSE;
-    }
-    {
-        std::lock_guard lock(m_cs);
-        m_hRootKey = hRoot;
-        m_strSubKey = szSubKey;
-        m_bKeyWritable = writable;
-    }
-    LoadSettings(key.get(), create && writable);
-    if (startWatch && !m_hWatchThread)
-        m_hWatchThread.reset(reinterpret_cast<HANDLE>(
-            ::_beginthreadex(nullptr, 0, &CCvLogger::WatchThread, this, 0, nullptr)));
-    return TRUE;
-}
-
-void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
-{
-    DWORD type = 0;
-    wchar_t raw[64] = {};
-    DWORD size = sizeof raw - sizeof(wchar_t);
-    const LONG rc =
-        ::RegQueryValueExW(hKey, L"LogLevel", nullptr, &type, reinterpret_cast<BYTE*>(raw), &size);
-    if (rc == ERROR_SUCCESS)
-    {
-        if (type == REG_DWORD && size == sizeof(DWORD))
-        {
-            DWORD level = 0;
-            std::memcpy(&level, raw, sizeof level);
-            ApplyLevel(level);
-        }
-        else if (type == REG_SZ)
-        {
-            std::u16string text(reinterpret_cast<const char16_t*>(raw), size / sizeof(wchar_t));
-            while (!text.empty() && text.back() == u'\0')
-                text.pop_back();
-            if (const auto level = cvlog::ParseDecimalLevel(text))
-                ApplyLevel(*level);
-        }
-    }
-    else if (rc == ERROR_FILE_NOT_FOUND && writeBack)
-    {
-        const DWORD level = m_dwLevel.load();
-        ::RegSetValueExW(hKey, L"LogLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&level),
-                         sizeof level);
-    }
-
-    bool missing = false;
-    if (const auto count = ReadDword(hKey, L"RotationLogFileNumber", &missing))
-        m_dwRotationCount.store(cvlog::ClampRotationCount(*count));
-    else if (missing)
-        m_dwRotationCount.store(cvlog::ClampRotationCount(std::nullopt));
-    if (const auto megabytes = ReadDword(hKey, L"RotationLogFileSizeMB"))
-        m_dwMaxFileSize.store(cvlog::MaxFileSizeFromMegabytes(*megabytes));
-    if (const auto limit = ReadDword(hKey, L"OverrideLogMaxFiles"))
-        m_dwOldFileLimit.store(*limit);
-    PropagateFileSettings();
-}
-
-uint32_t CCvLogger::GetOldFileLimit(uint32_t fallback)
-{
-    HKEY root = nullptr;
-    std::wstring subKey;
-    {
-        std::lock_guard lock(m_cs);
-        root = m_hRootKey;
-        subKey = m_strSubKey;
-    }
-    daxlib::unique_hkey key;
-    if (root && ::RegOpenKeyExW(root, subKey.c_str(), 0, KEY_QUERY_VALUE, key.put()) == ERROR_SUCCESS)
-    {
-        if (const auto limit = ReadDword(key.get(), L"OverrideLogMaxFiles"))
-        {
-            m_dwOldFileLimit.store(*limit);
-            return *limit;
-        }
-    }
-    m_dwOldFileLimit.store(fallback);
-    return fallback;
-}
-
-unsigned __stdcall CCvLogger::WatchThread(void* context)
-{
-    try
-    {
-        static_cast<CCvLogger*>(context)->WatchLoop();
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        delete e;
-    }
-    catch (...)
-    {
-    }
-    return 0;
-}
-
-void CCvLogger::WatchLoop()
-{
-    HKEY root = nullptr;
-    std::wstring subKey;
-    {
-        std::lock_guard lock(m_cs);
-        root = m_hRootKey;
-        subKey = m_strSubKey;
-    }
-    daxlib::unique_hkey key;
-    if (::RegOpenKeyExW(root, subKey.c_str(), 0, KEY_QUERY_VALUE | KEY_NOTIFY, key.put()) != ERROR_SUCCESS)
-        return;
-    daxlib::unique_handle changed(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    if (!changed)
-        return;
-    const auto arm = [&]
-    {
-        return ::RegNotifyChangeKeyValue(key.get(), TRUE, REG_NOTIFY_CHANGE_LAST_SET, changed.get(), TRUE) ==
-               ERROR_SUCCESS;
-    };
-    if (!arm())
-        return;
-    // A value changed between the first read and the arming would otherwise go unnoticed.
-    LoadSettings(key.get(), FALSE);
-    const HANDLE events[] = {m_hevStop.get(), changed.get()};
-    for (;;)
-    {
-        const DWORD wait = ::WaitForMultipleObjects(2, events, FALSE, kWatchTimeoutMs);
-        if (wait == WAIT_OBJECT_0 + 1)
-        {
-            ::ResetEvent(changed.get());
-            if (!arm())
-                return;
-            LoadSettings(key.get(), FALSE);
-        }
-        else if (wait == WAIT_TIMEOUT)
-            CloseIdleFiles();
-        else
-            return;
-    }
-}
-
-void CCvLogger::CloseIdleFiles()
-{
-    std::lock_guard lock(m_cs);
-    const DWORD now = ::GetTickCount();
-    for (auto& [index, file] : m_files)
-        file->CloseIfIdle(now, kIdleCloseMs);
-}
-
-// ---- files -----------------------------------------------------------------------------------
-
-std::unique_ptr<CCvLoggerBuffer> CCvLogger::MakeFile(const std::wstring& stem)
-{
-    CCvLoggerBuffer::Options options;
-    options.folder = m_strFolder;
-    options.fileStem = stem;
-    options.sddl = m_strSddl;
-    options.maxSize = m_dwMaxFileSize.load();
-    options.rotationCount = std::max<uint32_t>(m_dwRotationCount.load(), 1);
-    options.buffered = m_bBuffered;
-    options.dropAdministrators = m_bStrict;
-    options.banner = m_strBanner;
-    return std::make_unique<CCvLoggerBuffer>(this, std::move(options));
-}
-
-BOOL CCvLogger::OpenMainFile(const wchar_t* szBaseName, const wchar_t* szPrefix)
-{
-    std::lock_guard lock(m_cs);
-    m_strBaseName = szBaseName ? szBaseName : L"";
-    m_strPrefix = szPrefix ? szPrefix : L"";
-    ::SHCreateDirectoryExW(nullptr, WithoutTrailingSlash(m_strFolder).c_str(), nullptr);
-    std::wstring stem = m_strFolder;
-    if (!m_strPrefix.empty())
-        stem += m_strPrefix + L"-";
-    stem += m_strBaseName;
-    m_files[m_dwNextIndex++] = MakeFile(stem);
-    m_nFileCount = m_files.size();
-    return TRUE;
-}
-
-std::wstring CCvLogger::PerProcessStem(const wchar_t* name) const
-{
-    std::wstring text = m_strFolder;
-    if (!m_strPrefix.empty())
-        text += m_strPrefix + L"-";
-    text += name;
-    text += L"-";
-    const std::wstring pattern =
-        daxlib::Format(L"%s%s-%d-%d*.txt", text.c_str(), m_strBaseName.c_str(),
-                       static_cast<int>(m_dwSessionId), static_cast<int>(m_dwProcessId));
-
-    // A file of this process written within the last hour is continued.
-    FILETIME nowUtc;
-    ::GetSystemTimeAsFileTime(&nowUtc);
-    const uint64_t hourAgo = FileTimeValue(nowUtc) - 3600ULL * 10000000ULL;
-    std::wstring latest;
-    uint64_t latestTime = 0;
-    cvlog::ForEachFile(pattern,
-                       [&](const WIN32_FIND_DATAW& data)
-                       {
-                           const uint64_t written = FileTimeValue(data.ftLastWriteTime);
-                           if (latest.empty() || written > latestTime)
-                           {
-                               latest = data.cFileName;
-                               latestTime = written;
-                           }
-                       });
-    if (!latest.empty() && latestTime > hourAgo && latest.size() > 4)
-        return m_strFolder + latest.substr(0, latest.size() - 4);
-
-    SYSTEMTIME local;
-    ::GetLocalTime(&local);
-    return FromU16(cvlog::PerProcessFileStem(ToU16(text.c_str()), ToU16(m_strBaseName.c_str()), m_dwSessionId,
-                                             m_dwProcessId, ToParts(local)));
-}
-
-int CCvLogger::AddLogFile(const wchar_t* name, BOOL replaceMain)
-{
-    if (!name || !*name)
-    {
-        ::SetLastError(ERROR_INVALID_PARAMETER);
-        return -1;
-    }
-    if (m_pCleanupWork)
-        ::SubmitThreadpoolWork(m_pCleanupWork.get());
-    try
-    {
-        std::lock_guard lock(m_cs);
-        auto file = MakeFile(PerProcessStem(name));
-        if (replaceMain)
-        {
-            m_files[0] = std::move(file);
-            m_dwNextIndex = std::max<uint32_t>(m_dwNextIndex, 1);
-            m_nFileCount = m_files.size();
-            return 0;
-        }
-        const uint32_t index = m_dwNextIndex++;
-        m_files[index] = std::move(file);
-        m_nFileCount = m_files.size();
-        return static_cast<int>(index);
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        delete e;
-    }
-    catch (...)
-    {
-    }
-    return -1;
-}
-
-int CCvLogger::AddUserLogFile()
-{
-    wchar_t user[258] = {};
-    DWORD size = 257;
-    if (!m_pfnGetUserName || !m_pfnGetUserName(user, &size))
-        return -1;
-    return AddLogFile(user, TRUE);
-}
-
-int CCvLogger::AddProcessLogFile()
-{
-    wchar_t path[MAX_PATH] = {};
-    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
-    if (length == 0 || length >= MAX_PATH)
-        return -1;
-    std::wstring name(path, length);
-    name = name.substr(name.find_last_of(L"\\/") + 1);
-    const size_t dot = name.find_last_of(L'.');
-    if (dot != std::wstring::npos && dot > 0)
-        name.resize(dot);
-    return AddLogFile(name.c_str(), TRUE);
-}
-
-BOOL CCvLogger::RemoveLogFile(uint32_t fileIndex)
-{
-    std::unique_ptr<CCvLoggerBuffer> doomed;
-    std::lock_guard lock(m_cs);
-    const auto it = m_files.find(fileIndex);
-    if (it == m_files.end())
-    {
-        ::SetLastError(kNotFound);
-        return FALSE;
-    }
-    doomed = std::move(it->second);
-    m_files.erase(it);
-    m_nFileCount = m_files.size();
-    doomed.reset();
-    return TRUE;
-}
-
-BOOL CCvLogger::RequestRecreate(uint32_t fileIndex)
-{
-    std::lock_guard lock(m_cs);
-    const auto it = m_files.find(fileIndex);
-    if (it == m_files.end())
-    {
-        ::SetLastError(kNotFound);
-        return FALSE;
-    }
-    it->second->RequestRecreate();
-    return TRUE;
-}
-
-BOOL CCvLogger::GetLogFilePath(uint32_t fileIndex, wchar_t* buffer)
-{
-    if (!buffer)
-        return FALSE;
-    buffer[0] = L'\0';
-    std::lock_guard lock(m_cs);
-    const auto it = m_files.find(fileIndex);
-    if (it == m_files.end())
-        return FALSE;
-    const DWORD length = ::GetFullPathNameW(it->second->FileName().c_str(), MAX_PATH, buffer, nullptr);
-    return length > 0 && length < MAX_PATH;
-}
-
-void CCvLogger::SetLogFileSecurity(BOOL restrict, BOOL strict)
-{
-    std::lock_guard lock(m_cs);
-    m_strSddl = restrict ? (strict ? kSddlStrict : kSddlRestricted) : kSddlOpen;
-    m_bStrict = strict;
-    m_files.clear();
-    m_nFileCount = 0;
-    m_dwNextIndex = 0;
-    try
-    {
-        OpenMainFile(m_strBaseName.c_str(), m_strPrefix.c_str());
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        delete e;
-    }
-}
-
-bool CCvLogger::IsJunction(const std::wstring& folder) const
-{
-    return m_pfnJunctionCheck && m_pfnJunctionCheck(folder);
-}
-
-bool CCvLogger::IsMountPoint(const std::wstring& folder)
-{
-    const std::wstring path = WithoutTrailingSlash(folder);
-    const DWORD attributes = ::GetFileAttributesW(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
-        return false;
-    WIN32_FIND_DATAW data;
-    cvlog::unique_find find(::FindFirstFileW(path.c_str(), &data));
-    return find && data.dwReserved0 == IO_REPARSE_TAG_MOUNT_POINT;
-}
-
-// ---- clean-up pool ---------------------------------------------------------------------------
-
-BOOL CCvLogger::CreateCleanupPool()
-{
-    m_pCleanupPool.reset(::CreateThreadpool(nullptr));
-    if (!m_pCleanupPool)
-        return FALSE;
-    ::SetThreadpoolThreadMaximum(m_pCleanupPool.get(), 1);
-    if (!::SetThreadpoolThreadMinimum(m_pCleanupPool.get(), 1))
-    {
-        m_pCleanupPool.reset();
-        return FALSE;
-    }
-    m_pCleanupGroup.reset(::CreateThreadpoolCleanupGroup());
-    if (!m_pCleanupGroup)
-    {
-        m_pCleanupPool.reset();
-        return FALSE;
-    }
-    ::InitializeThreadpoolEnvironment(&m_cleanupEnvironment);
-    ::SetThreadpoolCallbackPool(&m_cleanupEnvironment, m_pCleanupPool.get());
-    ::SetThreadpoolCallbackCleanupGroup(&m_cleanupEnvironment, m_pCleanupGroup.get(), nullptr);
-    m_pCleanupWork.reset(::CreateThreadpoolWork(&CCvLogger::CleanupCallback, this, &m_cleanupEnvironment));
-    if (!m_pCleanupWork)
-    {
-        CloseCleanupPool();
-        return FALSE;
-    }
-    return TRUE;
-}
-
-void CCvLogger::WaitForCleanup()
-{
-    if (m_pCleanupWork)
-        ::WaitForThreadpoolWorkCallbacks(m_pCleanupWork.get(), FALSE);
-}
-
-void CCvLogger::CloseCleanupPool()
-{
-    if (!m_pCleanupGroup)
-        return;
-    // Waits for a running clean-up and closes the work item with the group.
-    ::CloseThreadpoolCleanupGroupMembers(m_pCleanupGroup.get(), FALSE, nullptr);
-    (void)m_pCleanupWork.release();
-    m_pCleanupGroup.reset();
-    m_pCleanupPool.reset();
-    ::DestroyThreadpoolEnvironment(&m_cleanupEnvironment);
-}
-
-void CALLBACK CCvLogger::CleanupCallback(PTP_CALLBACK_INSTANCE, PVOID context, PTP_WORK)
-{
-    try
-    {
-        static_cast<CCvLogger*>(context)->Cleanup();
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        delete e;
-    }
-    catch (...)
-    {
-    }
-}
-
-void CCvLogger::Cleanup()
-{
-    std::optional<cvlog::ScopedRestrictedImpersonation> restricted;
-    std::wstring folder;
-    std::wstring base;
-    {
-        std::lock_guard lock(m_cs);
-        if (m_bStrict)
-            restricted.emplace();
-        folder = WithoutTrailingSlash(m_strFolder);
-        base = m_strBaseName;
-    }
-
-    const auto list = [&](const std::wstring& pattern)
-    {
-        std::vector<cvlog::FileStamp> files;
-        cvlog::ForEachFile(pattern,
-                           [&](const WIN32_FIND_DATAW& data) {
-                               files.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
-                           });
-        return files;
-    };
-
-    // The age limit compares with local time taken as file time; kept as the old code did it.
-    SYSTEMTIME local;
-    ::GetLocalTime(&local);
-    FILETIME now{};
-    ::SystemTimeToFileTime(&local, &now);
-    for (const auto& file : list(daxlib::Format(L"%s\\*-%s-*).txt", folder.c_str(), base.c_str())))
-        if (cvlog::IsExpired(file.lastWrite, FileTimeValue(now)))
-            ::DeleteFileW((folder + L"\\" + FromU16(file.name)).c_str());
-
-    const uint32_t limit = m_dwOldFileLimit.load();
-    if (limit == 0)
-        return;
-    const auto doomed = cvlog::SelectOverLimit(
-        list(daxlib::Format(L"%s\\*-%s-*.txt", folder.c_str(), base.c_str())), limit, ToU16(base.c_str()));
-    for (const auto& name : doomed)
-        ::DeleteFileW((folder + L"\\" + FromU16(name)).c_str());
-}
-
-// ---- banner and event log --------------------------------------------------------------------
-
-void CCvLogger::BuildBanner()
-{
-    wchar_t version[cvlog::kTextCapacity];
-    GetWindowsVersionText(version, cvlog::kTextCapacity);
-    wchar_t header[cvlog::kTextCapacity];
-    BuildHeader(L"SERVICE", header);
-    const std::wstring build = daxlib::Format(L"Build %S. ", BuildDateText());
-    std::wstring banner = daxlib::Format(L"\r\n%s%s%s\r\n", header, build.c_str(), version);
-    std::lock_guard lock(m_cs);
-    m_strBanner = std::move(banner);
-}
-
-void CCvLogger::GetWindowsVersionText(wchar_t* buffer, size_t capacity)
-{
-    if (!buffer || capacity == 0)
-        return;
-    buffer[0] = L'\0';
-    OSVERSIONINFOEXW os{};
-    os.dwOSVersionInfoSize = sizeof os;
-    cvlog::WindowsVersionInfo info;
-#ifdef _MSC_VER
-#pragma warning(suppress : 4996)
-#endif
-    info.queryOk = ::GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&os)) != FALSE;
-    if (info.queryOk)
-    {
-        info.platformId = os.dwPlatformId;
-        info.major = os.dwMajorVersion;
-        info.minor = os.dwMinorVersion;
-        info.build = os.dwBuildNumber;
-        info.servicePack = ToU16(os.szCSDVersion);
-        info.suiteMask = os.wSuiteMask;
-        info.productType = os.wProductType;
-        SYSTEM_INFO system{};
-        using NativeInfoFn = void(WINAPI*)(LPSYSTEM_INFO);
-        const auto native = reinterpret_cast<NativeInfoFn>(reinterpret_cast<void*>(
-            ::GetProcAddress(::GetModuleHandleW(L"kernel32.dll"), "GetNativeSystemInfo")));
-        if (native)
-            native(&system);
-        else
-            ::GetSystemInfo(&system);
-        info.processorArchitecture = system.wProcessorArchitecture;
-        info.serverR2 = ::GetSystemMetrics(SM_SERVERR2);
-    }
-    const std::u16string text = cvlog::WindowsVersionText(info);
-    const size_t n = std::min(text.size(), capacity - 1);
-    std::copy_n(text.begin(), n, buffer);
-    buffer[n] = L'\0';
-}
-
-uint32_t CCvLogger::RegisterEventSourceKey(const wchar_t* provider)
-{
-    const std::wstring path = std::wstring(kEventLogKey) + (provider ? provider : L"");
-    daxlib::unique_hkey key;
-    LONG rc = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
-                                key.put(), nullptr);
-    if (rc != ERROR_SUCCESS)
-        return static_cast<uint32_t>(rc);
-    wchar_t module[MAX_PATH] = {};
-    const DWORD length = ::GetModuleFileNameW(nullptr, module, MAX_PATH);
-    rc = ::RegSetValueExW(key.get(), L"EventMessageFile", 0, REG_SZ, reinterpret_cast<const BYTE*>(module),
-                          (length + 1) * sizeof(wchar_t));
-    if (rc != ERROR_SUCCESS)
-        return static_cast<uint32_t>(rc);
-    const DWORD types = EVENTLOG_ERROR_TYPE | EVENTLOG_WARNING_TYPE | EVENTLOG_INFORMATION_TYPE;
-    rc = ::RegSetValueExW(key.get(), L"TypesSupported", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&types),
-                          sizeof types);
-    return static_cast<uint32_t>(rc);
-}
-
-void CCvLogger::InitEventLogging(const wchar_t* provider)
-{
-    if (!provider || !*provider)
-    {
-        Log(0, L"CCvLogger::InitEventLogging: (1458): Empty provider name");
-        ::SetLastError(ERROR_INVALID_DATA);
-        return;
-    }
-    const uint32_t rc = RegisterEventSourceKey(provider);
-    if (rc != ERROR_SUCCESS)
-    {
-        Log(0, L"CCvLogger::InitEventLogging: (1466): Event source provider not installed");
-        ::SetLastError(rc);
-        return;
-    }
-    HANDLE source = ::RegisterEventSourceW(nullptr, provider);
-    if (!source)
-    {
-        const DWORD error = ::GetLastError();
-        Log(0, L"CCvLogger::InitEventLogging: (1473): RegisterEventSource GLE=%d", static_cast<int>(error));
-        ::SetLastError(error);
-        return;
-    }
-    m_hEventSource.reset(source);
-}
-
-void CCvLogger::EventLog(uint32_t level, uint32_t eventId, PSID userSid, const wchar_t* format, ...)
-{
-    daxlib::last_error_guard keep;
-    if (!m_hEventSource)
-    {
-        Log(1, L"CCvLogger::EventLog: (1484): Event logging disabled");
-        return;
-    }
-    wchar_t message[cvlog::kTextCapacity];
-    va_list args;
-    va_start(args, format);
-    const int length = daxlib::FormatTruncatedV(message, cvlog::kTextCapacity, format, args);
-    va_end(args);
-    if (length < 0)
-    {
-        Log(0, L"CCvLogger::EventLog: (1499): _vsnwprintf_s() failed");
-        return;
-    }
-    const WORD type = level == 0   ? EVENTLOG_ERROR_TYPE
-                      : level == 1 ? EVENTLOG_WARNING_TYPE
-                                   : EVENTLOG_INFORMATION_TYPE;
-    const wchar_t* strings[] = {message};
-    ::ReportEventW(m_hEventSource.get(), type, 0, eventId, userSid, 1, 0, strings, nullptr);
 }

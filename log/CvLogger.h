@@ -3,7 +3,11 @@
 // UTF-16LE lines (CRLF, no byte-order mark) to rotating files under a folder, tuned live from
 // the registry.
 #include "common/ICvLogger.h"
+#include "common/Locks.h"
 #include "common/UniqueHandle.h"
+#include "common/WorkerThread.h"
+#include "log/CleanupPool.h"
+#include "log/JunctionCheck.h"
 
 #include <atomic>
 #include <cstdint>
@@ -14,7 +18,7 @@
 
 class CCvLoggerBuffer;
 
-class CCvLogger : public ICvLogger
+class CCvLogger : public ICvLogger, public IJunctionCheck
 {
 public:
     // Tells whether a log folder is a mount point (junction); replaceable for tests.
@@ -34,7 +38,6 @@ public:
                                                            BOOL bBuffered, uint32_t dwLevel,
                                                            JunctionCheck junctionCheck = nullptr);
 
-    // Throws daxlib::CDaxException* when the stop event cannot be created.
     CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFileSize);
     ~CCvLogger() override;
     CCvLogger(const CCvLogger&) = delete;
@@ -102,27 +105,12 @@ public:
     void InitEventLogging(const wchar_t* provider);
     void EventLog(uint32_t level, uint32_t eventId, PSID userSid, const wchar_t* format, ...);
 
-    bool IsJunction(const std::wstring& folder) const;
+    bool IsJunction(const std::wstring& folder) const override;
     static bool IsMountPoint(const std::wstring& folder);
     // Width of the widest record header so far, shared by all loggers of the process.
     static size_t HeaderWidth();
 
 private:
-    class CriticalSection
-    {
-    public:
-        // Records hold the lock for a few copies; a short spin avoids sleeping on it.
-        CriticalSection() { ::InitializeCriticalSectionAndSpinCount(&m_cs, 4000); }
-        ~CriticalSection() { ::DeleteCriticalSection(&m_cs); }
-        CriticalSection(const CriticalSection&) = delete;
-        CriticalSection& operator=(const CriticalSection&) = delete;
-        void lock() { ::EnterCriticalSection(&m_cs); }
-        void unlock() { ::LeaveCriticalSection(&m_cs); }
-
-    private:
-        CRITICAL_SECTION m_cs;
-    };
-
     void LogToFileV(uint32_t fileIndex, uint32_t level, const wchar_t* format, va_list args);
     void DumpToFileV(uint32_t fileIndex, uint32_t level, const void* bytes, uint32_t count,
                      const wchar_t* format, va_list args);
@@ -134,11 +122,8 @@ private:
     std::unique_ptr<CCvLoggerBuffer> MakeFile(const std::wstring& stem);
     std::wstring PerProcessStem(const wchar_t* name) const;
     void CloseIdleFiles();
-    static unsigned __stdcall WatchThread(void* context);
-    void WatchLoop();
-    static void CALLBACK CleanupCallback(PTP_CALLBACK_INSTANCE, PVOID context, PTP_WORK);
+    void WatchLoop(HANDLE stop);
     void Cleanup();
-    void CloseCleanupPool();
 
     using GetUserNameFn = BOOL(WINAPI*)(LPWSTR, LPDWORD);
 
@@ -146,7 +131,8 @@ private:
     uint32_t m_dwProcessId;
     uint32_t m_dwSessionId = 0xFFFFFFFF;
     std::atomic<uint32_t> m_dwHeaderFlags{0};
-    mutable CriticalSection m_cs;
+    // Records hold it for a few copies; a short spin avoids sleeping on it.
+    mutable daxlib::critical_section m_cs{4000};
     std::vector<wchar_t> m_dumpBuffer;
     BOOL m_bEchoConsole = FALSE;
     BOOL m_bEchoDebugger = FALSE;
@@ -157,8 +143,6 @@ private:
     HKEY m_hRootKey = nullptr;
     std::wstring m_strSubKey;
     bool m_bKeyWritable = false;
-    daxlib::unique_handle m_hWatchThread;
-    daxlib::unique_handle m_hevStop;
     std::wstring m_strFolder;
     std::wstring m_strBaseName;
     std::wstring m_strPrefix;
@@ -167,10 +151,7 @@ private:
     std::wstring m_strSddl = L"D:(A;;GA;;;WD)";
     BOOL m_bStrict = FALSE;
 
-    daxlib::unique_tp_pool m_pCleanupPool;
-    daxlib::unique_tp_cleanup_group m_pCleanupGroup;
-    daxlib::unique_tp_work m_pCleanupWork;
-    TP_CALLBACK_ENVIRON m_cleanupEnvironment{};
+    CLogCleanupPool m_cleanupPool;
 
     std::atomic<uint32_t> m_dwRotationCount;
     std::atomic<uint32_t> m_dwMaxFileSize;
@@ -181,4 +162,7 @@ private:
     GetUserNameFn m_pfnGetUserName = nullptr;
     daxlib::unique_event_source m_hEventSource;
     JunctionCheck m_pfnJunctionCheck = &CCvLogger::IsMountPoint;
+
+    // Last, so that the watch thread has ended before any member it uses goes.
+    daxlib::CWorkerThread m_watch;
 };

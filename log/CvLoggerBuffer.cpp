@@ -1,6 +1,6 @@
 #include "log/CvLoggerBuffer.h"
 
-#include "log/CvLogger.h"
+#include "log/JunctionCheck.h"
 #include "log/FileSearch.h"
 #include "log/LogText.h"
 #include "log/RestrictedToken.h"
@@ -27,7 +27,7 @@ std::wstring FromU16(const std::u16string& text)
 }
 } // namespace
 
-CCvLoggerBuffer::CCvLoggerBuffer(const CCvLogger* owner, Options options)
+CCvLoggerBuffer::CCvLoggerBuffer(const IJunctionCheck* owner, Options options)
     : m_pOwner(owner), m_strFileStem(std::move(options.fileStem)), m_strFileName(m_strFileStem + L".txt"),
       m_dwMaxSize(options.maxSize), m_bBuffered(options.buffered),
       m_dwRotationCount(std::max<uint32_t>(options.rotationCount, 1)),
@@ -48,7 +48,7 @@ CCvLoggerBuffer::CCvLoggerBuffer(const CCvLogger* owner, Options options)
 CCvLoggerBuffer::~CCvLoggerBuffer()
 {
     Close(FALSE);
-    std::lock_guard lock(m_lock);
+    std::lock_guard lock(m_srwFile);
     m_hFile.reset();
 }
 
@@ -63,7 +63,7 @@ void CCvLoggerBuffer::CloseIfIdle(DWORD now, DWORD idleMs)
 {
     // A writer holding the lock is busy writing, not idle; waiting for it here would hold up
     // every logging thread behind the disk, because the caller holds the logger's lock.
-    std::unique_lock lock(m_lock, std::try_to_lock);
+    std::unique_lock lock(m_srwFile, std::try_to_lock);
     if (!lock.owns_lock())
         return;
     if ((m_hFile || m_bStale) && now - m_dwLastWrite.load() > idleMs)
@@ -106,7 +106,7 @@ BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL /*last*/)
 
 BOOL CCvLoggerBuffer::TransferLocked(const void* data, uint64_t size)
 {
-    std::lock_guard lock(m_lock);
+    std::lock_guard lock(m_srwFile);
     const DWORD now = ::GetTickCount();
     if (m_bStale)
         return FALSE;

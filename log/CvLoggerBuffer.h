@@ -3,14 +3,14 @@
 // the first write, writes the banner at the top of every new file, rotates it by size and
 // closes it when idle.
 #include "common/UniqueHandle.h"
-#include "log/SrwMutex.h"
+#include "common/Locks.h"
 #include "log/TransferBuffer.h"
 
 #include <atomic>
 #include <cstdint>
 #include <string>
 
-class CCvLogger;
+class IJunctionCheck;
 
 class CCvLoggerBuffer : private CTransferBuffer
 {
@@ -28,7 +28,7 @@ public:
     };
 
     // Throws daxlib::CDaxException* when the queue cannot be set up.
-    CCvLoggerBuffer(const CCvLogger* owner, Options options);
+    CCvLoggerBuffer(const IJunctionCheck* owner, Options options);
     // Everything queued reaches the file first.
     ~CCvLoggerBuffer() override;
 
@@ -52,7 +52,7 @@ private:
     bool WriteAll(const void* data, uint64_t size);
 
     uint32_t m_bHeaderPending = 1;
-    const CCvLogger* m_pOwner;
+    const IJunctionCheck* m_pOwner;
     std::wstring m_strFileStem;
     std::wstring m_strFileName;
     std::atomic<uint32_t> m_dwMaxSize;
@@ -69,7 +69,7 @@ private:
     daxlib::unique_handle m_hRestrictedToken; // made once when writing without the queue
     std::wstring m_strBanner;
     std::wstring m_strFolder;
-    CSrwMutex m_lock;
+    daxlib::srw_lock m_srwFile;
     DWORD m_dwJunctionBlock = 0;
     bool m_bJunctionBlocked = false;
     // A rotation stopped by the junction guard leaves the file closed but counted as open, so

@@ -62,10 +62,10 @@ std::u16string FormatHeaderFields(const HeaderFields& fields, size_t capacity)
 
 size_t HeaderAlignment::PaddingFor(size_t length, size_t capacity)
 {
-    const size_t width = m_width.load(std::memory_order_relaxed);
+    const size_t width = m_nWidth.load(std::memory_order_relaxed);
     if (length > width)
     {
-        m_width.store(length, std::memory_order_relaxed);
+        m_nWidth.store(length, std::memory_order_relaxed);
         return 0;
     }
     const size_t target = capacity > 0 ? std::min(width, capacity - 1) : 0;
@@ -226,6 +226,18 @@ std::vector<std::u16string> SelectOverLimit(std::vector<FileStamp> files, uint32
     while (files.size() - first >= limit)
         doomed.push_back(files[first++].name);
     return doomed;
+}
+
+std::u16string ContinuedFileStem(const std::vector<FileStamp>& files, uint64_t now)
+{
+    const FileStamp* latest = nullptr;
+    for (const FileStamp& file : files)
+        if (!latest || file.lastWrite > latest->lastWrite)
+            latest = &file;
+    constexpr uint64_t kHour = 3600ULL * 10000000ULL;
+    if (!latest || latest->lastWrite + kHour <= now || latest->name.size() <= 4)
+        return {};
+    return latest->name.substr(0, latest->name.size() - 4);
 }
 
 bool IsExpired(uint64_t lastWrite, uint64_t now)

@@ -49,17 +49,17 @@ template <typename Char> class BoundedText
 {
 public:
     BoundedText(Char* out, size_t capacity, size_t length = 0)
-        : m_out(out), m_capacity(capacity), m_length(length)
+        : m_pOut(out), m_nCapacity(capacity), m_nLength(length)
     {
-        if (m_capacity > 0)
-            m_out[std::min(m_length, m_capacity - 1)] = Char();
+        if (m_nCapacity > 0)
+            m_pOut[std::min(m_nLength, m_nCapacity - 1)] = Char();
     }
     void Put(Char c)
     {
-        if (m_length + 1 < m_capacity)
+        if (m_nLength + 1 < m_nCapacity)
         {
-            m_out[m_length++] = c;
-            m_out[m_length] = Char();
+            m_pOut[m_nLength++] = c;
+            m_pOut[m_nLength] = Char();
         }
     }
     void Put(std::basic_string_view<Char> text)
@@ -78,12 +78,12 @@ public:
         if (std::snprintf(buffer, sizeof buffer, format, args...) > 0)
             PutAscii(buffer);
     }
-    size_t Length() const { return m_length; }
+    size_t Length() const { return m_nLength; }
 
 private:
-    Char* m_out;
-    size_t m_capacity;
-    size_t m_length;
+    Char* m_pOut;
+    size_t m_nCapacity;
+    size_t m_nLength;
 };
 
 // "ERROR", "WARNING", "INFO", "DEBUG"; above that "LOGLEVEL:%u " for records and
@@ -188,10 +188,10 @@ public:
         return text.Length();
     }
     void Pad(std::u16string& header, size_t capacity = kTextCapacity);
-    size_t Width() const { return m_width.load(std::memory_order_relaxed); }
+    size_t Width() const { return m_nWidth.load(std::memory_order_relaxed); }
 
 private:
-    std::atomic<size_t> m_width{0};
+    std::atomic<size_t> m_nWidth{0};
 };
 
 // " %.2x" for every byte: count * 3 characters into out.
@@ -258,6 +258,9 @@ struct FileStamp
 // A limit of 0 keeps everything.
 std::vector<std::u16string> SelectOverLimit(std::vector<FileStamp> files, uint32_t limit,
                                             const std::u16string& baseName);
+// The per-process file to continue among this process's files: the newest, when it was written
+// within the hour before `now` (100 ns units); its name without ".txt", or empty.
+std::u16string ContinuedFileStem(const std::vector<FileStamp>& files, uint64_t now);
 // Older than 90 days.
 bool IsExpired(uint64_t lastWrite, uint64_t now);
 

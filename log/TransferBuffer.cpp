@@ -1,8 +1,7 @@
 #include "log/TransferBuffer.h"
 
 #include "common/DaxException.h"
-
-#include <process.h>
+#include "common/Guarded.h"
 
 #include <cstring>
 #include <mutex>
@@ -11,17 +10,11 @@
 CTransferBuffer::CTransferBuffer()
 {
     m_pList = std::make_unique<CBuffersList>(kBlockSize, TRUE, 3, 100);
-    for (auto* event : {&m_hevData, &m_hevStop})
-    {
-        event->reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-        if (!*event)
-            daxlib::ThrowDaxException(L"TransferBuffer", __LINE__);
-    }
-    m_hThread.reset(reinterpret_cast<HANDLE>(
-        ::_beginthreadex(nullptr, 0, &CTransferBuffer::WriterThread, this, CREATE_SUSPENDED, nullptr)));
-    if (!m_hThread)
+    m_hevData.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!m_hevData)
         daxlib::ThrowDaxException(L"TransferBuffer", __LINE__);
-    ::ResumeThread(m_hThread.get());
+    if (!m_writer.Start([this](HANDLE stop) { WriterLoop(stop); }))
+        daxlib::ThrowDaxException(L"TransferBuffer", __LINE__);
 }
 
 CTransferBuffer::~CTransferBuffer()
@@ -36,20 +29,9 @@ BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
         return FALSE;
     bool wake = false;
     {
-        std::lock_guard lock(m_mutex);
-        try
-        {
-            m_pList->Append(size, data);
-        }
-        catch (daxlib::CDaxException* e)
-        {
-            delete e;
+        std::lock_guard lock(m_srwQueue);
+        if (!daxlib::GuardedCall(nullptr, L"CTransferBuffer::Write", [&] { m_pList->Append(size, data); }))
             return FALSE;
-        }
-        catch (...)
-        {
-            return FALSE;
-        }
         wake = !m_bDataSignalled;
         m_bDataSignalled = true;
     }
@@ -62,52 +44,34 @@ BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
 
 bool CTransferBuffer::Drained() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwQueue);
     return !m_bBusy && m_pList->IsEmpty();
 }
 
 void CTransferBuffer::Close(BOOL immediate)
 {
-    if (!m_hThread)
+    if (!m_writer.IsRunning())
         return;
     if (immediate)
     {
         m_bRefuseNow.store(true, std::memory_order_release);
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwQueue);
         m_pList->Clear();
         m_bDataSignalled = false;
         ::ResetEvent(m_hevData.get());
     }
     else
     {
-        while (!Drained() && ::WaitForSingleObject(m_hThread.get(), 20) == WAIT_TIMEOUT)
+        while (!Drained() && !m_writer.HasEnded(20))
         {
         }
     }
     m_bStop.store(true, std::memory_order_release);
-    ::SetEvent(m_hevStop.get());
-    ::WaitForSingleObject(m_hThread.get(), INFINITE);
-    m_hThread.reset();
+    m_writer.Stop();
     m_bRefuseAfter.store(true, std::memory_order_release);
 }
 
-unsigned __stdcall CTransferBuffer::WriterThread(void* context)
-{
-    try
-    {
-        return static_cast<CTransferBuffer*>(context)->WriterLoop();
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        delete e;
-    }
-    catch (...)
-    {
-    }
-    return 1;
-}
-
-unsigned CTransferBuffer::WriterLoop()
+void CTransferBuffer::WriterLoop(HANDLE stop)
 {
     std::vector<uint8_t> copy;
     try
@@ -117,23 +81,23 @@ unsigned CTransferBuffer::WriterLoop()
     catch (...)
     {
         m_bRefuseAfter.store(true, std::memory_order_release);
-        return 1;
+        return;
     }
-    const HANDLE events[] = {m_hevStop.get(), m_hevData.get()};
+    const HANDLE events[] = {stop, m_hevData.get()};
     for (;;)
     {
         if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0 + 1)
-            return 0;
+            return;
         // One wake-up drains the whole queue, so a burst costs one kernel wait, not one a piece.
         BOOL last = FALSE;
         while (!last)
         {
             if (m_bStop.load(std::memory_order_acquire))
-                return 0;
+                return;
             uint64_t size = 0;
             bool have = false;
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwQueue);
                 const uint8_t* piece = m_pList->Take(&size, TRUE);
                 if (piece)
                 {
@@ -148,7 +112,7 @@ unsigned CTransferBuffer::WriterLoop()
                             // Without room for a piece this writer cannot go on; writes are
                             // refused from now on instead of piling up.
                             m_bRefuseAfter.store(true, std::memory_order_release);
-                            return 1;
+                            return;
                         }
                     }
                     std::memcpy(copy.data(), piece, static_cast<size_t>(size));
@@ -164,21 +128,12 @@ unsigned CTransferBuffer::WriterLoop()
             }
             if (have && size > 0 && !m_bStop.load(std::memory_order_acquire))
             {
-                try
-                {
-                    Transfer(copy.data(), size, last);
-                }
-                catch (daxlib::CDaxException* e)
-                {
-                    delete e;
-                }
-                catch (...)
-                {
-                }
+                daxlib::GuardedCall(nullptr, L"CTransferBuffer::WriterLoop",
+                                    [&] { Transfer(copy.data(), size, last); });
             }
             if (have)
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwQueue);
                 m_bBusy = false;
             }
         }

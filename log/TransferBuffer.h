@@ -2,8 +2,9 @@
 // A byte queue with one writer thread: callers append pieces and return at once; the writer
 // thread hands the pieces, in order, to Transfer() of the derived class.
 #include "common/UniqueHandle.h"
+#include "common/WorkerThread.h"
 #include "log/BuffersList.h"
-#include "log/SrwMutex.h"
+#include "common/Locks.h"
 
 #include <atomic>
 #include <cstdint>
@@ -14,7 +15,7 @@ class CTransferBuffer
 public:
     static constexpr uint64_t kBlockSize = 32767;
 
-    // Throws daxlib::CDaxException* when an event, the list or the writer thread cannot be had.
+    // Throws daxlib::CDaxException* when the event, the list or the writer thread cannot be had.
     CTransferBuffer();
     // A derived class must call Close() in its own destructor, while Transfer() still works.
     virtual ~CTransferBuffer();
@@ -31,20 +32,18 @@ public:
     void Close(BOOL immediate);
 
 private:
-    static unsigned __stdcall WriterThread(void* context);
-    unsigned WriterLoop();
+    void WriterLoop(HANDLE stop);
     bool Drained() const;
 
     std::unique_ptr<CBuffersList> m_pList;
-    mutable CSrwMutex m_mutex;
+    mutable daxlib::srw_lock m_srwQueue;
     bool m_bBusy = false;          // the writer holds a piece that has not reached Transfer() yet
     bool m_bDataSignalled = false; // data-available is set; set once per burst, not per piece
     daxlib::unique_handle m_hevData;
-    daxlib::unique_handle m_hevStop;
     // The refusals and the stop request are also kept as flags: a write must not pay for a
     // kernel wait just to learn that nothing has changed.
     std::atomic<bool> m_bRefuseNow{false};   // Close(immediate)
     std::atomic<bool> m_bRefuseAfter{false}; // the writer thread has ended
     std::atomic<bool> m_bStop{false};
-    daxlib::unique_handle m_hThread;
+    daxlib::CWorkerThread m_writer; // last: ends before the queue it drains
 };

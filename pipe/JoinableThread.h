@@ -83,7 +83,7 @@ public:
 
     ~CJoinableThread() override
     {
-        if (m_state.load() == eStateRunning)
+        if (m_dwState.load() == eStateRunning)
             CJoinableThread::Stop();
         Wait();
     }
@@ -91,12 +91,15 @@ public:
     CJoinableThread(const CJoinableThread&) = delete;
     CJoinableThread& operator=(const CJoinableThread&) = delete;
 
-    bool IsRunning() const override { return m_state.load() == eStateRunning && m_hThread.load() != nullptr; }
+    bool IsRunning() const override
+    {
+        return m_dwState.load() == eStateRunning && m_hThread.load() != nullptr;
+    }
 
     int Start() override
     {
         uint32_t expected = eStateStopped;
-        if (!m_state.compare_exchange_strong(expected, eStateStarting))
+        if (!m_dwState.compare_exchange_strong(expected, eStateStarting))
             return 0;
         if (m_pStopAwareTask && !m_hevStop)
         {
@@ -105,7 +108,7 @@ public:
             {
                 Log(LogLevel::Error, L"CJoinableThread<int>::Start: (114)",
                     L"Failed to create 'stop' event: GLE = %d", static_cast<int>(::GetLastError()));
-                m_state = eStateStopped;
+                m_dwState = eStateStopped;
                 return 0;
             }
         }
@@ -119,27 +122,28 @@ public:
                 L"Unable to create thread: _beginthreadex() failed. GLE = %d",
                 static_cast<int>(::GetLastError()));
             m_bRunning = false;
-            m_state = eStateStopped;
+            m_dwState = eStateStopped;
             return 0;
         }
         m_dwThreadId = threadId;
         m_hThread = reinterpret_cast<HANDLE>(thread);
         Log(LogLevel::Trace, L"CJoinableThread<int>::Start: (130)", L"New thread has been created. TID: %d",
             static_cast<int>(threadId));
-        m_state = eStateRunning;
+        m_dwState = eStateRunning;
         return 1;
     }
 
     int Stop() override
     {
         uint32_t expected = eStateRunning;
-        if (m_state.load() != eStateReserved && !m_state.compare_exchange_strong(expected, eStateStopping))
+        if (m_dwState.load() != eStateReserved &&
+            !m_dwState.compare_exchange_strong(expected, eStateStopping))
             return 0;
         Wait();
         expected = eStateStopping;
-        m_state.compare_exchange_strong(expected, eStateStopped);
-        if (m_state.load() == eStateReserved)
-            m_state = eStateStopped;
+        m_dwState.compare_exchange_strong(expected, eStateStopped);
+        if (m_dwState.load() == eStateReserved)
+            m_dwState = eStateStopped;
         return 1;
     }
 
@@ -162,7 +166,7 @@ public:
     }
 
     int GetResult() const { return m_nResult.load(); }
-    uint32_t GetState() const { return m_state.load(); }
+    uint32_t GetState() const { return m_dwState.load(); }
     DWORD GetThreadId() const { return m_dwThreadId.load(); }
 
 protected:
@@ -208,5 +212,5 @@ private:
     std::atomic<DWORD> m_dwThreadId{0};
     std::atomic<int> m_nResult{0};
     std::atomic<bool> m_bRunning{false};
-    std::atomic<uint32_t> m_state{eStateStopped};
+    std::atomic<uint32_t> m_dwState{eStateStopped};
 };

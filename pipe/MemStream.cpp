@@ -29,15 +29,15 @@ uint32_t CMemStream::Write(const void* data, size_t length)
     std::lock_guard lock(m_mutex);
     while (length > 0)
     {
-        if (m_writePos == kPageSize)
+        if (m_nWritePos == kPageSize)
         {
             m_pages.push_back(NewPage());
-            m_writePos = 0;
+            m_nWritePos = 0;
         }
-        const size_t chunk = std::min(length, kPageSize - m_writePos);
-        std::memcpy(m_pages.back().get() + m_writePos, bytes, chunk);
-        m_writePos += chunk;
-        m_size += chunk;
+        const size_t chunk = std::min(length, kPageSize - m_nWritePos);
+        std::memcpy(m_pages.back().get() + m_nWritePos, bytes, chunk);
+        m_nWritePos += chunk;
+        m_nSize += chunk;
         bytes += chunk;
         length -= chunk;
     }
@@ -47,26 +47,26 @@ uint32_t CMemStream::Write(const void* data, size_t length)
 bool CMemStream::Read(void* out, size_t length)
 {
     std::lock_guard lock(m_mutex);
-    if (length > m_size)
+    if (length > m_nSize)
         return false;
     auto* target = static_cast<unsigned char*>(out);
     while (length > 0)
     {
-        const size_t end = m_pages.size() == 1 ? m_writePos : kPageSize;
-        const size_t chunk = std::min(length, end - m_readPos);
-        std::memcpy(target, m_pages.front().get() + m_readPos, chunk);
-        m_readPos += chunk;
-        m_size -= chunk;
+        const size_t end = m_pages.size() == 1 ? m_nWritePos : kPageSize;
+        const size_t chunk = std::min(length, end - m_nReadPos);
+        std::memcpy(target, m_pages.front().get() + m_nReadPos, chunk);
+        m_nReadPos += chunk;
+        m_nSize -= chunk;
         target += chunk;
         length -= chunk;
-        if (m_readPos == kPageSize)
+        if (m_nReadPos == kPageSize)
             ReleaseFrontPage();
     }
-    if (m_size == 0 && m_pages.size() == 1)
+    if (m_nSize == 0 && m_pages.size() == 1)
     {
         // Everything read: start the one page over instead of allocating a new one.
-        m_readPos = 0;
-        m_writePos = 0;
+        m_nReadPos = 0;
+        m_nWritePos = 0;
     }
     return true;
 }
@@ -75,23 +75,23 @@ void CMemStream::ReleaseFrontPage()
 {
     if (m_pages.size() == 1)
     {
-        if (m_writePos == kPageSize)
+        if (m_nWritePos == kPageSize)
         {
             // The full last page is done: keep it as the fresh write page.
-            m_readPos = 0;
-            m_writePos = 0;
+            m_nReadPos = 0;
+            m_nWritePos = 0;
             return;
         }
         throw std::runtime_error("page is writable");
     }
     m_pages.pop_front();
-    m_readPos = 0;
+    m_nReadPos = 0;
 }
 
 size_t CMemStream::Size() const
 {
     std::lock_guard lock(m_mutex);
-    return m_size;
+    return m_nSize;
 }
 
 size_t CMemStream::PageCount() const

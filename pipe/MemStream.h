@@ -30,7 +30,7 @@ private:
 
     mutable std::mutex m_mutex;
     std::list<Page> m_pages;
-    size_t m_writePos = 0; // in the last page
-    size_t m_readPos = 0;  // in the first page
-    size_t m_size = 0;
+    size_t m_nWritePos = 0; // in the last page
+    size_t m_nReadPos = 0;  // in the first page
+    size_t m_nSize = 0;
 };

@@ -1,6 +1,8 @@
 #include "pipe/NamedPipeClient.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
+#include "common/PipeNames.h"
 #include "pipe/ThreadPool.h"
 #include "pipe/attributes.h"
 
@@ -11,7 +13,7 @@
 
 CNamedPipeClientStream::CNamedPipeClientStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe,
                                                void* context, std::weak_ptr<CNamedPipeClient> client)
-    : CNamedPipeStream(std::move(logger), std::move(pipe), context), m_client(std::move(client))
+    : CNamedPipeStream(std::move(logger), std::move(pipe), context), m_pClient(std::move(client))
 {
 }
 
@@ -49,7 +51,7 @@ void CNamedPipeClientStream::OnReadLoopEnded()
     Disconnect();
     if (m_bDisconnectNotified.exchange(true))
         return;
-    auto client = m_client;
+    auto client = m_pClient;
     auto pool = GetThreadPool();
     if (client.expired() || !pool)
         return;
@@ -68,7 +70,7 @@ void CNamedPipeClientStream::OnReadLoopEnded()
 CNamedPipeClient::CNamedPipeClient(const std::wstring& name, std::shared_ptr<CDaxSecattr> securityAttributes,
                                    std::shared_ptr<ICvLogger> logger)
     : CBaseLogger(std::move(logger)), m_pSecurityAttributes(std::move(securityAttributes)),
-      m_strPipeName(L"\\\\.\\pipe\\" + name)
+      m_strPipeName(daxlib::PipePath(name))
 {
     Log(LogLevel::Debug, L"CNamedPipeClient::CNamedPipeClient: (40)", L"constructor start...");
     Log(LogLevel::Debug, L"CNamedPipeClient::CNamedPipeClient: (45)", L"constructor end.");
@@ -84,7 +86,7 @@ CNamedPipeClient::~CNamedPipeClient()
 void CNamedPipeClient::SetCallbacks(std::shared_ptr<PipeClientCallback> onConnected,
                                     std::shared_ptr<PipeClientCallback> onDisconnected)
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLock);
     m_pOnConnected = std::move(onConnected);
     m_pOnDisconnected = std::move(onDisconnected);
 }
@@ -92,7 +94,7 @@ void CNamedPipeClient::SetCallbacks(std::shared_ptr<PipeClientCallback> onConnec
 BOOL CNamedPipeClient::CreateConnectTimer()
 {
     auto pool = GetThreadPool();
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLock);
     if (!m_ptpTimer)
     {
         m_ptpTimer.reset(::CreateThreadpoolTimer(&CNamedPipeClient::TimerConnectCallback, this,
@@ -132,7 +134,7 @@ void CALLBACK CNamedPipeClient::TimerConnectCallback(PTP_CALLBACK_INSTANCE, PVOI
             {
                 self->Log(LogLevel::Debug, L"CNamedPipeClient::TimerConnectCallback: (178)",
                           L"Shedule next connection...");
-                std::lock_guard lock(self->m_mutex);
+                std::lock_guard lock(self->m_srwLock);
                 if (self->m_ptpTimer && !self->m_bStop.load())
                     self->ArmTimer();
             }
@@ -205,9 +207,9 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         auto owned = std::make_shared<daxlib::unique_hfile>(pipe);
         Log(LogLevel::Debug, L"CNamedPipeClient::Connect: (258)",
             L"Opened the client end of a named pipe <attempts: %d>. Call InitConnection(hPipe = 0x%p)...",
-            static_cast<int>(m_dwAttempts.load()), static_cast<void*>(pipe));
+            static_cast<int>(m_dwAttempts.load()), daxlib::Addr(pipe));
         {
-            std::lock_guard lock(m_mutex);
+            std::lock_guard lock(m_srwLock);
             m_pOpening = owned;
         }
         owned.reset();
@@ -221,7 +223,7 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         if (submitted)
             connected = result.get();
         {
-            std::lock_guard lock(m_mutex);
+            std::lock_guard lock(m_srwLock);
             m_pOpening.reset(); // closes the handle unless the stream took it
         }
         if (!connected)
@@ -238,7 +240,7 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         LogStdException(LogLevel::Error, L"CNamedPipeClient::Connect: (276)", e);
     }
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         m_pOpening.reset();
     }
     ::SetLastError(ERROR_PIPE_NOT_CONNECTED);
@@ -247,40 +249,32 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
 
 int CNamedPipeClient::InitConnection(void* pipe)
 {
-    try
-    {
-        SharedPipeHandle handle;
-        std::shared_ptr<PipeClientCallback> onConnected;
-        {
-            std::lock_guard lock(m_mutex);
-            if (!m_pOpening || m_pOpening->get() != pipe)
-                return 0;
-            handle = std::move(m_pOpening);
-            onConnected = m_pOnConnected;
-        }
-        auto stream = std::make_shared<CNamedPipeClientStream>(m_pLogger, handle, nullptr, weak_from_this());
-        {
-            std::lock_guard lock(m_mutex);
-            m_pStream = stream;
-        }
-        if (!stream->Start(onConnected))
-        {
-            std::lock_guard lock(m_mutex);
-            m_pStream.reset();
-            return 0;
-        }
-        return 1;
-    }
-    catch (daxlib::CDaxException* raw)
-    {
-        daxlib::DaxExceptionPtr e(raw);
-        LogDaxException(LogLevel::Error, L"CNamedPipeClient::InitConnection: (325)", *e);
-    }
-    catch (const std::exception& e)
-    {
-        LogStdException(LogLevel::Error, L"CNamedPipeClient::InitConnection: (331)", e);
-    }
-    return 0;
+    return daxlib::GuardedValue(this, L"CNamedPipeClient::InitConnection: (325)", 0,
+                                [&]() -> int
+                                {
+                                    SharedPipeHandle handle;
+                                    std::shared_ptr<PipeClientCallback> onConnected;
+                                    {
+                                        std::lock_guard lock(m_srwLock);
+                                        if (!m_pOpening || m_pOpening->get() != pipe)
+                                            return 0;
+                                        handle = std::move(m_pOpening);
+                                        onConnected = m_pOnConnected;
+                                    }
+                                    auto stream = std::make_shared<CNamedPipeClientStream>(
+                                        m_pLogger, handle, nullptr, weak_from_this());
+                                    {
+                                        std::lock_guard lock(m_srwLock);
+                                        m_pStream = stream;
+                                    }
+                                    if (!stream->Start(onConnected))
+                                    {
+                                        std::lock_guard lock(m_srwLock);
+                                        m_pStream.reset();
+                                        return 0;
+                                    }
+                                    return 1;
+                                });
 }
 
 void CNamedPipeClient::OnClientDisconnected(void* pipe)
@@ -290,7 +284,7 @@ void CNamedPipeClient::OnClientDisconnected(void* pipe)
     std::shared_ptr<CNamedPipeClientStream> stream;
     std::shared_ptr<PipeClientCallback> onDisconnected;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         if (m_pStream && m_pStream->GetHandle() == pipe)
             stream = std::move(m_pStream);
         onDisconnected = m_pOnDisconnected;
@@ -303,19 +297,16 @@ void CNamedPipeClient::OnClientDisconnected(void* pipe)
 void CNamedPipeClient::Close()
 {
     m_bStop = 1;
-    PTP_TIMER timer = nullptr;
+    daxlib::unique_tp_timer timer;
     {
-        std::lock_guard lock(m_mutex);
-        timer = m_ptpTimer.get();
-        if (timer)
-            ::SetThreadpoolTimer(timer, nullptr, 0, 0);
+        std::lock_guard lock(m_srwLock);
+        timer = std::move(m_ptpTimer);
     }
-    if (timer)
-        ::WaitForThreadpoolTimerCallbacks(timer, FALSE);
+    // Closed outside the lock: closing waits for a running retry, which takes it.
+    timer.reset();
     std::shared_ptr<CNamedPipeClientStream> stream;
     {
-        std::lock_guard lock(m_mutex);
-        m_ptpTimer.reset();
+        std::lock_guard lock(m_srwLock);
         stream = std::move(m_pStream);
     }
     stream.reset();
@@ -323,6 +314,6 @@ void CNamedPipeClient::Close()
 
 std::shared_ptr<CNamedPipeClientStream> CNamedPipeClient::GetStream() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLock);
     return m_pStream;
 }

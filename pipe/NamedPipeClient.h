@@ -32,7 +32,7 @@ protected:
     void OnReadLoopEnded() override;
 
 private:
-    std::weak_ptr<CNamedPipeClient> m_client;
+    std::weak_ptr<CNamedPipeClient> m_pClient;
     std::atomic<bool> m_bDisconnectNotified{false};
 };
 
@@ -73,7 +73,7 @@ private:
 
     std::shared_ptr<CDaxSecattr> m_pSecurityAttributes;
     std::wstring m_strPipeName;
-    mutable daxlib::srw_lock m_mutex;
+    mutable daxlib::srw_lock m_srwLock;
     std::shared_ptr<CNamedPipeClientStream> m_pStream;
     SharedPipeHandle m_pOpening; // the handle between CreateFileW and InitConnection
     daxlib::unique_tp_timer m_ptpTimer;

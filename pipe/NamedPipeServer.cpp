@@ -1,6 +1,8 @@
 #include "pipe/NamedPipeServer.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
+#include "common/PipeNames.h"
 #include "pipe/ThreadPool.h"
 #include "pipe/attributes.h"
 
@@ -24,19 +26,19 @@ CNamedPipeServerStream::~CNamedPipeServerStream()
 
 void CNamedPipeServerStream::SetOwnerData(std::weak_ptr<void> data)
 {
-    std::lock_guard lock(m_ownerMutex);
-    m_ownerData = std::move(data);
+    std::lock_guard lock(m_srwOwner);
+    m_pOwnerData = std::move(data);
 }
 
 std::shared_ptr<void> CNamedPipeServerStream::GetOwnerData() const
 {
-    std::lock_guard lock(m_ownerMutex);
-    return m_ownerData.lock();
+    std::lock_guard lock(m_srwOwner);
+    return m_pOwnerData.lock();
 }
 
 void CNamedPipeServerStream::ReleaseAcceptUnit()
 {
-    if (auto semaphore = m_acceptSemaphore.lock())
+    if (auto semaphore = m_pAcceptSemaphore.lock())
         ::ReleaseSemaphore(semaphore->get(), 1, nullptr);
 }
 
@@ -67,7 +69,7 @@ BOOL CNamedPipeServerStream::ConnectAsync()
             Log(LogLevel::Debug, L"CNamedPipeServerStream::ConnectAsync: (92)",
                 L"ConnectNamedPipe(ov = 0x%p)...ERROR_IO_PENDING. ThreadPoolIo stops... Cancel request p: "
                 L"0x%p",
-                static_cast<void*>(&request->overlapped), static_cast<void*>(request.get()));
+                daxlib::Addr(&request->overlapped), daxlib::Addr(request.get()));
             GetIo()->Cancel(request, FALSE);
             SetPipeConnectionState(ePipeConnectionState_ConnectionError);
             ::SetLastError(ERROR_OPERATION_ABORTED);
@@ -181,14 +183,14 @@ void CNamedPipeServerStream::Disconnect()
 void CNamedPipeServerStream::Close()
 {
     WaitForIoCallbacks();
-    std::lock_guard lock(m_ownerMutex);
-    m_server.reset();
+    std::lock_guard lock(m_srwOwner);
+    m_pServer.reset();
 }
 
 std::weak_ptr<CNamedPipeServer> CNamedPipeServerStream::GetServerLink() const
 {
-    std::lock_guard lock(m_ownerMutex);
-    return m_server;
+    std::lock_guard lock(m_srwOwner);
+    return m_pServer;
 }
 
 // ---- CNamedPipeServer ----
@@ -198,7 +200,7 @@ CNamedPipeServer::CNamedPipeServer(const std::wstring& name, uint32_t maxInstanc
                                    std::shared_ptr<ICvLogger> logger)
     : CBaseLogger(std::move(logger)), m_pSecurityAttributes(std::move(securityAttributes)),
       m_dwMaxInstances(maxInstances), m_dwAccepts(pipe_states::ClampAccepts(accepts)),
-      m_strPipeName(L"\\\\.\\pipe\\" + name)
+      m_strPipeName(daxlib::PipePath(name))
 {
     Log(LogLevel::Debug, L"CNamedPipeServer::CNamedPipeServer: (50)", L"constructor start (accepts: %d)...",
         static_cast<int>(accepts));
@@ -211,7 +213,7 @@ CNamedPipeServer::~CNamedPipeServer()
     EndWaitForConnection();
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> connections;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         connections.swap(m_connectionList);
     }
     for (auto& [pipe, stream] : connections)
@@ -221,7 +223,7 @@ CNamedPipeServer::~CNamedPipeServer()
 
 std::shared_ptr<CNamedPipeServer> CNamedPipeServer::Self()
 {
-    if (auto self = m_self.lock())
+    if (auto self = m_pSelf.lock())
         return self;
     return weak_from_this().lock();
 }
@@ -232,10 +234,10 @@ BOOL CNamedPipeServer::BeginWaitForConnection(std::shared_ptr<PipeConnectionCall
 {
     Log(LogLevel::Debug, L"CNamedPipeServer::BeginWaitForConnection: (83)", L" (accepts: %d)...",
         static_cast<int>(m_dwAccepts));
-    if (m_self.expired())
-        m_self = weak_from_this();
+    if (m_pSelf.expired())
+        m_pSelf = weak_from_this();
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         m_pOnConnected = std::move(onConnected);
         m_pOnDisconnected = std::move(onDisconnected);
         m_pContext = context;
@@ -302,76 +304,69 @@ int CNamedPipeServer::AcceptThread(void* stopEvent, void*)
 
 BOOL CNamedPipeServer::WaitForConnection()
 {
-    try
-    {
-        SECURITY_ATTRIBUTES* attributes = CDaxSecattr::Get(m_pSecurityAttributes.get());
-        // Holding no instance, the server may be about to join a pipe that another process made
-        // under its name, which would hand that process the clients: the first instance must be
-        // a new pipe.
-        bool first = false;
+    return daxlib::GuardedValue(
+        this, L"CNamedPipeServer::WaitForConnection: (218)", FALSE,
+        [&]() -> BOOL
         {
-            std::lock_guard lock(m_mutex);
-            first = m_acceptList.empty() && m_connectionList.empty();
-        }
-        auto pipe = std::make_shared<daxlib::unique_hfile>(pipe_instance::Create(
-            m_createInstance, m_strPipeName, first,
-            {m_dwMaxInstances, m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs}, attributes));
-        const DWORD createError = *pipe ? ERROR_SUCCESS : ::GetLastError();
-        if (pipe_instance::NameTaken(first, createError))
-        {
-            if (!std::exchange(m_bNameTaken, true))
-                Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (186)",
-                    L"The pipe %s exists already and was not created by this server: not serving it; "
-                    L"trying again every %u ms. GLE = %d",
-                    m_strPipeName.c_str(), static_cast<unsigned>(kNameRetryMs), static_cast<int>(createError));
-            ::SetLastError(createError);
+            SECURITY_ATTRIBUTES* attributes = CDaxSecattr::Get(m_pSecurityAttributes.get());
+            // Holding no instance, the server may be about to join a pipe that another process made
+            // under its name, which would hand that process the clients: the first instance must be
+            // a new pipe.
+            bool first = false;
+            {
+                std::lock_guard lock(m_srwLists);
+                first = m_acceptList.empty() && m_connectionList.empty();
+            }
+            auto pipe = std::make_shared<daxlib::unique_hfile>(pipe_instance::Create(
+                m_createInstance, m_strPipeName, first,
+                {m_dwMaxInstances, m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs}, attributes));
+            const DWORD createError = *pipe ? ERROR_SUCCESS : ::GetLastError();
+            if (pipe_instance::NameTaken(first, createError))
+            {
+                if (!std::exchange(m_bNameTaken, true))
+                    Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (186)",
+                        L"The pipe %s exists already and was not created by this server: not serving it; "
+                        L"trying again every %u ms. GLE = %d",
+                        m_strPipeName.c_str(), static_cast<unsigned>(kNameRetryMs),
+                        static_cast<int>(createError));
+                ::SetLastError(createError);
+                return FALSE;
+            }
+            if (*pipe && std::exchange(m_bNameTaken, false))
+                Log(LogLevel::Info, L"CNamedPipeServer::WaitForConnection: (188)",
+                    L"The pipe %s is this server's now: serving it", m_strPipeName.c_str());
+            if (!*pipe)
+            {
+                ::SetLastError(createError);
+                // As built, the unit is not given back: each creation failure leaves one waiting
+                // instance fewer.
+                Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (190)",
+                    L"Unable to create Named Pipe instance: GLE = %d", static_cast<int>(::GetLastError()));
+                return FALSE;
+            }
+            const HANDLE handle = pipe->get();
+            auto stream = std::make_shared<CNamedPipeServerStream>(m_pLogger, std::move(pipe), m_pContext);
+            {
+                std::lock_guard lock(stream->m_srwOwner);
+                stream->m_pServer = Self();
+            }
+            stream->m_pAcceptSemaphore = m_pAcceptSemaphore;
+            {
+                std::lock_guard lock(m_srwLists);
+                m_acceptList[handle] = stream;
+            }
+            if (stream->ConnectAsync())
+                return TRUE;
+            Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)",
+                L"Failed to connect pipe <hPipe = 0x%p>", daxlib::Addr(handle));
+            {
+                std::lock_guard lock(m_srwLists);
+                m_acceptList.erase(handle);
+            }
+            CloseStream(stream);
+            ::ReleaseSemaphore(m_pAcceptSemaphore->get(), 1, nullptr);
             return FALSE;
-        }
-        if (*pipe && std::exchange(m_bNameTaken, false))
-            Log(LogLevel::Info, L"CNamedPipeServer::WaitForConnection: (188)",
-                L"The pipe %s is this server's now: serving it", m_strPipeName.c_str());
-        if (!*pipe)
-        {
-            ::SetLastError(createError);
-            // As built, the unit is not given back: each creation failure leaves one waiting
-            // instance fewer.
-            Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (190)",
-                L"Unable to create Named Pipe instance: GLE = %d", static_cast<int>(::GetLastError()));
-            return FALSE;
-        }
-        const HANDLE handle = pipe->get();
-        auto stream = std::make_shared<CNamedPipeServerStream>(m_pLogger, std::move(pipe), m_pContext);
-        {
-            std::lock_guard lock(stream->m_ownerMutex);
-            stream->m_server = Self();
-        }
-        stream->m_acceptSemaphore = m_pAcceptSemaphore;
-        {
-            std::lock_guard lock(m_mutex);
-            m_acceptList[handle] = stream;
-        }
-        if (stream->ConnectAsync())
-            return TRUE;
-        Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)",
-            L"Failed to connect pipe <hPipe = 0x%p>", static_cast<void*>(handle));
-        {
-            std::lock_guard lock(m_mutex);
-            m_acceptList.erase(handle);
-        }
-        CloseStream(stream);
-        ::ReleaseSemaphore(m_pAcceptSemaphore->get(), 1, nullptr);
-        return FALSE;
-    }
-    catch (daxlib::CDaxException* raw)
-    {
-        daxlib::DaxExceptionPtr e(raw);
-        LogDaxException(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (218)", *e);
-    }
-    catch (const std::exception& e)
-    {
-        LogStdException(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (222)", e);
-    }
-    return FALSE;
+        });
 }
 
 int CNamedPipeServer::OnClientConnected(void* pipe)
@@ -382,7 +377,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
     std::shared_ptr<PipeConnectionCallback> onConnected;
     void* context = nullptr;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
         if (it == m_acceptList.end())
         {
@@ -401,7 +396,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
         Log(LogLevel::Error, L"CNamedPipeServer::OnClientConnected: (256)",
             L"Failed to start asynchronous read operation <hPipe = 0x%p>. Close pipe instance...", pipe);
         {
-            std::lock_guard lock(m_mutex);
+            std::lock_guard lock(m_srwLists);
             m_connectionList.erase(static_cast<HANDLE>(pipe));
         }
         stream->Disconnect();
@@ -412,7 +407,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
         onConnected->Invoke(pipe, 0, context);
     bool deferred = false;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         stream->m_bConnectReported = true;
         deferred = stream->m_bDisconnectDeferred;
     }
@@ -429,7 +424,7 @@ void CNamedPipeServer::OnClientDisconnected(void* pipe)
     std::shared_ptr<PipeConnectionCallback> onDisconnected;
     void* context = nullptr;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         auto it = m_connectionList.find(static_cast<HANDLE>(pipe));
         if (it == m_connectionList.end())
         {
@@ -457,7 +452,7 @@ void CNamedPipeServer::OnConnectFailed(void* pipe, const void* identity)
 {
     std::shared_ptr<CNamedPipeServerStream> stream;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
         // The handle value may belong to a newer instance by now.
         if (it == m_acceptList.end() || it->second.get() != identity)
@@ -476,7 +471,7 @@ void CNamedPipeServer::CloseStream(const std::shared_ptr<CNamedPipeServerStream>
 
 std::shared_ptr<CNamedPipeServerStream> CNamedPipeServer::AttachStream(void* pipe, uint64_t channelId)
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     auto it = m_connectionList.find(static_cast<HANDLE>(pipe));
     if (it == m_connectionList.end())
     {
@@ -490,7 +485,7 @@ std::shared_ptr<CNamedPipeServerStream> CNamedPipeServer::AttachStream(void* pip
 void CNamedPipeServer::ResetCallback()
 {
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         m_pOnConnected.reset();
         m_pOnDisconnected.reset();
         m_pContext = nullptr;
@@ -506,7 +501,7 @@ void CNamedPipeServer::EndWaitForConnection()
         m_pAcceptThread->Stop();
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> waiting;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLists);
         waiting.swap(m_acceptList);
     }
     for (auto& [pipe, stream] : waiting)
@@ -516,12 +511,12 @@ void CNamedPipeServer::EndWaitForConnection()
 
 size_t CNamedPipeServer::AcceptCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_acceptList.size();
 }
 
 size_t CNamedPipeServer::ConnectionCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLists);
     return m_connectionList.size();
 }

@@ -44,8 +44,8 @@ public:
 
     uint32_t GetClientProcessId() const { return m_dwClientProcessId; }
     uint32_t GetClientSessionId() const { return m_dwClientSessionId; }
-    uint64_t GetChannelId() const { return m_channelId.load(); }
-    void SetChannelId(uint64_t channelId) { m_channelId = channelId; }
+    uint64_t GetChannelId() const { return m_qwChannelId.load(); }
+    void SetChannelId(uint64_t channelId) { m_qwChannelId = channelId; }
     // The owner's object for this connection (held weakly).
     void SetOwnerData(std::weak_ptr<void> data);
     std::shared_ptr<void> GetOwnerData() const;
@@ -61,12 +61,12 @@ private:
 
     std::atomic<uint32_t> m_dwClientProcessId{0};
     std::atomic<uint32_t> m_dwClientSessionId{0};
-    mutable daxlib::srw_lock m_ownerMutex;
-    std::weak_ptr<void> m_ownerData;
-    std::weak_ptr<CNamedPipeServer> m_server;
-    std::weak_ptr<daxlib::unique_handle> m_acceptSemaphore;
+    mutable daxlib::srw_lock m_srwOwner;
+    std::weak_ptr<void> m_pOwnerData;
+    std::weak_ptr<CNamedPipeServer> m_pServer;
+    std::weak_ptr<daxlib::unique_handle> m_pAcceptSemaphore;
     std::atomic<bool> m_bDisconnectNotified{false};
-    std::atomic<uint64_t> m_channelId{0};
+    std::atomic<uint64_t> m_qwChannelId{0};
     // Guarded by the server mutex: a disconnect that overtakes the connect report waits for it.
     bool m_bConnectReported = false;
     bool m_bDisconnectDeferred = false;
@@ -90,7 +90,7 @@ public:
 
     // The owner hands the server its own shared reference (needed before BeginWaitForConnection
     // when the server is not owned through std::shared_ptr's enable_shared_from_this).
-    void SetSelf(const std::shared_ptr<CNamedPipeServer>& self) { m_self = self; }
+    void SetSelf(const std::shared_ptr<CNamedPipeServer>& self) { m_pSelf = self; }
 
     BOOL BeginWaitForConnection(std::shared_ptr<PipeConnectionCallback> onConnected,
                                 std::shared_ptr<PipeConnectionCallback> onDisconnected, void* context);
@@ -128,13 +128,13 @@ private:
     std::wstring m_strPipeName;
     std::shared_ptr<daxlib::unique_handle> m_pAcceptSemaphore;
     std::unique_ptr<CJoinableThread<int>> m_pAcceptThread;
-    mutable daxlib::srw_lock m_mutex;
+    mutable daxlib::srw_lock m_srwLists;
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> m_acceptList;
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> m_connectionList;
     std::shared_ptr<PipeConnectionCallback> m_pOnConnected;
     std::shared_ptr<PipeConnectionCallback> m_pOnDisconnected;
     void* m_pContext = nullptr;
-    std::weak_ptr<CNamedPipeServer> m_self;
+    std::weak_ptr<CNamedPipeServer> m_pSelf;
     std::atomic<bool> m_bStopping{false};
     PipeInstanceCreator m_createInstance;
     // Accept thread only: the last creation found the name held by another process.

@@ -6,7 +6,7 @@
 #include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "pipe/CallbackHolder.h"
-#include "pipe/MemStream.h"
+#include "pipe/PendingReads.h"
 #include "pipe/PipeStates.h"
 #include "pipe/ThreadPoolIo.h"
 
@@ -14,7 +14,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <list>
 #include <map>
 #include <memory>
@@ -129,7 +128,7 @@ public:
 
     size_t PendingReadCount() const;
     size_t OutstandingWriteCount() const;
-    size_t BufferedBytes() const { return m_memStream.Size(); }
+    size_t BufferedBytes() const { return m_reads.BufferedBytes(); }
 
 protected:
     int IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::Request& request, unsigned long long bytes,
@@ -144,38 +143,62 @@ protected:
     virtual void OnReadLoopEnded() {}
 
 private:
+    using Request = std::shared_ptr<PIPE_IO_REQUEST>;
+
     BOOL EndRead(unsigned long ioResult);
     int ProcessReadCallback(int64_t requestId);
     int ProcessWriteCallback(int64_t requestId);
     void ProcessQueueReadRequest(unsigned long ioResult);
     int ProcessCallback(int64_t requestId, bool read);
-    template <typename R, typename P> BOOL SubmitSelf(R (CNamedPipeStream::*method)(P), P argument);
+    BOOL SubmitQueueReadRequest(unsigned long ioResult);
+    BOOL SubmitCallback(int64_t requestId, bool read);
+
+    // The kinds of completion, each the only way out for its kind and each marking the request
+    // completed (CompleteIoRequest).
+    bool ClaimCompletion(const Request& request);
+    BOOL FinishDetached(const Request& request, uint32_t ioStatus);
+    BOOL FinishInInvalidState(const Request& request, uint32_t state, uint32_t ioStatus);
+    BOOL FinishCanceled(const Request& request);
+    BOOL WakeBlockedWriter(const Request& request, PIPE_OVERLAPPED* record, uint32_t ioStatus);
+    BOOL HandToCallback(const Request& request, PIPE_OVERLAPPED* record,
+                        std::unique_lock<daxlib::srw_lock>& recordLock);
+    BOOL FinishUnobserved(const Request& request);
+
+    // A record about a request: the format's first conversion is the request's address
+    // ("Pipe_IO: 0x%p").
+    template <class... Args>
+    void LogIo(uint32_t level, const wchar_t* origin, const Request& request, const wchar_t* format,
+               Args... args) const
+    {
+        Log(level, origin, format, static_cast<const void*>(request.get()), args...);
+    }
 
     std::shared_ptr<PipeThreadPoolIo> m_pIo;
     SharedPipeHandle m_pPipe;
     HANDLE m_hPipe;
     void* m_pContext;
 
-    mutable daxlib::srw_lock m_stateMutex;
-    uint32_t m_state = ePipeConnectionState_WaitConnection;
+    // Lock order: m_srwReadQueue, then m_srwRecord, then m_srwState or one of the callback
+    // maps' locks. m_srwWriteList is taken alone. Nothing else is held while the owner's
+    // callbacks run or while a thread-pool I/O is waited for.
+    mutable daxlib::srw_lock m_srwState;
+    uint32_t m_dwState = ePipeConnectionState_WaitConnection;
 
-    mutable daxlib::srw_lock m_writeListMutex;
-    std::list<std::shared_ptr<PIPE_IO_REQUEST>> m_writeRequests;
-    daxlib::srw_lock m_writeMapMutex;
-    std::map<int64_t, std::shared_ptr<PIPE_IO_REQUEST>> m_writeCallbacks;
-    daxlib::srw_lock m_readMapMutex;
-    std::map<int64_t, std::shared_ptr<PIPE_IO_REQUEST>> m_readCallbacks;
+    mutable daxlib::srw_lock m_srwWriteList;
+    std::list<Request> m_writeRequests;
+    daxlib::srw_lock m_srwWriteMap;
+    std::map<int64_t, Request> m_writeCallbacks;
+    daxlib::srw_lock m_srwReadMap;
+    std::map<int64_t, Request> m_readCallbacks;
 
-    mutable daxlib::srw_lock m_readQueueMutex;
-    std::deque<std::shared_ptr<PIPE_IO_REQUEST>> m_pendingReads;
-    std::atomic<uint32_t> m_readFinalError{0}; // set once no more data can arrive
-    CMemStream m_memStream;
+    mutable daxlib::srw_lock m_srwReadQueue;
+    CPendingReads<Request> m_reads;
 
     // Guards the records (PIPE_OVERLAPPED) against a cancel that detaches them.
-    daxlib::srw_lock m_recordMutex;
+    daxlib::srw_lock m_srwRecord;
     std::shared_ptr<PipeIoCallback> m_pWriteCallback;
 
-    std::atomic<int64_t> m_nextRequestId{1};
+    std::atomic<int64_t> m_nNextRequestId{1};
     std::atomic<uint32_t> m_cntWrite{0};
     std::atomic<uint32_t> m_cntBeginWrite{0};
     std::atomic<bool> m_bEndWrite{false};

@@ -24,7 +24,7 @@ CPipeRequest::~CPipeRequest()
     // be detached from its operation and freed.
     std::list<PIPE_OVERLAPPED*> left;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         left.swap(m_records);
     }
     for (PIPE_OVERLAPPED* record : left)
@@ -48,28 +48,28 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
         ::SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    auto* record = new PIPE_OVERLAPPED();
+    auto owned = std::make_unique<PIPE_OVERLAPPED>();
+    // The record borrows the event; a normal end gives it back to the spares.
+    daxlib::unique_handle event;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         if (!m_spareEvents.empty())
         {
-            record->m_hEvent = m_spareEvents.back().release();
+            event = std::move(m_spareEvents.back());
             m_spareEvents.pop_back();
         }
     }
-    if (!record->m_hEvent)
-        record->m_hEvent = ::CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    if (!record->m_hEvent)
-    {
-        daxlib::last_error_guard keep;
-        EndAsync(record);
+    if (!event)
+        event.reset(::CreateEventW(nullptr, FALSE, FALSE, nullptr));
+    if (!event)
         return FALSE;
-    }
+    owned->m_hEvent = event.get();
+    PIPE_OVERLAPPED* record = owned.get();
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         Log(LogLevel::Trace, At(m_bServer ? L"Write: (98)" : L"Write: (105)").c_str(),
-            L"new \"blocked write\" ov = 0x%p", static_cast<void*>(record));
-        m_records.push_back(record);
+            L"new \"blocked write\" ov = 0x%p", daxlib::Addr(record));
+        m_records.push_back(owned.release());
     }
     BOOL result = FALSE;
     DWORD error = 0;
@@ -81,7 +81,7 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
             error = ::GetLastError();
             Log(LogLevel::Error, At(m_bServer ? L"Write: (106)" : L"Write: (113)").c_str(),
                 L"Unable to write %d byte(s). GLE=%d, ov = 0x%p", static_cast<int>(length),
-                static_cast<int>(error), static_cast<void*>(record));
+                static_cast<int>(error), daxlib::Addr(record));
         }
         else
         {
@@ -93,7 +93,7 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
                 error = ::GetLastError();
                 Log(LogLevel::Error, At(m_bServer ? L"Write: (112)" : L"Write: (119)").c_str(),
                     L"WaitForSingleObject() failed. GLE=%d, Reason = %d, ov = 0x%p", static_cast<int>(error),
-                    static_cast<int>(wait), static_cast<void*>(record));
+                    static_cast<int>(wait), daxlib::Addr(record));
             }
             else if (record->m_dwIoStatus != 0)
             {
@@ -101,21 +101,21 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
                 Log(LogLevel::Error, At(m_bServer ? L"Write: (117)" : L"Write: (124)").c_str(),
                     L"Failed to write %d byte(s). GLE=%d, Written = %d byte(s), \"blocked write\" ov = 0x%p",
                     static_cast<int>(length), static_cast<int>(record->m_dwIoStatus),
-                    static_cast<int>(record->m_dwBytesTransferred), static_cast<void*>(record));
+                    static_cast<int>(record->m_dwBytesTransferred), daxlib::Addr(record));
             }
             else
             {
                 Log(LogLevel::Trace, At(m_bServer ? L"Write: (121)" : L"Write: (128)").c_str(),
                     L"Written = %d byte(s), \"blocked write\" ov = 0x%p",
-                    static_cast<int>(record->m_dwBytesTransferred), static_cast<void*>(record));
+                    static_cast<int>(record->m_dwBytesTransferred), daxlib::Addr(record));
                 result = TRUE;
             }
             // The wait consumed the only signal this write gives, so the event can serve the next.
             if (wait == WAIT_OBJECT_0)
             {
-                std::lock_guard lock(m_mutex);
+                std::lock_guard lock(m_srwLock);
                 if (m_spareEvents.size() < kSpareEvents)
-                    m_spareEvents.emplace_back(std::exchange(record->m_hEvent, nullptr));
+                    m_spareEvents.push_back(std::move(event));
             }
         }
     }
@@ -124,6 +124,8 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
         error = ERROR_NOT_ENOUGH_MEMORY;
         LogStdException(LogLevel::Error, At(L"Write: ").c_str(), e);
     }
+    // The event is this function's to keep or close, not the record's.
+    record->m_hEvent = nullptr;
     EndAsync(record);
     if (!result)
         ::SetLastError(error ? error : ERROR_WRITE_FAULT);
@@ -138,9 +140,9 @@ BOOL CPipeRequest::WriteAsync(const void* data, uint32_t length, PIPE_OVERLAPPED
         return FALSE;
     }
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         Log(LogLevel::Trace, At(m_bServer ? L"WriteAsync: (167)" : L"WriteAsync: (174)").c_str(),
-            L"new \"write\" ov = 0x%p", static_cast<void*>(record));
+            L"new \"write\" ov = 0x%p", daxlib::Addr(record));
         m_records.push_back(record);
     }
     try
@@ -157,7 +159,7 @@ BOOL CPipeRequest::WriteAsync(const void* data, uint32_t length, PIPE_OVERLAPPED
     // A write that failed to start has been finished already; its callback may still be on its
     // way, so the record stays listed and is retired by the owner or by this object's end.
     Log(LogLevel::Trace, At(m_bServer ? L"WriteAsync: (172)" : L"WriteAsync: (179)").c_str(),
-        L"write [ov: 0x%p] failed", static_cast<void*>(record));
+        L"write [ov: 0x%p] failed", daxlib::Addr(record));
     return FALSE;
 }
 
@@ -170,14 +172,14 @@ BOOL CPipeRequest::ReadAsync(uint32_t bytes, std::shared_ptr<PipeIoCallback> cal
         return FALSE;
     }
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         if (m_bServer)
             Log(LogLevel::Trace, At(L"ReadAsync: (140)").c_str(),
-                L"new \"read\" ov = 0x%p, NumberOfBytesToRead = %d byte(s)", static_cast<void*>(record),
+                L"new \"read\" ov = 0x%p, NumberOfBytesToRead = %d byte(s)", daxlib::Addr(record),
                 static_cast<int>(bytes));
         else
             Log(LogLevel::Trace, At(L"ReadAsync: (147)").c_str(), L"new \"read\" ov = 0x%p",
-                static_cast<void*>(record));
+                daxlib::Addr(record));
         m_records.push_back(record);
     }
     if (m_pStream->Read(bytes, std::move(callback), record))
@@ -185,10 +187,10 @@ BOOL CPipeRequest::ReadAsync(uint32_t bytes, std::shared_ptr<PipeIoCallback> cal
     const DWORD error = ::GetLastError();
     if (m_bServer)
         Log(LogLevel::Trace, At(L"ReadAsync: (145)").c_str(), L"read [ov: 0x%p] failed. GLE=%d",
-            static_cast<void*>(record), static_cast<int>(error));
+            daxlib::Addr(record), static_cast<int>(error));
     else
         Log(LogLevel::Trace, At(L"ReadAsync: (152)").c_str(), L"read [ov: 0x%p] failed",
-            static_cast<void*>(record));
+            daxlib::Addr(record));
     // The stream did not keep the record.
     EndAsync(record);
     ::SetLastError(error);
@@ -199,16 +201,16 @@ void CPipeRequest::CancelAll()
 {
     if (!m_pStream)
         return;
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLock);
     for (auto it = m_records.begin(); it != m_records.end();)
     {
         PIPE_OVERLAPPED* record = *it;
         Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (42)" : L"CancelAll: (41)").c_str(),
-            L"cancel ov = 0x%p ...", static_cast<void*>(record));
+            L"cancel ov = 0x%p ...", daxlib::Addr(record));
         if (m_pStream->CancelRequest(record))
         {
             Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (46)" : L"CancelAll: (45)").c_str(),
-                L"cancel ov = 0x%p ... success.", static_cast<void*>(record));
+                L"cancel ov = 0x%p ... success.", daxlib::Addr(record));
             if (record->m_hEvent)
             {
                 // Its writer is waiting and retires it after the wait.
@@ -216,12 +218,12 @@ void CPipeRequest::CancelAll()
                 continue;
             }
             Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (50)" : L"CancelAll: (49)").c_str(),
-                L"remove ov : 0x%p", static_cast<void*>(record));
+                L"remove ov : 0x%p", daxlib::Addr(record));
         }
         else
         {
             Log(LogLevel::Trace, At(m_bServer ? L"CancelAll: (53)" : L"CancelAll: (52)").c_str(),
-                L"cancel ov = 0x%p ... failed: GLE = %d. Remove ov.", static_cast<void*>(record),
+                L"cancel ov = 0x%p ... failed: GLE = %d. Remove ov.", daxlib::Addr(record),
                 static_cast<int>(::GetLastError()));
             if (record->m_hEvent)
             {
@@ -243,12 +245,12 @@ void CPipeRequest::EndAsync(PIPE_OVERLAPPED* record)
     if (!record)
         return;
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         for (auto it = m_records.begin(); it != m_records.end(); ++it)
             if (*it == record)
             {
                 Log(LogLevel::Trace, At(L"EndAsync: (49)").c_str(), L"remove ov = 0x%p",
-                    static_cast<void*>(record));
+                    daxlib::Addr(record));
                 m_records.erase(it);
                 break;
             }
@@ -258,13 +260,13 @@ void CPipeRequest::EndAsync(PIPE_OVERLAPPED* record)
         ::CloseHandle(record->m_hEvent);
         record->m_hEvent = nullptr;
     }
-    Log(LogLevel::Trace, At(L"EndAsync: (57)").c_str(), L"delete ov = 0x%p", static_cast<void*>(record));
+    Log(LogLevel::Trace, At(L"EndAsync: (57)").c_str(), L"delete ov = 0x%p", daxlib::Addr(record));
     delete record;
 }
 
 size_t CPipeRequest::OutstandingCount() const
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwLock);
     return m_records.size();
 }
 

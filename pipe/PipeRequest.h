@@ -39,7 +39,7 @@ protected:
     std::wstring At(const wchar_t* method) const;
 
     const wchar_t* m_szClass;
-    mutable daxlib::srw_lock m_mutex;
+    mutable daxlib::srw_lock m_srwLock;
     std::list<PIPE_OVERLAPPED*> m_records;
     // Events of blocking writes that ended normally, kept for the next ones: creating and
     // closing an event per message costs more than the write itself.

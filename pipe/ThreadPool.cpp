@@ -30,37 +30,37 @@ void SetThreadPool(std::shared_ptr<CThreadPool> pool)
 
 void CGroupTask::Add(PTP_WORK work)
 {
-    std::lock_guard lock(m_mutex);
+    std::lock_guard lock(m_srwTasks);
     m_tasks[work] = Entry{};
 }
 
 void CGroupTask::Notify(PTP_WORK work, int32_t result, const CommonHelper::CvLogger::CBaseLogger* log)
 {
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwTasks);
         auto it = m_tasks.find(work);
         if (it != m_tasks.end())
             it->second.result = result;
-        ++m_completed;
+        ++m_dwCompleted;
         if (log)
             log->Log(LogLevel::Debug, L"CGroupTask::Notify: (480)",
-                     L"obj: 0x%p. Task <0x%p> end. CountTask = %d, completed = %d", static_cast<void*>(this),
-                     static_cast<void*>(work), static_cast<int>(m_tasks.size()),
-                     static_cast<int>(m_completed));
+                     L"obj: 0x%p. Task <0x%p> end. CountTask = %d, completed = %d", daxlib::Addr(this),
+                     daxlib::Addr(work), static_cast<int>(m_tasks.size()), static_cast<int>(m_dwCompleted));
     }
-    m_changed.notify_all();
+    m_cvChanged.notify_all();
 }
 
 bool CGroupTask::WaitCompleted(uint32_t count, DWORD limitMs)
 {
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(limitMs), [&] { return m_completed >= count; });
+    std::unique_lock lock(m_srwTasks);
+    return m_cvChanged.wait_for(lock, std::chrono::milliseconds(limitMs),
+                                [&] { return m_dwCompleted >= count; });
 }
 
 uint32_t CGroupTask::Completed()
 {
-    std::lock_guard lock(m_mutex);
-    return m_completed;
+    std::lock_guard lock(m_srwTasks);
+    return m_dwCompleted;
 }
 
 CThreadPool::CThreadPool(uint32_t maxThreads, std::shared_ptr<ICvLogger> logger)
@@ -91,7 +91,7 @@ bool CThreadPool::Create()
     if (!m_ptpCleanupGroup)
     {
         Log(LogLevel::Error, L"CThreadPool::Create: (252)",
-            L"[obj: 0x%p] CreateThreadpoolCleanupGroup() failed. GLE=%d", static_cast<void*>(this),
+            L"[obj: 0x%p] CreateThreadpoolCleanupGroup() failed. GLE=%d", daxlib::Addr(this),
             static_cast<int>(::GetLastError()));
         return false;
     }
@@ -99,7 +99,7 @@ bool CThreadPool::Create()
     if (!m_ptpPool)
     {
         Log(LogLevel::Error, L"CThreadPool::Create: (258)", L"[obj: 0x%p] CreateThreadpool() failed. GLE=%d",
-            static_cast<void*>(this), static_cast<int>(::GetLastError()));
+            daxlib::Addr(this), static_cast<int>(::GetLastError()));
         m_ptpCleanupGroup.reset();
         return false;
     }
@@ -123,10 +123,10 @@ void CThreadPool::Close()
     if (m_ptpCleanupGroup)
     {
         Log(LogLevel::Info, L"CThreadPool::Close: (289)", L"[obj: 0x%p] Close threadpool: wait callbacks...",
-            static_cast<void*>(this));
+            daxlib::Addr(this));
         ::CloseThreadpoolCleanupGroupMembers(m_ptpCleanupGroup.get(), FALSE, nullptr);
         Log(LogLevel::Info, L"CThreadPool::Close: (291)",
-            L"[obj: 0x%p] Close threadpool: wait callbacks... Success", static_cast<void*>(this));
+            L"[obj: 0x%p] Close threadpool: wait callbacks... Success", daxlib::Addr(this));
     }
     ::DestroyThreadpoolEnvironment(&m_environment);
     m_ptpCleanupGroup.reset();
@@ -142,7 +142,7 @@ BOOL CThreadPool::Submit(std::unique_ptr<WorkTaskContext> context, bool withFutu
     {
         Log(LogLevel::Error,
             line == 110 ? L"CThreadPool::CreateTask: (110)" : L"CThreadPool::CreateTask: (191)",
-            L"[obj: 0x%p] CreateThreadpoolWork() failed. GLE=%d", static_cast<void*>(this),
+            L"[obj: 0x%p] CreateThreadpoolWork() failed. GLE=%d", daxlib::Addr(this),
             static_cast<int>(::GetLastError()));
         daxlib::last_error_guard keep;
         if (withFuture)

@@ -33,10 +33,10 @@ public:
     uint32_t Completed();
 
 private:
-    daxlib::srw_lock m_mutex;
-    uint32_t m_completed = 0;
+    daxlib::srw_lock m_srwTasks;
+    uint32_t m_dwCompleted = 0;
     std::map<PTP_WORK, Entry> m_tasks;
-    daxlib::condition_variable m_changed;
+    daxlib::condition_variable m_cvChanged;
 };
 
 class CThreadPool : public CommonHelper::CvLogger::CBaseLogger

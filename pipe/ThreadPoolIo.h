@@ -49,8 +49,8 @@ public:
     {
         Log(LogLevel::Info, Origin(L"Start: (84)").c_str(),
             L": ... create IoCompletionCallback (FileHandle = 0x%p, this = 0x%p)...", m_hFile,
-            static_cast<void*>(this));
-        std::lock_guard lock(m_mutex);
+            daxlib::Addr(this));
+        std::lock_guard lock(m_srwLock);
         if (m_ptpIo)
             return true;
         m_ptpIo.reset(::CreateThreadpoolIo(m_hFile, &CThreadPoolIo::IoCompletionCallback, this, nullptr));
@@ -69,7 +69,7 @@ public:
     // Called before every overlapped call on the handle.
     BOOL StartIo(const Request& request)
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         if (m_bStop || !m_ptpIo)
         {
             ::SetLastError(ERROR_OPERATION_ABORTED);
@@ -88,9 +88,9 @@ public:
             return FALSE;
         Log(LogLevel::Trace, Origin(L"Cancel: (170)").c_str(),
             L": this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p, bCancelFailedOperations = %d ...",
-            static_cast<void*>(this), static_cast<void*>(m_ptpIo.get()),
-            static_cast<void*>(&request->overlapped), bCancelFailedOperations);
-        std::lock_guard lock(m_mutex);
+            daxlib::Addr(this), daxlib::Addr(m_ptpIo.get()), daxlib::Addr(&request->overlapped),
+            bCancelFailedOperations);
+        std::lock_guard lock(m_srwLock);
         auto it = Find(&request->overlapped);
         if (it == m_requests.end())
         {
@@ -101,15 +101,15 @@ public:
         const DWORD error = ::GetLastError();
         Log(LogLevel::Trace, Origin(L"Cancel: (178)").c_str(),
             L": this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p. CancelIoEx() -> result: %d, GLE=%d ",
-            static_cast<void*>(this), static_cast<void*>(m_ptpIo.get()),
-            static_cast<void*>(&request->overlapped), result, static_cast<int>(error));
+            daxlib::Addr(this), daxlib::Addr(m_ptpIo.get()), daxlib::Addr(&request->overlapped), result,
+            static_cast<int>(error));
         if (bCancelFailedOperations && !result && error == ERROR_NOT_FOUND)
         {
             if (m_ptpIo)
                 ::CancelThreadpoolIo(m_ptpIo.get());
             m_requests.erase(it);
             if (m_requests.empty())
-                m_emptied.notify_all();
+                m_cvEmptied.notify_all();
         }
         ::SetLastError(error);
         return result;
@@ -119,18 +119,18 @@ public:
     {
         PTP_IO io = nullptr;
         {
-            std::lock_guard lock(m_mutex);
+            std::lock_guard lock(m_srwLock);
             io = m_ptpIo.get();
             if (!io)
                 return TRUE;
             Log(LogLevel::Debug, Origin(L"Stop: (115)").c_str(), L": ... (this = 0x%p)...",
-                static_cast<void*>(this));
+                daxlib::Addr(this));
             m_bStop = 1;
             ::CancelIoEx(m_hFile, nullptr);
         }
         ::WaitForThreadpoolIoCallbacks(io, FALSE);
         BOOL result = TRUE;
-        std::unique_lock lock(m_mutex);
+        std::unique_lock lock(m_srwLock);
         for (const Request& request : m_requests)
         {
             // ERROR_NOT_FOUND: it has ended already and its completion is queued.
@@ -140,42 +140,41 @@ public:
         // Every listed request has ended or been cancelled, so its completion is on its way and
         // the callback takes it off the list. Closing before that would let a late completion
         // reach a freed object.
-        if (!m_emptied.wait_for(lock, std::chrono::seconds(30), [this] { return m_requests.empty(); }))
+        if (!m_cvEmptied.wait_for(lock, std::chrono::seconds(30), [this] { return m_requests.empty(); }))
             Log(LogLevel::Error, Origin(L"Stop: (140)").c_str(),
                 L": %d request(s) never completed (this = 0x%p)", static_cast<int>(m_requests.size()),
-                static_cast<void*>(this));
+                daxlib::Addr(this));
+        // Closed outside the lock: closing waits for callbacks, which take it.
+        daxlib::unique_tp_io closing = std::move(m_ptpIo);
         lock.unlock();
-        ::WaitForThreadpoolIoCallbacks(io, FALSE);
-        lock.lock();
-        m_ptpIo.reset();
-        lock.unlock();
+        closing.reset();
         Log(LogLevel::Debug, Origin(L"Stop: (147)").c_str(), L": ... (this = 0x%p)... end.",
-            static_cast<void*>(this));
+            daxlib::Addr(this));
         return result;
     }
 
     bool IsStopping() const
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         return m_bStop != 0;
     }
     size_t OutstandingCount() const
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         return m_requests.size();
     }
     HANDLE FileHandle() const { return m_hFile; }
 
     Request ExtractRequest(const OVERLAPPED* overlapped)
     {
-        std::lock_guard lock(m_mutex);
+        std::lock_guard lock(m_srwLock);
         auto it = Find(overlapped);
         if (it == m_requests.end())
             return nullptr;
         Request request = *it;
         m_requests.erase(it);
         if (m_requests.empty())
-            m_emptied.notify_all();
+            m_cvEmptied.notify_all();
         return request;
     }
 
@@ -201,7 +200,7 @@ private:
             Request request = self->ExtractRequest(static_cast<OVERLAPPED*>(overlapped));
             self->Log(LogLevel::Trace, L"CThreadPoolIo::IoCompletionCallback: (208)",
                       L": IoCompletionCallback (this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p)...",
-                      static_cast<void*>(self), static_cast<void*>(self->m_ptpIo.get()), overlapped);
+                      daxlib::Addr(self), daxlib::Addr(self->m_ptpIo.get()), overlapped);
             if (!request)
             {
                 self->Log(LogLevel::Error, L"CThreadPoolIo::IoCompletionCallback: (213)",
@@ -226,8 +225,8 @@ private:
     daxlib::unique_tp_io m_ptpIo;
     std::shared_ptr<Callback> m_pCallback;
     void* m_pContext;
-    mutable daxlib::srw_lock m_mutex;
-    daxlib::condition_variable m_emptied;
+    mutable daxlib::srw_lock m_srwLock;
+    daxlib::condition_variable m_cvEmptied;
     std::list<Request> m_requests;
     uint32_t m_bStop = 0;
 };

@@ -77,12 +77,14 @@ public:
 class CDaxSecattrLocalLI : public CDaxSecattr
 {
 public:
-    static constexpr const wchar_t* kSddl = L"D:(D;;FA;;;NU)(A;;0x12018b;;;S-1-2-0)(A;;0x12018b;;;AU)(A;;FA;;;SY)"
-                                            L"(A;;0x12018b;;;S-1-15-2-1)S:(ML;;NW;;;LW)";
+    static constexpr const wchar_t* kSddl =
+        L"D:(D;;FA;;;NU)(A;;0x12018b;;;S-1-2-0)(A;;0x12018b;;;AU)(A;;FA;;;SY)"
+        L"(A;;0x12018b;;;S-1-15-2-1)S:(ML;;NW;;;LW)";
     static constexpr const wchar_t* kLegacySddl =
         L"D:(D;;FA;;;NU)(A;;0x12019f;;;S-1-2-0)(A;;0x12019f;;;AU)(A;;FA;;;SY)(A;;0x12019f;;;S-1-15-2-1)"
         L"S:(ML;;NW;;;LW)";
-    explicit CDaxSecattrLocalLI(VersionQuery query = DefaultVersionQuery(), ClientAccess access = ClientAccess::Narrow);
+    explicit CDaxSecattrLocalLI(VersionQuery query = DefaultVersionQuery(),
+                                ClientAccess access = ClientAccess::Narrow);
 };
 
 class CDaxSecattrEveryoneLI : public CDaxSecattr

@@ -1,6 +1,7 @@
 #include "pipeserver/PipeServer.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
 #include "common/UniqueHandle.h"
 #include "pipe/CallbackHolder.h"
 #include "pipe/NamedPipeServer.h"
@@ -25,7 +26,7 @@ using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsi
 } // namespace
 
 CPipeServer::CPipeServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName)
-    : IBaseItem(std::move(logger)), m_pipeName(std::move(pipeName))
+    : IBaseItem(std::move(logger)), m_strPipeName(std::move(pipeName))
 {
 }
 
@@ -36,64 +37,58 @@ CPipeServer::~CPipeServer()
 
 void CPipeServer::SetUrlSender(UrlSender sender)
 {
-    std::lock_guard lock(m_senderLock);
+    std::lock_guard lock(m_srwSender);
     m_sendUrl = std::move(sender);
 }
 
 void CPipeServer::SetUrlPolicy(UrlPolicySource policy)
 {
-    std::lock_guard lock(m_senderLock);
+    std::lock_guard lock(m_srwSender);
     m_policy = std::move(policy);
 }
 
 int CPipeServer::Start()
 {
-    try
-    {
-        if (!m_pConnectQueue)
+    return daxlib::GuardedValue(
+        this, L"CPipeServer::Start: (60)", 0,
+        [&]() -> int
         {
-            auto handler =
-                MakeMemberCallback<int(NewConnectData&)>(this, &CPipeServer::InitConnectionHandler);
-            auto queue = std::make_shared<CSignalQueueThread<NewConnectData>>(handler, GetLogger());
-            if (!queue->Start())
+            if (!m_pConnectQueue)
+            {
+                auto handler =
+                    MakeMemberCallback<int(NewConnectData&)>(this, &CPipeServer::InitConnectionHandler);
+                auto queue = std::make_shared<CSignalQueueThread<NewConnectData>>(handler, GetLogger());
+                if (!queue->Start())
+                    return 0;
+                m_pConnectQueue = std::move(queue);
+            }
+            if (!m_pNamedPipeServer)
+            {
+                if (m_settings.legacyClientAccess)
+                    Log(LogLevel::Warning, L"CPipeServer::Start: (47)",
+                        L"agents may open the pipe with GENERIC_WRITE: every local user can also create "
+                        L"instances of its name. Switch this off once all agents open it with "
+                        L"FILE_WRITE_DATA.");
+                auto attributes = std::make_shared<CDaxSecattrLocalLI>(
+                    CDaxSecattr::DefaultVersionQuery(),
+                    m_settings.legacyClientAccess ? ClientAccess::LegacyGenericWrite : ClientAccess::Narrow);
+                auto server =
+                    std::make_shared<CNamedPipeServer>(m_strPipeName, 255, 3, attributes, GetLogger());
+                server->SetSelf(server);
+                m_pNamedPipeServer = std::move(server);
+            }
+            auto onConnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
+                this, &CPipeServer::OnConnectedChannel);
+            auto onDisconnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
+                this, &CPipeServer::OnDisconnectedChannel);
+            Log(LogLevel::Info, L"CPipeServer::Start: (51)", L"waiting for connections...");
+            if (!m_pNamedPipeServer->BeginWaitForConnection(onConnected, onDisconnected, nullptr))
+            {
+                Log(LogLevel::Error, L"CPipeServer::Start: (55)", L"BeginWaitForConnection failed");
                 return 0;
-            m_pConnectQueue = std::move(queue);
-        }
-        if (!m_pNamedPipeServer)
-        {
-            if (m_settings.legacyClientAccess)
-                Log(LogLevel::Warning, L"CPipeServer::Start: (47)",
-                    L"agents may open the pipe with GENERIC_WRITE: every local user can also create "
-                    L"instances of its name. Switch this off once all agents open it with FILE_WRITE_DATA.");
-            auto attributes = std::make_shared<CDaxSecattrLocalLI>(
-                CDaxSecattr::DefaultVersionQuery(),
-                m_settings.legacyClientAccess ? ClientAccess::LegacyGenericWrite : ClientAccess::Narrow);
-            auto server = std::make_shared<CNamedPipeServer>(m_pipeName, 255, 3, attributes, GetLogger());
-            server->SetSelf(server);
-            m_pNamedPipeServer = std::move(server);
-        }
-        auto onConnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
-            this, &CPipeServer::OnConnectedChannel);
-        auto onDisconnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
-            this, &CPipeServer::OnDisconnectedChannel);
-        Log(LogLevel::Info, L"CPipeServer::Start: (51)", L"waiting for connections...");
-        if (!m_pNamedPipeServer->BeginWaitForConnection(onConnected, onDisconnected, nullptr))
-        {
-            Log(LogLevel::Error, L"CPipeServer::Start: (55)", L"BeginWaitForConnection failed");
-            return 0;
-        }
-        return 1;
-    }
-    catch (daxlib::CDaxException* raw)
-    {
-        daxlib::DaxExceptionPtr e(raw);
-        LogDaxException(LogLevel::Error, L"CPipeServer::Start: (60)", *e);
-    }
-    catch (const std::exception& e)
-    {
-        LogStdException(LogLevel::Error, L"CPipeServer::Start: (64)", e);
-    }
-    return 0;
+            }
+            return 1;
+        });
 }
 
 int CPipeServer::Stop()
@@ -107,7 +102,7 @@ int CPipeServer::Stop()
         queue->Stop();
     std::map<uint64_t, std::shared_ptr<CConnectionHandler>> handlers;
     {
-        std::lock_guard lock(m_tableLock);
+        std::lock_guard lock(m_srwTable);
         handlers.swap(m_connections);
         m_sessionConnections.clear();
     }
@@ -163,7 +158,7 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
     UrlSender sender;
     UrlPolicySource policy;
     {
-        std::lock_guard lock(m_senderLock);
+        std::lock_guard lock(m_srwSender);
         sender = m_sendUrl;
         policy = m_policy;
     }
@@ -254,7 +249,7 @@ void CPipeServer::RemoveChannel(uint64_t channelId)
 {
     std::shared_ptr<CConnectionHandler> handler;
     {
-        std::lock_guard lock(m_tableLock);
+        std::lock_guard lock(m_srwTable);
         auto it = m_connections.find(channelId);
         if (it == m_connections.end())
             return;
@@ -273,7 +268,7 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
     const uint32_t session = handler->Information().dwClientSessionId;
     uint32_t refusedBefore = 0;
     {
-        std::lock_guard lock(m_tableLock);
+        std::lock_guard lock(m_srwTable);
         uint32_t& inSession = m_sessionConnections[session];
         const bool overTotal = m_connections.size() >= m_settings.maxConnections;
         if (overTotal || inSession >= m_settings.maxConnectionsPerSession)
@@ -281,12 +276,13 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
             if (inSession == 0)
                 m_sessionConnections.erase(session);
             // One line per burst: a flood must not flood the log as well.
-            if (m_refusedInBurst++ == 0)
+            if (m_dwRefusedInBurst++ == 0)
                 Log(LogLevel::Warning, L"CPipeServer::Admit: (301)",
-                    overTotal ? L"%u agent connection(s) open in all, the limit: connection of session %u "
-                                L"(process %u) closed, and further ones until a connection is admitted again"
-                              : L"%u agent connection(s) open in this session, the limit: connection of session %u "
-                                L"(process %u) closed, and further ones until a connection is admitted again",
+                    overTotal
+                        ? L"%u agent connection(s) open in all, the limit: connection of session %u "
+                          L"(process %u) closed, and further ones until a connection is admitted again"
+                        : L"%u agent connection(s) open in this session, the limit: connection of session %u "
+                          L"(process %u) closed, and further ones until a connection is admitted again",
                     overTotal ? m_settings.maxConnections : m_settings.maxConnectionsPerSession, session,
                     handler->Information().dwClientProcessId);
             return false;
@@ -294,23 +290,23 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
         if (!m_connections.insert({channelId, handler}).second)
             return false;
         ++inSession;
-        refusedBefore = std::exchange(m_refusedInBurst, 0);
+        refusedBefore = std::exchange(m_dwRefusedInBurst, 0);
     }
     if (refusedBefore > 1)
-        Log(LogLevel::Warning, L"CPipeServer::Admit: (320)", L"%u agent connection(s) were closed over the limits",
-            refusedBefore);
+        Log(LogLevel::Warning, L"CPipeServer::Admit: (320)",
+            L"%u agent connection(s) were closed over the limits", refusedBefore);
     return true;
 }
 
 size_t CPipeServer::ConnectionCount() const
 {
-    std::shared_lock lock(m_tableLock);
+    std::shared_lock lock(m_srwTable);
     return m_connections.size();
 }
 
 std::shared_ptr<CConnectionHandler> CPipeServer::FindHandler(uint64_t channelId) const
 {
-    std::shared_lock lock(m_tableLock);
+    std::shared_lock lock(m_srwTable);
     auto it = m_connections.find(channelId);
     return it == m_connections.end() ? nullptr : it->second;
 }

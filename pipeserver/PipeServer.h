@@ -4,6 +4,7 @@
 // session, as the system reports it for the pipe connection.
 #include "common/BaseItem.h"
 #include "common/Locks.h"
+#include "common/PipeNames.h"
 #include "pipeserver/ConnectionHandler.h"
 
 #include <atomic>
@@ -17,7 +18,7 @@ class CNamedPipeServerStream;
 struct PIPE_OVERLAPPED;
 template <typename T> class CSignalQueueThread;
 
-constexpr wchar_t kAgentPipeName[] = L"9FEA9DA6-BEA1-479B-9819-F9031E0B69EE";
+using daxlib::kAgentPipeName;
 // A payload longer than this is no URL: the connection is closed instead of buffering it.
 constexpr uint32_t kMaxAgentPayload = 1u << 20;
 
@@ -86,17 +87,17 @@ private:
     // Enters the handler when its session and the server are under their bounds.
     bool Admit(uint64_t channelId, const std::shared_ptr<CConnectionHandler>& handler);
 
-    std::wstring m_pipeName;
+    std::wstring m_strPipeName;
     std::shared_ptr<CNamedPipeServer> m_pNamedPipeServer;
     std::shared_ptr<CSignalQueueThread<NewConnectData>> m_pConnectQueue;
     AgentPipeSettings m_settings;
     SessionResolver m_resolveSession;
     // Guards the connection table, the per-session counts and the refusal burst.
-    mutable daxlib::srw_lock m_tableLock;
+    mutable daxlib::srw_lock m_srwTable;
     std::map<uint64_t, std::shared_ptr<CConnectionHandler>> m_connections;
     std::map<uint32_t, uint32_t> m_sessionConnections;
-    uint32_t m_refusedInBurst = 0; // connections refused since the last one admitted
-    daxlib::srw_lock m_senderLock;
+    uint32_t m_dwRefusedInBurst = 0; // connections refused since the last one admitted
+    daxlib::srw_lock m_srwSender;
     UrlSender m_sendUrl;
     UrlPolicySource m_policy;
 };

@@ -2,8 +2,6 @@
 
 #include "common/WideFormat.h"
 
-#include <process.h>
-
 #include <algorithm>
 #include <cstring>
 #include <mutex>
@@ -179,13 +177,9 @@ CUrlPolicyWatch::~CUrlPolicyWatch()
 int CUrlPolicyWatch::Start()
 {
     Load();
-    if (m_hThread)
+    if (m_watch.IsRunning())
         return 1;
-    m_hevStop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    if (m_hevStop)
-        m_hThread.reset(reinterpret_cast<HANDLE>(
-            ::_beginthreadex(nullptr, 0, &CUrlPolicyWatch::WatchThread, this, 0, nullptr)));
-    if (!m_hThread)
+    if (!m_watch.Start([this](HANDLE stop) { WatchLoop(stop); }))
     {
         Log(LogLevel::Error, L"CUrlPolicyWatch::Start: (187)",
             L"cannot watch the URL policy, error %u; changes apply after a restart",
@@ -197,18 +191,13 @@ int CUrlPolicyWatch::Start()
 
 int CUrlPolicyWatch::Stop()
 {
-    if (m_hThread)
-    {
-        ::SetEvent(m_hevStop.get());
-        ::WaitForSingleObject(m_hThread.get(), INFINITE);
-        m_hThread.reset();
-    }
+    m_watch.Stop();
     return 1;
 }
 
 std::shared_ptr<const urlpolicy::Policy> CUrlPolicyWatch::Current() const
 {
-    std::shared_lock lock(m_lock);
+    std::shared_lock lock(m_srwLock);
     return m_pPolicy;
 }
 
@@ -235,7 +224,7 @@ void CUrlPolicyWatch::Load()
         Log(LogLevel::Info, L"CUrlPolicyWatch::Load: (227)", L"%s", summary.c_str());
     m_strSummary = std::move(summary);
     auto current = std::make_shared<const urlpolicy::Policy>(std::move(load.policy));
-    std::lock_guard lock(m_lock);
+    std::lock_guard lock(m_srwLock);
     m_pPolicy = std::move(current);
 }
 
@@ -254,24 +243,12 @@ daxlib::unique_hkey CUrlPolicyWatch::OpenNearest() const
     }
 }
 
-unsigned __stdcall CUrlPolicyWatch::WatchThread(void* context)
-{
-    try
-    {
-        static_cast<CUrlPolicyWatch*>(context)->WatchLoop();
-    }
-    catch (...)
-    {
-    }
-    return 0;
-}
-
-void CUrlPolicyWatch::WatchLoop()
+void CUrlPolicyWatch::WatchLoop(HANDLE stop)
 {
     daxlib::unique_handle changed(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!changed)
         return;
-    const HANDLE events[] = {m_hevStop.get(), changed.get()};
+    const HANDLE events[] = {stop, changed.get()};
     for (;;)
     {
         // Opened afresh each round: the key watched last time may have been deleted, or the

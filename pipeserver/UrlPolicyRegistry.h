@@ -3,6 +3,7 @@
 // agent) and, in the service, watching it so that a change applies to the next URL.
 #include "common/BaseItem.h"
 #include "common/Locks.h"
+#include "common/WorkerThread.h"
 #include "common/UniqueHandle.h"
 #include "pipeserver/UrlPolicy.h"
 
@@ -47,19 +48,17 @@ public:
     std::shared_ptr<const urlpolicy::Policy> Current() const;
 
 private:
-    static unsigned __stdcall WatchThread(void* context);
-    void WatchLoop();
+    void WatchLoop(HANDLE stop);
     void Load();
     // The deepest existing key on the way to the policy key, opened for notification.
     daxlib::unique_hkey OpenNearest() const;
 
     HKEY m_hRoot;
     std::wstring m_strSubKey;
-    mutable daxlib::srw_lock m_lock;
+    mutable daxlib::srw_lock m_srwLock;
     std::shared_ptr<const urlpolicy::Policy> m_pPolicy;
     // Only the watch thread touches these once it runs.
     std::set<std::wstring> m_reported; // problems of the last reading, already logged
     std::wstring m_strSummary;         // the last policy logged
-    daxlib::unique_handle m_hevStop;
-    daxlib::unique_handle m_hThread;
+    daxlib::CWorkerThread m_watch;     // last: ends before what it reads and writes
 };

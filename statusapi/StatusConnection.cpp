@@ -1,6 +1,5 @@
 #include "statusapi/StatusConnection.h"
 
-#include "pipe/CallbackHolder.h"
 #include "statusapi/PipeIo.h"
 #include "statusapi/StatusServer.h"
 
@@ -26,26 +25,12 @@ CStatusConnection::CStatusConnection(CStatusServer& server, std::shared_ptr<ICvL
 CStatusConnection::~CStatusConnection()
 {
     RequestStop();
-    m_pThread.reset();
+    m_thread.Stop();
 }
 
 bool CStatusConnection::Start()
 {
-    if (!m_hevWake)
-        return false;
-    try
-    {
-        m_pThread = std::make_unique<CJoinableThread<int>>(
-            MakeMemberCallback<int(void*, void*)>(this, &CStatusConnection::Run), nullptr, m_pLogger,
-            L"StatusConnection");
-        return m_pThread->Start() != 0;
-    }
-    catch (daxlib::CDaxException* raw)
-    {
-        daxlib::DaxExceptionPtr e(raw);
-        LogDaxException(LogLevel::Error, L"CStatusConnection::Start: ", *e);
-    }
-    return false;
+    return m_hevWake && m_thread.Start([this](HANDLE) { Run(); });
 }
 
 void CStatusConnection::RequestStop()
@@ -107,14 +92,13 @@ void CStatusConnection::TakeQueued(std::vector<uint8_t>& out)
     }
 }
 
-int CStatusConnection::Run(void* stopEvent, void*)
+void CStatusConnection::Run()
 {
-    const HANDLE stop = static_cast<HANDLE>(stopEvent);
     uint32_t reason = kGoodbye;
     switch (Greet(reason))
     {
     case Greeting::Welcomed:
-        Serve(stop);
+        Serve();
         break;
     case Greeting::Refused:
         Log(LogLevel::Info, kRun, L"client (process %u, session %u) refused: %S", m_processId, m_sessionId,
@@ -127,7 +111,6 @@ int CStatusConnection::Run(void* stopEvent, void*)
     // Closed, not disconnected: what was written and not yet read stays readable for the client.
     m_pipe.reset();
     m_server.ConnectionEnded(m_id);
-    return 0;
 }
 
 CStatusConnection::Greeting CStatusConnection::Greet(uint32_t& reason)
@@ -188,7 +171,7 @@ DWORD CStatusConnection::DrainMs(uint32_t reason) const
     return reason == kServiceStopping ? std::min(kStopDrainMs, drain) : drain;
 }
 
-void CStatusConnection::Serve(HANDLE stop)
+void CStatusConnection::Serve()
 {
     const HANDLE pipe = m_pipe.get();
     CPacketReader reader(kMaxClientPayload);
@@ -247,8 +230,8 @@ void CStatusConnection::Serve(HANDLE stop)
         if (!closing && !reader.Pending() && next.empty() && !reader.Start(pipe))
             break;
 
-        HANDLE handles[4] = {stop, m_hevWake.get()};
-        DWORD count = 2;
+        HANDLE handles[3] = {m_hevWake.get()};
+        DWORD count = 1;
         const DWORD readerSlot = reader.Pending() ? count++ : MAXDWORD;
         if (readerSlot != MAXDWORD)
             handles[readerSlot] = reader.Event();
@@ -262,11 +245,6 @@ void CStatusConnection::Serve(HANDLE stop)
         {
             Log(LogLevel::Error, kRun, L"WaitForMultipleObjects failed. GLE=%d", static_cast<int>(::GetLastError()));
             break;
-        }
-        if (wait == WAIT_OBJECT_0)
-        {
-            m_bStopRequested = true;
-            continue;
         }
         if (wait == WAIT_OBJECT_0 + readerSlot)
         {

@@ -5,11 +5,12 @@
 #include "common/BaseLogger.h"
 #include "common/Locks.h"
 #include "common/UniqueHandle.h"
-#include "pipe/JoinableThread.h"
+#include "common/WorkerThread.h"
 #include "statusapi/StatusProtocol.h"
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -48,9 +49,9 @@ private:
         Gone,    // the client left or failed; nothing more to say to it
     };
 
-    int Run(void* stopEvent, void* parameter);
+    void Run();
     Greeting Greet(uint32_t& reason);
-    void Serve(HANDLE stop);
+    void Serve();
     // The queued notifications as packets, appended to `out`.
     void TakeQueued(std::vector<uint8_t>& out);
     bool Overflowed();
@@ -63,7 +64,8 @@ private:
     const uint32_t m_processId;
     const uint32_t m_sessionId;
     bool m_administrator = false;
-    daxlib::unique_handle m_hevWake; // auto-reset: the queue has news or a stop was asked for
+    // Auto-reset: the queue has news, or a stop was asked for (the thread waits for nothing else).
+    daxlib::unique_handle m_hevWake;
     std::atomic<bool> m_bStopRequested{false};
     // Guards the subscription and its queue.
     daxlib::srw_lock m_queueLock;
@@ -73,5 +75,5 @@ private:
     std::deque<statusapi::SessionEntry> m_queue;
     bool m_bOverflowed = false;
     // Declared last: joined before anything it uses goes.
-    std::unique_ptr<CJoinableThread<int>> m_pThread;
+    daxlib::CWorkerThread m_thread;
 };

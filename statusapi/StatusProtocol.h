@@ -3,6 +3,7 @@
 // 8-byte header (type, payload length; little-endian) followed by exactly that many payload bytes.
 // Free of Windows headers: the service, velomar-status and the tests share it, and it is tested
 // and fuzzed on the build host.
+#include "common/PipeNames.h"
 #include "pipeserver/AgentProtocol.h"
 #include "virt/ChannelStatus.h"
 
@@ -15,8 +16,7 @@
 namespace statusapi
 {
 
-// Without the "\\.\pipe\" prefix; the service serves it and velomar-status opens it.
-constexpr wchar_t kStatusPipeName[] = L"DAC925CB-51DC-45D2-821E-1ACD58245344";
+using daxlib::kStatusPipeName;
 constexpr uint32_t kProtocolVersion = 1;
 
 enum PacketType : uint32_t

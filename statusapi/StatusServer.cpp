@@ -1,13 +1,11 @@
 #include "statusapi/StatusServer.h"
 
-#include "common/DaxException.h"
-#include "pipe/CallbackHolder.h"
+#include "common/Guarded.h"
 #include "pipe/NamedPipeServer.h"
 #include "pipe/attributes.h"
 #include "statusapi/PipeIo.h"
 #include "statusapi/StatusConnection.h"
 
-#include <exception>
 #include <mutex>
 #include <shared_mutex>
 #include <utility>
@@ -32,7 +30,7 @@ struct CStatusServer::Waiting
 };
 
 CStatusServer::CStatusServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName)
-    : IBaseItem(std::move(logger)), m_pipeName(L"\\\\.\\pipe\\" + pipeName), m_nextKey(kFirstInstanceKey)
+    : IBaseItem(std::move(logger)), m_pipeName(daxlib::PipePath(pipeName)), m_nextKey(kFirstInstanceKey)
 {
 }
 
@@ -43,9 +41,9 @@ CStatusServer::~CStatusServer()
 
 int CStatusServer::Start()
 {
-    if (m_pAcceptThread)
+    if (m_acceptThread.IsRunning())
         return 1;
-    try
+    return daxlib::GuardedValue(this, L"CStatusServer::Start: ", 0, [&]
     {
         // The agent pipe's access: local users read and write, nobody but SYSTEM creates instances.
         m_attributes = std::make_shared<CDaxSecattrLocalLI>(CDaxSecattr::DefaultVersionQuery(), ClientAccess::Narrow);
@@ -58,36 +56,27 @@ int CStatusServer::Start()
         }
         // The first instances exist when Start returns: a client may connect at once.
         Refill();
-        auto thread = std::make_unique<CJoinableThread<int>>(
-            MakeMemberCallback<int(void*, void*)>(this, &CStatusServer::AcceptThread), nullptr, m_pLogger,
-            L"StatusAcceptThread");
-        if (!thread->Start())
+        // It ends on the port's stop packet, not on its stop event.
+        if (!m_acceptThread.Start([this](HANDLE) { AcceptThread(); }))
+        {
+            Log(LogLevel::Error, L"CStatusServer::Start: ", L"the accept thread cannot start. GLE=%d",
+                static_cast<int>(::GetLastError()));
             return 0;
-        m_pAcceptThread = std::move(thread);
+        }
         Log(LogLevel::Info, L"CStatusServer::Start: ", L"waiting for status clients on %s (at most %u a session, %u in all)",
             m_pipeName.c_str(), m_settings.maxConnectionsPerSession, m_settings.maxConnections);
         return 1;
-    }
-    catch (daxlib::CDaxException* raw)
-    {
-        daxlib::DaxExceptionPtr e(raw);
-        LogDaxException(LogLevel::Error, L"CStatusServer::Start: ", *e);
-    }
-    catch (const std::exception& e)
-    {
-        LogStdException(LogLevel::Error, L"CStatusServer::Start: ", e);
-    }
-    return 0;
+    });
 }
 
 int CStatusServer::Stop()
 {
     // Written out: the accept thread first (no new clients, no more reaping), then every
     // connection told at once and joined, then the port that they post their ends to.
-    if (m_pAcceptThread)
+    if (m_acceptThread.IsRunning())
     {
         ::PostQueuedCompletionStatus(m_port.get(), 0, kStopKey, nullptr);
-        m_pAcceptThread.reset();
+        m_acceptThread.Stop();
     }
     std::map<uint64_t, std::shared_ptr<CStatusConnection>> connections;
     {
@@ -109,7 +98,7 @@ void CStatusServer::Refill()
     }
 }
 
-int CStatusServer::AcceptThread(void*, void*)
+void CStatusServer::AcceptThread()
 {
     auto& waiting = m_waiting;
     for (;;)
@@ -161,7 +150,6 @@ int CStatusServer::AcceptThread(void*, void*)
     for (auto& [key, instance] : waiting)
         static_cast<void>(instance.release()); // never completed: its record stays where the system may write
     waiting.clear();
-    return 0;
 }
 
 bool CStatusServer::Listen(ULONG_PTR key)

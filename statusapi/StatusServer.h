@@ -6,7 +6,7 @@
 // records them and queues them for the subscribers: it never waits on a client.
 #include "common/BaseItem.h"
 #include "common/Locks.h"
-#include "pipe/JoinableThread.h"
+#include "common/WorkerThread.h"
 #include "pipe/PipeInstance.h"
 #include "statusapi/PeerIdentity.h"
 #include "statusapi/StatusProtocol.h"
@@ -56,7 +56,7 @@ public:
     static constexpr DWORD kPipeBufferSize = 4096;   // about five notifications
     static constexpr DWORD kRefusalWriteMs = 1000;   // a refused client's close packet fits the empty buffer
 
-    explicit CStatusServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName = statusapi::kStatusPipeName);
+    explicit CStatusServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName = daxlib::kStatusPipeName);
     ~CStatusServer() override;
     CStatusServer(const CStatusServer&) = delete;
     CStatusServer& operator=(const CStatusServer&) = delete;
@@ -92,7 +92,7 @@ public:
 private:
     struct Waiting;
 
-    int AcceptThread(void* stopEvent, void* parameter);
+    void AcceptThread();
     // Keeps kAccepts instances waiting (as far as they can be made).
     void Refill();
     bool Listen(ULONG_PTR key);
@@ -122,5 +122,5 @@ private:
     std::map<uint32_t, uint32_t> m_sessionConnections;
     uint32_t m_refusedInBurst = 0;
     // Declared last: it stops first.
-    std::unique_ptr<CJoinableThread<int>> m_pAcceptThread;
+    daxlib::CWorkerThread m_acceptThread;
 };

@@ -1,6 +1,7 @@
 #include "virt/SessionHandler.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
 #include "common/WideFormat.h"
 #include "virt/SkApi.h"
 #include "virt/UrlProtocol.h"
@@ -18,7 +19,6 @@ constexpr wchar_t kStartThreads[] = L"CSessionHandler::StartThreads";
 constexpr wchar_t kStopThreads[] = L"CSessionHandler::StopThreads";
 constexpr wchar_t kConnectionThread[] = L"CSessionHandler::ConnectionThread";
 constexpr wchar_t kReadThread[] = L"CSessionHandler::ReadThread";
-constexpr wchar_t kDoHandshake[] = L"CSessionHandler::DoHandshake";
 constexpr wchar_t kOnConnectionEvent[] = L"CSessionHandler::OnConnectionEvent";
 constexpr wchar_t kSendURL[] = L"CSessionHandler::SendURL";
 constexpr wchar_t kCloseConnection[] = L"CSessionHandler::CloseConnection";
@@ -195,47 +195,17 @@ void CSessionHandler::GetChannelStatus(ChannelStatusRecord& record) const
 unsigned __stdcall CSessionHandler::ConnectionThreadEntry(void* self)
 {
     auto* handler = static_cast<CSessionHandler*>(self);
-    try
-    {
-        return handler->ConnectionThread();
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        daxlib::DaxExceptionPtr owned(e);
-        handler->LogDaxException(LogLevel::Error, kConnectionThread, *owned);
-    }
-    catch (const std::exception& e)
-    {
-        handler->LogStdException(LogLevel::Error, kConnectionThread, e);
-    }
-    catch (...)
-    {
-        handler->Log(LogLevel::Error, kConnectionThread, L"Unknown exception");
-    }
-    return 1;
+    unsigned result = 1;
+    daxlib::GuardedCall(handler, kConnectionThread, [&] { result = handler->ConnectionThread(); });
+    return result;
 }
 
 unsigned __stdcall CSessionHandler::ReadThreadEntry(void* self)
 {
     auto* handler = static_cast<CSessionHandler*>(self);
-    try
-    {
-        return handler->ReadThread();
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        daxlib::DaxExceptionPtr owned(e);
-        handler->LogDaxException(LogLevel::Error, kReadThread, *owned);
-    }
-    catch (const std::exception& e)
-    {
-        handler->LogStdException(LogLevel::Error, kReadThread, e);
-    }
-    catch (...)
-    {
-        handler->Log(LogLevel::Error, kReadThread, L"Unknown exception");
-    }
-    return 1;
+    unsigned result = 1;
+    daxlib::GuardedCall(handler, kReadThread, [&] { result = handler->ReadThread(); });
+    return result;
 }
 
 void WINAPI CSessionHandler::ConnectionEventTrampoline(HANDLE connection, DWORD event, void* context)
@@ -333,121 +303,7 @@ bool CSessionHandler::ConnectOnce()
     return false;
 }
 
-CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
-{
-    using namespace SkApi;
-    // Each exchange holds the state lock on its own, never the whole handshake.
-    auto write = [this](const void* bytes, DWORD size)
-    {
-        std::lock_guard lock(m_csState);
-        DWORD count = size;
-        return pfnSkWriteData(GetConnection(), bytes, &count, INFINITE) != FALSE;
-    };
-    auto read = [this](void* bytes, DWORD size)
-    {
-        std::lock_guard lock(m_csState);
-        DWORD count = size;
-        return pfnSkReadData(GetConnection(), bytes, &count, INFINITE) != FALSE;
-    };
-    auto writeFailed = [this](const wchar_t* format)
-    {
-        Log(LogLevel::Error, kDoHandshake, format, ::GetLastError());
-        return false;
-    };
-    auto readFailed = [this](const wchar_t* what)
-    {
-        const DWORD error = ::GetLastError();
-        if (error == ERROR_NOT_CONNECTED)
-            Log(LogLevel::Info, kDoHandshake, L"%s failed. Error=ERROR_NOT_CONNECTED(2250)", what);
-        else
-            Log(LogLevel::Error, kDoHandshake, L"%s failed. Error=%u", what, error);
-        return false;
-    };
-
-    {
-        std::lock_guard lock(m_csState);
-        m_status = ChannelStatusRecord{};
-    }
-    ChannelStatusRecord local{};
-    // Set only by an answer of the client side; a failed read or write leaves it false.
-    bool refused = false;
-
-    auto exchange = [&]() -> bool
-    {
-        uint8_t item[4];
-        UrlNet::PutU32(item, UrlNet::LocalVersion);
-        if (!write(item, 4))
-            return writeFailed(L"SkWriteData(LocalVersion) failed. Error=%u");
-        Log(LogLevel::Info, kDoHandshake, L"LocalVersion=%#.8x", UrlNet::LocalVersion);
-        local.dwLocalVersion = UrlNet::LocalVersion;
-
-        if (!read(item, 4))
-            return readFailed(L"First SkReadData(RemoteVersion)");
-        local.dwRemoteVersion = UrlNet::GetU32(item);
-        Log(LogLevel::Info, kDoHandshake, L"RemoteVersion=%#.8x", local.dwRemoteVersion);
-
-        // Accepted whatever the remote version says; a low version is refused only at the end.
-        uint8_t status = UrlNet::StatusAccepted;
-        if (!write(&status, 1))
-            return writeFailed(L"SkWriteData(bVersionStatus) failed for incompatible version. Error=%u");
-        if (!read(&status, 1))
-            return readFailed(L"First SkReadData(bVersionStatus)");
-        if (status != UrlNet::StatusAccepted)
-        {
-            Log(LogLevel::Warning, kDoHandshake,
-                L"Remote side is not compatible with local protocol version");
-            refused = true;
-            return false;
-        }
-        Log(LogLevel::Info, kDoHandshake, L"Negotiations about the version are successful. Version=%#.8x",
-            UrlNet::LocalVersion);
-        local.dwNegotiatedVersion = UrlNet::LocalVersion;
-
-        UrlNet::PutU32(item, UrlNet::LocalOptionsLength);
-        if (!write(item, 4))
-            return writeFailed(L"SkWriteData(cbLocalOptions) failed. Error=%u");
-        if (!read(item, 4))
-            return readFailed(L"SkReadData(cbRemoteOptions)");
-        // Announced option bytes are never read: the next thing expected is a message header.
-        Log(LogLevel::Info, kDoHandshake, L"cbRemoteOptions=%u", UrlNet::GetU32(item));
-
-        status = UrlNet::StatusAccepted;
-        if (!write(&status, 1))
-            return writeFailed(L"SkWriteData(bOptionsStatus) failed for incompatible version. Error=%u");
-        if (!read(&status, 1))
-            return readFailed(L"First SkReadData(bOptionsStatus)");
-        if (status != UrlNet::StatusAccepted)
-        {
-            Log(LogLevel::Warning, kDoHandshake,
-                L"Remote side is not compatible with local protocol options");
-            refused = true;
-            return false;
-        }
-        // Told "accepted" in the version exchange, dropped now without a word: kept as it is.
-        refused = local.dwRemoteVersion < UrlNet::LowestRemoteVersion;
-        return !refused;
-    };
-    const bool ok = exchange();
-    if (!ok && !refused)
-    {
-        // A blip in the middle of the exchange is no verdict on the protocol: the session is
-        // reported broken and the connection thread tries again after its pause.
-        std::lock_guard lock(m_csState);
-        m_status = ChannelStatusRecord{};
-        m_status.dwState = eCvUrlApiEvent_RdpConnectionBroken;
-        Publish(m_status);
-        return HandshakeOutcome::Broken;
-    }
-
-    // Whoever learns of state 50 may send at once, so reading and sending are allowed first.
-    if (ok)
-        ::SetEvent(m_hevStartRead.get());
-    std::lock_guard lock(m_csState);
-    m_status = local;
-    m_status.dwState = ok ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpInvalidProtocol;
-    Publish(m_status);
-    return ok ? HandshakeOutcome::Accepted : HandshakeOutcome::Refused;
-}
+// DoHandshake is in SessionHandshake.cpp.
 
 unsigned CSessionHandler::ReadThread()
 {

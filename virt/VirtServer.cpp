@@ -1,6 +1,7 @@
 #include "virt/VirtServer.h"
 
 #include "common/DaxException.h"
+#include "common/Guarded.h"
 #include "common/WideFormat.h"
 #include "virt/SkApi.h"
 
@@ -133,22 +134,8 @@ void WINAPI CVirtServer::SessionOpenedTrampoline(DWORD, const SkApi::SessionNoti
     if (!context || !notification)
         return;
     auto* server = static_cast<CVirtServer*>(context);
-    try
-    {
-        server->OnSessionOpened(notification->dwSessionType, *notification);
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        daxlib::DaxExceptionPtr owned(e);
-        server->LogDaxException(LogLevel::Error, kOnSessionOpened, *owned);
-    }
-    catch (const std::exception& e)
-    {
-        server->LogStdException(LogLevel::Error, kOnSessionOpened, e);
-    }
-    catch (...)
-    {
-    }
+    daxlib::GuardedCall(server, kOnSessionOpened,
+                        [&] { server->OnSessionOpened(notification->dwSessionType, *notification); });
 }
 
 void WINAPI CVirtServer::SessionClosedTrampoline(DWORD, const SkApi::SessionNotification* notification,
@@ -157,22 +144,8 @@ void WINAPI CVirtServer::SessionClosedTrampoline(DWORD, const SkApi::SessionNoti
     if (!context || !notification)
         return;
     auto* server = static_cast<CVirtServer*>(context);
-    try
-    {
-        server->OnSessionClosed(notification->dwSessionType, *notification);
-    }
-    catch (daxlib::CDaxException* e)
-    {
-        daxlib::DaxExceptionPtr owned(e);
-        server->LogDaxException(LogLevel::Error, kOnSessionClosed, *owned);
-    }
-    catch (const std::exception& e)
-    {
-        server->LogStdException(LogLevel::Error, kOnSessionClosed, e);
-    }
-    catch (...)
-    {
-    }
+    daxlib::GuardedCall(server, kOnSessionClosed,
+                        [&] { server->OnSessionClosed(notification->dwSessionType, *notification); });
 }
 
 void CVirtServer::OnSessionOpened(uint32_t type, const SkApi::SessionNotification& notification)

@@ -28,7 +28,8 @@ struct ProcessFigures
 
 // Reads "--name value" pairs into the numbers they name; false on an unknown name or a name
 // without a value.
-inline bool ParseNumberOptions(int argc, wchar_t** argv, std::initializer_list<std::pair<const wchar_t*, int*>> known)
+inline bool ParseNumberOptions(int argc, wchar_t** argv,
+                               std::initializer_list<std::pair<const wchar_t*, int*>> known)
 {
     if (argc % 2 == 0)
         return false;
@@ -84,27 +85,27 @@ class ProductValues
 public:
     explicit ProductValues(std::vector<std::pair<std::wstring, DWORD>> values) : m_values(std::move(values))
     {
-        m_ok = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"Software\\Corvane\\Velomar (Server)", 0, nullptr, 0,
-                                 KEY_ALL_ACCESS, nullptr, m_key.put(), nullptr) == ERROR_SUCCESS;
+        m_bOk = ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"Software\\Corvane\\Velomar (Server)", 0, nullptr, 0,
+                                  KEY_ALL_ACCESS, nullptr, m_hKey.put(), nullptr) == ERROR_SUCCESS;
         for (const auto& [name, value] : m_values)
-            m_ok = m_ok &&
-                   ::RegSetValueExW(m_key.get(), name.c_str(), 0, REG_DWORD,
-                                    reinterpret_cast<const BYTE*>(&value), sizeof(value)) == ERROR_SUCCESS;
+            m_bOk = m_bOk &&
+                    ::RegSetValueExW(m_hKey.get(), name.c_str(), 0, REG_DWORD,
+                                     reinterpret_cast<const BYTE*>(&value), sizeof(value)) == ERROR_SUCCESS;
     }
     ~ProductValues()
     {
         for (const auto& [name, value] : m_values)
-            ::RegDeleteValueW(m_key.get(), name.c_str());
+            ::RegDeleteValueW(m_hKey.get(), name.c_str());
     }
     ProductValues(const ProductValues&) = delete;
     ProductValues& operator=(const ProductValues&) = delete;
 
-    bool Ok() const { return m_ok; }
+    bool Ok() const { return m_bOk; }
 
 private:
     std::vector<std::pair<std::wstring, DWORD>> m_values;
-    daxlib::unique_hkey m_key;
-    bool m_ok = false;
+    daxlib::unique_hkey m_hKey;
+    bool m_bOk = false;
 };
 
 // Starts the registered service and waits until one URL has reached the client side; the

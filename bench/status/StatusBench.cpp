@@ -39,10 +39,10 @@ bool Control(const std::string& command)
     const ULONGLONG deadline = statusapi::DeadlineAfter(kLimitMs);
     while (!pipe && statusapi::Remaining(deadline) > 0)
     {
-        pipe.reset(::CreateFileW(L"\\\\.\\pipe\\CorvaneSkeinStandin", GENERIC_READ | FILE_WRITE_DATA, 0, nullptr,
+        pipe.reset(::CreateFileW(daxlib::kStandinControlPipe, GENERIC_READ | FILE_WRITE_DATA, 0, nullptr,
                                  OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
         if (!pipe)
-            ::WaitNamedPipeW(L"\\\\.\\pipe\\CorvaneSkeinStandin", 100);
+            ::WaitNamedPipeW(daxlib::kStandinControlPipe, 100);
     }
     if (!pipe || statusapi::WriteAll(pipe.get(), std::vector<uint8_t>(command.begin(), command.end()), deadline) !=
                      statusapi::IoOutcome::Ok)

@@ -53,7 +53,7 @@ TEST(BaseLogger, WritesOriginTagAndMessageAndKeepsLastError)
     TaggedItem item(logger);
     ::SetLastError(87);
     item.Log(2, L"CPipeServer::Start: (51)", L"waiting for %s...", L"connections");
-    EXPECT_EQ(87u, ::GetLastError());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), ::GetLastError());
     item.Log(3, L"X::Y: (1)", L"filtered out");
     const auto records = logger->Records();
     ASSERT_EQ(1u, records.size());

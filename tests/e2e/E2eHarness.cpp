@@ -1,5 +1,6 @@
 #include "tests/e2e/E2eHarness.h"
 
+#include "common/PipeNames.h"
 #include "pipeserver/AgentProtocol.h"
 #include "tests/common/TestSupport.h"
 
@@ -33,7 +34,7 @@ const wchar_t kLogFolder[] = L"C:\\ProgramData\\Corvane\\Velomar (Server)";
 const wchar_t kLogFile[] = L"C:\\ProgramData\\Corvane\\Velomar (Server)\\velomard.txt";
 const wchar_t kProductKey[] = L"Software\\Corvane\\Velomar (Server)";
 const wchar_t kPolicyKey[] = L"Software\\Policies\\Corvane\\Velomar (Server)\\UrlPolicy";
-const wchar_t kAgentPipe[] = L"\\\\.\\pipe\\9FEA9DA6-BEA1-479B-9819-F9031E0B69EE";
+const std::wstring kAgentPipe = daxlib::PipePath(daxlib::kAgentPipeName);
 
 using std::chrono::milliseconds;
 
@@ -265,7 +266,7 @@ bool AgentPipe::Connect(milliseconds limit)
     const auto end = std::chrono::steady_clock::now() + limit;
     do
     {
-        m_pipe.reset(::CreateFileW(kAgentPipe, GENERIC_READ | FILE_WRITE_DATA, 0, nullptr, OPEN_EXISTING,
+        m_pipe.reset(::CreateFileW(kAgentPipe.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr, OPEN_EXISTING,
                                    FILE_FLAG_OVERLAPPED, nullptr));
         if (m_pipe)
         {
@@ -273,7 +274,7 @@ bool AgentPipe::Connect(milliseconds limit)
             return m_event.valid();
         }
         // Busy: waits for a free instance; not listening yet, or between instances: a moment.
-        if (!::WaitNamedPipeW(kAgentPipe, 1000))
+        if (!::WaitNamedPipeW(kAgentPipe.c_str(), 1000))
             ::Sleep(20);
     } while (std::chrono::steady_clock::now() < end);
     return false;

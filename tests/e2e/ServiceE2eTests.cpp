@@ -2,6 +2,7 @@
 // it always reaches running and serves agents, and a stop ends its process half a second later with exit
 // code 0, also while agents are connected. The control manager refuses the shutdown control
 // from a program (error 87), so only the system's own shutdown could send it; not driven here.
+#include "common/PipeNames.h"
 #include "tests/e2e/E2eTestSupport.h"
 
 #include "pipeserver/AgentProtocol.h"
@@ -24,7 +25,7 @@ TEST(ServiceE2e, WithoutTheLibraryItRunsAndAnswersEveryUrlWithOne)
     EXPECT_TRUE(agent.Handshake());
     EXPECT_EQ(std::optional<uint32_t>(1), agent.OpenUrl(u"https://example.com/no-library"));
     EXPECT_EQ(std::optional<uint32_t>(1), agent.OpenUrl(u"https://example.com/still-none"));
-    EXPECT_FALSE(::WaitNamedPipeW(L"\\\\.\\pipe\\CorvaneSkeinStandin", 100))
+    EXPECT_FALSE(::WaitNamedPipeW(daxlib::kStandinControlPipe, 100))
         << "no library, so nobody serves its control pipe";
     ExpectCleanStop(run);
 }
@@ -33,7 +34,7 @@ TEST(ServiceE2e, StartsLogsOpensTheSessionsChannelAndStopsWithAgentsConnected)
 {
     ServiceRun run({});
     StartRunning(run);
-    EXPECT_EQ(133u, run.Query().dwControlsAccepted);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE), run.Query().dwControlsAccepted);
 
     // The file begins with the banner (a blank line, a header, the build text); the start
     // record has the version as bare hex digits run together with the build date.

@@ -80,7 +80,8 @@ std::shared_ptr<CCvLogger> MakeLogger(const TempDir& dir, const wchar_t* base, B
                                       const TestKey* key = nullptr, CCvLogger::JunctionCheck check = nullptr)
 {
     return CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), key ? HKEY_CURRENT_USER : nullptr,
-                                           key ? key->path.c_str() : nullptr, base, nullptr, TRUE, buffered, 2, check);
+                                           key ? key->path.c_str() : nullptr, base, nullptr, TRUE, buffered,
+                                           2, check);
 }
 
 uint64_t NowFileTime()
@@ -122,9 +123,9 @@ TEST(Rotation, CountThreeKeepsThreeRotatedFilesAndARecreateStartsAfresh)
     // The live file is started again on request; an unknown file index is refused.
     EXPECT_TRUE(logger->RequestRecreate(0));
     logger->Log(2, L"after-recreate");
-    ::SetLastError(0);
+    ::SetLastError(ERROR_SUCCESS);
     EXPECT_FALSE(logger->RequestRecreate(5));
-    EXPECT_EQ(::GetLastError(), 1168u);
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_FOUND));
     logger.reset();
 
     const std::wstring live = ReadText(dir.File(L"rot.txt"));
@@ -144,89 +145,109 @@ TEST(Rotation, CountThreeKeepsThreeRotatedFilesAndARecreateStartsAfresh)
         EXPECT_TRUE(StartsWith(*text, banner));
 }
 
-// One logger with a key walks through the limits, bad values, the watch thread's live edits
-// and the idle close of its file.
-TEST(RegistrySettings, LimitsBadValuesLiveEditsAndIdleClose)
+// A logger with a key of its own; Load() reads the key as the watch thread does on a change.
+class RegistrySettings : public ::testing::Test
 {
-    TempDir dir(L"velomar-reg");
-    TestKey key;
-    auto logger = MakeLogger(dir, L"reg", TRUE, &key);
-    ASSERT_TRUE(logger);
-    EXPECT_EQ(key.GetDword(L"LogLevel"), 2u); // missing at creation: written back
-    logger->Log(2, L"first-record");
-    const std::wstring path = dir.File(L"reg.txt");
-    const auto exclusive = [&] {
-        daxlib::unique_hfile file(
-            ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-        return file.valid();
-    };
+protected:
+    void SetUp() override
+    {
+        m_logger = MakeLogger(m_dir, L"reg", TRUE, &m_key);
+        ASSERT_TRUE(m_logger);
+    }
+    void Load() { m_logger->LoadSettings(m_key.key.get(), FALSE); }
+
+    TempDir m_dir{L"velomar-reg"};
+    TestKey m_key;
+    std::shared_ptr<CCvLogger> m_logger;
+};
+
+TEST_F(RegistrySettings, IdleFileIsClosedAndReopenedWithoutASecondBanner)
+{
+    m_logger->Log(2, L"first-record");
+    const std::wstring path = m_dir.File(L"reg.txt");
     ASSERT_TRUE(Eventually([&] { return Exists(path); }));
-    EXPECT_TRUE(Eventually(exclusive)) << "the idle handle was never closed";
-
-    const auto load = [&] { logger->LoadSettings(key.key.get(), FALSE); };
-    const std::pair<DWORD, uint32_t> counts[] = {{0, 1}, {150, 99}, {5, 5}};
-    for (const auto& [value, expected] : counts)
-    {
-        key.SetDword(L"RotationLogFileNumber", value);
-        load();
-        EXPECT_EQ(logger->GetRotationCount(), expected) << value;
-    }
-    ::RegDeleteValueW(key.key.get(), L"RotationLogFileNumber");
-    load();
-    EXPECT_EQ(logger->GetRotationCount(), 10u);
-    const std::pair<DWORD, uint32_t> sizes[] = {{0, 1000u << 20}, {5000, 1000u << 20}, {1, 1048576u}};
-    for (const auto& [value, expected] : sizes)
-    {
-        key.SetDword(L"RotationLogFileSizeMB", value);
-        load();
-        EXPECT_EQ(logger->GetMaxFileSize(), expected) << value;
-    }
-    ::RegDeleteValueW(key.key.get(), L"RotationLogFileSizeMB");
-    load();
-    EXPECT_EQ(logger->GetMaxFileSize(), 1048576u); // missing: unchanged
-    key.SetDword(L"OverrideLogMaxFiles", 0);
-    load();
-    EXPECT_EQ(logger->GetOldFileLimit(), 0u);
-
-    // Wrong types and sizes leave the settings as they were; a level as decimal text is taken.
-    key.SetDword(L"LogLevel", 3);
-    key.SetDword(L"RotationLogFileNumber", 4);
-    load();
-    const uint64_t eight = 7;
-    key.SetText(L"RotationLogFileNumber", L"6");
-    key.Set(L"RotationLogFileSizeMB", REG_BINARY, &eight, sizeof eight);
-    key.Set(L"LogLevel", REG_DWORD, &eight, 2);
-    load();
-    key.SetText(L"LogLevel", L"junk");
-    load();
-    key.Set(L"LogLevel", REG_BINARY, &eight, 4);
-    load();
-    EXPECT_EQ(logger->GetRotationCount(), 4u);
-    EXPECT_EQ(logger->GetMaxFileSize(), 1048576u);
-    EXPECT_EQ(LevelOf(*logger), 3u);
-    key.SetText(L"LogLevel", L"4");
-    load();
-    EXPECT_EQ(LevelOf(*logger), 4u);
-
-    // A level set in code goes to the key, with its own file size; edits in the key are
-    // picked up by the watch thread.
-    logger->SetLevelFileSizes({{5, 4096}});
-    EXPECT_EQ(logger->SetLevel(5), 0u);
-    EXPECT_EQ(key.GetDword(L"LogLevel"), 5u);
-    EXPECT_EQ(logger->GetMaxFileSize(), 4096u);
-    key.SetDword(L"LogLevel", 1);
-    EXPECT_TRUE(Eventually([&] { return LevelOf(*logger) == 1; }));
-    key.SetDword(L"RotationLogFileNumber", 150);
-    EXPECT_TRUE(Eventually([&] { return logger->GetRotationCount() == 99; }));
-
-    // The file closed while idle is opened again by the next record, without a second banner.
-    logger->Log(1, L"second-record");
-    const std::wstring banner = logger->GetBanner();
-    logger.reset();
+    EXPECT_TRUE(Eventually(
+        [&]
+        {
+            daxlib::unique_hfile file(::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+                                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+            return file.valid();
+        }))
+        << "the idle handle was never closed";
+    m_logger->Log(1, L"second-record");
+    const std::wstring banner = m_logger->GetBanner();
+    m_logger.reset();
     const std::wstring text = ReadText(path);
     EXPECT_TRUE(Contains(text, L"first-record"));
     EXPECT_TRUE(Contains(text, L"second-record"));
     EXPECT_EQ(text.find(banner, 1), std::wstring::npos) << "an existing file gets no second banner";
+}
+
+// A missing count goes back to its default; a missing size stays as it was.
+TEST_F(RegistrySettings, RotationValuesAreHeldWithinTheirRanges)
+{
+    const std::pair<DWORD, uint32_t> counts[] = {{0, 1}, {150, 99}, {5, 5}};
+    for (const auto& [value, expected] : counts)
+    {
+        m_key.SetDword(L"RotationLogFileNumber", value);
+        Load();
+        EXPECT_EQ(m_logger->GetRotationCount(), expected) << value;
+    }
+    ::RegDeleteValueW(m_key.key.get(), L"RotationLogFileNumber");
+    Load();
+    EXPECT_EQ(m_logger->GetRotationCount(), 10u);
+    const std::pair<DWORD, uint32_t> sizes[] = {{0, 1000u << 20}, {5000, 1000u << 20}, {1, 1u << 20}};
+    for (const auto& [value, expected] : sizes)
+    {
+        m_key.SetDword(L"RotationLogFileSizeMB", value);
+        Load();
+        EXPECT_EQ(m_logger->GetMaxFileSize(), expected) << value;
+    }
+    ::RegDeleteValueW(m_key.key.get(), L"RotationLogFileSizeMB");
+    Load();
+    EXPECT_EQ(m_logger->GetMaxFileSize(), 1u << 20);
+    m_key.SetDword(L"OverrideLogMaxFiles", 0);
+    Load();
+    EXPECT_EQ(m_logger->GetOldFileLimit(), 0u);
+}
+
+TEST_F(RegistrySettings, WrongTypesAndSizesAreIgnoredButALevelInDecimalTextIsTaken)
+{
+    m_key.SetDword(L"LogLevel", 3);
+    m_key.SetDword(L"RotationLogFileNumber", 4);
+    m_key.SetDword(L"RotationLogFileSizeMB", 1);
+    Load();
+    const uint64_t seven = 7;
+    m_key.SetText(L"RotationLogFileNumber", L"6");
+    m_key.Set(L"RotationLogFileSizeMB", REG_BINARY, &seven, sizeof seven);
+    m_key.Set(L"LogLevel", REG_DWORD, &seven, 2);
+    Load();
+    m_key.SetText(L"LogLevel", L"junk");
+    Load();
+    m_key.Set(L"LogLevel", REG_BINARY, &seven, 4);
+    Load();
+    EXPECT_EQ(m_logger->GetRotationCount(), 4u);
+    EXPECT_EQ(m_logger->GetMaxFileSize(), 1u << 20);
+    EXPECT_EQ(LevelOf(*m_logger), 3u);
+    m_key.SetText(L"LogLevel", L"4");
+    Load();
+    EXPECT_EQ(LevelOf(*m_logger), 4u);
+}
+
+// Missing at creation, it is written back; set in code, it goes to the key with its file size.
+TEST_F(RegistrySettings, KeyHoldsTheLoggersLevel)
+{
+    EXPECT_EQ(m_key.GetDword(L"LogLevel"), 2u);
+    m_logger->SetLevelFileSizes({{5, 4096}});
+    EXPECT_EQ(m_logger->SetLevel(5), 0u);
+    EXPECT_EQ(m_key.GetDword(L"LogLevel"), 5u);
+    EXPECT_EQ(m_logger->GetMaxFileSize(), 4096u);
+}
+
+TEST_F(RegistrySettings, WatchThreadPicksUpEditsOfTheKey)
+{
+    m_key.SetDword(L"LogLevel", 1);
+    EXPECT_TRUE(Eventually([&] { return LevelOf(*m_logger) == 1; }));
 }
 
 TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
@@ -245,10 +266,12 @@ TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
     const auto start = std::chrono::steady_clock::now();
     logger->Log(2, L"refused-during-block");
     EXPECT_FALSE(Exists(path));
-    ASSERT_TRUE(Eventually([&] {
-        logger->Log(2, L"probe");
-        return Exists(path);
-    }));
+    ASSERT_TRUE(Eventually(
+        [&]
+        {
+            logger->Log(2, L"probe");
+            return Exists(path);
+        }));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4900));
     logger.reset();
     const std::wstring text = ReadText(path);
@@ -265,11 +288,12 @@ TEST_P(BadInput, UnusableFolderDropsRecordsWithoutLeaks)
     TempDir dir(L"velomar-bad");
     SetLastWrite(dir.File(L"blocker")); // a file where the folder should be
     const std::wstring folder = dir.File(L"blocker") + L"\\logs\\";
-    auto logger = CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, L"bad", nullptr, FALSE, GetParam(),
-                                                  2);
+    auto logger = CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, L"bad", nullptr, FALSE,
+                                                  GetParam(), 2);
     ASSERT_TRUE(logger);
     const unsigned char bytes[64] = {};
-    const auto batch = [&] {
+    const auto batch = [&]
+    {
         for (int i = 0; i < 200; ++i)
         {
             logger->Log(2, L"dropped %d", i);
@@ -297,8 +321,8 @@ TEST_P(BadInput, LockedFileDropsAndRetriesAndStrictModeWritesUnderTheRestrictedT
     auto logger = MakeLogger(dir, L"locked", GetParam());
     ASSERT_TRUE(logger);
     {
-        daxlib::unique_hfile lock(
-            ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+        daxlib::unique_hfile lock(::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, CREATE_NEW,
+                                                FILE_ATTRIBUTE_NORMAL, nullptr));
         ASSERT_TRUE(lock.valid());
         logger->Log(2, L"dropped-while-locked");
         // The queued writer gives no completion signal; re-opening the main file drains it.
@@ -309,7 +333,8 @@ TEST_P(BadInput, LockedFileDropsAndRetriesAndStrictModeWritesUnderTheRestrictedT
     logger->Log(2, L"strict-record");
     daxlib::unique_handle token;
     EXPECT_FALSE(::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()));
-    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN)) << "the logging thread must not keep a token";
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN))
+        << "the logging thread must not keep a token";
     logger->SetLogFileSecurity(TRUE, FALSE);
     logger->Log(2, L"restricted-record");
     const std::wstring banner = logger->GetBanner();
@@ -326,13 +351,14 @@ INSTANTIATE_TEST_SUITE_P(Writers, BadInput, ::testing::Values(TRUE, FALSE),
                          [](const auto& info) { return info.param ? "Queued" : "Direct"; });
 
 // Adding a per-process file first clears out expired and surplus ones of the same base name.
-TEST(ExtraFiles, CleanUpThenPerProcessFilesAreSeparateAndReused)
+TEST(ExtraFiles, AddingOneClearsExpiredAndSurplusFilesOfItsBaseName)
 {
     TempDir dir(L"velomar-extra");
     const uint64_t now = NowFileTime();
     constexpr uint64_t hour = 36000000000ULL;
     SetLastWrite(dir.File(L"x-pp-1-1_2020-01-01-000000(01).txt"), now - 100 * 24 * hour);
-    const wchar_t* recent[] = {L"b-pp-1-2.txt", L"c-pp-1-3.txt", L"d-pp-1-4.txt", L"e-pp-1-5.txt", L"f-pp-1-6.txt"};
+    const wchar_t* recent[] = {L"b-pp-1-2.txt", L"c-pp-1-3.txt", L"d-pp-1-4.txt", L"e-pp-1-5.txt",
+                               L"f-pp-1-6.txt"};
     for (int i = 0; i < 5; ++i)
         SetLastWrite(dir.File(recent[i]), now - (6 - i) * hour);
     SetLastWrite(dir.File(L"pp.txt"), now - 200 * 24 * hour);
@@ -347,34 +373,68 @@ TEST(ExtraFiles, CleanUpThenPerProcessFilesAreSeparateAndReused)
         EXPECT_EQ(Exists(dir.File(recent[i])), i >= 3) << i;
     EXPECT_TRUE(Exists(dir.File(L"pp.txt")));
     EXPECT_TRUE(Exists(dir.File(L"unrelated.txt")));
+}
 
-    logger->LogToFile(1, 2, L"to-bob");
-    logger->Log(2, L"to-main");
-    wchar_t bobPath[MAX_PATH], mainPath[MAX_PATH];
-    ASSERT_TRUE(logger->GetLogFilePath(1, bobPath));
-    const std::wstring name = std::wstring(bobPath).substr(dir.Path().size() + 1);
+// A logger with the per-process file "bob" as file 1 beside its main file "pp.txt".
+class ExtraFile : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        m_logger = MakeLogger(m_dir, L"pp", FALSE);
+        ASSERT_TRUE(m_logger);
+        ASSERT_EQ(m_logger->AddLogFile(L"bob", FALSE), 1);
+        ASSERT_TRUE(m_logger->GetLogFilePath(1, m_bobPath));
+        m_logger->LogToFile(1, 2, L"to-bob");
+        m_logger->Log(2, L"to-main");
+    }
+    // Ends the logger and returns bob's text.
+    std::wstring Bob()
+    {
+        m_logger.reset();
+        return ReadText(m_bobPath);
+    }
+
+    TempDir m_dir{L"velomar-extra"};
+    std::shared_ptr<CCvLogger> m_logger;
+    wchar_t m_bobPath[MAX_PATH] = {};
+};
+
+TEST_F(ExtraFile, IsNamedPerProcessAndHoldsOnlyItsOwnRecords)
+{
+    const std::wstring name = std::wstring(m_bobPath).substr(m_dir.Path().size() + 1);
     EXPECT_TRUE(std::regex_match(name, std::wregex(L"bob-pp-\\d+-\\d+_\\d{4}-\\d{2}-\\d{2}-\\d{6}\\.txt")))
         << std::string(name.begin(), name.end());
-    EXPECT_TRUE(logger->RemoveLogFile(1));
-    ::SetLastError(0);
-    EXPECT_FALSE(logger->RemoveLogFile(1));
-    EXPECT_EQ(::GetLastError(), 1168u);
-    logger->LogToFile(1, 2, L"after-removal");
-    EXPECT_FALSE(logger->GetLogFilePath(1, mainPath));
+    const std::wstring bob = Bob();
+    EXPECT_TRUE(Contains(bob, L"to-bob"));
+    EXPECT_FALSE(Contains(bob, L"to-main"));
+    EXPECT_TRUE(Contains(ReadText(m_dir.File(L"pp.txt")), L"to-main"));
+}
 
-    // Within the hour the same process continues its file, now as the main file.
-    EXPECT_EQ(logger->AddLogFile(L"bob", TRUE), 0);
-    ASSERT_TRUE(logger->GetLogFilePath(0, mainPath));
-    EXPECT_STREQ(mainPath, bobPath);
-    logger->Log(2, L"bob-as-main");
-    logger.reset();
+TEST_F(ExtraFile, RemovedOnceAndThenDropsItsRecords)
+{
+    EXPECT_TRUE(m_logger->RemoveLogFile(1));
+    ::SetLastError(ERROR_SUCCESS);
+    EXPECT_FALSE(m_logger->RemoveLogFile(1));
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_FOUND));
+    m_logger->LogToFile(1, 2, L"after-removal");
+    wchar_t path[MAX_PATH];
+    EXPECT_FALSE(m_logger->GetLogFilePath(1, path));
+    EXPECT_FALSE(Contains(Bob(), L"after-removal"));
+}
 
-    const std::wstring bob = ReadText(bobPath);
+// Within the hour the same process continues its file.
+TEST_F(ExtraFile, AddedAgainAsTheMainFileContinuesTheSameFile)
+{
+    EXPECT_TRUE(m_logger->RemoveLogFile(1));
+    EXPECT_EQ(m_logger->AddLogFile(L"bob", TRUE), 0);
+    wchar_t mainPath[MAX_PATH];
+    ASSERT_TRUE(m_logger->GetLogFilePath(0, mainPath));
+    EXPECT_STREQ(mainPath, m_bobPath);
+    m_logger->Log(2, L"bob-as-main");
+    const std::wstring bob = Bob();
     EXPECT_TRUE(Contains(bob, L"to-bob"));
     EXPECT_TRUE(Contains(bob, L"bob-as-main"));
-    EXPECT_FALSE(Contains(bob, L"to-main"));
-    EXPECT_FALSE(Contains(bob, L"after-removal"));
-    EXPECT_TRUE(Contains(ReadText(dir.File(L"pp.txt")), L"to-main"));
 }
 
 TEST(EventLog, SourceIsRegisteredForTheRunningProgram)
@@ -384,21 +444,21 @@ TEST(EventLog, SourceIsRegisteredForTheRunningProgram)
     const std::wstring provider = testing_support::UniqueName(L"VelomarLogTest");
     const std::wstring keyPath = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" + provider;
     logger->InitEventLogging(provider.c_str());
-    ::SetLastError(55);
+    ::SetLastError(ERROR_ACCESS_DENIED);
     logger->EventLog(1, 100, nullptr, L"event %d", 1);
-    EXPECT_EQ(::GetLastError(), 55u);
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
     logger.reset();
 
     wchar_t module[MAX_PATH], file[MAX_PATH] = {};
     ::GetModuleFileNameW(nullptr, module, MAX_PATH);
     DWORD size = sizeof file, types = 0;
-    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"EventMessageFile", RRF_RT_REG_SZ, nullptr, file,
-                             &size),
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"EventMessageFile", RRF_RT_REG_SZ, nullptr,
+                             file, &size),
               ERROR_SUCCESS);
     EXPECT_STREQ(file, module);
     size = sizeof types;
-    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"TypesSupported", RRF_RT_REG_DWORD, nullptr,
-                             &types, &size),
+    EXPECT_EQ(::RegGetValueW(HKEY_LOCAL_MACHINE, keyPath.c_str(), L"TypesSupported", RRF_RT_REG_DWORD,
+                             nullptr, &types, &size),
               ERROR_SUCCESS);
     EXPECT_EQ(types, 7u);
     ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath.c_str());

@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <thread>
@@ -31,13 +30,18 @@ std::vector<std::wstring> SplitLines(const std::wstring& text)
     return lines;
 }
 
+bool EndsWith(const std::wstring& text, const std::wstring& end)
+{
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 class RecordTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
-        m_logger = CCvLogger::CreateLoggerInFolder(m_dir.Path().c_str(), nullptr, nullptr, L"rectest", nullptr, FALSE,
-                                                   LOG_TEST_BUFFERED, 2);
+        m_logger = CCvLogger::CreateLoggerInFolder(m_dir.Path().c_str(), nullptr, nullptr, L"rectest",
+                                                   nullptr, FALSE, LOG_TEST_BUFFERED, 2);
         ASSERT_TRUE(m_logger);
         m_banner = m_logger->GetBanner();
     }
@@ -60,121 +64,173 @@ protected:
         return lines;
     }
 
+    // Every record line has its label and ends in its text, in this order and no others.
+    void ExpectLines(std::initializer_list<std::pair<const wchar_t*, const wchar_t*>> expected)
+    {
+        const auto lines = RecordLines();
+        ASSERT_EQ(lines.size(), expected.size());
+        for (size_t i = 0; i < lines.size(); ++i)
+        {
+            SCOPED_TRACE(std::string(lines[i].begin(), lines[i].end()));
+            const auto [label, end] = expected.begin()[i];
+            EXPECT_NE(lines[i].find(label), std::wstring::npos);
+            EXPECT_TRUE(EndsWith(lines[i], end));
+        }
+    }
+
+    static constexpr unsigned char kBytes[] = {0x00, 0x0A, 0xFF};
     testing_support::TempDir m_dir{L"velomar-log"};
     std::shared_ptr<CCvLogger> m_logger;
     std::wstring m_banner;
 };
 } // namespace
 
-// One walk: the banner and a service record byte for byte, then the filter, the labels, dumps,
-// cut and empty messages, the column that only moves right, and the last error.
-TEST_F(RecordTest, BannerServiceRecordFilterLabelsDumpsCutsAndColumn)
+TEST_F(RecordTest, BannerIsAnEmptyLineThenTheServiceLineWithBuildDateAndWindowsVersion)
 {
-    // The banner: an empty line, then the service line ending in the build date and version.
     wchar_t version[4096];
     CCvLogger::GetWindowsVersionText(version, 4096);
     const char* date = BuildDateText();
     const std::wstring tail = L"Build " + std::wstring(date, date + strlen(date)) + L". " + version;
-    const auto bannerLines = SplitLines(m_banner);
-    ASSERT_GE(bannerLines.size(), 2u);
-    EXPECT_TRUE(bannerLines[0].empty());
-    EXPECT_NE(bannerLines[1].find(L"[SERVICE]: "), std::wstring::npos);
-    ASSERT_GE(bannerLines[1].size(), tail.size());
-    EXPECT_EQ(bannerLines[1].substr(bannerLines[1].size() - tail.size()), tail);
+    const auto lines = SplitLines(m_banner);
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_TRUE(lines[0].empty());
+    EXPECT_NE(lines[1].find(L"[SERVICE]: "), std::wstring::npos);
+    EXPECT_TRUE(EndsWith(lines[1], tail));
+}
+
+// The message starts at the widest header so far (the banner's "[SERVICE]" is wider).
+TEST_F(RecordTest, HeaderHasTimeWithUtcOffsetProcessThreadAndLabel)
+{
     SYSTEMTIME local, utc;
     ::GetLocalTime(&local);
     ::GetSystemTime(&utc);
-    const auto offset = cvlog::ComputeUtcOffset({local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute},
-                                                {utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute});
-
-    const unsigned char bytes[] = {0x00, 0x0A, 0xFF};
+    const auto offset =
+        cvlog::ComputeUtcOffset({local.wYear, local.wMonth, local.wDay, local.wHour, local.wMinute},
+                                {utc.wYear, utc.wMonth, utc.wDay, utc.wHour, utc.wMinute});
     m_logger->Log(2, L"Service logger is working.");
-    const size_t before = CCvLogger::HeaderWidth();
-    EXPECT_TRUE(m_logger->IsLevelEnabled(2));
-    EXPECT_FALSE(m_logger->IsLevelEnabled(3));
-    m_logger->Log(3, L"debug-hidden");
-    m_logger->Log(0, L"error-shown");
-    m_logger->Log(1, L"warning-shown");
-    m_logger->LogCategory(L"FREE", L"free-shown %d", 1);
-    m_logger->Log(2, L"");
-    m_logger->Log(2, L"%s", L"");
-    m_logger->Log(2, L"%s", std::wstring(5000, L'z').c_str());
-    m_logger->LogCategory(L"A-CATEGORY-MUCH-WIDER-THAN-ANY-BEFORE-IT", L"wide");
     const size_t column = CCvLogger::HeaderWidth();
-    EXPECT_GT(column, before);
-    m_logger->SetLevel(7);
-    m_logger->Log(7, L"trace-record");
-    m_logger->Dump(7, bytes, 3, L"trace-dump %d", 3);
-    m_logger->Dump(2, bytes, 0, L"no-bytes");
-    m_logger->Dump(8, bytes, 3, L"filtered-dump");
-    m_logger->SetHeaderFlags(0x8000);
-    ::SetLastError(1234);
-    m_logger->Log(2, L"short");
-    m_logger->LogCategory(L"C", L"keeps");
-    m_logger->Dump(2, bytes, 1, L"fine");
-    EXPECT_EQ(::GetLastError(), 1234u);
-    m_logger->DumpToFile(9, 2, bytes, 1, L"no such file");
-    EXPECT_EQ(::GetLastError(), 1168u);
-    m_logger->Dump(2, bytes, 1, L"%s", std::wstring(5000, L'q').c_str());
-    EXPECT_EQ(::GetLastError(), 87u);
-    // Without an event source an event is only logged.
-    ::SetLastError(0);
-    m_logger->InitEventLogging(nullptr);
-    EXPECT_EQ(::GetLastError(), 13u);
-    ::SetLastError(77);
-    m_logger->EventLog(0, 1, nullptr, L"not sent %d", 1);
-    wchar_t text[512] = L"junk";
-    EXPECT_TRUE(CCvLogger::FormatError(0, text, 512));
-    EXPECT_STREQ(text, L"");
-    EXPECT_TRUE(CCvLogger::FormatError(5, text, 512));
-    EXPECT_EQ(std::wstring(text).rfind(L"Error 5: ", 0), 0u);
-    EXPECT_GT(wcslen(text), 9u);
-    EXPECT_EQ(::GetLastError(), 77u);
-    m_logger->SetLevel(0);
-    m_logger->Log(1, L"warning-hidden");
-    m_logger->LogCategory(L"FREE", L"free-shown %d", 2);
-    EXPECT_EQ(CCvLogger::HeaderWidth(), column);
-
-    // Label, then how the line ends; from "wide" on every message starts at the new column.
-    const std::pair<const wchar_t*, const wchar_t*> expected[] = {
-        {L"[INFO]: ", L"Service logger is working."}, {L"[ERROR]: ", L"error-shown"},
-        {L"[WARNING]: ", L"warning-shown"}, {L"[FREE]: ", L"free-shown 1"},
-        {L"[INFO]: ", L"zzz"}, {L"[A-CATEGORY", L"wide"}, {L"[LOGLEVEL:7 ]: ", L"trace-record"},
-        {L"[LOGLEVEL:7]: ", L"trace-dump 3 00 0a ff"}, {L"[INFO]: ", L"no-bytes"}, {L"[INFO]: ", L"short"},
-        {L"[C]: ", L"keeps"}, {L"[INFO]: ", L"fine 00"},
-        // The cut dump leaves its header without a line end, so the next record joins it.
-        {L"[ERROR]: ", L"Empty provider name"}, {L"[WARNING]: ", L"Event logging disabled"},
-        {L"[FREE]: ", L"free-shown 2"}};
     const auto lines = RecordLines();
-    ASSERT_EQ(lines.size(), std::size(expected));
-    for (size_t i = 0; i < lines.size(); ++i)
-    {
-        SCOPED_TRACE(std::string(lines[i].begin(), lines[i].end()));
-        const auto [label, end] = expected[i];
-        EXPECT_NE(lines[i].find(label), std::wstring::npos);
-        EXPECT_EQ(lines[i].rfind(end) + wcslen(end), lines[i].size());
-        if (i >= 5 && i < 12)
-        {
-            EXPECT_EQ(lines[i].find(end), column);
-        }
-    }
+    ASSERT_EQ(1u, lines.size());
     std::wsmatch m;
-    ASSERT_TRUE(std::regex_match(lines[0], m,
-                                 std::wregex(L"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3} "
-                                             L"\\(([+-]\\d{2}):(\\d{2})\\) \\[(\\d+)\\] \\[(\\d+)\\] \\[INFO\\]: "
-                                             L"( *)Service logger is working\\.")));
+    ASSERT_TRUE(
+        std::regex_match(lines[0], m,
+                         std::wregex(L"\\d{4}\\.\\d{2}\\.\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3} "
+                                     L"\\(([+-]\\d{2}):(\\d{2})\\) \\[(\\d+)\\] \\[(\\d+)\\] \\[INFO\\]: "
+                                     L"( *)Service logger is working\\.")));
     EXPECT_EQ(std::stoi(m[1].str()), offset.hours);
     EXPECT_EQ(std::stoi(m[2].str()), offset.minutes);
     EXPECT_EQ(std::stoul(m[3].str()), ::GetCurrentProcessId());
     EXPECT_EQ(std::stoul(m[4].str()), ::GetCurrentThreadId());
-    // The message starts at the widest header so far (the banner's "[SERVICE]" is wider).
     EXPECT_GT(m.length(5), 0);
-    EXPECT_EQ(static_cast<size_t>(m.position(5) + m.length(5)), before);
-    // A long message is cut to 4095 characters.
-    EXPECT_EQ(lines[4].size() - lines[4].find(L'z'), 4095u);
-    EXPECT_EQ(lines[9].substr(0, 8), L"[INFO]: ");
-    EXPECT_EQ(lines[12].substr(0, 8), L"[INFO]: ");
-    EXPECT_EQ(lines[12].find(L'q'), std::wstring::npos);
+    EXPECT_EQ(static_cast<size_t>(m.position(5) + m.length(5)), column);
+}
+
+TEST_F(RecordTest, LevelFilterHidesRecordsAboveItButNeverCategories)
+{
+    EXPECT_TRUE(m_logger->IsLevelEnabled(2));
+    EXPECT_FALSE(m_logger->IsLevelEnabled(3));
+    m_logger->Log(3, L"debug-hidden");
+    m_logger->Dump(3, kBytes, 1, L"dump-hidden");
+    m_logger->Log(0, L"error-shown");
+    m_logger->Log(1, L"warning-shown");
+    m_logger->LogCategory(L"FREE", L"free-shown %d", 1);
+    m_logger->SetLevel(0);
+    m_logger->Log(1, L"warning-hidden");
+    m_logger->LogCategory(L"FREE", L"free-shown %d", 2);
+    ExpectLines({{L"[ERROR]: ", L"error-shown"},
+                 {L"[WARNING]: ", L"warning-shown"},
+                 {L"[FREE]: ", L"free-shown 1"},
+                 {L"[FREE]: ", L"free-shown 2"}});
+}
+
+// The record's label has a blank before its bracket that the dump's has not: kept as it is.
+TEST_F(RecordTest, LevelsWithoutANameAreLabelledByNumberAndDumpsEndInHexBytes)
+{
+    m_logger->SetLevel(7);
+    m_logger->Log(7, L"trace-record");
+    m_logger->Dump(7, kBytes, 3, L"trace-dump %d", 3);
+    m_logger->Dump(2, kBytes, 0, L"no-bytes");
+    ExpectLines({{L"[LOGLEVEL:7 ]: ", L"trace-record"},
+                 {L"[LOGLEVEL:7]: ", L"trace-dump 3 00 0a ff"},
+                 {L"[INFO]: ", L"no-bytes"}});
+}
+
+TEST_F(RecordTest, EmptyMessagesWriteNothingAndLongOnesAreCutTo4095Characters)
+{
+    m_logger->Log(2, L"");
+    m_logger->Log(2, L"%s", L"");
+    m_logger->Log(2, L"%s", std::wstring(5000, L'z').c_str());
+    const auto lines = RecordLines();
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(lines[0].size() - lines[0].find(L'z'), 4095u);
+}
+
+// Its header stays without a line end, so the next record joins it.
+TEST_F(RecordTest, DumpWithAnOverlongTextFailsAndLeavesOnlyItsHeader)
+{
+    m_logger->Dump(2, kBytes, 1, L"%s", std::wstring(5000, L'q').c_str());
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+    m_logger->Log(2, L"next");
+    const auto lines = RecordLines();
+    ASSERT_EQ(1u, lines.size());
+    EXPECT_EQ(lines[0].find(L'q'), std::wstring::npos);
+    EXPECT_NE(lines[0].find(L"[INFO]: "), lines[0].rfind(L"[INFO]: "));
+    EXPECT_TRUE(EndsWith(lines[0], L"next"));
+}
+
+// A wider header moves every later message right, label-only headers included, and a
+// narrower one never moves it back.
+TEST_F(RecordTest, MessageColumnOnlyMovesRight)
+{
+    const size_t before = CCvLogger::HeaderWidth();
+    m_logger->LogCategory(L"A-CATEGORY-MUCH-WIDER-THAN-ANY-BEFORE-IT", L"wide");
+    const size_t column = CCvLogger::HeaderWidth();
+    EXPECT_GT(column, before);
+    m_logger->Log(2, L"after");
+    m_logger->SetHeaderFlags(0x8000); // the label alone
+    m_logger->Log(2, L"short");
+    EXPECT_EQ(CCvLogger::HeaderWidth(), column);
+    const auto lines = RecordLines();
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ(lines[0].find(L"wide"), column);
+    EXPECT_EQ(lines[1].find(L"after"), column);
+    EXPECT_EQ(lines[2].find(L"short"), column);
+    EXPECT_EQ(lines[2].substr(0, 8), L"[INFO]: ");
+}
+
+// Only the calls that fail set it, to say why.
+TEST_F(RecordTest, LoggingKeepsTheCallersLastError)
+{
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    m_logger->Log(2, L"record");
+    m_logger->LogCategory(L"C", L"category");
+    m_logger->Dump(2, kBytes, 1, L"dump");
+    wchar_t text[512];
+    EXPECT_TRUE(CCvLogger::FormatError(ERROR_FILE_NOT_FOUND, text, 512));
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    m_logger->DumpToFile(9, 2, kBytes, 1, L"no such file");
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_NOT_FOUND));
+}
+
+TEST_F(RecordTest, WithoutAnEventSourceEventsAreOnlyLogged)
+{
+    ::SetLastError(ERROR_SUCCESS);
+    m_logger->InitEventLogging(nullptr);
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_INVALID_DATA));
+    ::SetLastError(ERROR_ACCESS_DENIED);
+    m_logger->EventLog(0, 1, nullptr, L"not sent %d", 1);
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_ACCESS_DENIED));
+    ExpectLines({{L"[ERROR]: ", L"Empty provider name"}, {L"[WARNING]: ", L"Event logging disabled"}});
+}
+
+TEST(RecordText, FormatErrorOfNoErrorIsEmptyAndOfOthersNamesTheCode)
+{
+    wchar_t text[512] = L"junk";
+    EXPECT_TRUE(CCvLogger::FormatError(ERROR_SUCCESS, text, 512));
+    EXPECT_STREQ(text, L"");
+    EXPECT_TRUE(CCvLogger::FormatError(ERROR_ACCESS_DENIED, text, 512));
+    EXPECT_EQ(std::wstring(text).rfind(L"Error 5: ", 0), 0u);
+    EXPECT_GT(wcslen(text), 9u);
 }
 
 TEST_F(RecordTest, ThreadsNeverInterleaveInsideALine)
@@ -183,17 +239,20 @@ TEST_F(RecordTest, ThreadsNeverInterleaveInsideALine)
     constexpr int kPerThread = 300;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i)
-                m_logger->Log(2, L"thread %d record %d %s", t, i, L"padding-text-to-make-lines-longer");
-        });
+        threads.emplace_back(
+            [&, t]
+            {
+                for (int i = 0; i < kPerThread; ++i)
+                    m_logger->Log(2, L"thread %d record %d %s", t, i, L"padding-text-to-make-lines-longer");
+            });
     for (auto& thread : threads)
         thread.join();
 
     const auto lines = RecordLines();
     ASSERT_EQ(lines.size(), static_cast<size_t>(kThreads * kPerThread));
-    const std::wregex shape(L"\\d{4}\\.\\d{2}\\.\\d{2} [0-9:.]{12} \\([+-]\\d{2}:\\d{2}\\) \\[\\d+\\] \\[\\d+\\] "
-                            L"\\[INFO\\]: +thread (\\d) record (\\d+) padding-text-to-make-lines-longer");
+    const std::wregex shape(
+        L"\\d{4}\\.\\d{2}\\.\\d{2} [0-9:.]{12} \\([+-]\\d{2}:\\d{2}\\) \\[\\d+\\] \\[\\d+\\] "
+        L"\\[INFO\\]: +thread (\\d) record (\\d+) padding-text-to-make-lines-longer");
     std::vector<int> next(kThreads, 0);
     for (const auto& line : lines)
     {

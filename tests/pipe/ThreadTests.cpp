@@ -171,11 +171,11 @@ TEST_F(ThreadTest, PoolFuturesAndVoidTasksCarryResultsAndExceptions)
     std::future<int> refused;
     ::SetLastError(0);
     EXPECT_FALSE(m_pool->CreateTask<int>(refused, std::shared_ptr<CCallbackHolder<int(int)>>(), 1));
-    EXPECT_EQ(87u, ::GetLastError());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), ::GetLastError());
     EXPECT_EQ(0, refused.get());
     ::SetLastError(0);
     EXPECT_FALSE((m_pool->CreateTask<void, int>(std::shared_ptr<CCallbackHolder<void(int)>>(), 1)));
-    EXPECT_EQ(87u, ::GetLastError());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), ::GetLastError());
 
     // Void tasks have no future: their exceptions are logged, and the group still counts them.
     auto group = std::make_shared<CGroupTask>();

@@ -5,24 +5,19 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
-namespace
+// A key of its own under HKEY_CURRENT_USER per case, removed at the end.
+class UrlPolicyRegistry : public ::testing::Test
 {
-
-class PolicyKey
-{
-public:
-    PolicyKey() : m_path(L"Software\\" + testing_support::UniqueName(L"velomar-url-policy")) {}
-    ~PolicyKey()
+protected:
+    ~UrlPolicyRegistry() override
     {
         ::RegDeleteTreeW(HKEY_CURRENT_USER, m_path.c_str());
         ::RegDeleteKeyW(HKEY_CURRENT_USER, m_path.c_str());
     }
-    PolicyKey(const PolicyKey&) = delete;
-    PolicyKey& operator=(const PolicyKey&) = delete;
-
     void Set(const wchar_t* name, DWORD type, const void* data, DWORD size) const
     {
         ASSERT_EQ(ERROR_SUCCESS,
@@ -39,23 +34,22 @@ public:
     void Dword(const wchar_t* name, DWORD value) const { Set(name, REG_DWORD, &value, sizeof(value)); }
     UrlPolicyLoad Read() const { return ReadUrlPolicy(HKEY_CURRENT_USER, m_path.c_str()); }
 
-private:
-    std::wstring m_path;
+    const std::wstring m_path = L"Software\\" + testing_support::UniqueName(L"velomar-url-policy");
 };
 
-} // namespace
-
-TEST(UrlPolicyRegistry, GoodValuesApplyAndEachBrokenOneFallsBackToItsDefault)
+TEST_F(UrlPolicyRegistry, MissingKeyIsReportedAsAbsent)
 {
-    PolicyKey key;
-    EXPECT_FALSE(key.Read().keyPresent);
+    EXPECT_FALSE(Read().keyPresent);
+}
 
-    key.Dword(L"Enabled", 0);
-    key.Dword(L"MaxUrlLength", 100);
-    key.Strings(L"AllowedSchemes", L"HTTPS|ms-teams:||");
-    key.Strings(L"AllowedHosts", L"*.corp.example|b\u00FCcher.example");
-    key.Strings(L"ExceptionHosts", L"secret.corp.example");
-    UrlPolicyLoad load = key.Read();
+TEST_F(UrlPolicyRegistry, ValuesOfTheRightTypeApply)
+{
+    Dword(L"Enabled", 0);
+    Dword(L"MaxUrlLength", 100);
+    Strings(L"AllowedSchemes", L"HTTPS|ms-teams:||");
+    Strings(L"AllowedHosts", L"*.corp.example|b\u00FCcher.example");
+    Strings(L"ExceptionHosts", L"secret.corp.example");
+    const UrlPolicyLoad load = Read();
     EXPECT_TRUE(load.keyPresent);
     EXPECT_TRUE(load.problems.empty());
     EXPECT_FALSE(load.policy.enabled);
@@ -64,13 +58,16 @@ TEST(UrlPolicyRegistry, GoodValuesApplyAndEachBrokenOneFallsBackToItsDefault)
     ASSERT_EQ(2u, load.policy.allowedHosts.size());
     EXPECT_EQ("xn--bcher-kva.example", load.policy.allowedHosts[1].Text());
     EXPECT_EQ(1u, load.policy.exceptionHosts.size());
+}
 
-    key.Set(L"Enabled", REG_SZ, L"0", sizeof(L"0"));
-    key.Dword(L"MaxUrlLength", 0);
-    key.Strings(L"AllowedSchemes", L"https|not a scheme");
-    key.Strings(L"AllowedHosts", L"*.corp.example|user@host");
-    key.Set(L"ExceptionHosts", REG_SZ, L"x.example", sizeof(L"x.example"));
-    load = key.Read();
+TEST_F(UrlPolicyRegistry, EachBrokenValueIsNamedOnceAndLeftAtItsDefault)
+{
+    Set(L"Enabled", REG_SZ, L"0", sizeof(L"0"));
+    Dword(L"MaxUrlLength", 0);
+    Strings(L"AllowedSchemes", L"https|not a scheme");
+    Strings(L"AllowedHosts", L"*.corp.example|user@host");
+    Set(L"ExceptionHosts", REG_SZ, L"x.example", sizeof(L"x.example"));
+    const UrlPolicyLoad load = Read();
     const urlpolicy::Policy defaults;
     EXPECT_EQ(defaults.enabled, load.policy.enabled);
     EXPECT_EQ(defaults.maxUrlLength, load.policy.maxUrlLength);
@@ -81,9 +78,9 @@ TEST(UrlPolicyRegistry, GoodValuesApplyAndEachBrokenOneFallsBackToItsDefault)
     for (const wchar_t* name : {L"\"Enabled\"", L"\"MaxUrlLength\"", L"\"AllowedSchemes\"",
                                 L"\"AllowedHosts\"", L"\"ExceptionHosts\""})
     {
-        size_t mentions = 0;
-        for (const auto& problem : load.problems)
-            mentions += problem.find(name) != std::wstring::npos ? 1 : 0;
-        EXPECT_EQ(1u, mentions) << std::string(name, name + wcslen(name));
+        const auto mentions =
+            std::count_if(load.problems.begin(), load.problems.end(),
+                          [&](const std::wstring& p) { return p.find(name) != std::wstring::npos; });
+        EXPECT_EQ(1, mentions) << std::string(name, name + wcslen(name));
     }
 }

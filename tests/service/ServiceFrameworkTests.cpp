@@ -14,8 +14,8 @@ std::vector<DWORD> g_reported;
 
 BOOL WINAPI RecordStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status)
 {
-    EXPECT_EQ(16u, status->dwServiceType);
-    EXPECT_EQ(133u, status->dwControlsAccepted);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS), status->dwServiceType);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE), status->dwControlsAccepted);
     EXPECT_EQ(0u, status->dwWin32ExitCode);
     EXPECT_EQ(0u, status->dwCheckPoint);
     EXPECT_EQ(0u, status->dwWaitHint);

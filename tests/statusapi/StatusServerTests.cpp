@@ -343,7 +343,7 @@ TEST_F(StatusServerTest, PipeIsLocalOnlyWithTheAgentPipesAccess)
             return ::CreateNamedPipeW(name, openMode, pipeMode, instances, out, in, timeout, attributes);
         });
     ASSERT_EQ(1, m_server->Start());
-    daxlib::unique_hfile client(testing_support::OpenClient(L"\\\\.\\pipe\\" + m_name));
+    daxlib::unique_hfile client(testing_support::OpenClient(daxlib::PipePath(m_name)));
     ASSERT_TRUE(client);
     m_server->Stop();
     ASSERT_GE(modes.size(), 2u);
@@ -368,7 +368,7 @@ TEST_F(StatusServerTest, PipeIsLocalOnlyWithTheAgentPipesAccess)
         return sddl;
     };
     CDaxSecattrLocalLI agentPipe;
-    daxlib::unique_hfile reference(::CreateNamedPipeW((L"\\\\.\\pipe\\" + m_name + L"-ref").c_str(), PIPE_ACCESS_DUPLEX,
+    daxlib::unique_hfile reference(::CreateNamedPipeW((daxlib::PipePath(m_name) + L"-ref").c_str(), PIPE_ACCESS_DUPLEX,
                                                       0, 1, 0, 0, 0, agentPipe.Get()));
     const std::wstring expected = sddlOf(reference.get());
     EXPECT_FALSE(expected.empty());

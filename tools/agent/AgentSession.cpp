@@ -19,7 +19,7 @@ namespace agent
 
 namespace
 {
-constexpr wchar_t kPipePrefix[] = L"\\\\.\\pipe\\";
+using daxlib::kPipePrefix;
 // A cancelled operation completes promptly; this only guards against a transport that never
 // reports it.
 constexpr DWORD kSettleLimitMs = 5000;

@@ -4,6 +4,7 @@
 // agent up. Built on the transport's named-pipe client; it needs the process's CThreadPool
 // (SetThreadPool) while it is connected.
 #include "common/BaseLogger.h"
+#include "common/PipeNames.h"
 #include "pipeserver/AgentProtocol.h"
 
 #include <windows.h>
@@ -21,7 +22,7 @@ namespace agent
 {
 
 // The service's agent pipe, without the "\\.\pipe\" prefix.
-constexpr wchar_t kAgentPipeName[] = L"9FEA9DA6-BEA1-479B-9819-F9031E0B69EE";
+using daxlib::kAgentPipeName;
 // A full pipe name ("\\.\pipe\name") in this variable replaces the service's pipe: for tests and
 // for trying an agent against a private server.
 constexpr wchar_t kPipeNameVariable[] = L"VELOMAR_AGENT_PIPE";

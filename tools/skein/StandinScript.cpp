@@ -1,4 +1,5 @@
 // The stand-in library's text commands, from a scenario file, the control pipe or a test.
+#include "common/PipeNames.h"
 #include "tools/skein/StandinState.h"
 
 #include <fstream>
@@ -237,7 +238,7 @@ void ControlThread(void* argument)
     const HANDLE stop = static_cast<HANDLE>(argument);
     wchar_t name[256] = {};
     if (!::GetEnvironmentVariableW(L"CVSKAPI_STANDIN_PIPE", name, 256))
-        wcscpy(name, L"\\\\.\\pipe\\CorvaneSkeinStandin");
+        wcscpy(name, daxlib::kStandinControlPipe);
     if (wcscmp(name, L"none") == 0)
         return;
     HANDLE connected = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);

@@ -6,6 +6,8 @@
 #include "virt/UrlClientParser.h"
 #include "virt/UrlProtocol.h"
 
+#include "common/Locks.h"
+
 #include <windows.h>
 
 #include <process.h>
@@ -99,65 +101,29 @@ struct QueuedEvent
 
 // The library's own locks and threads are the system's, so that loading and unloading it
 // costs nothing that outlives it.
-class SrwMutex
-{
-public:
-    void lock() noexcept { ::AcquireSRWLockExclusive(&m_lock); }
-    void unlock() noexcept { ::ReleaseSRWLockExclusive(&m_lock); }
-    bool try_lock() noexcept { return ::TryAcquireSRWLockExclusive(&m_lock) != FALSE; }
-    PSRWLOCK native() noexcept { return &m_lock; }
-
-private:
-    SRWLOCK m_lock = SRWLOCK_INIT;
-};
-
-class CondVar
-{
-public:
-    template <typename Pred> void wait(std::unique_lock<SrwMutex>& lock, Pred ready)
-    {
-        while (!ready())
-            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), INFINITE, 0);
-    }
-    template <typename Pred>
-    bool wait_for(std::unique_lock<SrwMutex>& lock, std::chrono::milliseconds limit, Pred ready)
-    {
-        const ULONGLONG end = ::GetTickCount64() + static_cast<ULONGLONG>(limit.count());
-        while (!ready())
-        {
-            const ULONGLONG now = ::GetTickCount64();
-            if (now >= end)
-                return false;
-            ::SleepConditionVariableSRW(&m_cv, lock.mutex()->native(), static_cast<DWORD>(end - now), 0);
-        }
-        return true;
-    }
-    void notify_all() noexcept { ::WakeAllConditionVariable(&m_cv); }
-
-private:
-    CONDITION_VARIABLE m_cv = CONDITION_VARIABLE_INIT;
-};
+using SrwMutex = daxlib::srw_lock;
+using CondVar = daxlib::condition_variable;
 
 class Thread
 {
 public:
     void start(void (*entry)(void*), void* argument)
     {
-        m_entry = entry;
-        m_argument = argument;
-        m_handle = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Run, this, 0, &m_id));
+        m_pfnEntry = entry;
+        m_pArgument = argument;
+        m_hThread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, &Run, this, 0, &m_uId));
     }
-    bool joinable() const noexcept { return m_handle != nullptr; }
-    bool is_current() const noexcept { return m_handle && ::GetCurrentThreadId() == m_id; }
+    bool joinable() const noexcept { return m_hThread != nullptr; }
+    bool is_current() const noexcept { return m_hThread && ::GetCurrentThreadId() == m_uId; }
     // Waits unless called on the thread itself; closes the handle either way.
     void join() noexcept
     {
-        if (!m_handle)
+        if (!m_hThread)
             return;
         if (!is_current())
-            ::WaitForSingleObject(m_handle, INFINITE);
-        ::CloseHandle(m_handle);
-        m_handle = nullptr;
+            ::WaitForSingleObject(m_hThread, INFINITE);
+        ::CloseHandle(m_hThread);
+        m_hThread = nullptr;
     }
 
 private:
@@ -166,7 +132,7 @@ private:
         auto* thread = static_cast<Thread*>(self);
         try
         {
-            thread->m_entry(thread->m_argument);
+            thread->m_pfnEntry(thread->m_pArgument);
         }
         catch (...)
         {
@@ -174,10 +140,10 @@ private:
         }
         return 0;
     }
-    HANDLE m_handle = nullptr;
-    unsigned m_id = 0;
-    void (*m_entry)(void*) = nullptr;
-    void* m_argument = nullptr;
+    HANDLE m_hThread = nullptr;
+    unsigned m_uId = 0;
+    void (*m_pfnEntry)(void*) = nullptr;
+    void* m_pArgument = nullptr;
 };
 
 struct Library

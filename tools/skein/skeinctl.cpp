@@ -1,5 +1,6 @@
 // Sends one command to the stand-in channel library loaded in another process (the service)
 // over its control pipe and prints the reply. Usage: skeinctl <command words...>
+#include "common/PipeNames.h"
 #include "common/UniqueHandle.h"
 
 #include <windows.h>
@@ -60,7 +61,7 @@ int wmain(int argc, wchar_t** argv)
 
     wchar_t name[256] = {};
     if (!::GetEnvironmentVariableW(L"CVSKAPI_STANDIN_PIPE", name, 256))
-        wcscpy(name, L"\\\\.\\pipe\\CorvaneSkeinStandin");
+        wcscpy(name, daxlib::kStandinControlPipe);
     daxlib::unique_hfile pipe;
     for (int attempt = 0; attempt < 50 && !pipe; ++attempt)
     {

@@ -13,7 +13,6 @@ namespace statusclient
 
 namespace
 {
-constexpr wchar_t kPipePrefix[] = L"\\\\.\\pipe\\";
 constexpr DWORD kGoodbyeMs = 1000;
 } // namespace
 
@@ -48,7 +47,7 @@ std::wstring DescribeStatus(Status status, uint32_t closeReason, DWORD error)
     return daxlib::Format(L"cannot reach the velomard service (error %u)", static_cast<unsigned>(error));
 }
 
-CStatusClient::CStatusClient(std::wstring pipeName) : m_pipeName(kPipePrefix + std::move(pipeName)) {}
+CStatusClient::CStatusClient(std::wstring pipeName) : m_pipeName(daxlib::PipePath(pipeName)) {}
 
 Status CStatusClient::Open(DWORD timeoutMs)
 {

@@ -1,0 +1,265 @@
+// The logger's files: the main file, per-process and per-user files, their security, and the
+// clean-up job that removes old per-process files.
+#include "log/CvLogger.h"
+
+#include "common/DaxException.h"
+#include "common/Guarded.h"
+#include "common/WideFormat.h"
+#include "log/CvLoggerBuffer.h"
+#include "log/FileSearch.h"
+#include "log/LogConversions.h"
+#include "log/LogText.h"
+#include "log/RestrictedToken.h"
+
+#include <shlobj.h>
+
+#include <algorithm>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+namespace
+{
+constexpr uint32_t kNotFound = ERROR_NOT_FOUND;
+const wchar_t kSddlOpen[] = L"D:(A;;GA;;;WD)";
+const wchar_t kSddlRestricted[] = L"D:(A;;GRGWSD;;;SY)(A;;GRGWSD;;;BA)(A;;GWSD;;;AU)";
+const wchar_t kSddlStrict[] = L"D:(A;;GRGWSD;;;SY)(A;;GRGWSD;;;BA)";
+} // namespace
+
+using cvlog::FileTimeValue;
+using cvlog::FromU16;
+using cvlog::ToParts;
+using cvlog::ToU16;
+using cvlog::WithoutTrailingSlash;
+
+std::unique_ptr<CCvLoggerBuffer> CCvLogger::MakeFile(const std::wstring& stem)
+{
+    CCvLoggerBuffer::Options options;
+    options.folder = m_strFolder;
+    options.fileStem = stem;
+    options.sddl = m_strSddl;
+    options.maxSize = m_dwMaxFileSize.load();
+    options.rotationCount = std::max<uint32_t>(m_dwRotationCount.load(), 1);
+    options.buffered = m_bBuffered;
+    options.dropAdministrators = m_bStrict;
+    options.banner = m_strBanner;
+    return std::make_unique<CCvLoggerBuffer>(this, std::move(options));
+}
+
+BOOL CCvLogger::OpenMainFile(const wchar_t* szBaseName, const wchar_t* szPrefix)
+{
+    std::lock_guard lock(m_cs);
+    m_strBaseName = szBaseName ? szBaseName : L"";
+    m_strPrefix = szPrefix ? szPrefix : L"";
+    ::SHCreateDirectoryExW(nullptr, WithoutTrailingSlash(m_strFolder).c_str(), nullptr);
+    std::wstring stem = m_strFolder;
+    if (!m_strPrefix.empty())
+        stem += m_strPrefix + L"-";
+    stem += m_strBaseName;
+    m_files[m_dwNextIndex++] = MakeFile(stem);
+    m_nFileCount = m_files.size();
+    return TRUE;
+}
+
+std::wstring CCvLogger::PerProcessStem(const wchar_t* name) const
+{
+    std::wstring text = m_strFolder;
+    if (!m_strPrefix.empty())
+        text += m_strPrefix + L"-";
+    text += name;
+    text += L"-";
+    const std::wstring pattern =
+        daxlib::Format(L"%s%s-%d-%d*.txt", text.c_str(), m_strBaseName.c_str(),
+                       static_cast<int>(m_dwSessionId), static_cast<int>(m_dwProcessId));
+
+    FILETIME nowUtc;
+    ::GetSystemTimeAsFileTime(&nowUtc);
+    std::vector<cvlog::FileStamp> mine;
+    cvlog::ForEachFile(pattern,
+                       [&](const WIN32_FIND_DATAW& data) {
+                           mine.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
+                       });
+    const std::u16string continued = cvlog::ContinuedFileStem(mine, FileTimeValue(nowUtc));
+    if (!continued.empty())
+        return m_strFolder + FromU16(continued);
+
+    SYSTEMTIME local;
+    ::GetLocalTime(&local);
+    return FromU16(cvlog::PerProcessFileStem(ToU16(text.c_str()), ToU16(m_strBaseName.c_str()), m_dwSessionId,
+                                             m_dwProcessId, ToParts(local)));
+}
+
+int CCvLogger::AddLogFile(const wchar_t* name, BOOL replaceMain)
+{
+    if (!name || !*name)
+    {
+        ::SetLastError(ERROR_INVALID_PARAMETER);
+        return -1;
+    }
+    m_cleanupPool.Submit();
+    int result = -1;
+    daxlib::GuardedCall(nullptr, L"CCvLogger::AddLogFile",
+                        [&]
+                        {
+                            std::lock_guard lock(m_cs);
+                            auto file = MakeFile(PerProcessStem(name));
+                            if (replaceMain)
+                            {
+                                m_files[0] = std::move(file);
+                                m_dwNextIndex = std::max<uint32_t>(m_dwNextIndex, 1);
+                                result = 0;
+                            }
+                            else
+                            {
+                                result = static_cast<int>(m_dwNextIndex++);
+                                m_files[static_cast<uint32_t>(result)] = std::move(file);
+                            }
+                            m_nFileCount = m_files.size();
+                        });
+    return result;
+}
+
+int CCvLogger::AddUserLogFile()
+{
+    wchar_t user[258] = {};
+    DWORD size = 257;
+    if (!m_pfnGetUserName || !m_pfnGetUserName(user, &size))
+        return -1;
+    return AddLogFile(user, TRUE);
+}
+
+int CCvLogger::AddProcessLogFile()
+{
+    wchar_t path[MAX_PATH] = {};
+    const DWORD length = ::GetModuleFileNameW(nullptr, path, MAX_PATH);
+    if (length == 0 || length >= MAX_PATH)
+        return -1;
+    std::wstring name(path, length);
+    name = name.substr(name.find_last_of(L"\\/") + 1);
+    const size_t dot = name.find_last_of(L'.');
+    if (dot != std::wstring::npos && dot > 0)
+        name.resize(dot);
+    return AddLogFile(name.c_str(), TRUE);
+}
+
+BOOL CCvLogger::RemoveLogFile(uint32_t fileIndex)
+{
+    std::unique_ptr<CCvLoggerBuffer> doomed;
+    std::lock_guard lock(m_cs);
+    const auto it = m_files.find(fileIndex);
+    if (it == m_files.end())
+    {
+        ::SetLastError(kNotFound);
+        return FALSE;
+    }
+    doomed = std::move(it->second);
+    m_files.erase(it);
+    m_nFileCount = m_files.size();
+    doomed.reset();
+    return TRUE;
+}
+
+BOOL CCvLogger::RequestRecreate(uint32_t fileIndex)
+{
+    std::lock_guard lock(m_cs);
+    const auto it = m_files.find(fileIndex);
+    if (it == m_files.end())
+    {
+        ::SetLastError(kNotFound);
+        return FALSE;
+    }
+    it->second->RequestRecreate();
+    return TRUE;
+}
+
+BOOL CCvLogger::GetLogFilePath(uint32_t fileIndex, wchar_t* buffer)
+{
+    if (!buffer)
+        return FALSE;
+    buffer[0] = L'\0';
+    std::lock_guard lock(m_cs);
+    const auto it = m_files.find(fileIndex);
+    if (it == m_files.end())
+        return FALSE;
+    const DWORD length = ::GetFullPathNameW(it->second->FileName().c_str(), MAX_PATH, buffer, nullptr);
+    return length > 0 && length < MAX_PATH;
+}
+
+void CCvLogger::SetLogFileSecurity(BOOL restrict, BOOL strict)
+{
+    std::lock_guard lock(m_cs);
+    m_strSddl = restrict ? (strict ? kSddlStrict : kSddlRestricted) : kSddlOpen;
+    m_bStrict = strict;
+    m_files.clear();
+    m_nFileCount = 0;
+    m_dwNextIndex = 0;
+    daxlib::GuardedCall(nullptr, L"CCvLogger::SetLogFileSecurity",
+                        [this] { OpenMainFile(m_strBaseName.c_str(), m_strPrefix.c_str()); });
+}
+
+bool CCvLogger::IsJunction(const std::wstring& folder) const
+{
+    return m_pfnJunctionCheck && m_pfnJunctionCheck(folder);
+}
+
+bool CCvLogger::IsMountPoint(const std::wstring& folder)
+{
+    const std::wstring path = WithoutTrailingSlash(folder);
+    const DWORD attributes = ::GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
+        return false;
+    WIN32_FIND_DATAW data;
+    cvlog::unique_find find(::FindFirstFileW(path.c_str(), &data));
+    return find && data.dwReserved0 == IO_REPARSE_TAG_MOUNT_POINT;
+}
+
+BOOL CCvLogger::CreateCleanupPool()
+{
+    return m_cleanupPool.Create([this] { Cleanup(); }) ? TRUE : FALSE;
+}
+
+void CCvLogger::WaitForCleanup()
+{
+    m_cleanupPool.Wait();
+}
+
+void CCvLogger::Cleanup()
+{
+    std::optional<cvlog::ScopedRestrictedImpersonation> restricted;
+    std::wstring folder;
+    std::wstring base;
+    {
+        std::lock_guard lock(m_cs);
+        if (m_bStrict)
+            restricted.emplace();
+        folder = WithoutTrailingSlash(m_strFolder);
+        base = m_strBaseName;
+    }
+
+    const auto list = [&](const std::wstring& pattern)
+    {
+        std::vector<cvlog::FileStamp> files;
+        cvlog::ForEachFile(pattern,
+                           [&](const WIN32_FIND_DATAW& data) {
+                               files.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
+                           });
+        return files;
+    };
+
+    // The age limit compares with local time taken as file time; kept as the old code did it.
+    SYSTEMTIME local;
+    ::GetLocalTime(&local);
+    FILETIME now{};
+    ::SystemTimeToFileTime(&local, &now);
+    for (const auto& file : list(daxlib::Format(L"%s\\*-%s-*).txt", folder.c_str(), base.c_str())))
+        if (cvlog::IsExpired(file.lastWrite, FileTimeValue(now)))
+            ::DeleteFileW((folder + L"\\" + FromU16(file.name)).c_str());
+
+    const uint32_t limit = m_dwOldFileLimit.load();
+    if (limit == 0)
+        return;
+    const auto doomed = cvlog::SelectOverLimit(
+        list(daxlib::Format(L"%s\\*-%s-*.txt", folder.c_str(), base.c_str())), limit, ToU16(base.c_str()));
+    for (const auto& name : doomed)
+        ::DeleteFileW((folder + L"\\" + FromU16(name)).c_str());
+}
