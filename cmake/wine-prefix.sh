@@ -3,6 +3,8 @@
 #   wine-prefix.sh start PREFIX [KEEPALIVE.exe]
 #                                 create the prefix when new, then run a persistent Wine server;
 #                                 the optional program keeps the prefix's desktop process alive
+#   wine-prefix.sh fresh PREFIX [KEEPALIVE.exe]
+#                                 the same as start on a prefix made anew (an earlier one is removed)
 #   wine-prefix.sh stop PREFIX    stop that prefix's Wine server (and every process in it)
 # A new prefix briefly runs two service managers during its first start, which confuses the
 # service control manager; so a new prefix is created, its server stopped, and only then the
@@ -21,6 +23,14 @@ desktop_up() {
   done
   return 1
 }
+
+if [ "$cmd" = fresh ]; then
+  wineserver -k </dev/null >/dev/null 2>&1 || true
+  wineserver -w </dev/null >/dev/null 2>&1 || true
+  # Only what looks like a Wine prefix is removed.
+  if [ -f "$prefix/system.reg" ]; then rm -rf "$prefix"; fi
+  cmd=start
+fi
 
 case "$cmd" in
 start)
@@ -50,7 +60,7 @@ stop)
   echo "Wine server stopped: $prefix"
   ;;
 *)
-  echo "usage: $0 start|stop PREFIX" >&2
+  echo "usage: $0 start|fresh|stop PREFIX" >&2
   exit 2
   ;;
 esac

@@ -3,6 +3,7 @@
 #include "log/CvLogger.h"
 
 #include "log/CvLoggerBuffer.h"
+#include "log/LogSettingsKeys.h"
 #include "log/LogText.h"
 
 #include <cstring>
@@ -14,12 +15,13 @@ namespace
 constexpr DWORD kWatchTimeoutMs = 4000;
 constexpr DWORD kIdleCloseMs = 2000;
 
-std::optional<DWORD> ReadDword(HKEY key, const wchar_t* name, bool* missing = nullptr)
+std::optional<DWORD> ReadDword(const cvlog::LogSettingsKeys& keys, const wchar_t* name,
+                               bool* missing = nullptr)
 {
     DWORD type = 0;
     DWORD value = 0;
     DWORD size = sizeof value;
-    const LONG rc = ::RegQueryValueExW(key, name, nullptr, &type, reinterpret_cast<BYTE*>(&value), &size);
+    const LONG rc = keys.Query(name, &type, reinterpret_cast<BYTE*>(&value), &size);
     if (missing)
         *missing = rc == ERROR_FILE_NOT_FOUND;
     if (rc != ERROR_SUCCESS || type != REG_DWORD || size != sizeof value)
@@ -64,11 +66,13 @@ BOOL CCvLogger::OpenRegistry(HKEY hRoot, const wchar_t* szSubKey, BOOL startWatc
 
 void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
 {
+    std::unique_lock keyLock(m_cs);
+    const cvlog::LogSettingsKeys keys(hKey, m_hRootKey, m_strSubKey);
+    keyLock.unlock();
     DWORD type = 0;
     wchar_t raw[64] = {};
     DWORD size = sizeof raw - sizeof(wchar_t);
-    const LONG rc =
-        ::RegQueryValueExW(hKey, L"LogLevel", nullptr, &type, reinterpret_cast<BYTE*>(raw), &size);
+    const LONG rc = keys.Query(L"LogLevel", &type, reinterpret_cast<BYTE*>(raw), &size);
     if (rc == ERROR_SUCCESS)
     {
         if (type == REG_DWORD && size == sizeof(DWORD))
@@ -94,13 +98,13 @@ void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
     }
 
     bool missing = false;
-    if (const auto count = ReadDword(hKey, L"RotationLogFileNumber", &missing))
+    if (const auto count = ReadDword(keys, L"RotationLogFileNumber", &missing))
         m_dwRotationCount.store(cvlog::ClampRotationCount(*count));
     else if (missing)
         m_dwRotationCount.store(cvlog::ClampRotationCount(std::nullopt));
-    if (const auto megabytes = ReadDword(hKey, L"RotationLogFileSizeMB"))
+    if (const auto megabytes = ReadDword(keys, L"RotationLogFileSizeMB"))
         m_dwMaxFileSize.store(cvlog::MaxFileSizeFromMegabytes(*megabytes));
-    if (const auto limit = ReadDword(hKey, L"OverrideLogMaxFiles"))
+    if (const auto limit = ReadDword(keys, L"OverrideLogMaxFiles"))
         m_dwOldFileLimit.store(*limit);
     PropagateFileSettings();
 }
@@ -117,7 +121,8 @@ uint32_t CCvLogger::GetOldFileLimit(uint32_t fallback)
     daxlib::unique_hkey key;
     if (root && ::RegOpenKeyExW(root, subKey.c_str(), 0, KEY_QUERY_VALUE, key.put()) == ERROR_SUCCESS)
     {
-        if (const auto limit = ReadDword(key.get(), L"OverrideLogMaxFiles"))
+        if (const auto limit =
+                ReadDword(cvlog::LogSettingsKeys(key.get(), root, subKey), L"OverrideLogMaxFiles"))
         {
             m_dwOldFileLimit.store(*limit);
             return *limit;

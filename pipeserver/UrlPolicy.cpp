@@ -79,38 +79,38 @@ std::optional<Pattern> Pattern::Compile(std::u16string_view text)
     if (!host)
         return std::nullopt;
     Pattern pattern;
-    pattern.m_host = *host;
-    pattern.m_text = *host;
+    pattern.m_strHost = *host;
+    pattern.m_strText = *host;
     if (slash != std::u16string_view::npos)
     {
         for (char16_t c : text.substr(slash))
             if (c < 0x20 || c == 0x7F || c == u'#')
                 return std::nullopt;
-        pattern.m_usesPath = true;
-        pattern.m_path = CanonicalPath(text.substr(slash));
-        pattern.m_text += pattern.m_path;
+        pattern.m_bUsesPath = true;
+        pattern.m_strPath = CanonicalPath(text.substr(slash));
+        pattern.m_strText += pattern.m_strPath;
     }
-    const size_t first = pattern.m_host.find_first_of("*?");
-    pattern.m_literal = first == std::string::npos;
-    if (!pattern.m_literal)
+    const size_t first = pattern.m_strHost.find_first_of("*?");
+    pattern.m_bLiteral = first == std::string::npos;
+    if (!pattern.m_bLiteral)
     {
-        pattern.m_prefix = pattern.m_host.substr(0, first);
-        pattern.m_suffix = pattern.m_host.substr(pattern.m_host.find_last_of("*?") + 1);
+        pattern.m_strPrefix = pattern.m_strHost.substr(0, first);
+        pattern.m_strSuffix = pattern.m_strHost.substr(pattern.m_strHost.find_last_of("*?") + 1);
     }
     return pattern;
 }
 
 bool Pattern::Matches(std::string_view host, std::string_view path) const
 {
-    if (m_literal)
+    if (m_bLiteral)
     {
-        if (host != m_host)
+        if (host != m_strHost)
             return false;
     }
-    else if (host.size() < m_prefix.size() + m_suffix.size() || !host.starts_with(m_prefix) ||
-             !host.ends_with(m_suffix) || !WildcardMatch(m_host, host))
+    else if (host.size() < m_strPrefix.size() + m_strSuffix.size() || !host.starts_with(m_strPrefix) ||
+             !host.ends_with(m_strSuffix) || !WildcardMatch(m_strHost, host))
         return false;
-    return !m_usesPath || WildcardMatch(m_path, path);
+    return !m_bUsesPath || WildcardMatch(m_strPath, path);
 }
 
 Verdict Evaluate(const Policy& policy, std::u16string_view url)

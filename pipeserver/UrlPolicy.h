@@ -42,21 +42,21 @@ class Pattern
 public:
     // None when the text is no usable pattern.
     static std::optional<Pattern> Compile(std::u16string_view text);
-    bool UsesPath() const { return m_usesPath; }
+    bool UsesPath() const { return m_bUsesPath; }
     bool Matches(std::string_view host, std::string_view path) const;
     // The pattern in its canonical form, for logs.
-    const std::string& Text() const { return m_text; }
+    const std::string& Text() const { return m_strText; }
 
 private:
-    std::string m_text;
-    std::string m_host;
-    std::string m_path;
-    bool m_usesPath = false;
+    std::string m_strText;
+    std::string m_strHost;
+    std::string m_strPath;
+    bool m_bUsesPath = false;
     // Quick refusals before the wildcard match: the literal text before the first wildcard and
     // after the last one.
-    std::string m_prefix;
-    std::string m_suffix;
-    bool m_literal = false;
+    std::string m_strPrefix;
+    std::string m_strSuffix;
+    bool m_bLiteral = false;
 };
 
 struct Policy

@@ -13,23 +13,23 @@ CServiceDispatchTable& CServiceDispatchTable::Instance()
 
 void CServiceDispatchTable::Append(const wchar_t* name, LPSERVICE_MAIN_FUNCTIONW serviceMain)
 {
-    std::lock_guard lock(m_lock);
-    if (m_count + 2 > m_capacity)
+    std::lock_guard lock(m_srwLock);
+    if (m_nCount + 2 > m_nCapacity)
     {
-        m_capacity += 10;
-        m_entries.reserve(m_capacity);
+        m_nCapacity += 10;
+        m_entries.reserve(m_nCapacity);
     }
     if (!m_entries.empty())
         m_entries.pop_back(); // the terminator moves behind the new entry
     m_entries.push_back({const_cast<LPWSTR>(name), serviceMain});
     m_entries.push_back({nullptr, nullptr});
-    ++m_count;
+    ++m_nCount;
 }
 
 BOOL CServiceDispatchTable::Run(bool isNt)
 {
-    std::lock_guard lock(m_lock);
-    if (m_count == 0)
+    std::lock_guard lock(m_srwLock);
+    if (m_nCount == 0)
         return FALSE;
     if (isNt)
         return ::StartServiceCtrlDispatcherW(m_entries.data());
@@ -39,14 +39,14 @@ BOOL CServiceDispatchTable::Run(bool isNt)
 
 size_t CServiceDispatchTable::Count() const
 {
-    std::lock_guard lock(m_lock);
-    return m_count;
+    std::lock_guard lock(m_srwLock);
+    return m_nCount;
 }
 
 size_t CServiceDispatchTable::Capacity() const
 {
-    std::lock_guard lock(m_lock);
-    return m_capacity;
+    std::lock_guard lock(m_srwLock);
+    return m_nCapacity;
 }
 
 bool IsNtPlatform()
@@ -65,7 +65,7 @@ CServiceBase::SetStatusFunction CServiceBase::s_setStatus = &::SetServiceStatus;
 CServiceBase* CServiceBase::s_instance = nullptr;
 
 CServiceBase::CServiceBase(DWORD serviceType, const wchar_t* name, void* context)
-    : m_serviceType(serviceType), m_name(name ? name : L""), m_context(context)
+    : m_dwServiceType(serviceType), m_strName(name ? name : L""), m_pContext(context)
 {
     if (!IsNtPlatform())
     {
@@ -80,7 +80,7 @@ CServiceBase::CServiceBase(DWORD serviceType, const wchar_t* name, void* context
         }
     }
     s_instance = this;
-    CServiceDispatchTable::Instance().Append(m_name.c_str(), &CServiceBase::ServiceMainEntry);
+    CServiceDispatchTable::Instance().Append(m_strName.c_str(), &CServiceBase::ServiceMainEntry);
 }
 
 CServiceBase::~CServiceBase()
@@ -152,7 +152,7 @@ void CServiceBase::HandleControl(DWORD control, DWORD eventType, void* eventData
         break;
     case SERVICE_CONTROL_INTERROGATE:
         if (!OnInterrogate())
-            ReportStatus(m_currentState, kAcceptedControls);
+            ReportStatus(m_dwCurrentState, kAcceptedControls);
         break;
     case SERVICE_CONTROL_SHUTDOWN:
         OnShutdown();
@@ -171,11 +171,11 @@ void CServiceBase::HandleControl(DWORD control, DWORD eventType, void* eventData
 void CServiceBase::ReportStatus(DWORD state, DWORD controlsAccepted)
 {
     SERVICE_STATUS status{};
-    status.dwServiceType = m_serviceType;
+    status.dwServiceType = m_dwServiceType;
     status.dwCurrentState = state;
     status.dwControlsAccepted = controlsAccepted;
-    m_currentState = state;
-    s_setStatus(m_statusHandle, &status);
+    m_dwCurrentState = state;
+    s_setStatus(m_hStatus, &status);
 }
 
 BOOL CServiceBase::RunDispatcher()
@@ -216,10 +216,10 @@ DWORD WINAPI CServiceBase::ControlHandlerEntry(DWORD control, DWORD eventType, L
 
 void CServiceBase::ServiceMain(DWORD argc, LPWSTR* argv)
 {
-    m_statusHandle =
-        ::RegisterServiceCtrlHandlerExW(m_name.c_str(), &CServiceBase::ControlHandlerEntry, m_context);
+    m_hStatus =
+        ::RegisterServiceCtrlHandlerExW(m_strName.c_str(), &CServiceBase::ControlHandlerEntry, m_pContext);
     ReportStatus(SERVICE_START_PENDING, kAcceptedControls);
-    main(argc, argv, m_context, m_statusHandle);
+    main(argc, argv, m_pContext, m_hStatus);
 }
 
 } // namespace service

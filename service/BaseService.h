@@ -33,10 +33,10 @@ public:
     size_t Capacity() const;
 
 private:
-    mutable daxlib::srw_lock m_lock;
+    mutable daxlib::srw_lock m_srwLock;
     std::vector<SERVICE_TABLE_ENTRYW> m_entries; // count entries plus the terminator
-    size_t m_count = 0;
-    size_t m_capacity = 0;
+    size_t m_nCount = 0;
+    size_t m_nCapacity = 0;
 };
 
 // Whether the system is of the NT family (platform id 2).
@@ -67,9 +67,9 @@ public:
     void ReportStatus(DWORD state, DWORD controlsAccepted);
     BOOL RunDispatcher();
 
-    const std::wstring& Name() const noexcept { return m_name; }
-    DWORD CurrentState() const noexcept { return m_currentState; }
-    SERVICE_STATUS_HANDLE StatusHandle() const noexcept { return m_statusHandle; }
+    const std::wstring& Name() const noexcept { return m_strName; }
+    DWORD CurrentState() const noexcept { return m_dwCurrentState; }
+    SERVICE_STATUS_HANDLE StatusHandle() const noexcept { return m_hStatus; }
 
     // Where status reports go; tests replace it to observe what the service reports.
     static SetStatusFunction s_setStatus;
@@ -83,11 +83,11 @@ private:
 
     static CServiceBase* s_instance;
 
-    DWORD m_serviceType;
-    std::wstring m_name;
-    SERVICE_STATUS_HANDLE m_statusHandle = nullptr;
-    DWORD m_currentState = SERVICE_STOPPED;
-    void* m_context;
+    DWORD m_dwServiceType;
+    std::wstring m_strName;
+    SERVICE_STATUS_HANDLE m_hStatus = nullptr;
+    DWORD m_dwCurrentState = SERVICE_STOPPED;
+    void* m_pContext;
 };
 
 // The framework as a template over the service type, as every service of this product uses it.

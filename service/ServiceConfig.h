@@ -1,5 +1,7 @@
 #pragma once
 // Compiled-in settings of the service and the one registry reader of this module.
+#include "VelomarVersion.h"
+
 #include <cstdint>
 #include <string>
 
@@ -12,7 +14,8 @@ constexpr wchar_t kCompanyFolder[] = L"Corvane";
 constexpr wchar_t kProductFolder[] = L"Velomar (Server)";
 constexpr wchar_t kLogBaseName[] = L"velomard";
 constexpr int kLogShellFolder = 35;           // the common application-data folder
-constexpr uint32_t kProgramVersion = 0x10400; // 1.4.0 as major, minor and patch bytes
+// Major, minor and patch bytes (1.4.0 is 0x10400).
+constexpr uint32_t kProgramVersion = (VELOMAR_VERSION_MAJOR << 16) | (VELOMAR_VERSION_MINOR << 8) | VELOMAR_VERSION_PATCH;
 constexpr uint32_t kStopDelayMs = 500;
 constexpr uint32_t kThreadPoolMaximum = 1000;
 constexpr uint32_t kServiceLogHeaderFlags = 0x804F;
@@ -27,7 +30,7 @@ struct ServiceLogSettings
 class CServiceConfig
 {
 public:
-    explicit CServiceConfig(std::wstring serviceName = kServiceName) : m_serviceName(std::move(serviceName))
+    explicit CServiceConfig(std::wstring serviceName = kServiceName) : m_strServiceName(std::move(serviceName))
     {
     }
 
@@ -36,10 +39,10 @@ public:
     // False only when the key cannot be opened.
     bool ReadServiceLogSettings(std::wstring& fileName, uint32_t& level, uint32_t* maxSize) const;
 
-    const std::wstring& ServiceName() const noexcept { return m_serviceName; }
+    const std::wstring& ServiceName() const noexcept { return m_strServiceName; }
 
 private:
-    std::wstring m_serviceName;
+    std::wstring m_strServiceName;
 };
 
 } // namespace service

@@ -2,6 +2,7 @@
 
 #include "common/Locks.h"
 #include "log/CvLogger.h"
+#include "log/LogSettingsKeys.h"
 #include "service/ServiceConfig.h"
 
 #include <mutex>
@@ -35,6 +36,9 @@ std::shared_ptr<CCvLogger> CreateServiceLogger()
         return nullptr;
     logger->Log(LogLevel::Info, L"Service logger is working.");
     logger->SetHeaderFlags(kServiceLogHeaderFlags);
+    // Unfiltered, like the start record: at the default level 0 an information record would be lost.
+    for (const std::wstring& line : cvlog::DescribeLogSettingSources(HKEY_LOCAL_MACHINE, kProductKey))
+        logger->LogCategory(L"SERVICE", L"%s", line.c_str());
     return logger;
 }
 

@@ -2,12 +2,16 @@
 #include "log/CvLogger.h"
 #include "service/LogSvc.h"
 #include "service/ServiceConfig.h"
+#include "service/ServiceSetup.h"
 #include "service/ServiceSingletons.h"
 
 #include <exception>
+#include <optional>
 
-int wmain(int /*argc*/, wchar_t** /*argv*/, wchar_t** /*envp*/)
+int wmain(int argc, wchar_t** argv, wchar_t** /*envp*/)
 {
+    if (const std::optional<int> setupResult = service::RunSetupCommand(argc, argv))
+        return *setupResult;
     int result = -1;
     std::shared_ptr<CCvLogger> logger = service::CreateServiceLogger();
     if (!logger)

@@ -21,22 +21,22 @@ public:
         if (!block)
             return false;
         free();
-        m_heap = static_cast<uint8_t*>(block);
-        m_heapSize = size;
+        m_pHeap = static_cast<uint8_t*>(block);
+        m_nHeapSize = size;
         return true;
     }
     // Back to the inline storage.
     void free() noexcept
     {
-        std::free(m_heap);
-        m_heap = nullptr;
-        m_heapSize = 0;
+        std::free(m_pHeap);
+        m_pHeap = nullptr;
+        m_nHeapSize = 0;
     }
-    uint8_t* data() noexcept { return m_heap ? m_heap : m_inline; }
-    size_t capacity() const noexcept { return m_heap ? m_heapSize : N; }
+    uint8_t* data() noexcept { return m_pHeap ? m_pHeap : m_inline; }
+    size_t capacity() const noexcept { return m_pHeap ? m_nHeapSize : N; }
 
 private:
     uint8_t m_inline[N];
-    uint8_t* m_heap = nullptr;
-    size_t m_heapSize = 0;
+    uint8_t* m_pHeap = nullptr;
+    size_t m_nHeapSize = 0;
 };

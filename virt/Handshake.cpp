@@ -27,14 +27,14 @@ public:
         value = GetU32(item);
         return true;
     }
-    bool WriteStatus(HandshakeStep step) { return Moved(step, m_io.write(&StatusAccepted, 1)); }
+    bool WriteStatus(HandshakeStep step) { return Moved(step, m_io.write(&kStatusAccepted, 1)); }
     // False when the read fails or the client side refuses (`refusal`).
     bool ReadStatus(HandshakeStep step, HandshakeEnd refusal)
     {
         uint8_t status = 0;
         if (!Moved(step, m_io.read(&status, 1)))
             return false;
-        if (status == StatusAccepted)
+        if (status == kStatusAccepted)
             return true;
         result.end = refusal;
         return false;
@@ -80,7 +80,7 @@ HandshakeResult RunHandshake(const HandshakeIo& io)
     r.negotiatedVersion = LocalVersion;
     x.Passed(Step::ReadVersionStatus);
 
-    if (!x.WriteU32(Step::WriteLocalOptions, LocalOptionsLength))
+    if (!x.WriteU32(Step::WriteLocalOptions, kLocalOptionsLength))
         return r;
     x.Passed(Step::WriteLocalOptions);
     // Announced option bytes are never read: the next thing expected is a message header.
@@ -95,7 +95,7 @@ HandshakeResult RunHandshake(const HandshakeIo& io)
     x.Passed(Step::ReadOptionsStatus);
 
     // Told "accepted" in the version exchange, dropped now without a word: kept as it is.
-    r.end = r.remoteVersion < LowestRemoteVersion ? HandshakeEnd::VersionTooLow : HandshakeEnd::Accepted;
+    r.end = r.remoteVersion < kLowestRemoteVersion ? HandshakeEnd::VersionTooLow : HandshakeEnd::Accepted;
     return r;
 }
 

@@ -24,7 +24,7 @@ constexpr wchar_t kSendURL[] = L"CSessionHandler::SendURL";
 constexpr wchar_t kCloseConnection[] = L"CSessionHandler::CloseConnection";
 
 constexpr DWORD kEventMask =
-    SkApi::EventConnected | SkApi::EventBrokenConnection | SkApi::EventInvalidAddress;
+    SkApi::kEventConnected | SkApi::kEventBrokenConnection | SkApi::kEventInvalidAddress;
 // A message this large is read into a buffer that is given back right after, so one odd
 // message from a peer does not pin its memory for the life of the session.
 constexpr size_t kKeepReceiveBuffer = 1u << 20;
@@ -45,11 +45,11 @@ unsigned HandleBits(HANDLE h) noexcept
 
 CSessionHandler::CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText,
                                  uint32_t sessionId, std::wstring name, ChannelStatusListener listener)
-    : IBaseItem(std::move(logger)), m_dwSessionId(sessionId), m_name(std::move(name)),
+    : IBaseItem(std::move(logger)), m_dwSessionId(sessionId), m_strName(std::move(name)),
       m_listener(std::move(listener))
 {
     if (guidText)
-        wcsncpy(m_szSessionGUID, guidText, GuidTextLength - 1);
+        wcsncpy(m_szSessionGUID, guidText, kGuidTextLength - 1);
     m_status.dwState = eCvUrlApiEvent_RdpNotConnected;
 }
 
@@ -246,7 +246,7 @@ unsigned CSessionHandler::ConnectionThread()
         DropConnection();
         if (m_bProtocolInvalid)
             ::ResetEvent(m_hevDisconnected.get()); // a refused handshake is never retried
-        if (::WaitForSingleObject(m_hevStop.get(), ReconnectPauseMs) != WAIT_TIMEOUT)
+        if (::WaitForSingleObject(m_hevStop.get(), kReconnectPauseMs) != WAIT_TIMEOUT)
             break;
     }
     Log(LogLevel::Info, kConnectionThread, L"Stopped");
@@ -265,14 +265,15 @@ bool CSessionHandler::ConnectOnce()
     }
 
     void* address = nullptr;
-    if (!pfnSkResolveAddressW(AddressKindSession, m_szSessionGUID, UrlNet::ChannelPort, &address) || !address)
+    if (!pfnSkResolveAddressW(kAddressKindSession, m_szSessionGUID, UrlNet::kChannelPort, &address) ||
+        !address)
     {
         Log(LogLevel::Error, kConnectionThread, L"SkResolveAddressW(\"%s\") failed", m_szSessionGUID);
         return false;
     }
-    const uint32_t port = UrlNet::ChannelPort;
-    std::memcpy(static_cast<uint8_t*>(address) + AddressPortOffset, &port, sizeof(port));
-    HANDLE connection = pfnSkConnectTo(address, ConnectModeDefault, INFINITE);
+    const uint32_t port = UrlNet::kChannelPort;
+    std::memcpy(static_cast<uint8_t*>(address) + kAddressPortOffset, &port, sizeof(port));
+    HANDLE connection = pfnSkConnectTo(address, kConnectModeDefault, INFINITE);
     pfnSkFreeProtocolParameter(address);
     if (!connection)
     {
@@ -287,7 +288,7 @@ bool CSessionHandler::ConnectOnce()
         return false;
     }
     const HANDLE wakers[] = {m_hevStop.get(), m_hevConnected.get(), m_hevDisconnected.get()};
-    if (::WaitForMultipleObjects(3, wakers, FALSE, ConnectedWaitMs) != WAIT_OBJECT_0 + 1)
+    if (::WaitForMultipleObjects(3, wakers, FALSE, kConnectedWaitMs) != WAIT_OBJECT_0 + 1)
         return false;
 
     switch (DoHandshake())
@@ -343,8 +344,8 @@ void CSessionHandler::ReadOneMessage()
             Log(LogLevel::Error, kReadThread, L"%s failed. Error=%u", what, error);
     };
 
-    uint8_t headerBytes[UrlNet::HeaderSize];
-    DWORD count = UrlNet::HeaderSize;
+    uint8_t headerBytes[UrlNet::kHeaderSize];
+    DWORD count = UrlNet::kHeaderSize;
     if (!SkApi::pfnSkReadData(connection, headerBytes, &count, INFINITE))
         return readFailed(L"SkReadData(Header)");
     const UrlNet::UrlNetHeader header = UrlNet::DecodeHeader(headerBytes);
@@ -419,17 +420,17 @@ void CSessionHandler::OnConnectionEvent(HANDLE connection, DWORD event)
     DWORD state = 0;
     switch (event)
     {
-    case SkApi::EventConnected:
+    case SkApi::kEventConnected:
         Log(LogLevel::Info, kOnConnectionEvent, L"Event=CONNECTED, hHandle=0x%x", HandleBits(connection));
         if (m_hevConnected)
             ::SetEvent(m_hevConnected.get());
         return;
-    case SkApi::EventBrokenConnection:
+    case SkApi::kEventBrokenConnection:
         Log(LogLevel::Info, kOnConnectionEvent, L"Event=BROKENCONNECTION, hHandle=0x%x",
             HandleBits(connection));
         state = eCvUrlApiEvent_RdpConnectionBroken;
         break;
-    case SkApi::EventInvalidAddress:
+    case SkApi::kEventInvalidAddress:
         Log(LogLevel::Info, kOnConnectionEvent, L"Event=INVALIDADRESS, hHandle=0x%x", HandleBits(connection));
         state = eCvUrlApiEvent_RdpNotConnected;
         break;

@@ -16,9 +16,9 @@
 class CSessionHandler : public IBaseItem
 {
 public:
-    static constexpr size_t GuidTextLength = 64;
-    static constexpr DWORD ConnectedWaitMs = 3000;
-    static constexpr DWORD ReconnectPauseMs = 3000;
+    static constexpr size_t kGuidTextLength = 64;
+    static constexpr DWORD kConnectedWaitMs = 3000;
+    static constexpr DWORD kReconnectPauseMs = 3000;
 
     // guidText: up to 64 characters including the terminator (longer text is cut).
     CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText, uint32_t sessionId,
@@ -27,7 +27,7 @@ public:
     CSessionHandler(const CSessionHandler&) = delete;
     CSessionHandler& operator=(const CSessionHandler&) = delete;
 
-    std::wstring GetName() const override { return m_name; }
+    std::wstring GetName() const override { return m_strName; }
     std::wstring GetLogTag() const override;
     int Start() override { return StartThreads() ? 1 : 0; }
     int Stop() override
@@ -68,10 +68,10 @@ private:
     void SetConnection(HANDLE connection);
     void Publish(const ChannelStatusRecord& record) const; // with the state lock held
 
-    wchar_t m_szSessionGUID[GuidTextLength] = {};
+    wchar_t m_szSessionGUID[kGuidTextLength] = {};
     mutable daxlib::critical_section m_csState;
     uint32_t m_dwSessionId;
-    std::wstring m_name;
+    std::wstring m_strName;
     mutable daxlib::critical_section m_csConnection;
     HANDLE m_hConnection = nullptr; // the library's handle; closed with SkCloseConnection
     daxlib::unique_handle m_hevStop;

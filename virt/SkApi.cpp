@@ -5,7 +5,7 @@
 namespace SkApi
 {
 
-const char* const ExportNames[ExportCount] = {
+const char* const ExportNames[kExportCount] = {
     "SkRegisterEventNotification",
     "SkRegisterSessionNotification",
     "SkResolveAddressW",
@@ -65,7 +65,7 @@ namespace
 
 HMODULE g_hModule;
 // The exports the service resolves but never calls are kept untyped.
-FARPROC g_unusedProcs[ExportCount];
+FARPROC g_unusedProcs[kExportCount];
 
 // Where each export of the table is stored: a typed pointer for the ones the service calls.
 void StoreProc(size_t index, FARPROC proc)
@@ -146,7 +146,7 @@ bool SkApiLoadLib()
 
     bool complete = true;
     DWORD firstError = ERROR_SUCCESS;
-    for (size_t i = 0; i < ExportCount; ++i)
+    for (size_t i = 0; i < kExportCount; ++i)
     {
         FARPROC proc = ::GetProcAddress(g_hModule, ExportNames[i]);
         if (!proc && complete)
@@ -164,7 +164,7 @@ bool SkApiLoadLib()
 void SkApiFreeLib()
 {
     using namespace SkApi;
-    for (size_t i = 0; i < ExportCount; ++i)
+    for (size_t i = 0; i < kExportCount; ++i)
         StoreProc(i, nullptr);
     if (g_hModule)
         ::FreeLibrary(g_hModule);

@@ -8,9 +8,9 @@
 namespace SkApi
 {
 
-constexpr size_t ExportCount = 40;
+constexpr size_t kExportCount = 40;
 // The exports in the order they are resolved.
-extern const char* const ExportNames[ExportCount];
+extern const char* const ExportNames[kExportCount];
 
 // Set by SkApiLoadLib, cleared by SkApiFreeLib; null when unresolved.
 extern PFN_SkRegisterEventNotification pfnSkRegisterEventNotification;

@@ -9,16 +9,16 @@
 namespace SkApi
 {
 
-constexpr DWORD EventSessionOpened = 1;
-constexpr DWORD EventSessionClosed = 2;
+constexpr DWORD kEventSessionOpened = 1;
+constexpr DWORD kEventSessionClosed = 2;
 
-constexpr DWORD AddressKindSession = 1;
-constexpr DWORD ConnectModeDefault = 1;
+constexpr DWORD kAddressKindSession = 1;
+constexpr DWORD kConnectModeDefault = 1;
 
 // Connection events: bits of the mask and values handed to the connection callback.
-constexpr DWORD EventConnected = 1;
-constexpr DWORD EventBrokenConnection = 4;
-constexpr DWORD EventInvalidAddress = 8;
+constexpr DWORD kEventConnected = 1;
+constexpr DWORD kEventBrokenConnection = 4;
+constexpr DWORD kEventInvalidAddress = 8;
 
 // The record the library hands to the session callbacks; only these fields are read.
 struct SessionNotification
@@ -34,7 +34,7 @@ static_assert(offsetof(SessionNotification, szName) == 24);
 static_assert(offsetof(SessionNotification, dwSessionId) == 572);
 
 // The library owns the resolved address record; the service writes only the port.
-constexpr size_t AddressPortOffset = 524;
+constexpr size_t kAddressPortOffset = 524;
 
 using SessionCallback = void(WINAPI*)(DWORD event, const SessionNotification* notification, void* context);
 using ConnectionCallback = void(WINAPI*)(HANDLE connection, DWORD event, void* context);

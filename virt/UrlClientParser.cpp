@@ -16,7 +16,7 @@ size_t UrlClientParser::Wanted() const noexcept
     case State::OptionsStatus:
         return 1;
     case State::Header:
-        return HeaderSize;
+        return kHeaderSize;
     case State::Data:
         return m_header.cbData;
     default:
@@ -28,13 +28,13 @@ bool UrlClientParser::Feed(const uint8_t* bytes, size_t size, std::vector<Client
 {
     while (m_state != State::Malformed)
     {
-        if (m_skip > 0)
+        if (m_qwSkip > 0)
         {
-            const size_t n = static_cast<size_t>(std::min<uint64_t>(m_skip, size));
-            m_skip -= n;
+            const size_t n = static_cast<size_t>(std::min<uint64_t>(m_qwSkip, size));
+            m_qwSkip -= n;
             bytes += n;
             size -= n;
-            if (m_skip > 0)
+            if (m_qwSkip > 0)
                 break;
             continue;
         }
@@ -63,9 +63,9 @@ void UrlClientParser::Complete(std::vector<ClientItem>& out)
         m_state = State::OptionsLength;
         break;
     case State::OptionsLength:
-        m_skip = GetU32(m_pending.data());
-        out.push_back({ClientItem::Kind::ServerOptionsLength, static_cast<uint32_t>(m_skip), {}, {}});
-        m_state = m_skip > m_maxData ? State::Malformed : State::OptionsStatus;
+        m_qwSkip = GetU32(m_pending.data());
+        out.push_back({ClientItem::Kind::ServerOptionsLength, static_cast<uint32_t>(m_qwSkip), {}, {}});
+        m_state = m_qwSkip > m_dwMaxData ? State::Malformed : State::OptionsStatus;
         break;
     case State::OptionsStatus:
         out.push_back({ClientItem::Kind::ServerOptionsStatus, m_pending[0], {}, {}});
@@ -73,7 +73,7 @@ void UrlClientParser::Complete(std::vector<ClientItem>& out)
         break;
     case State::Header:
         m_header = DecodeHeader(m_pending.data());
-        if (m_header.cbData > m_maxData)
+        if (m_header.cbData > m_dwMaxData)
             m_state = State::Malformed;
         else if (m_header.cbData == 0)
             out.push_back({ClientItem::Kind::Message, 0, m_header, {}});

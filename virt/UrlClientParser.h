@@ -30,7 +30,7 @@ class UrlClientParser
 {
 public:
     // Messages announcing more than maxData bytes make the stream malformed.
-    explicit UrlClientParser(uint32_t maxData = 64u << 20) : m_maxData(maxData) {}
+    explicit UrlClientParser(uint32_t maxData = 64u << 20) : m_dwMaxData(maxData) {}
 
     // Consumes bytes in any split; appends each completed item. Returns false once the
     // stream is malformed; later bytes are then ignored.
@@ -39,7 +39,7 @@ public:
     bool HandshakeDone() const noexcept { return m_state >= State::Header; }
     bool Malformed() const noexcept { return m_state == State::Malformed; }
     // True when no item is partly received.
-    bool AtBoundary() const noexcept { return m_pending.empty() && m_skip == 0; }
+    bool AtBoundary() const noexcept { return m_pending.empty() && m_qwSkip == 0; }
 
 private:
     enum class State
@@ -55,9 +55,9 @@ private:
     size_t Wanted() const noexcept;
     void Complete(std::vector<ClientItem>& out);
 
-    uint32_t m_maxData;
+    uint32_t m_dwMaxData;
     State m_state = State::Version;
-    uint64_t m_skip = 0; // option bytes still to skip
+    uint64_t m_qwSkip = 0; // option bytes still to skip
     UrlNetHeader m_header;
     std::vector<uint8_t> m_pending;
 };

@@ -33,9 +33,9 @@ uint32_t GetU32(const uint8_t* in) noexcept
            (static_cast<uint32_t>(in[2]) << 16) | (static_cast<uint32_t>(in[3]) << 24);
 }
 
-std::array<uint8_t, HeaderSize> EncodeHeader(const UrlNetHeader& header) noexcept
+std::array<uint8_t, kHeaderSize> EncodeHeader(const UrlNetHeader& header) noexcept
 {
-    std::array<uint8_t, HeaderSize> bytes{};
+    std::array<uint8_t, kHeaderSize> bytes{};
     PutU32(bytes.data(), header.command);
     PutU32(bytes.data() + 4, header.cbData);
     return bytes;
@@ -49,23 +49,23 @@ UrlNetHeader DecodeHeader(const uint8_t* bytes) noexcept
 std::vector<uint8_t> BuildSubmitMessage(std::string_view utf8Url)
 {
     if (utf8Url.empty() ||
-        utf8Url.size() > std::numeric_limits<uint32_t>::max() - HeaderSize - SubmitReservedSize)
+        utf8Url.size() > std::numeric_limits<uint32_t>::max() - kHeaderSize - kSubmitReservedSize)
         return {};
     const auto n = static_cast<uint32_t>(utf8Url.size());
-    std::vector<uint8_t> message(HeaderSize + SubmitReservedSize + n);
-    const auto header = EncodeHeader({eUrlNet_Submit, n + static_cast<uint32_t>(SubmitReservedSize)});
+    std::vector<uint8_t> message(kHeaderSize + kSubmitReservedSize + n);
+    const auto header = EncodeHeader({eUrlNet_Submit, n + static_cast<uint32_t>(kSubmitReservedSize)});
     std::copy(header.begin(), header.end(), message.begin());
-    PutU32(message.data() + HeaderSize, 0);
-    std::copy(utf8Url.begin(), utf8Url.end(), message.begin() + HeaderSize + SubmitReservedSize);
+    PutU32(message.data() + kHeaderSize, 0);
+    std::copy(utf8Url.begin(), utf8Url.end(), message.begin() + kHeaderSize + kSubmitReservedSize);
     return message;
 }
 
 bool ParseSubmitData(const uint8_t* data, size_t size, std::string_view& url) noexcept
 {
-    if (size < SubmitReservedSize)
+    if (size < kSubmitReservedSize)
         return false;
-    url =
-        std::string_view(reinterpret_cast<const char*>(data) + SubmitReservedSize, size - SubmitReservedSize);
+    url = std::string_view(reinterpret_cast<const char*>(data) + kSubmitReservedSize,
+                           size - kSubmitReservedSize);
     return true;
 }
 

@@ -13,12 +13,12 @@ namespace UrlNet
 {
 
 constexpr uint32_t LocalVersion = 0x00010001; // major 1, minor 1
-constexpr uint32_t LowestRemoteVersion = 0x00010001;
-constexpr uint32_t LocalOptionsLength = 0; // the service never sends option bytes
-constexpr uint8_t StatusAccepted = 0;
-constexpr uint32_t ChannelPort = 54531;
-constexpr size_t HeaderSize = 8;
-constexpr size_t SubmitReservedSize = 4; // the word between header and URL
+constexpr uint32_t kLowestRemoteVersion = 0x00010001;
+constexpr uint32_t kLocalOptionsLength = 0; // the service never sends option bytes
+constexpr uint8_t kStatusAccepted = 0;
+constexpr uint32_t kChannelPort = 54531;
+constexpr size_t kHeaderSize = 8;
+constexpr size_t kSubmitReservedSize = 4; // the word between header and URL
 
 enum UrlNetCommand : uint32_t
 {
@@ -38,8 +38,8 @@ struct UrlNetHeader
 void PutU32(uint8_t* out, uint32_t value) noexcept;
 uint32_t GetU32(const uint8_t* in) noexcept;
 
-std::array<uint8_t, HeaderSize> EncodeHeader(const UrlNetHeader& header) noexcept;
-UrlNetHeader DecodeHeader(const uint8_t* bytes) noexcept; // reads HeaderSize bytes
+std::array<uint8_t, kHeaderSize> EncodeHeader(const UrlNetHeader& header) noexcept;
+UrlNetHeader DecodeHeader(const uint8_t* bytes) noexcept; // reads kHeaderSize bytes
 
 // One submit message for a URL already converted to UTF-8: header (1, n + 4), a zero word,
 // then the n bytes, no terminator. Empty when the URL is empty (an empty URL is never sent)

@@ -45,7 +45,7 @@ CVirtServer::~CVirtServer()
 
 void CVirtServer::SetStatusListener(ChannelStatusListener listener)
 {
-    std::lock_guard lock(m_listenerLock);
+    std::lock_guard lock(m_csListener);
     m_listener = std::move(listener);
 }
 
@@ -53,7 +53,7 @@ void CVirtServer::Publish(const ChannelStatusRecord& record, uint32_t sessionId)
 {
     ChannelStatusListener listener;
     {
-        std::lock_guard lock(m_listenerLock);
+        std::lock_guard lock(m_csListener);
         listener = m_listener;
     }
     if (!listener)
@@ -70,7 +70,7 @@ void CVirtServer::Publish(const ChannelStatusRecord& record, uint32_t sessionId)
 
 std::wstring CVirtServer::GuidText(const GUID& g)
 {
-    wchar_t text[CSessionHandler::GuidTextLength] = {};
+    wchar_t text[CSessionHandler::kGuidTextLength] = {};
     daxlib::FormatTruncated(text, std::size(text), L"%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x",
                             static_cast<unsigned>(g.Data1), g.Data2, g.Data3, g.Data4[0], g.Data4[1],
                             g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
@@ -93,8 +93,8 @@ bool CVirtServer::Init()
     {
         if (SkApi::pfnSkRegisterEventNotification)
         {
-            SkApi::pfnSkRegisterEventNotification(SkApi::EventSessionOpened, &SessionOpenedTrampoline, this);
-            SkApi::pfnSkRegisterEventNotification(SkApi::EventSessionClosed, &SessionClosedTrampoline, this);
+            SkApi::pfnSkRegisterEventNotification(SkApi::kEventSessionOpened, &SessionOpenedTrampoline, this);
+            SkApi::pfnSkRegisterEventNotification(SkApi::kEventSessionClosed, &SessionClosedTrampoline, this);
         }
         if (!SkApi::pfnSkStartNotification || !SkApi::pfnSkStartNotification())
             Log(LogLevel::Warning, kInit, L"SkStartNotification() failed. LastError=%u", ::GetLastError());

@@ -61,6 +61,6 @@ private:
     std::atomic<bool> m_bInitialized{false};
     mutable daxlib::srw_lock m_srwSessions;
     std::map<uint32_t, std::shared_ptr<CSessionHandler>> m_sessions;
-    mutable daxlib::critical_section m_listenerLock;
+    mutable daxlib::critical_section m_csListener;
     ChannelStatusListener m_listener;
 };

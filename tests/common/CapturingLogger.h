@@ -66,9 +66,9 @@ public:
 private:
     size_t CountLocked(const std::wstring& fragment) const
     {
-        return static_cast<size_t>(std::count_if(m_records.begin(), m_records.end(), [&](const LogRecord& r) {
-            return r.text.find(fragment) != std::wstring::npos;
-        }));
+        return static_cast<size_t>(std::count_if(m_records.begin(), m_records.end(),
+                                                 [&](const LogRecord& r)
+                                                 { return r.text.find(fragment) != std::wstring::npos; }));
     }
     void Add(LogRecord record)
     {

@@ -16,9 +16,9 @@ TEST(UniqueHandle, ResetClosesAndKeepsLastError)
     daxlib::unique_handle event(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     ASSERT_TRUE(event);
     HANDLE raw = event.get();
-    ::SetLastError(1234);
+    ::SetLastError(ERROR_INVALID_DATA);
     event.reset();
-    EXPECT_EQ(1234u, ::GetLastError());
+    EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_DATA), ::GetLastError());
     EXPECT_FALSE(event);
     // The handle value is closed: using it fails.
     EXPECT_FALSE(::SetEvent(raw));
@@ -32,7 +32,8 @@ TEST(WideFormat, CutsLongTextAndKeepsWindowsConventions)
     const int n = daxlib::FormatTruncated(buffer, daxlib::kFormatCapacity, L"%s", longText.c_str());
     EXPECT_EQ(4095, n);
     EXPECT_EQ(4095u, wcslen(buffer));
-    EXPECT_EQ(L"w=wide n=narrow 10400 -5", daxlib::Format(L"w=%s n=%S %X %I64d", L"wide", "narrow", 0x10400, -5LL));
+    EXPECT_EQ(L"w=wide n=narrow 10400 -5",
+              daxlib::Format(L"w=%s n=%S %X %I64d", L"wide", "narrow", 0x10400, -5LL));
 }
 
 namespace
@@ -51,7 +52,7 @@ TEST(BaseLogger, WritesOriginTagAndMessageAndKeepsLastError)
 {
     auto logger = std::make_shared<CapturingLogger>(2);
     TaggedItem item(logger);
-    ::SetLastError(87);
+    ::SetLastError(ERROR_INVALID_PARAMETER);
     item.Log(2, L"CPipeServer::Start: (51)", L"waiting for %s...", L"connections");
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), ::GetLastError());
     item.Log(3, L"X::Y: (1)", L"filtered out");

@@ -34,7 +34,8 @@ inline HANDLE OpenClient(const std::wstring& fullName)
     for (int attempt = 0; attempt < 5000; ++attempt)
     {
         // As agents must: GENERIC_WRITE would ask for the right to create instances as well.
-        HANDLE h = ::CreateFileW(fullName.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        HANDLE h = ::CreateFileW(fullName.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr, OPEN_EXISTING,
+                                 0, nullptr);
         if (h != INVALID_HANDLE_VALUE)
             return h;
         const DWORD error = ::GetLastError();

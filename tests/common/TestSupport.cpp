@@ -95,8 +95,8 @@ long long CountProcessHandles(DWORD processId)
     for (int attempt = 0; attempt < 8; ++attempt)
     {
         ULONG needed = 0;
-        const LONG status =
-            query(kSystemExtendedHandleInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed);
+        const LONG status = query(kSystemExtendedHandleInformation, buffer.data(),
+                                  static_cast<ULONG>(buffer.size()), &needed);
         if (status == kStatusInfoLengthMismatch)
         {
             buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 65536));
@@ -121,7 +121,8 @@ long long CountProcessThreads(DWORD processId)
     THREADENTRY32 entry{};
     entry.dwSize = sizeof(entry);
     long long count = 0;
-    for (BOOL more = ::Thread32First(snapshot.get(), &entry); more; more = ::Thread32Next(snapshot.get(), &entry))
+    for (BOOL more = ::Thread32First(snapshot.get(), &entry); more;
+         more = ::Thread32Next(snapshot.get(), &entry))
         count += entry.th32OwnerProcessID == processId ? 1 : 0;
     return count;
 }
@@ -145,8 +146,8 @@ ProcessRun RunProcess(std::wstring commandLine, DWORD limitMs)
     SECURITY_ATTRIBUTES inherit{sizeof(inherit), nullptr, TRUE};
     daxlib::unique_hfile files[2];
     for (int i = 0; i < 2; ++i)
-        files[i].reset(::CreateFileW(dir.File(i ? L"err.txt" : L"out.txt").c_str(), GENERIC_WRITE, FILE_SHARE_READ,
-                                     &inherit, CREATE_ALWAYS, 0, nullptr));
+        files[i].reset(::CreateFileW(dir.File(i ? L"err.txt" : L"out.txt").c_str(), GENERIC_WRITE,
+                                     FILE_SHARE_READ, &inherit, CREATE_ALWAYS, 0, nullptr));
     STARTUPINFOW startup{};
     startup.cb = sizeof(startup);
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -154,13 +155,14 @@ ProcessRun RunProcess(std::wstring commandLine, DWORD limitMs)
     startup.hStdError = files[1].get();
     PROCESS_INFORMATION info{};
     const auto start = std::chrono::steady_clock::now();
-    if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr,
-                          &startup, &info))
+    if (!::CreateProcessW(nullptr, commandLine.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr,
+                          nullptr, &startup, &info))
         return run;
     daxlib::unique_handle process(info.hProcess), thread(info.hThread);
     run.processId = info.dwProcessId;
     run.ended = ::WaitForSingleObject(process.get(), limitMs) == WAIT_OBJECT_0;
-    run.elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    run.elapsed =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     if (!run.ended && ::TerminateProcess(process.get(), 99))
         ::WaitForSingleObject(process.get(), 5000);
     ::GetExitCodeProcess(process.get(), &run.exitCode);

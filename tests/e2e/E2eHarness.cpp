@@ -56,7 +56,8 @@ std::vector<std::string> ReplyLines(const CtlResult& reply)
 ServiceRun::ServiceRun(const ServiceOptions& options)
 {
     // Each step that fails names itself with its error; the later steps are skipped.
-    const auto step = [this](bool ok, const wchar_t* what) {
+    const auto step = [this](bool ok, const wchar_t* what)
+    {
         if (m_error.empty() && !ok)
             m_error = std::wstring(what) + L" failed, error " + std::to_wstring(::GetLastError());
         return m_error.empty();
@@ -76,7 +77,8 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
     daxlib::unique_hkey key;
     step(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kProductKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(),
                            nullptr) == ERROR_SUCCESS &&
-             ::RegSetValueExW(key.get(), L"LogLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&options.logLevel),
+             ::RegSetValueExW(key.get(), L"LogLevel", 0, REG_DWORD,
+                              reinterpret_cast<const BYTE*>(&options.logLevel),
                               sizeof(options.logLevel)) == ERROR_SUCCESS,
          L"writing the log level");
     if (options.agentsPerSession)
@@ -89,24 +91,28 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
     if (options.installLibrary)
     {
         const std::wstring folder = kLibraryFolder;
-        for (size_t slash = folder.find(L'\\', 3); slash != std::wstring::npos; slash = folder.find(L'\\', slash + 1))
+        for (size_t slash = folder.find(L'\\', 3); slash != std::wstring::npos;
+             slash = folder.find(L'\\', slash + 1))
             ::CreateDirectoryW(folder.substr(0, slash).c_str(), nullptr);
         ::CreateDirectoryW(kLibraryFolder, nullptr);
         step(::CopyFileW(testing_support::BuildPath(STANDIN_DLL).c_str(), kLibraryPath, FALSE),
              L"installing the stand-in library");
-        daxlib::unique_hfile file(options.scenario.empty() ? INVALID_HANDLE_VALUE
-                                                           : ::CreateFileW(kScenarioPath, GENERIC_WRITE, 0, nullptr,
-                                                                           CREATE_ALWAYS, 0, nullptr));
+        daxlib::unique_hfile file(
+            options.scenario.empty()
+                ? INVALID_HANDLE_VALUE
+                : ::CreateFileW(kScenarioPath, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
         DWORD written = 0;
-        step(options.scenario.empty() || ::WriteFile(file.get(), options.scenario.data(),
-                                                     static_cast<DWORD>(options.scenario.size()), &written, nullptr),
+        step(options.scenario.empty() ||
+                 ::WriteFile(file.get(), options.scenario.data(), static_cast<DWORD>(options.scenario.size()),
+                             &written, nullptr),
              L"writing the scenario");
     }
     const std::wstring binary = L"\"" + testing_support::BuildPath(VELOMARD_EXE) + L"\"";
     if (m_error.empty())
         m_service.reset(::CreateServiceW(m_scm.get(), L"velomard", L"velomard", SERVICE_ALL_ACCESS,
-                                         SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
-                                         binary.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+                                         SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                                         SERVICE_ERROR_NORMAL, binary.c_str(), nullptr, nullptr, nullptr,
+                                         nullptr, nullptr));
     step(m_service.valid(), L"CreateServiceW");
 }
 
@@ -132,7 +138,8 @@ bool SetPolicyStrings(const wchar_t* name, const std::vector<std::wstring>& stri
     for (const auto& s : strings)
         data += s + L'\0';
     data += L'\0';
-    return SetPolicyValue(name, REG_MULTI_SZ, data.c_str(), static_cast<DWORD>(data.size() * sizeof(wchar_t)));
+    return SetPolicyValue(name, REG_MULTI_SZ, data.c_str(),
+                          static_cast<DWORD>(data.size() * sizeof(wchar_t)));
 }
 
 void RemovePolicy()
@@ -173,7 +180,8 @@ std::vector<DWORD> ServiceRun::Start(milliseconds limit)
         return seen;
     }
     WaitUntil(
-        [&] {
+        [&]
+        {
             const DWORD state = Query().dwCurrentState;
             if (seen.empty() || seen.back() != state)
                 seen.push_back(state);
@@ -213,7 +221,8 @@ std::wstring ReadLog()
 size_t CountOf(const std::wstring& text, const std::wstring& fragment)
 {
     size_t count = 0;
-    for (size_t at = text.find(fragment); at != std::wstring::npos; at = text.find(fragment, at + fragment.size()))
+    for (size_t at = text.find(fragment); at != std::wstring::npos;
+         at = text.find(fragment, at + fragment.size()))
         ++count;
     return count;
 }
@@ -227,11 +236,13 @@ std::wstring WaitForLog(const std::wstring& fragment, milliseconds limit, size_t
 
 CtlResult Skeinctl(const std::string& words)
 {
-    const auto run = testing_support::RunProcess(
-        L"\"" + testing_support::BuildPath(SKEINCTL_EXE) + L"\" " + std::wstring(words.begin(), words.end()), 30000);
+    const auto run = testing_support::RunProcess(L"\"" + testing_support::BuildPath(SKEINCTL_EXE) + L"\" " +
+                                                     std::wstring(words.begin(), words.end()),
+                                                 30000);
     CtlResult result{run.ended ? static_cast<int>(run.exitCode) : -1, {}};
     const std::string output = run.out + run.err;
-    std::copy_if(output.begin(), output.end(), std::back_inserter(result.output), [](char c) { return c != '\r'; });
+    std::copy_if(output.begin(), output.end(), std::back_inserter(result.output),
+                 [](char c) { return c != '\r'; });
     return result;
 }
 
@@ -248,16 +259,19 @@ std::map<std::string, unsigned> SessionStats(uint32_t session)
     std::istringstream words(reply.exitCode == 0 ? reply.output : std::string());
     for (std::string word; words >> word;)
         if (const size_t eq = word.find('='); eq != std::string::npos)
-            stats[word.substr(0, eq)] = static_cast<unsigned>(std::strtoul(word.c_str() + eq + 1, nullptr, 10));
+            stats[word.substr(0, eq)] =
+                static_cast<unsigned>(std::strtoul(word.c_str() + eq + 1, nullptr, 10));
     return stats;
 }
 
 std::string ToUtf8(std::u16string_view text)
 {
     const auto* wide = reinterpret_cast<const wchar_t*>(text.data());
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    const int size =
+        ::WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
     std::string out(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(text.size()), out.data(), size, nullptr, nullptr);
+    ::WideCharToMultiByte(CP_UTF8, 0, wide, static_cast<int>(text.size()), out.data(), size, nullptr,
+                          nullptr);
     return out;
 }
 
@@ -266,8 +280,8 @@ bool AgentPipe::Connect(milliseconds limit)
     const auto end = std::chrono::steady_clock::now() + limit;
     do
     {
-        m_pipe.reset(::CreateFileW(kAgentPipe.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr, OPEN_EXISTING,
-                                   FILE_FLAG_OVERLAPPED, nullptr));
+        m_pipe.reset(::CreateFileW(kAgentPipe.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr,
+                                   OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
         if (m_pipe)
         {
             m_event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
@@ -318,7 +332,8 @@ bool AgentPipe::ReadExact(void* bytes, size_t size, milliseconds limit)
     {
         const auto left = std::chrono::duration_cast<milliseconds>(end - std::chrono::steady_clock::now());
         DWORD error = 0;
-        const DWORD got = left.count() > 0 ? Io(false, static_cast<uint8_t*>(bytes) + have, size - have, left, error) : 0;
+        const DWORD got =
+            left.count() > 0 ? Io(false, static_cast<uint8_t*>(bytes) + have, size - have, left, error) : 0;
         if (got == 0 || error != 0)
             return false;
         have += got;

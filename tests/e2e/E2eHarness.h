@@ -32,10 +32,26 @@ struct ServiceOptions
     // session 1, so a storm of agents needs a higher bound than one real session would.
     DWORD agentsPerSession = 0;
 
-    ServiceOptions& WithoutLibrary() { installLibrary = false; return *this; }
-    ServiceOptions& Scenario(std::string commands) { scenario = std::move(commands); return *this; }
-    ServiceOptions& LogLevel(DWORD level) { logLevel = level; return *this; }
-    ServiceOptions& AgentsPerSession(DWORD count) { agentsPerSession = count; return *this; }
+    ServiceOptions& WithoutLibrary()
+    {
+        installLibrary = false;
+        return *this;
+    }
+    ServiceOptions& Scenario(std::string commands)
+    {
+        scenario = std::move(commands);
+        return *this;
+    }
+    ServiceOptions& LogLevel(DWORD level)
+    {
+        logLevel = level;
+        return *this;
+    }
+    ServiceOptions& AgentsPerSession(DWORD count)
+    {
+        agentsPerSession = count;
+        return *this;
+    }
 };
 
 // One registration and run of the service. The destructor stops it (when it runs), deletes the
@@ -54,7 +70,10 @@ public:
     std::vector<DWORD> Start(std::chrono::milliseconds limit = std::chrono::seconds(30));
     SERVICE_STATUS_PROCESS Query() const;
     DWORD ProcessId() const { return Query().dwProcessId; }
-    BOOL Control(DWORD control, SERVICE_STATUS& status) { return ::ControlService(m_service.get(), control, &status); }
+    BOOL Control(DWORD control, SERVICE_STATUS& status)
+    {
+        return ::ControlService(m_service.get(), control, &status);
+    }
 
     struct StopOutcome
     {
@@ -134,8 +153,9 @@ private:
 };
 
 // Polls until `done` holds or the limit passes; the last result of `done`.
-template <typename Pred> bool WaitUntil(Pred done, std::chrono::milliseconds limit,
-                                        std::chrono::milliseconds step = std::chrono::milliseconds(50))
+template <typename Pred>
+bool WaitUntil(Pred done, std::chrono::milliseconds limit,
+               std::chrono::milliseconds step = std::chrono::milliseconds(50))
 {
     const auto end = std::chrono::steady_clock::now() + limit;
     for (;;)

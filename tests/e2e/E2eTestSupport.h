@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cwchar>
+#include <memory>
 #include <string>
 
 namespace e2e
@@ -40,7 +41,8 @@ inline void ExpectCleanStop(ServiceRun& run)
     EXPECT_LT(stop.endedAfterMs, 5000);
     std::printf("service process ended %lld ms after the stop control\n", stop.endedAfterMs);
     EXPECT_GE(CountOf(WaitForLog(L"CLogSvc::OnStop: Service Stopping...", std::chrono::seconds(5)),
-                      L"CLogSvc::OnStop: Service Stopping..."), 1u);
+                      L"CLogSvc::OnStop: Service Stopping..."),
+              1u);
 }
 
 struct ProcessCounts
@@ -66,5 +68,25 @@ inline bool BackToBaseline(DWORD pid, const ProcessCounts& baseline, const Proce
         },
         std::chrono::seconds(30), std::chrono::milliseconds(250));
 }
+
+// Cases that share one run of the service, started before the suite's first case and removed
+// after its last, as `Suite::Options()` says; they run in the order they are declared.
+template <typename Suite> class SharedServiceRun : public ::testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        s_run = std::make_unique<ServiceRun>(Suite::Options());
+        StartRunning(*s_run);
+        s_running = !HasFatalFailure();
+    }
+    static void TearDownTestSuite() { s_run.reset(); }
+    void SetUp() override { ASSERT_TRUE(s_running) << "the suite's service run did not start"; }
+    static ServiceRun& Run() { return *s_run; }
+
+private:
+    static inline std::unique_ptr<ServiceRun> s_run;
+    static inline bool s_running = false;
+};
 
 } // namespace e2e

@@ -113,7 +113,9 @@ void Storm(int firstAgent, int agents, int urlsPerAgent, int floodSize, Results&
         {12, Garbage},
         {12, Oversized},
         {12, [](int, Results&) { AgentPipe().Connect(30s); }},
-        {2, [floodSize](int, Results& r) {
+        {2,
+         [floodSize](int, Results& r)
+         {
              std::vector<AgentPipe> clients(static_cast<size_t>(floodSize));
              if (!std::all_of(clients.begin(), clients.end(), [](AgentPipe& c) { return c.Connect(30s); }))
                  r.Failed("flood could not connect");
@@ -121,11 +123,13 @@ void Storm(int firstAgent, int agents, int urlsPerAgent, int floodSize, Results&
     };
     std::atomic<size_t> kindsDone{0};
     for (const auto& [rounds, kind] : hostile)
-        threads.emplace_back([&, rounds = rounds, kind = kind] {
-            for (int round = 0; round < rounds; ++round)
-                kind(firstAgent + round, results);
-            ++kindsDone;
-        });
+        threads.emplace_back(
+            [&, rounds = rounds, kind = kind]
+            {
+                for (int round = 0; round < rounds; ++round)
+                    kind(firstAgent + round, results);
+                ++kindsDone;
+            });
     WaitUntil([&] { return kindsDone.load() == hostile.size(); }, 60s, 20ms);
     enough = true;
     for (auto& thread : threads)

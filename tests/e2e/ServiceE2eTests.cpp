@@ -1,7 +1,8 @@
 // The service's life under the service control manager with and without the channel library:
-// it always reaches running and serves agents, and a stop ends its process half a second later with exit
-// code 0, also while agents are connected. The control manager refuses the shutdown control
-// from a program (error 87), so only the system's own shutdown could send it; not driven here.
+// it always reaches running and serves agents, and a stop ends its process half a second later
+// with exit code 0, also while agents are connected. The control manager refuses the shutdown
+// control from a program (ERROR_INVALID_PARAMETER), so only the system's own shutdown could send
+// it; not driven here.
 #include "common/PipeNames.h"
 #include "tests/e2e/E2eTestSupport.h"
 
@@ -30,37 +31,47 @@ TEST(ServiceE2e, WithoutTheLibraryItRunsAndAnswersEveryUrlWithOne)
     ExpectCleanStop(run);
 }
 
-TEST(ServiceE2e, StartsLogsOpensTheSessionsChannelAndStopsWithAgentsConnected)
+namespace
 {
-    ServiceRun run({});
-    StartRunning(run);
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE), run.Query().dwControlsAccepted);
+// One run with the library's default scenario: session 1 with an accepting client side. The
+// stop comes last.
+class ServiceE2eRunning : public SharedServiceRun<ServiceE2eRunning>
+{
+public:
+    static ServiceOptions Options() { return {}; }
+};
+} // namespace
 
-    // The file begins with the banner (a blank line, a header, the build text); the start
-    // record has the version as bare hex digits run together with the build date.
+// The file begins with the banner (a blank line, a header, the build text); the start record has
+// the version as bare hex digits run together with the build date.
+TEST_F(ServiceE2eRunning, LogBeginsWithTheBannerAndHasTheStartRecord)
+{
     const std::wstring text = WaitForLog(L"CLogSvc::main: Service Running...", 10s);
-    const std::wstring expected = L"Start service. Version program 10400" + std::wstring(__DATE__, __DATE__ + 11);
+    const std::wstring expected =
+        L"Start service. Version program 10400" + std::wstring(__DATE__, __DATE__ + 11);
     EXPECT_NE(std::wstring::npos, text.find(expected)) << std::string(text.begin(), text.end());
     EXPECT_EQ(0u, text.find(L"\r\n"));
     for (const wchar_t* fragment : {L"Build ", L"[SERVICE]", L"[INFO]", L"Service logger is working.",
                                     L"CLogSvc::main: Service Running..."})
-        EXPECT_NE(std::wstring::npos, text.find(fragment)) << std::string(fragment, fragment + wcslen(fragment));
+        EXPECT_NE(std::wstring::npos, text.find(fragment))
+            << std::string(fragment, fragment + wcslen(fragment));
+}
 
-    // Interrogation leaves the service running.
-    SERVICE_STATUS status{};
-    run.Control(SERVICE_CONTROL_INTERROGATE, status);
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_RUNNING), run.Query().dwCurrentState);
-
-    // The library's default scenario opens session 1 with an accepting client side: the service
-    // connects to it and completes the channel handshake without any agent.
+// The service connects to the client side and completes the channel handshake without any agent.
+TEST_F(ServiceE2eRunning, OpensTheSessionsChannelWithoutAnyAgent)
+{
     std::map<std::string, unsigned> stats;
     EXPECT_TRUE(WaitUntil([&] { return (stats = SessionStats(1))["handshakes"] >= 1; }, 15s, 200ms));
     EXPECT_EQ(1u, stats["live"]);
     EXPECT_EQ(0u, stats["submits"]);
     const CtlResult sessions = Skeinctl("sessions");
-    EXPECT_NE(std::string::npos, sessions.output.find("1 00000001-5e1c-4a3b-9d2e-0000c0ffee01")) << sessions.output;
+    EXPECT_NE(std::string::npos, sessions.output.find("1 00000001-5e1c-4a3b-9d2e-0000c0ffee01"))
+        << sessions.output;
+}
 
-    // Idle agents, one in the middle of a message, and one waiting for an answer it never gets.
+// Idle agents, one in the middle of a message, and one waiting for an answer it never gets.
+TEST_F(ServiceE2eRunning, StopsWithAgentsConnectedAndClosesThem)
+{
     std::vector<AgentPipe> agents(4);
     for (auto& agent : agents)
         ASSERT_TRUE(agent.Connect());
@@ -69,8 +80,7 @@ TEST(ServiceE2e, StartsLogsOpensTheSessionsChannelAndStopsWithAgentsConnected)
     const auto half = agentpipe::EncodeOpenUrl(u"https://example.com/half");
     ASSERT_TRUE(agents[2].Write(half.data(), half.size() / 2));
     ASSERT_TRUE(agents[3].Write(agentpipe::EncodeHandshake({}).data(), 8)); // header only
-
-    ExpectCleanStop(run);
+    ExpectCleanStop(Run());
     for (auto& agent : agents)
         EXPECT_TRUE(agent.ClosedByPeer(5s));
 }

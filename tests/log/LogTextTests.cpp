@@ -33,7 +33,8 @@ HeaderFields ServiceFields(const char16_t* category)
 
 TEST(RecordHeader, FieldsInTableOrderAndSeparatorOnlyWhenSomethingIsWritten)
 {
-    EXPECT_EQ(N(FormatHeaderFields(ServiceFields(u"INFO"))), "2025.06.06 14:03:07.123 (+02:00) [1234] [5678] [INFO]: ");
+    EXPECT_EQ(N(FormatHeaderFields(ServiceFields(u"INFO"))),
+              "2025.06.06 14:03:07.123 (+02:00) [1234] [5678] [INFO]: ");
     // Every field: session and user come after the thread id, whatever the bit values say.
     HeaderFields f = ServiceFields(u"SERVICE");
     f.flags = 0x807F;
@@ -43,8 +44,8 @@ TEST(RecordHeader, FieldsInTableOrderAndSeparatorOnlyWhenSomethingIsWritten)
     for (int i = 0; i < 3; ++i)
     {
         f.userState = states[i];
-        EXPECT_EQ(N(FormatHeaderFields(f)),
-                  std::string("2025.06.06 14:03:07.123 (+02:00) [1234] [5678] ") + byUserState[i] + "[SERVICE]: ");
+        EXPECT_EQ(N(FormatHeaderFields(f)), std::string("2025.06.06 14:03:07.123 (+02:00) [1234] [5678] ") +
+                                                byUserState[i] + "[SERVICE]: ");
     }
     f = ServiceFields(nullptr);
     const std::pair<uint32_t, const char*> alone[] = {
@@ -71,7 +72,7 @@ TEST(UtcOffsetRule, HoursFromTheLaterDateAndAbsoluteMinutes)
         {{2025, 7, 1, 0, 30}, {2025, 6, 30, 22, 30}, "(+02:00) "}, // across a month
         {{2025, 1, 1, 1, 0}, {2024, 12, 31, 23, 0}, "(+02:00) "},  // across a year
         {{2025, 6, 6, 20, 30}, {2025, 6, 6, 23, 0}, "(-03:30) "},  // hours -3, minutes |30 - 0|
-        {{2025, 6, 6, 21, 0}, {2025, 6, 7, 0, 30}, "(-03:30) "},  // UTC date a day ahead
+        {{2025, 6, 6, 21, 0}, {2025, 6, 7, 0, 30}, "(-03:30) "},   // UTC date a day ahead
         {{2025, 6, 6, 12, 0}, {2025, 6, 6, 12, 0}, "(+00:00) "},
         {{2025, 6, 6, 18, 45}, {2025, 6, 6, 13, 0}, "(+05:45) "},
     };
@@ -101,15 +102,18 @@ TEST(WindowsVersion, TextForATableOfVersions)
         const char* text;
     } cases[] = {
         {{true, 2, 6, 3, 9600, u"", 0x100, 1, Arch::X64, 0}, " (build 9600), 64-bit"},
-        {{true, 2, 5, 2, 3790, u"", 0x100, 1, Arch::X64, 0}, "Windows XP Professional x64 Edition (build 3790)"},
+        {{true, 2, 5, 2, 3790, u"", 0x100, 1, Arch::X64, 0},
+         "Windows XP Professional x64 Edition (build 3790)"},
         {{true, 2, 10, 0, 19045, u"", 0x100, 1, Arch::X64, 0}, "Windows version 10.0  (build 19045), 64-bit"},
-        {{true, 2, 10, 0, 20348, u"", 0x110, 3, Arch::X64, 0}, "Windows version 10.0 Server  (build 20348), 64-bit"},
+        {{true, 2, 10, 0, 20348, u"", 0x110, 3, Arch::X64, 0},
+         "Windows version 10.0 Server  (build 20348), 64-bit"},
         {{true, 2, 6, 1, 7601, u"Service Pack 1", 0x100, 1, Arch::X86, 0},
          "Windows 7  Service Pack 1 (build 7601), 32-bit"},
         {{true, 2, 6, 2, 9200, u"", 0x110, 3, 12 /*ARM64*/, 0}, "Windows Server 2012  (build 9200)"},
         {{true, 2, 5, 2, 3790, u"Service Pack 2", 0x2, 3, Arch::X64, 0},
          "Windows Server 2003, Enterprise x64 Edition Service Pack 2 (build 3790)"},
-        {{true, 2, 5, 2, 3790, u"", 0x0, 3, Arch::X86, 1}, "Windows Server 2003 R2, Standard Edition (build 3790)"},
+        {{true, 2, 5, 2, 3790, u"", 0x0, 3, Arch::X86, 1},
+         "Windows Server 2003 R2, Standard Edition (build 3790)"},
         {{true, 2, 5, 1, 2600, u"Service Pack 3", 0x200, 1, Arch::X86, 0},
          "Windows XP Home Edition Service Pack 3 (build 2600)"},
         {{true, 2, 5, 0, 2195, u"", 0x2, 3, Arch::X86, 0}, "Windows 2000 Advanced Server (build 2195)"},
@@ -131,7 +135,8 @@ TEST(FileNaming, RotatedAndPerProcessNames)
 TEST(FileNaming, CompactionDropsTheOldestAndRenumbers)
 {
     // The plan as text: deletions, renames, and how many rotated files remain.
-    const auto plan = [](std::vector<std::u16string> names, uint32_t count) {
+    const auto plan = [](std::vector<std::u16string> names, uint32_t count)
+    {
         const CompactionPlan p = PlanCompaction(names, u"v", count);
         std::string text;
         for (const auto& name : p.deletes)
@@ -152,8 +157,8 @@ TEST(FileNaming, CompactionDropsTheOldestAndRenumbers)
 TEST(OldFiles, CountLimitDeletesOldestUntilFewerThanLimitRemain)
 {
     std::vector<FileStamp> files = {
-        {u"a-svc-1-1.txt", 50}, {u"b-svc-1-2.txt", 10}, {u"c-svc-1-3.txt", 10}, {u"d-svc-1-4.txt", 40},
-        {u"other-x.txt", 1}, // does not name the base name
+        {u"a-svc-1-1.txt", 50}, {u"b-svc-1-2.txt", 10}, {u"c-svc-1-3.txt", 10},
+        {u"d-svc-1-4.txt", 40}, {u"other-x.txt", 1}, // does not name the base name
     };
     auto doomed = SelectOverLimit(files, 3, u"svc");
     ASSERT_EQ(doomed.size(), 2u);

@@ -67,7 +67,7 @@ TEST(BuffersList, PiecesAcrossBlocksAndTheSevenByteBoundary)
     CBuffersList list(kBlock, TRUE, 3, 100);
     const auto big = Pattern(100000, 1);
     list.Append(big.size(), big.data());
-    EXPECT_EQ(list.UsedBlockCount(), 4u); // 8 + 100000 bytes over 32767-byte blocks
+    EXPECT_EQ(list.UsedBlockCount(), 4u);   // 8 + 100000 bytes over 32767-byte blocks
     EXPECT_EQ(TakePiece(list, FALSE), big); // a peek leaves it queued
     EXPECT_EQ(TakePiece(list), big);
     EXPECT_TRUE(list.IsEmpty());

@@ -22,14 +22,31 @@ public:
         m_server = server;
         using Notify = void(void*, unsigned long long, void*);
         return server->BeginWaitForConnection(MakeMemberCallback<Notify>(this, &EchoOwner::OnConnected),
-                                              MakeMemberCallback<Notify>(this, &EchoOwner::OnDisconnected), this);
+                                              MakeMemberCallback<Notify>(this, &EchoOwner::OnDisconnected),
+                                              this);
     }
 
-    int Connects() const { std::lock_guard lock(m_mutex); return m_connects; }
-    int Disconnects() const { std::lock_guard lock(m_mutex); return m_disconnects; }
+    int Connects() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_connects;
+    }
+    int Disconnects() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_disconnects;
+    }
     // Connects of a pipe already connected plus disconnects of a pipe not connected.
-    int Duplicates() const { std::lock_guard lock(m_mutex); return m_duplicates; }
-    size_t Live() const { std::lock_guard lock(m_mutex); return m_connections.size(); }
+    int Duplicates() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_duplicates;
+    }
+    size_t Live() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_connections.size();
+    }
 
 private:
     struct Connection
@@ -49,7 +66,8 @@ private:
             m_duplicates += m_seenHandles.insert(pipe).second ? 0 : 1;
             if (!stream)
                 return;
-            m_connections[id] = std::make_shared<Connection>(Connection{std::make_unique<CPipeServerRequest>(stream, m_log)});
+            m_connections[id] =
+                std::make_shared<Connection>(Connection{std::make_unique<CPipeServerRequest>(stream, m_log)});
         }
         Read(id, 4);
     }
@@ -78,16 +96,18 @@ private:
     void Read(uint64_t id, uint32_t length)
     {
         using namespace std::placeholders;
-        using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*);
+        using ReadSignature =
+            void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*);
         if (auto connection = Find(id))
             connection->request->ReadAsync(
-                length, MakeGlobalCallback<ReadSignature>(std::bind(&EchoOwner::OnRead, this, _1, _2, _3, _4, id)),
+                length,
+                MakeGlobalCallback<ReadSignature>(std::bind(&EchoOwner::OnRead, this, _1, _2, _3, _4, id)),
                 new PIPE_OVERLAPPED());
     }
 
     // A header starts the body's read; a body is echoed with its header and the next header read.
-    void OnRead(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long error, PIPE_OVERLAPPED* record,
-                uint64_t id)
+    void OnRead(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long error,
+                PIPE_OVERLAPPED* record, uint64_t id)
     {
         auto connection = Find(id);
         if (!connection)

@@ -28,22 +28,25 @@ int RunClients(const std::shared_ptr<testing_support::CapturingLogger>& log, int
     std::latch start(kClients);
     std::vector<std::thread> clients;
     for (int c = 0; c < kClients; ++c)
-        clients.emplace_back([&, c] {
-            start.arrive_and_wait();
-            daxlib::unique_hfile h(OpenClient(L"\\\\.\\pipe\\" + name));
-            std::mt19937 random(static_cast<unsigned>(c) * 7919u + static_cast<unsigned>(messages));
-            bool good = h.valid();
-            for (int m = 0; m < messages && good; ++m)
+        clients.emplace_back(
+            [&, c]
             {
-                std::vector<unsigned char> payload((random() % 16 == 0) ? 1 + random() % 65536 : 1 + random() % 1024);
-                // Client and sequence in every message, so a byte from another client or out of
-                // order fails the comparison.
-                for (size_t i = 0; i < payload.size(); ++i)
-                    payload[i] = static_cast<unsigned char>(c * 31 + m * 7 + i);
-                good = RoundTrip(h.get(), payload);
-            }
-            ok += good ? 1 : 0;
-        });
+                start.arrive_and_wait();
+                daxlib::unique_hfile h(OpenClient(L"\\\\.\\pipe\\" + name));
+                std::mt19937 random(static_cast<unsigned>(c) * 7919u + static_cast<unsigned>(messages));
+                bool good = h.valid();
+                for (int m = 0; m < messages && good; ++m)
+                {
+                    std::vector<unsigned char> payload((random() % 16 == 0) ? 1 + random() % 65536
+                                                                            : 1 + random() % 1024);
+                    // Client and sequence in every message, so a byte from another client or out of
+                    // order fails the comparison.
+                    for (size_t i = 0; i < payload.size(); ++i)
+                        payload[i] = static_cast<unsigned char>(c * 31 + m * 7 + i);
+                    good = RoundTrip(h.get(), payload);
+                }
+                ok += good ? 1 : 0;
+            });
     for (auto& t : clients)
         t.join();
     EXPECT_TRUE(Eventually([&] { return owner.Disconnects() == kClients; }, 60s));

@@ -70,7 +70,8 @@ inline void ExpectCountsBack(long long handles, long long threads, long long sla
 
 // Runs a scenario until the pools have grown to their working size, then `runs` more times: a
 // leak of one handle per connection or per run exceeds the slack; more runs allow a larger one.
-inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2, int runs = 3, long long slack = 2)
+inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2, int runs = 3,
+                          long long slack = 2)
 {
     for (int i = 0; i < warmUps; ++i)
         scenario();
@@ -85,8 +86,8 @@ inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2
 struct RawPipePair
 {
     std::wstring name = L"\\\\.\\pipe\\" + testing_support::UniqueName(L"velomar-pipe-test");
-    daxlib::unique_hfile server{::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 1024,
-                                                   1024, 1000, nullptr)};
+    daxlib::unique_hfile server{::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0,
+                                                   1, 1024, 1024, 1000, nullptr)};
     daxlib::unique_hfile client{
         ::CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr)};
 };
@@ -101,10 +102,11 @@ protected:
         m_pool.reset();
     }
     // A stream on the pair's server end, in the given state.
-    std::shared_ptr<CNamedPipeStream> MakeStream(RawPipePair& pair, uint32_t state = ePipeConnectionState_Connected)
+    std::shared_ptr<CNamedPipeStream> MakeStream(RawPipePair& pair,
+                                                 uint32_t state = ePipeConnectionState_Connected)
     {
-        auto stream = std::make_shared<CNamedPipeStream>(m_log, std::make_shared<daxlib::unique_hfile>(pair.server.release()),
-                                                         nullptr);
+        auto stream = std::make_shared<CNamedPipeStream>(
+            m_log, std::make_shared<daxlib::unique_hfile>(pair.server.release()), nullptr);
         if (state != ePipeConnectionState_WaitConnection)
             stream->SetPipeConnectionState(state);
         return stream;
@@ -124,7 +126,8 @@ struct Completions
     unsigned long lastStatus = 0xFFFFFFFF;
     std::vector<unsigned char> lastData;
     CPipeRequest* retire = nullptr; // the request whose records the callbacks end
-    void On(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long status, PIPE_OVERLAPPED* record)
+    void On(std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long status,
+            PIPE_OVERLAPPED* record)
     {
         lastStatus = status;
         lastData.assign(data.get(), data.get() + (status == 0 && data ? bytes : 0));

@@ -16,15 +16,16 @@ constexpr const wchar_t* kLocalSddl = L"D:(A;;0x12018b;;;S-1-2-0)(A;;FA;;;SY)";
 std::wstring ReadBack(SECURITY_ATTRIBUTES* attributes)
 {
     const std::wstring name = L"\\\\.\\pipe\\" + testing_support::UniqueName(L"velomar-secattr");
-    daxlib::unique_hfile pipe(
-        ::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0, 1, 1024, 1024, 1000, attributes));
+    daxlib::unique_hfile pipe(::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0,
+                                                 1, 1024, 1024, 1000, attributes));
     PSECURITY_DESCRIPTOR descriptor = nullptr;
     LPWSTR text = nullptr;
-    if (!pipe ||
-        ::GetSecurityInfo(pipe.get(), SE_KERNEL_OBJECT, kWhat, nullptr, nullptr, nullptr, nullptr, &descriptor) != 0)
+    if (!pipe || ::GetSecurityInfo(pipe.get(), SE_KERNEL_OBJECT, kWhat, nullptr, nullptr, nullptr, nullptr,
+                                   &descriptor) != 0)
         return L"<no pipe or no security>";
     daxlib::unique_hlocal owned(descriptor);
-    if (!::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, kWhat, &text, nullptr))
+    if (!::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, kWhat, &text,
+                                                                nullptr))
         return L"<unconvertible>";
     daxlib::unique_hlocal ownedText(text);
     return text;
@@ -35,8 +36,8 @@ std::wstring ReadBack(SECURITY_ATTRIBUTES* attributes)
 std::wstring ExpectDescriptor(CDaxSecattr& attributes, const wchar_t* sddl)
 {
     SECURITY_ATTRIBUTES table{sizeof(SECURITY_ATTRIBUTES), nullptr, FALSE};
-    EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1, &table.lpSecurityDescriptor,
-                                                                       nullptr));
+    EXPECT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl, SDDL_REVISION_1,
+                                                                       &table.lpSecurityDescriptor, nullptr));
     daxlib::unique_hlocal owned(table.lpSecurityDescriptor);
     const std::wstring actual = ReadBack(CDaxSecattr::Get(&attributes));
     EXPECT_EQ(ReadBack(&table), actual) << testing::PrintToString(sddl);
@@ -68,11 +69,12 @@ TEST(SecurityAttributes, EachVariantMatchesItsDescriptor)
     EXPECT_TRUE(local.IsHandBuilt());
     CDaxSecattrNullDacl nullDacl;
     CDaxSecattrLocalLI legacy(CDaxSecattr::DefaultVersionQuery(), ClientAccess::LegacyGenericWrite);
-    const std::set<std::wstring> seen = {
-        ExpectDescriptor(localLI, CDaxSecattrLocalLI::kSddl), ExpectDescriptor(legacy, CDaxSecattrLocalLI::kLegacySddl),
-        ExpectDescriptor(everyoneLI, CDaxSecattrEveryoneLI::kSddl),
-        ExpectDescriptor(admin, CDaxSecattrAdmin::kSddl), ExpectDescriptor(local, kLocalSddl),
-        ExpectDescriptor(nullDacl, L"D:NO_ACCESS_CONTROL")};
+    const std::set<std::wstring> seen = {ExpectDescriptor(localLI, CDaxSecattrLocalLI::kSddl),
+                                         ExpectDescriptor(legacy, CDaxSecattrLocalLI::kLegacySddl),
+                                         ExpectDescriptor(everyoneLI, CDaxSecattrEveryoneLI::kSddl),
+                                         ExpectDescriptor(admin, CDaxSecattrAdmin::kSddl),
+                                         ExpectDescriptor(local, kLocalSddl),
+                                         ExpectDescriptor(nullDacl, L"D:NO_ACCESS_CONTROL")};
     EXPECT_EQ(6u, seen.size()) << "the system kept the descriptors apart";
 }
 

@@ -2,6 +2,7 @@
 #include "tests/pipe/EchoOwner.h"
 #include "tests/pipe/PipeTestSupport.h"
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <numeric>
@@ -50,65 +51,101 @@ TEST_F(ServerTest, AcceptsAreClampedAndThatManyInstancesWait)
     }
 }
 
-// Wine enforces neither FILE_FLAG_FIRST_PIPE_INSTANCE nor remote-client rejection, so the flags
-// are watched through the creation seam, and a name held by another process is played by it.
-TEST_F(ServerTest, TakenNameIsNotJoinedButRetriedAndEveryInstanceRejectsRemoteClients)
+namespace
 {
+// Wine enforces neither FILE_FLAG_FIRST_PIPE_INSTANCE nor remote-client rejection, so the flags
+// are watched through the creation seam, and a name held by another process is played by it:
+// the other process lets the name go after three tries.
+class ServerCreationTest : public ServerTest
+{
+protected:
     struct Call
     {
         DWORD openMode;
         DWORD pipeMode;
         bool failed;
     };
-    std::mutex mutex;
-    std::vector<Call> calls;
-    std::atomic<int> refusals{3}; // the other process lets the name go after three tries
-    EchoOwner owner(m_log);
-    auto server = MakeServer(3);
-    server->SetInstanceCreator([&](const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD maxInstances,
-                                   DWORD outBuffer, DWORD inBuffer, DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes) {
-        const bool fail = (openMode & FILE_FLAG_FIRST_PIPE_INSTANCE) && refusals.fetch_sub(1) > 0;
-        {
-            std::lock_guard lock(mutex);
-            calls.push_back({openMode, pipeMode, fail});
-        }
-        if (fail)
-        {
-            ::SetLastError(ERROR_ACCESS_DENIED);
-            return INVALID_HANDLE_VALUE;
-        }
-        return ::CreateNamedPipeW(name, openMode, pipeMode, maxInstances, outBuffer, inBuffer, timeoutMs, attributes);
-    });
+
+    void StartRecorded()
+    {
+        m_server = MakeServer(3);
+        m_server->SetInstanceCreator(
+            [this](const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD maxInstances, DWORD outBuffer,
+                   DWORD inBuffer, DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes)
+            {
+                const bool fail = (openMode & FILE_FLAG_FIRST_PIPE_INSTANCE) && m_refusals.fetch_sub(1) > 0;
+                {
+                    std::lock_guard lock(m_mutex);
+                    m_calls.push_back({openMode, pipeMode, fail});
+                }
+                if (fail)
+                {
+                    ::SetLastError(ERROR_ACCESS_DENIED);
+                    return INVALID_HANDLE_VALUE;
+                }
+                return ::CreateNamedPipeW(name, openMode, pipeMode, maxInstances, outBuffer, inBuffer,
+                                          timeoutMs, attributes);
+            });
+        ASSERT_TRUE(m_owner->Start(m_server));
+        ASSERT_TRUE(Eventually([&] { return m_server->AcceptCount() == 3; }));
+    }
+    void TearDown() override
+    {
+        m_server.reset(); // the server and its owner go before the pool
+        m_owner.reset();
+        ServerTest::TearDown();
+    }
+
+    std::mutex m_mutex;
+    std::vector<Call> m_calls;
+    std::atomic<int> m_refusals{3};
+    std::unique_ptr<EchoOwner> m_owner = std::make_unique<EchoOwner>(m_log);
+    std::shared_ptr<CNamedPipeServer> m_server;
+};
+} // namespace
+
+TEST_F(ServerCreationTest, TakenNameIsRetriedOnTheCadenceAndThenServed)
+{
     const auto started = std::chrono::steady_clock::now();
-    ASSERT_TRUE(owner.Start(server));
-    ASSERT_TRUE(Eventually([&] { return server->AcceptCount() == 3; }));
-    EXPECT_GE(std::chrono::steady_clock::now() - started, 900ms) << "retried at once instead of on the cadence";
+    ASSERT_NO_FATAL_FAILURE(StartRecorded());
+    EXPECT_GE(std::chrono::steady_clock::now() - started, 900ms)
+        << "retried at once instead of on the cadence";
     daxlib::unique_hfile client(Open());
     ASSERT_TRUE(client);
     EXPECT_TRUE(RoundTrip(client.get(), {1, 2, 3}));
-    EXPECT_EQ(1u, m_log->Count(L"exists already and was not created by this server")) << "one line per outage";
+    EXPECT_EQ(1u, m_log->Count(L"exists already and was not created by this server"))
+        << "one line per outage";
     EXPECT_TRUE(m_log->Contains(L"is this server's now"));
+}
 
-    std::lock_guard lock(mutex);
-    size_t firstSuccess = calls.size();
-    for (size_t i = 0; i < calls.size(); ++i)
-    {
-        EXPECT_NE(0u, calls[i].pipeMode & PIPE_REJECT_REMOTE_CLIENTS) << i;
-        if (!calls[i].failed && firstSuccess == calls.size())
-            firstSuccess = i;
-    }
-    ASSERT_LT(firstSuccess, calls.size());
-    EXPECT_NE(0u, calls[firstSuccess].openMode & FILE_FLAG_FIRST_PIPE_INSTANCE) << "the name is taken as a new pipe";
-    for (size_t i = firstSuccess + 1; i < calls.size(); ++i)
-        EXPECT_EQ(0u, calls[i].openMode & FILE_FLAG_FIRST_PIPE_INSTANCE) << "later instances join the server's own pipe";
+TEST_F(ServerCreationTest, TakenNameIsNotJoinedButCreatedAnewThenJoinedByLaterInstances)
+{
+    ASSERT_NO_FATAL_FAILURE(StartRecorded());
+    std::lock_guard lock(m_mutex);
+    const auto firstSuccess =
+        std::find_if(m_calls.begin(), m_calls.end(), [](const Call& c) { return !c.failed; });
+    ASSERT_NE(m_calls.end(), firstSuccess);
+    EXPECT_NE(0u, firstSuccess->openMode & FILE_FLAG_FIRST_PIPE_INSTANCE)
+        << "the name is taken as a new pipe";
+    for (auto later = firstSuccess + 1; later != m_calls.end(); ++later)
+        EXPECT_EQ(0u, later->openMode & FILE_FLAG_FIRST_PIPE_INSTANCE)
+            << "later instances join the server's own pipe";
+}
+
+TEST_F(ServerCreationTest, EveryInstanceRejectsRemoteClients)
+{
+    ASSERT_NO_FATAL_FAILURE(StartRecorded());
+    std::lock_guard lock(m_mutex);
+    for (size_t i = 0; i < m_calls.size(); ++i)
+        EXPECT_NE(0u, m_calls[i].pipeMode & PIPE_REJECT_REMOTE_CLIENTS) << i;
 }
 
 TEST_F(ServerTest, ClientArrivingBetweenCreateAndConnectIsConnected)
 {
     RawPipePair pair; // the client opened before ConnectNamedPipe
     ASSERT_TRUE(pair.client);
-    auto stream = std::make_shared<CNamedPipeServerStream>(m_log, std::make_shared<daxlib::unique_hfile>(pair.server.release()),
-                                                           nullptr);
+    auto stream = std::make_shared<CNamedPipeServerStream>(
+        m_log, std::make_shared<daxlib::unique_hfile>(pair.server.release()), nullptr);
     EXPECT_TRUE(stream->ConnectAsync());
     EXPECT_EQ(ePipeConnectionState_Connected, stream->GetPipeConnectionState());
     EXPECT_EQ(::GetCurrentProcessId(), stream->GetClientProcessId());
@@ -125,10 +162,12 @@ TEST_F(ServerTest, ConnectCallbackNotCalledWhenFirstReadCannotStart)
     daxlib::unique_handle gate(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     Counter held;
     for (int i = 0; i < 4; ++i)
-        ASSERT_TRUE((small->CreateTask<void, int>(MakeGlobalCallback<void(int)>([&](int) {
-                                                      held.Add();
-                                                      ::WaitForSingleObject(gate.get(), INFINITE);
-                                                  }),
+        ASSERT_TRUE((small->CreateTask<void, int>(MakeGlobalCallback<void(int)>(
+                                                      [&](int)
+                                                      {
+                                                          held.Add();
+                                                          ::WaitForSingleObject(gate.get(), INFINITE);
+                                                      }),
                                                   i)));
     ASSERT_TRUE(held.WaitAtLeast(4));
     {
@@ -153,89 +192,97 @@ TEST_F(ServerTest, ConnectCallbackNotCalledWhenFirstReadCannotStart)
 
 TEST_F(ServerTest, EndWaitResumeAndDestructionWithClientsConnected)
 {
-    ExpectNoLeaks([&] {
-        std::vector<daxlib::unique_hfile> clients;
+    ExpectNoLeaks(
+        [&]
         {
-            EchoOwner owner(m_log);
-            auto server = MakeServer(3);
-            ASSERT_TRUE(owner.Start(server));
-            for (int i = 0; i < 4; ++i)
+            std::vector<daxlib::unique_hfile> clients;
+            {
+                EchoOwner owner(m_log);
+                auto server = MakeServer(3);
+                ASSERT_TRUE(owner.Start(server));
+                for (int i = 0; i < 4; ++i)
+                    clients.emplace_back(Open());
+                ASSERT_TRUE(Eventually([&] { return owner.Connects() == 4; }));
+                server->EndWaitForConnection();
+                EXPECT_EQ(0u, server->AcceptCount());
+                // Connected clients are still served after accepting ended.
+                EXPECT_TRUE(RoundTrip(clients[0].get(), {1, 2, 3}));
+                // Accepting can resume: the accept thread and its stop event come back.
+                ASSERT_TRUE(owner.Start(server));
                 clients.emplace_back(Open());
-            ASSERT_TRUE(Eventually([&] { return owner.Connects() == 4; }));
-            server->EndWaitForConnection();
-            EXPECT_EQ(0u, server->AcceptCount());
-            // Connected clients are still served after accepting ended.
-            EXPECT_TRUE(RoundTrip(clients[0].get(), {1, 2, 3}));
-            // Accepting can resume: the accept thread and its stop event come back.
-            ASSERT_TRUE(owner.Start(server));
-            clients.emplace_back(Open());
-            EXPECT_TRUE(RoundTrip(clients.back().get(), {4, 5, 6}));
-            EXPECT_TRUE(Eventually([&] { return server->AcceptCount() == 3; }));
-            server.reset(); // destroyed with five clients connected; no callback reaches the owner afterwards
-            EXPECT_EQ(0, owner.Disconnects());
-        }
-        for (auto& client : clients)
-        {
-            char byte;
-            DWORD got = 0;
-            EXPECT_FALSE(::ReadFile(client.get(), &byte, 1, &got, nullptr)) << "the server end is gone";
-        }
-    });
+                EXPECT_TRUE(RoundTrip(clients.back().get(), {4, 5, 6}));
+                EXPECT_TRUE(Eventually([&] { return server->AcceptCount() == 3; }));
+                server.reset(); // destroyed with five clients connected; no callback reaches the owner
+                                // afterwards
+                EXPECT_EQ(0, owner.Disconnects());
+            }
+            for (auto& client : clients)
+            {
+                char byte;
+                DWORD got = 0;
+                EXPECT_FALSE(::ReadFile(client.get(), &byte, 1, &got, nullptr)) << "the server end is gone";
+            }
+        });
 }
 
 TEST_F(ServerTest, MisbehavingClientsDoNotStopOthers)
 {
     m_log->SetLevel(LogLevel::Warning);
-    ExpectNoLeaks([&] {
-        EchoOwner owner(m_log);
-        auto server = MakeServer(3);
-        ASSERT_TRUE(owner.Start(server));
-        daxlib::unique_hfile writer(Open());   // writes large messages and never reads: the echo's writes pend
-        daxlib::unique_hfile trickler(Open()); // sends one byte at a time
-        daxlib::unique_hfile good(Open());     // is served all along
-        ASSERT_TRUE(writer && trickler && good);
-        const auto big = EchoMessage(std::vector<unsigned char>(60000, 9));
-        EXPECT_TRUE(WriteAll(writer.get(), big.data(), static_cast<DWORD>(big.size())));
-        EXPECT_TRUE(WriteAll(writer.get(), big.data(), static_cast<DWORD>(big.size())));
-
-        std::atomic<bool> stop{false};
-        std::atomic<int> vanished{0};
-        std::thread vanisher([&] { // connects and vanishes, over and over
-            while (!stop)
-                if (daxlib::unique_hfile h{Open()})
-                    ++vanished;
-        });
-        std::thread trickle([&] {
-            std::vector<unsigned char> payload(300);
-            std::iota(payload.begin(), payload.end(), static_cast<unsigned char>(4));
-            const auto message = EchoMessage(payload);
-            for (unsigned char byte : message)
-                WriteAll(trickler.get(), &byte, 1);
-            std::vector<unsigned char> echo(message.size());
-            EXPECT_TRUE(ReadAll(trickler.get(), echo.data(), static_cast<DWORD>(echo.size())));
-            EXPECT_EQ(message, echo);
-        });
-        std::mt19937 random(7);
-        int served = 0;
-        for (; served < 100; ++served)
+    ExpectNoLeaks(
+        [&]
         {
-            std::vector<unsigned char> payload(1 + random() % 3000);
-            for (auto& b : payload)
-                b = static_cast<unsigned char>(random());
-            if (!RoundTrip(good.get(), payload))
-                break;
-        }
-        EXPECT_EQ(100, served);
-        trickle.join();
-        stop = true;
-        vanisher.join();
-        EXPECT_GT(vanished.load(), 0);
-        good.reset();
-        trickler.reset();
-        writer.reset(); // wakes the echo's pending write
-        EXPECT_TRUE(Eventually([&] { return owner.Disconnects() == owner.Connects(); }));
-        EXPECT_EQ(0, owner.Duplicates());
-        EXPECT_EQ(0u, owner.Live());
-        EXPECT_EQ(0u, server->ConnectionCount());
-    });
+            EchoOwner owner(m_log);
+            auto server = MakeServer(3);
+            ASSERT_TRUE(owner.Start(server));
+            daxlib::unique_hfile writer(
+                Open()); // writes large messages and never reads: the echo's writes pend
+            daxlib::unique_hfile trickler(Open()); // sends one byte at a time
+            daxlib::unique_hfile good(Open());     // is served all along
+            ASSERT_TRUE(writer && trickler && good);
+            const auto big = EchoMessage(std::vector<unsigned char>(60000, 9));
+            EXPECT_TRUE(WriteAll(writer.get(), big.data(), static_cast<DWORD>(big.size())));
+            EXPECT_TRUE(WriteAll(writer.get(), big.data(), static_cast<DWORD>(big.size())));
+
+            std::atomic<bool> stop{false};
+            std::atomic<int> vanished{0};
+            std::thread vanisher([&] { // connects and vanishes, over and over
+                while (!stop)
+                    if (daxlib::unique_hfile h{Open()})
+                        ++vanished;
+            });
+            std::thread trickle(
+                [&]
+                {
+                    std::vector<unsigned char> payload(300);
+                    std::iota(payload.begin(), payload.end(), static_cast<unsigned char>(4));
+                    const auto message = EchoMessage(payload);
+                    for (unsigned char byte : message)
+                        WriteAll(trickler.get(), &byte, 1);
+                    std::vector<unsigned char> echo(message.size());
+                    EXPECT_TRUE(ReadAll(trickler.get(), echo.data(), static_cast<DWORD>(echo.size())));
+                    EXPECT_EQ(message, echo);
+                });
+            std::mt19937 random(7);
+            int served = 0;
+            for (; served < 100; ++served)
+            {
+                std::vector<unsigned char> payload(1 + random() % 3000);
+                for (auto& b : payload)
+                    b = static_cast<unsigned char>(random());
+                if (!RoundTrip(good.get(), payload))
+                    break;
+            }
+            EXPECT_EQ(100, served);
+            trickle.join();
+            stop = true;
+            vanisher.join();
+            EXPECT_GT(vanished.load(), 0);
+            good.reset();
+            trickler.reset();
+            writer.reset(); // wakes the echo's pending write
+            EXPECT_TRUE(Eventually([&] { return owner.Disconnects() == owner.Connects(); }));
+            EXPECT_EQ(0, owner.Duplicates());
+            EXPECT_EQ(0u, owner.Live());
+            EXPECT_EQ(0u, server->ConnectionCount());
+        });
 }

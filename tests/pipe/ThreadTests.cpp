@@ -26,12 +26,14 @@ int WaitForStop(void* stopEvent, void*)
 using TestIo = CThreadPoolIo<int>;
 
 // Counts the I/O's completions and keeps the last result.
-std::shared_ptr<TestIo> MakeIo(HANDLE h, std::shared_ptr<ICvLogger> log, Counter& completions, std::atomic<unsigned long>& result)
+std::shared_ptr<TestIo> MakeIo(HANDLE h, std::shared_ptr<ICvLogger> log, Counter& completions,
+                               std::atomic<unsigned long>& result)
 {
     return std::make_shared<TestIo>(
         h, L"test", log,
         MakeGlobalCallback<int(unsigned long, TestIo::Request&, unsigned long long, TestIo*, void*)>(
-            [&](unsigned long r, TestIo::Request&, unsigned long long, TestIo*, void*) {
+            [&](unsigned long r, TestIo::Request&, unsigned long long, TestIo*, void*)
+            {
                 result = r;
                 completions.Add();
                 return 1;
@@ -50,7 +52,7 @@ TEST_F(ThreadTest, StartTwiceStopBeforeStartAndEmptyTask)
     EXPECT_EQ(1, thread.Stop());
     EXPECT_EQ(7, thread.GetResult());
     EXPECT_FALSE(thread.IsRunning());
-    thread.Wait(); // a second join does nothing
+    thread.Wait();                // a second join does nothing
     ASSERT_EQ(1, thread.Start()); // a stopped thread can be started again
     EXPECT_EQ(1, thread.Stop());
 
@@ -68,12 +70,15 @@ TEST_F(ThreadTest, StartTwiceStopBeforeStartAndEmptyTask)
 TEST_F(ThreadTest, ExceptionsInTasksAndHandlersAreLoggedAndEndTheThread)
 {
     const std::pair<std::shared_ptr<CCallbackHolder<int(void*)>>, const wchar_t*> tasks[] = {
-        {MakeGlobalCallback<int(void*)>([](void*) -> int {
-             ::SetLastError(5);
-             daxlib::ThrowDaxException(L"Worker", 12, L"bad");
-         }),
+        {MakeGlobalCallback<int(void*)>(
+             [](void*) -> int
+             {
+                 ::SetLastError(ERROR_ACCESS_DENIED);
+                 daxlib::ThrowDaxException(L"Worker", 12, L"bad");
+             }),
          L"Exception: Error(5), Module(\"Worker\"), Line(12), Desc(\"bad\")"},
-        {MakeGlobalCallback<int(void*)>([](void*) -> int { throw std::runtime_error("boom"); }), L"Desc(\"boom\")"}};
+        {MakeGlobalCallback<int(void*)>([](void*) -> int { throw std::runtime_error("boom"); }),
+         L"Desc(\"boom\")"}};
     for (const auto& [task, logged] : tasks)
     {
         CJoinableThread<int> thread(task, nullptr, m_log);
@@ -82,7 +87,8 @@ TEST_F(ThreadTest, ExceptionsInTasksAndHandlersAreLoggedAndEndTheThread)
         EXPECT_TRUE(m_log->Contains(logged));
     }
     CSignalQueueThread<Item> queue(
-        MakeGlobalCallback<int(Item&)>([](Item&) -> int { throw std::logic_error("handler failed"); }), m_log);
+        MakeGlobalCallback<int(Item&)>([](Item&) -> int { throw std::logic_error("handler failed"); }),
+        m_log);
     ASSERT_EQ(1, queue.Start());
     ASSERT_EQ(1, queue.Push(Item{1}));
     EXPECT_TRUE(m_log->WaitFor(L"Desc(\"handler failed\")", kLimit));
@@ -93,11 +99,13 @@ TEST_F(ThreadTest, QueueHandsOutEverythingPushedBeforeStopInOrder)
 {
     std::vector<int> seen;
     std::mutex seenLock;
-    CSignalQueueThread<Item> queue(MakeGlobalCallback<int(Item&)>([&](Item& item) {
-                                       std::lock_guard lock(seenLock);
-                                       seen.push_back(item.value);
-                                       return 0;
-                                   }),
+    CSignalQueueThread<Item> queue(MakeGlobalCallback<int(Item&)>(
+                                       [&](Item& item)
+                                       {
+                                           std::lock_guard lock(seenLock);
+                                           seen.push_back(item.value);
+                                           return 0;
+                                       }),
                                    m_log);
     EXPECT_EQ(0, queue.Push(Item{-1})); // not running yet
     ASSERT_EQ(1, queue.Start());
@@ -105,10 +113,12 @@ TEST_F(ThreadTest, QueueHandsOutEverythingPushedBeforeStopInOrder)
     // Pushers on several threads; each one's items must stay in its own order.
     std::vector<std::thread> pushers;
     for (int p = 0; p < 4; ++p)
-        pushers.emplace_back([&, p] {
-            for (int i = 0; i < 500; ++i)
-                EXPECT_EQ(1, queue.Push(Item{p * 1000 + i}));
-        });
+        pushers.emplace_back(
+            [&, p]
+            {
+                for (int i = 0; i < 500; ++i)
+                    EXPECT_EQ(1, queue.Push(Item{p * 1000 + i}));
+            });
     for (auto& t : pushers)
         t.join();
     EXPECT_EQ(1, queue.Stop());
@@ -126,11 +136,13 @@ TEST_F(ThreadTest, StopForceDropsTheQueue)
 {
     daxlib::unique_handle gate(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     Counter handled;
-    CSignalQueueThread<Item> queue(MakeGlobalCallback<int(Item&)>([&](Item&) {
-                                       handled.Add();
-                                       ::WaitForSingleObject(gate.get(), INFINITE);
-                                       return 0;
-                                   }),
+    CSignalQueueThread<Item> queue(MakeGlobalCallback<int(Item&)>(
+                                       [&](Item&)
+                                       {
+                                           handled.Add();
+                                           ::WaitForSingleObject(gate.get(), INFINITE);
+                                           return 0;
+                                       }),
                                    m_log);
     ASSERT_EQ(1, queue.Start());
     ASSERT_EQ(1, queue.Push(Item{0}));
@@ -145,10 +157,11 @@ TEST_F(ThreadTest, StopForceDropsTheQueue)
     EXPECT_FALSE(queue.IsRunning());
 }
 
-TEST_F(ThreadTest, PoolFuturesAndVoidTasksCarryResultsAndExceptions)
+TEST_F(ThreadTest, PoolFuturesCarryResultsAndExceptions)
 {
     std::future<int> value;
-    ASSERT_TRUE(m_pool->CreateTask<int>(value, MakeGlobalCallback<int(int)>([](int x) { return x * 3; }), 14));
+    ASSERT_TRUE(
+        m_pool->CreateTask<int>(value, MakeGlobalCallback<int(int)>([](int x) { return x * 3; }), 14));
     EXPECT_EQ(42, value.get());
     std::future<int> failed;
     ASSERT_TRUE(m_pool->CreateTask<int>(
@@ -156,7 +169,9 @@ TEST_F(ThreadTest, PoolFuturesAndVoidTasksCarryResultsAndExceptions)
     EXPECT_THROW(failed.get(), std::out_of_range);
     std::future<int> dax;
     ASSERT_TRUE(m_pool->CreateTask<int>(
-        dax, MakeGlobalCallback<int(int)>([](int) -> int { daxlib::ThrowDaxException(L"Task", 9, L"in task"); }), 0));
+        dax,
+        MakeGlobalCallback<int(int)>([](int) -> int { daxlib::ThrowDaxException(L"Task", 9, L"in task"); }),
+        0));
     try
     {
         dax.get();
@@ -166,8 +181,10 @@ TEST_F(ThreadTest, PoolFuturesAndVoidTasksCarryResultsAndExceptions)
     {
         EXPECT_STREQ("daxlib exception", e.what());
     }
+}
 
-    // An empty callback is refused with 87.
+TEST_F(ThreadTest, PoolRefusesAnEmptyCallbackWithInvalidParameter)
+{
     std::future<int> refused;
     ::SetLastError(0);
     EXPECT_FALSE(m_pool->CreateTask<int>(refused, std::shared_ptr<CCallbackHolder<int(int)>>(), 1));
@@ -176,64 +193,91 @@ TEST_F(ThreadTest, PoolFuturesAndVoidTasksCarryResultsAndExceptions)
     ::SetLastError(0);
     EXPECT_FALSE((m_pool->CreateTask<void, int>(std::shared_ptr<CCallbackHolder<void(int)>>(), 1)));
     EXPECT_EQ(static_cast<DWORD>(ERROR_INVALID_PARAMETER), ::GetLastError());
+}
 
-    // Void tasks have no future: their exceptions are logged, and the group still counts them.
+// Void tasks have no future: their exceptions are logged, and the group still counts them.
+TEST_F(ThreadTest, PoolLogsExceptionsOfVoidTasksAndCountsThemDone)
+{
     auto group = std::make_shared<CGroupTask>();
+    const auto throwOnOdd = MakeGlobalCallback<void(int)>(
+        [](int n)
+        {
+            if (n % 2)
+                daxlib::ThrowDaxException(L"Odd", 3, L"odd");
+        });
     for (int i = 0; i < 5; ++i)
-        ASSERT_TRUE((m_pool->CreateGroupTask<void, int>(group, MakeGlobalCallback<void(int)>([](int n) {
-                                                            if (n % 2)
-                                                                daxlib::ThrowDaxException(L"Odd", 3, L"odd");
-                                                        }),
-                                                        i)));
+        ASSERT_TRUE((m_pool->CreateGroupTask<void, int>(group, throwOnOdd, i)));
     ASSERT_TRUE(group->WaitCompleted(5, 20000));
     EXPECT_EQ(2u, m_poolLog->Count(L"CThreadPool::WorkCallbackVoid: (360)"));
     m_pool.reset(); // Close waits for everything; nothing escaped
     SetThreadPool(nullptr);
 }
 
-TEST_F(ThreadTest, PoolIoCancelAfterCompletionStartAfterStopAndSynchronousFailure)
+namespace
 {
-    RawPipePair pair;
-    ASSERT_TRUE(pair.client);
-    Counter completions;
-    std::atomic<unsigned long> result{0xFFFFFFFF};
-    auto io = MakeIo(pair.server.get(), m_log, completions, result);
-    EXPECT_TRUE(io->Stop()); // never started
-    ASSERT_TRUE(io->Start());
+// An I/O object on the server end of a connected raw pair.
+class PoolIoTest : public ThreadTest
+{
+protected:
+    void TearDown() override
+    {
+        m_io.reset(); // before the pool goes
+        ThreadTest::TearDown();
+    }
+    // Starts a read that waits for data, or fails at once when the client has gone.
+    BOOL StartRead(int id)
+    {
+        m_last = std::make_shared<CRequestIo<int>>(id);
+        EXPECT_TRUE(m_io->StartIo(m_last));
+        return ::ReadFile(m_pair.server.get(), m_data, sizeof(m_data), nullptr, &m_last->overlapped);
+    }
+
+    RawPipePair m_pair;
+    Counter m_completions;
+    std::atomic<unsigned long> m_result{0xFFFFFFFF};
+    std::shared_ptr<TestIo> m_io = MakeIo(m_pair.server.get(), m_log, m_completions, m_result);
+    std::shared_ptr<CRequestIo<int>> m_last;
+    char m_data[16] = "hello";
+};
+} // namespace
+
+TEST_F(PoolIoTest, CancelAfterCompletionFindsNothingToCancel)
+{
+    EXPECT_TRUE(m_io->Stop()); // never started
+    ASSERT_TRUE(m_io->Start());
     auto request = std::make_shared<CRequestIo<int>>(1);
-    ASSERT_TRUE(io->StartIo(request));
-    char data[16] = "hello";
-    const BOOL ok = ::WriteFile(pair.server.get(), data, sizeof(data), nullptr, &request->overlapped);
+    ASSERT_TRUE(m_io->StartIo(request));
+    const BOOL ok = ::WriteFile(m_pair.server.get(), m_data, sizeof(m_data), nullptr, &request->overlapped);
     ASSERT_TRUE(ok || ::GetLastError() == ERROR_IO_PENDING);
-    ASSERT_TRUE(completions.WaitAtLeast(1));
-    EXPECT_EQ(0u, result.load());
-    EXPECT_FALSE(io->Cancel(request, FALSE)); // completed: no longer listed
-    EXPECT_FALSE(io->Cancel(nullptr, FALSE));
+    ASSERT_TRUE(m_completions.WaitAtLeast(1));
+    EXPECT_EQ(0u, m_result.load());
+    EXPECT_FALSE(m_io->Cancel(request, FALSE)); // completed: no longer listed
+    EXPECT_FALSE(m_io->Cancel(nullptr, FALSE));
+}
 
-    // A pending read is cancelled by Stop and completes through the callback; Stop returns.
-    auto pending = std::make_shared<CRequestIo<int>>(2);
-    ASSERT_TRUE(io->StartIo(pending));
-    ASSERT_FALSE(::ReadFile(pair.server.get(), data, sizeof(data), nullptr, &pending->overlapped));
+// A pending read is cancelled by Stop and completes through the callback; Stop returns.
+TEST_F(PoolIoTest, StopCancelsAPendingReadAndRefusesLaterStarts)
+{
+    ASSERT_TRUE(m_io->Start());
+    ASSERT_FALSE(StartRead(2));
     ASSERT_EQ(static_cast<DWORD>(ERROR_IO_PENDING), ::GetLastError());
-    EXPECT_TRUE(io->Stop());
-    EXPECT_FALSE(io->StartIo(std::make_shared<CRequestIo<int>>(3)));
-    EXPECT_EQ(0u, io->OutstandingCount());
+    EXPECT_TRUE(m_io->Stop());
+    EXPECT_FALSE(m_io->StartIo(std::make_shared<CRequestIo<int>>(3)));
+    EXPECT_EQ(0u, m_io->OutstandingCount());
+}
 
-    // Reads failing at once are balanced by Cancel, or Stop would wait for them for ever.
-    RawPipePair gone;
-    gone.client.reset();
-    Counter goneCompletions;
-    auto goneIo = MakeIo(gone.server.get(), m_log, goneCompletions, result);
-    ASSERT_TRUE(goneIo->Start());
+// Reads failing at once are balanced by Cancel, or Stop would wait for them for ever.
+TEST_F(PoolIoTest, SynchronousFailuresAreBalancedByCancel)
+{
+    m_pair.client.reset();
+    ASSERT_TRUE(m_io->Start());
     for (int i = 0; i < 3; ++i)
     {
-        auto failing = std::make_shared<CRequestIo<int>>(i);
-        ASSERT_TRUE(goneIo->StartIo(failing));
-        ASSERT_FALSE(::ReadFile(gone.server.get(), data, sizeof(data), nullptr, &failing->overlapped));
+        ASSERT_FALSE(StartRead(i));
         ASSERT_NE(static_cast<DWORD>(ERROR_IO_PENDING), ::GetLastError());
-        goneIo->Cancel(failing, TRUE);
+        m_io->Cancel(m_last, TRUE);
     }
-    EXPECT_EQ(0u, goneIo->OutstandingCount());
-    EXPECT_TRUE(goneIo->Stop());
-    EXPECT_EQ(0, goneCompletions.Get());
+    EXPECT_EQ(0u, m_io->OutstandingCount());
+    EXPECT_TRUE(m_io->Stop());
+    EXPECT_EQ(0, m_completions.Get());
 }

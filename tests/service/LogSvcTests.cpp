@@ -46,8 +46,8 @@ void ThrowStd(const std::shared_ptr<CCvLogger>&)
 TEST(StartupFailure, ThrownCompositionIsLoggedAndStopsTheService)
 {
     testing_support::TempDir dir;
-    auto logger = CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), nullptr, nullptr, L"svc", nullptr, FALSE,
-                                                  FALSE, 2);
+    auto logger = CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), nullptr, nullptr, L"svc", nullptr,
+                                                  FALSE, FALSE, 2);
     ASSERT_NE(nullptr, logger);
     service::SetServiceLogger(logger);
     service::CServiceBase::s_setStatus = &RecordState;
@@ -71,8 +71,9 @@ TEST(StartupFailure, ThrownCompositionIsLoggedAndStopsTheService)
             testing_support::FromUtf16Bytes(testing_support::ReadFileBytes(dir.File(L"svc.txt")));
         EXPECT_NE(std::wstring::npos, log.find(c.logged)) << c.logged;
     }
-    EXPECT_NE(std::wstring::npos, testing_support::FromUtf16Bytes(testing_support::ReadFileBytes(dir.File(L"svc.txt")))
-                                      .find(L"CLogSvc::OnStop: Service Stopping..."));
+    EXPECT_NE(std::wstring::npos,
+              testing_support::FromUtf16Bytes(testing_support::ReadFileBytes(dir.File(L"svc.txt")))
+                  .find(L"CLogSvc::OnStop: Service Stopping..."));
     service::CServiceBase::s_setStatus = &::SetServiceStatus;
     service::SetServiceLogger(nullptr);
     logger.reset();

@@ -15,7 +15,9 @@ std::vector<DWORD> g_reported;
 BOOL WINAPI RecordStatus(SERVICE_STATUS_HANDLE, LPSERVICE_STATUS status)
 {
     EXPECT_EQ(static_cast<DWORD>(SERVICE_WIN32_OWN_PROCESS), status->dwServiceType);
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE), status->dwControlsAccepted);
+    EXPECT_EQ(
+        static_cast<DWORD>(SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN | SERVICE_ACCEPT_SESSIONCHANGE),
+        status->dwControlsAccepted);
     EXPECT_EQ(0u, status->dwWin32ExitCode);
     EXPECT_EQ(0u, status->dwCheckPoint);
     EXPECT_EQ(0u, status->dwWaitHint);
@@ -94,8 +96,8 @@ TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
     const std::wstring name = testing_support::UniqueName(L"velomar-config");
     const std::wstring keyPath = L"System\\CurrentControlSet\\Services\\" + name;
     daxlib::unique_hkey key;
-    ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                                               nullptr, key.put(), nullptr));
+    ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, nullptr, 0,
+                                               KEY_ALL_ACCESS, nullptr, key.put(), nullptr));
     service::CServiceConfig config(name);
     std::wstring file;
     uint32_t level = 99;
@@ -106,7 +108,8 @@ TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
     EXPECT_EQ(104857600u, maxSize);
 
     const DWORD values[] = {3, 4096};
-    ::RegSetValueExW(key.get(), L"logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&values[0]), sizeof(DWORD));
+    ::RegSetValueExW(key.get(), L"logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&values[0]),
+                     sizeof(DWORD));
     ::RegSetValueExW(key.get(), L"logFileMaxSize", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&values[1]),
                      sizeof(DWORD));
     for (const std::wstring& stored : {std::wstring(L"custom.log"), std::wstring(300, L'n')})

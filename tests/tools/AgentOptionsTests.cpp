@@ -50,7 +50,8 @@ TEST(AgentCommandLine, RefusesBadInputWithOneLineAndItsExitCode)
     for (const auto& c : cases)
     {
         const ParseResult r = ParseCommandLine(c.args);
-        EXPECT_EQ(c.code, r.exitCode) << (c.args.empty() ? "(none)" : std::string(c.args.back().begin(), c.args.back().end()));
+        EXPECT_EQ(c.code, r.exitCode)
+            << (c.args.empty() ? "(none)" : std::string(c.args.back().begin(), c.args.back().end()));
         EXPECT_FALSE(r.error.empty());
         EXPECT_EQ(std::wstring::npos, r.error.find(L'\n'));
     }
@@ -63,7 +64,8 @@ TEST(AgentCommandLine, HelpListsEveryExitCode)
 {
     const std::wstring help = HelpText();
     for (int code : {0, 1, 2, 64, 65, 70})
-        EXPECT_NE(std::wstring::npos, help.find(L"\n" + std::wstring(code < 10 ? L"   " : L"  ") + std::to_wstring(code) + L"  "))
+        EXPECT_NE(std::wstring::npos,
+                  help.find(L"\n" + std::wstring(code < 10 ? L"   " : L"  ") + std::to_wstring(code) + L"  "))
             << code;
     EXPECT_EQ(L"https", UrlScheme(L"HTTPS://a.test"));
 }

@@ -48,10 +48,12 @@ TEST_F(AgentSessionTest, TakenInstanceIsWaitedForWithinTheLimit)
 
     // The instance comes free while the session waits. (The pause only makes the waiting path
     // likely; the outcome is the same without it.)
-    std::thread release([&] {
-        ::Sleep(300);
-        ::CloseHandle(occupant);
-    });
+    std::thread release(
+        [&]
+        {
+            ::Sleep(300);
+            ::CloseHandle(occupant);
+        });
     EXPECT_EQ(SessionStatus::Sent, session.SendUrl(L"http://a.b/", {1, 2}, 15000));
     release.join();
     EXPECT_EQ(2, service.Connections());
@@ -62,17 +64,23 @@ TEST_F(AgentSessionTest, AbandonedReadsAndClosedSessionsLeaveNothingBehind)
     // Ten runs: under load a few more pool threads may start, each with a thread handle and an
     // event of the threading runtime, while a leak of one handle per session grows with the runs.
     FakeAgentService silent(FullName(), FakeAgentService::Mode::Silent);
-    ExpectNoLeaks([&] {
-        agent::CAgentSession session(m_name, m_log);
-        EXPECT_EQ(SessionStatus::TimedOut, session.SendUrl(L"http://a.b/", {1, 2}, 150));
-        // The fake's one instance is free again before the next round.
-        EXPECT_TRUE(Eventually([&] { return silent.Ended() == silent.Connections(); }));
-    }, 3, 10, 5);
+    ExpectNoLeaks(
+        [&]
+        {
+            agent::CAgentSession session(m_name, m_log);
+            EXPECT_EQ(SessionStatus::TimedOut, session.SendUrl(L"http://a.b/", {1, 2}, 150));
+            // The fake's one instance is free again before the next round.
+            EXPECT_TRUE(Eventually([&] { return silent.Ended() == silent.Connections(); }));
+        },
+        3, 10, 5);
     const std::wstring other = testing_support::UniqueName(L"velomar-session-answer");
     FakeAgentService answering(L"\\\\.\\pipe\\" + other, FakeAgentService::Mode::Answer);
-    ExpectNoLeaks([&] {
-        agent::CAgentSession session(other, m_log);
-        EXPECT_EQ(SessionStatus::Sent, session.SendUrl(L"http://a.b/", {1, 2}, 5000));
-        EXPECT_TRUE(Eventually([&] { return answering.Ended() == answering.Connections(); }));
-    }, 3, 10, 5);
+    ExpectNoLeaks(
+        [&]
+        {
+            agent::CAgentSession session(other, m_log);
+            EXPECT_EQ(SessionStatus::Sent, session.SendUrl(L"http://a.b/", {1, 2}, 5000));
+            EXPECT_TRUE(Eventually([&] { return answering.Ended() == answering.Connections(); }));
+        },
+        3, 10, 5);
 }

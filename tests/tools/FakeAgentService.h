@@ -24,20 +24,22 @@ class FakeAgentService
 public:
     enum class Mode
     {
-        Answer,       // answers as the service does; URLs get the results given, in turn
-        Silent,       // reads everything, answers nothing
-        HangUp,       // closes the connection when the first message is complete
-        WrongAnswer,  // answers a handshake with an open-URL answer
+        Answer,      // answers as the service does; URLs get the results given, in turn
+        Silent,      // reads everything, answers nothing
+        HangUp,      // closes the connection when the first message is complete
+        WrongAnswer, // answers a handshake with an open-URL answer
     };
 
     // `fullName` is "\\.\pipe\...". The instance exists when the constructor returns.
-    FakeAgentService(const std::wstring& fullName, Mode mode, std::vector<uint32_t> results = {agentpipe::kResultSent})
+    FakeAgentService(const std::wstring& fullName, Mode mode,
+                     std::vector<uint32_t> results = {agentpipe::kResultSent})
         : m_mode(mode), m_results(std::move(results))
     {
         m_stop.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         m_event.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         m_pipe.reset(::CreateNamedPipeW(fullName.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
-                                        PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT, 1, 65536, 65536, 0, nullptr));
+                                        PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT, 1, 65536, 65536, 0,
+                                        nullptr));
         if (!m_stop || !m_event || !m_pipe)
             throw std::runtime_error("fake agent service: no pipe");
         m_thread = std::thread([this] { Serve(); });
@@ -80,7 +82,8 @@ private:
     bool Send(const uint8_t* data, DWORD length)
     {
         DWORD bytes = 0;
-        return Io([&](OVERLAPPED* ov) { return ::WriteFile(m_pipe.get(), data, length, nullptr, ov); }, bytes) &&
+        return Io([&](OVERLAPPED* ov) { return ::WriteFile(m_pipe.get(), data, length, nullptr, ov); },
+                  bytes) &&
                bytes == length;
     }
 
@@ -123,7 +126,8 @@ private:
     void Serve()
     {
         DWORD bytes = 0;
-        const auto listen = [&](OVERLAPPED* ov) {
+        const auto listen = [&](OVERLAPPED* ov)
+        {
             const BOOL started = ::ConnectNamedPipe(m_pipe.get(), ov);
             // Only now, listening again, has the previous connection ended for a client.
             if (m_ended < m_connections)
@@ -135,7 +139,8 @@ private:
             ++m_connections;
             std::vector<uint8_t> buffer;
             uint8_t chunk[4096];
-            const auto read = [&](OVERLAPPED* ov) { return ::ReadFile(m_pipe.get(), chunk, sizeof(chunk), nullptr, ov); };
+            const auto read = [&](OVERLAPPED* ov)
+            { return ::ReadFile(m_pipe.get(), chunk, sizeof(chunk), nullptr, ov); };
             while (Io(read, bytes) && bytes > 0)
             {
                 buffer.insert(buffer.end(), chunk, chunk + bytes);

@@ -17,9 +17,9 @@ namespace
 struct ClientScript
 {
     uint32_t version = LocalVersion;
-    uint8_t versionStatus = StatusAccepted;
+    uint8_t versionStatus = kStatusAccepted;
     uint32_t optionsLength = 0; // announced, never sent
-    uint8_t optionsStatus = StatusAccepted;
+    uint8_t optionsStatus = kStatusAccepted;
 };
 
 class ClientSide
@@ -102,7 +102,7 @@ TEST(Handshake, AcceptedAfterEightStepsWithoutReadingAnnouncedOptions)
     ASSERT_EQ(4u, client.seen.size());
     EXPECT_EQ(LocalVersion, client.seen[0].value);
     EXPECT_EQ(0u, client.seen[2].value); // the service announces no options of its own
-    EXPECT_EQ(StatusAccepted, client.seen[3].value);
+    EXPECT_EQ(kStatusAccepted, client.seen[3].value);
 }
 
 struct Verdict
@@ -124,7 +124,7 @@ TEST_P(HandshakeVerdict, EndsWhereTheClientSideDecides)
     EXPECT_EQ(v.itemsSent, client.seen.size());
     EXPECT_EQ(v.script.version, result.remoteVersion);
     // The service told the client side it accepts its version, whatever the version.
-    EXPECT_EQ(StatusAccepted, client.seen[1].value);
+    EXPECT_EQ(kStatusAccepted, client.seen[1].value);
 }
 
 const Verdict kVerdicts[] = {

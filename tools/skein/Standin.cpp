@@ -87,7 +87,7 @@ extern "C"
 
     DWORD WINAPI SkRegisterEventNotification(DWORD kind, SkApi::SessionCallback callback, void* context)
     {
-        if (kind != SkApi::EventSessionOpened && kind != SkApi::EventSessionClosed)
+        if (kind != SkApi::kEventSessionOpened && kind != SkApi::kEventSessionClosed)
         {
             ::SetLastError(ERROR_INVALID_PARAMETER);
             return FALSE;
@@ -114,7 +114,7 @@ extern "C"
             lib.notifying = true;
             for (const auto& [id, s] : lib.sessions)
                 if (s.open)
-                    QueueNotification(lib, SkApi::EventSessionOpened, id, s.guidText, s.name, s.type);
+                    QueueNotification(lib, SkApi::kEventSessionOpened, id, s.guidText, s.name, s.type);
         }
         return TRUE;
     }
@@ -147,7 +147,7 @@ extern "C"
     HANDLE WINAPI SkConnectTo(void* record, DWORD /*mode*/, DWORD /*timeoutMs*/)
     {
         const auto* address = static_cast<const AddressRecord*>(record);
-        if (!address || address->port != UrlNet::ChannelPort)
+        if (!address || address->port != UrlNet::kChannelPort)
         {
             ::SetLastError(ERROR_INVALID_PARAMETER);
             return nullptr;
@@ -169,7 +169,7 @@ extern "C"
         if (!session)
         {
             c->peer.mode = PeerMode::InvalidAddress;
-            c->pendingEvent = SkApi::EventInvalidAddress;
+            c->pendingEvent = SkApi::kEventInvalidAddress;
         }
         else
         {
@@ -185,10 +185,10 @@ extern "C"
             case PeerMode::Silent:
                 break;
             case PeerMode::InvalidAddress:
-                c->pendingEvent = SkApi::EventInvalidAddress;
+                c->pendingEvent = SkApi::kEventInvalidAddress;
                 break;
             default:
-                c->pendingEvent = SkApi::EventConnected;
+                c->pendingEvent = SkApi::kEventConnected;
                 session->lastReceived.clear();
                 c->counted = true;
                 ++session->stats.liveConnections;

@@ -33,7 +33,7 @@ void Break(Library& lib, const std::shared_ptr<Connection>& c)
     c->broken = true;
     MarkDead(lib, *c);
     lib.cv.notify_all();
-    QueueEvent(lib, c, SkApi::EventBrokenConnection);
+    QueueEvent(lib, c, SkApi::kEventBrokenConnection);
 }
 
 void PeerSend(Connection& c, const uint8_t* bytes, size_t size)
@@ -162,7 +162,7 @@ void EventThread(void*)
         Connection& c = *e.connection;
         if (c.closed || !c.callback || (c.mask & e.event) == 0)
             continue;
-        if (e.event == SkApi::EventConnected)
+        if (e.event == SkApi::kEventConnected)
         {
             auto s = lib.sessions.find(c.sessionId);
             if (s != lib.sessions.end())

@@ -96,7 +96,7 @@ std::string RunCommand(const std::string& line)
             s.name = Widen(RestOfLine(in));
             s.open = true;
             if (lib.notifying)
-                QueueNotification(lib, SkApi::EventSessionOpened, id, s.guidText, s.name, s.type);
+                QueueNotification(lib, SkApi::kEventSessionOpened, id, s.guidText, s.name, s.type);
             return "ok " + Narrow(s.guidText);
         }
         if (verb == "close")
@@ -106,14 +106,14 @@ std::string RunCommand(const std::string& line)
                 if (c->sessionId == id)
                     Break(lib, c);
             if (lib.notifying)
-                QueueNotification(lib, SkApi::EventSessionClosed, id, s.guidText, s.name, s.type);
+                QueueNotification(lib, SkApi::kEventSessionClosed, id, s.guidText, s.name, s.type);
             return "ok";
         }
         if (verb == "notify")
         {
             std::string kind, guid;
             in >> kind >> guid;
-            const DWORD event = kind == "open" ? SkApi::EventSessionOpened : SkApi::EventSessionClosed;
+            const DWORD event = kind == "open" ? SkApi::kEventSessionOpened : SkApi::kEventSessionClosed;
             QueueNotification(lib, event, id, guid.empty() ? s.guidText : Lower(Widen(guid)),
                               Widen(RestOfLine(in)), s.type);
             return "ok";
@@ -246,10 +246,10 @@ void ControlThread(void* argument)
         return;
     for (;;)
     {
-        HANDLE pipe = ::CreateNamedPipeW(name, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
-                                         PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT |
-                                             PIPE_REJECT_REMOTE_CLIENTS,
-                                         1, 65536, 65536, 0, nullptr);
+        HANDLE pipe = ::CreateNamedPipeW(
+            name, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
+            PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, 65536,
+            65536, 0, nullptr);
         if (pipe == INVALID_HANDLE_VALUE)
             break; // another process serves that name; scripting then goes through it
         OVERLAPPED ov{};

@@ -32,7 +32,7 @@ struct AddressRecord
     uint32_t kind;
     uint32_t port;
 };
-static_assert(offsetof(AddressRecord, port) == SkApi::AddressPortOffset);
+static_assert(offsetof(AddressRecord, port) == SkApi::kAddressPortOffset);
 
 enum class PeerMode
 {

@@ -65,8 +65,8 @@ int wmain(int argc, wchar_t** argv)
     daxlib::unique_hfile pipe;
     for (int attempt = 0; attempt < 50 && !pipe; ++attempt)
     {
-        pipe.reset(::CreateFileW(name, GENERIC_READ | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING,
-                                 FILE_FLAG_OVERLAPPED, nullptr));
+        pipe.reset(::CreateFileW(name, GENERIC_READ | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES, 0, nullptr,
+                                 OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
         if (!pipe && !::WaitNamedPipeW(name, 200))
             ::Sleep(100); // the library serves one command at a time; try again shortly
     }
