@@ -71,13 +71,14 @@ int CStatusServer::Start()
 
 int CStatusServer::Stop()
 {
-    // Written out: the accept thread first (no new clients, no more reaping), then every
-    // connection told at once and joined, then the port that they post their ends to.
+    // Written out: the accept thread first (no new clients, no more reaping), the instances still
+    // waiting, then every connection told at once and joined, then the port they post their ends to.
     if (m_acceptThread.IsRunning())
     {
         ::PostQueuedCompletionStatus(m_port.get(), 0, kStopKey, nullptr);
         m_acceptThread.Stop();
     }
+    CancelWaiting(); // also those a failed Start left
     std::map<uint64_t, std::shared_ptr<CStatusConnection>> connections;
     {
         std::lock_guard lock(m_stateLock);
@@ -100,7 +101,7 @@ void CStatusServer::Refill()
 
 void CStatusServer::AcceptThread()
 {
-    auto& waiting = m_waiting;
+    auto& waiting = m_waiting; // the accept thread's alone while it runs
     for (;;)
     {
         DWORD bytes = 0;
@@ -135,21 +136,25 @@ void CStatusServer::AcceptThread()
             OnConnected(std::move(instance->pipe));
         Refill();
     }
-    for (auto& [key, instance] : waiting)
+}
+
+void CStatusServer::CancelWaiting()
+{
+    for (auto& [key, instance] : m_waiting)
         ::CancelIoEx(instance->pipe.get(), &instance->overlapped);
     // Each record must outlive its cancelled connect; ends of connections are of no interest now.
-    while (!waiting.empty())
+    while (!m_waiting.empty())
     {
         DWORD bytes = 0;
         ULONG_PTR key = 0;
         OVERLAPPED* overlapped = nullptr;
         if (!::GetQueuedCompletionStatus(m_port.get(), &bytes, &key, &overlapped, kCancelSettleMs) && !overlapped)
             break;
-        waiting.erase(key);
+        m_waiting.erase(key);
     }
-    for (auto& [key, instance] : waiting)
+    for (auto& [key, instance] : m_waiting)
         static_cast<void>(instance.release()); // never completed: its record stays where the system may write
-    waiting.clear();
+    m_waiting.clear();
 }
 
 bool CStatusServer::Listen(ULONG_PTR key)

@@ -96,6 +96,8 @@ private:
     // Keeps kAccepts instances waiting (as far as they can be made).
     void Refill();
     bool Listen(ULONG_PTR key);
+    // Cancels the instances still waiting and waits for their completions (accept thread stopped).
+    void CancelWaiting();
     void OnConnected(daxlib::unique_hfile pipe);
     void Refuse(daxlib::unique_hfile pipe, uint32_t sessionId, uint32_t processId, bool overTotal);
     void Reap(uint64_t id);
