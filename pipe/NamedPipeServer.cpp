@@ -317,19 +317,11 @@ BOOL CNamedPipeServer::WaitForConnection()
                 std::lock_guard lock(m_srwLists);
                 first = m_acceptList.empty() && m_connectionList.empty();
             }
-            const DWORD openMode =
-                PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | (first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0);
-            const DWORD pipeMode =
-                PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS;
-            const HANDLE created =
-                m_createInstance
-                    ? m_createInstance(m_strPipeName.c_str(), openMode, pipeMode, m_dwMaxInstances,
-                                       m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs, attributes)
-                    : ::CreateNamedPipeW(m_strPipeName.c_str(), openMode, pipeMode, m_dwMaxInstances,
-                                         m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs, attributes);
-            auto pipe = std::make_shared<daxlib::unique_hfile>(created);
+            auto pipe = std::make_shared<daxlib::unique_hfile>(pipe_instance::Create(
+                m_createInstance, m_strPipeName, first,
+                {m_dwMaxInstances, m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs}, attributes));
             const DWORD createError = *pipe ? ERROR_SUCCESS : ::GetLastError();
-            if (first && (createError == ERROR_ACCESS_DENIED || createError == ERROR_PIPE_BUSY))
+            if (pipe_instance::NameTaken(first, createError))
             {
                 if (!std::exchange(m_bNameTaken, true))
                     Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (186)",

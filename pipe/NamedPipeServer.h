@@ -15,6 +15,7 @@
 #include "common/UniqueHandle.h"
 #include "pipe/JoinableThread.h"
 #include "pipe/NamedPipeStream.h"
+#include "pipe/PipeInstance.h"
 
 #include <atomic>
 #include <functional>
@@ -28,13 +29,6 @@ class CNamedPipeServer;
 
 // Connect and disconnect callbacks: (pipe handle, channel id of the stream or 0, owner context).
 using PipeConnectionCallback = CCallbackHolder<void(void*, unsigned long long, void*)>;
-
-// Creates one pipe instance; CreateNamedPipeW's arguments and result. Replaceable so that tests
-// can see the flags of every instance and play a name taken by another process, neither of which
-// Wine enforces.
-using PipeInstanceCreator =
-    std::function<HANDLE(const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD maxInstances,
-                         DWORD outBuffer, DWORD inBuffer, DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes)>;
 
 class CNamedPipeServerStream : public CNamedPipeStream
 {

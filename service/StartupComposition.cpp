@@ -6,6 +6,7 @@
 #include "pipeserver/PipeServer.h"
 #include "pipeserver/UrlPolicyRegistry.h"
 #include "service/ServiceConfig.h"
+#include "statusapi/StatusServer.h"
 #include "virt/VirtServer.h"
 
 #include <mutex>
@@ -19,6 +20,16 @@ daxlib::srw_lock g_slotLock;
 std::shared_ptr<CVirtServer> g_virtServer;
 std::shared_ptr<CPipeServer> g_pipeServer;
 std::shared_ptr<CUrlPolicyWatch> g_urlPolicy;
+std::shared_ptr<CStatusServer> g_statusServer;
+
+// A REG_DWORD under the product key; 0 when it is missing or of another type.
+DWORD ReadProductDword(HKEY root, const wchar_t* name)
+{
+    DWORD value = 0;
+    DWORD size = sizeof(value);
+    return ::RegGetValueW(root, kProductKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS ? value
+                                                                                                              : 0;
+}
 } // namespace
 
 std::shared_ptr<CVirtServer> GetVirtServer()
@@ -36,14 +47,7 @@ std::shared_ptr<CPipeServer> GetPipeServer()
 AgentPipeSettings ReadAgentPipeSettings(HKEY root)
 {
     AgentPipeSettings settings;
-    auto read = [root](const wchar_t* name) -> DWORD
-    {
-        DWORD value = 0;
-        DWORD size = sizeof(value);
-        return ::RegGetValueW(root, kProductKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS
-                   ? value
-                   : 0;
-    };
+    const auto read = [root](const wchar_t* name) { return ReadProductDword(root, name); };
     settings.legacyClientAccess = read(L"AllowLegacyAgentAccess") != 0;
     // A missing or zero limit keeps the default: a limit of 0 would shut every agent out.
     if (const DWORD perSession = read(L"MaxAgentConnectionsPerSession"))
@@ -51,6 +55,23 @@ AgentPipeSettings ReadAgentPipeSettings(HKEY root)
     if (const DWORD total = read(L"MaxAgentConnections"))
         settings.maxConnections = total;
     return settings;
+}
+
+StatusApiSettings ReadStatusApiSettings(HKEY root)
+{
+    StatusApiSettings settings;
+    // As with the agent pipe, 0 keeps the default.
+    if (const DWORD perSession = ReadProductDword(root, L"MaxStatusConnectionsPerSession"))
+        settings.maxConnectionsPerSession = perSession;
+    if (const DWORD total = ReadProductDword(root, L"MaxStatusConnections"))
+        settings.maxConnections = total;
+    return settings;
+}
+
+std::shared_ptr<CStatusServer> GetStatusServer()
+{
+    std::lock_guard lock(g_slotLock);
+    return g_statusServer;
 }
 
 void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
@@ -83,9 +104,26 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
         g_pipeServer = pipeServer;
     }
 
-    // Neither result stops the service; each server logs its own failures.
+    // The status API learns every channel change, and asks the channel server which sessions
+    // exist, never a session handler (whose state lock a handshake may hold for long).
+    auto statusServer = std::make_shared<CStatusServer>(logger);
+    statusServer->SetSettings(ReadStatusApiSettings());
+    statusServer->SetSessionList(
+        []
+        {
+            auto server = GetVirtServer();
+            return server ? server->SessionIds() : std::vector<uint32_t>();
+        });
+    virtServer->SetStatusListener(statusServer->Listener());
+    {
+        std::lock_guard lock(g_slotLock);
+        g_statusServer = statusServer;
+    }
+
+    // No result stops the service; each server logs its own failures.
     virtServer->Init();
     pipeServer->Start();
+    statusServer->Start();
 }
 
 } // namespace service

@@ -1,5 +1,6 @@
 #pragma once
 #include "pipeserver/PipeServer.h"
+#include "statusapi/StatusServer.h"
 
 #include <windows.h>
 
@@ -8,14 +9,15 @@
 class CCvLogger;
 class CVirtServer;
 class CPipeServer;
+class CStatusServer;
 
 namespace service
 {
 
 // Creates the process-wide objects in their fixed order (thread pool, virtual-channel server,
-// agent pipe server) and starts the two servers. Throws when an object cannot be constructed;
-// a server that fails to start does not stop the service: without the channel library agents
-// are still served, and their URLs are answered as not sent.
+// agent pipe server, status API server) and starts the three servers. Throws when an object
+// cannot be constructed; a server that fails to start does not stop the service: without the
+// channel library agents are still served, and their URLs are answered as not sent.
 void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger);
 
 // The agent pipe's access and connection limits from the product key: "AllowLegacyAgentAccess",
@@ -23,6 +25,10 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger);
 AgentPipeSettings ReadAgentPipeSettings(HKEY root = HKEY_LOCAL_MACHINE);
 
 std::shared_ptr<CVirtServer> GetVirtServer();
+// "MaxStatusConnectionsPerSession" and "MaxStatusConnections" (REG_DWORD each).
+StatusApiSettings ReadStatusApiSettings(HKEY root = HKEY_LOCAL_MACHINE);
+
 std::shared_ptr<CPipeServer> GetPipeServer();
+std::shared_ptr<CStatusServer> GetStatusServer();
 
 } // namespace service

@@ -220,3 +220,13 @@ std::shared_ptr<CSessionHandler> CVirtServer::FindSession(uint32_t sessionId) co
     const auto found = m_sessions.find(sessionId);
     return found == m_sessions.end() ? nullptr : found->second;
 }
+
+std::vector<uint32_t> CVirtServer::SessionIds() const
+{
+    std::shared_lock lock(m_srwSessions);
+    std::vector<uint32_t> ids;
+    ids.reserve(m_sessions.size());
+    for (const auto& [id, handler] : m_sessions)
+        ids.push_back(id);
+    return ids;
+}

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 class CVirtServer : public IBaseItem
 {
@@ -44,6 +45,8 @@ public:
     bool IsInitialized() const noexcept { return m_bInitialized; }
     // The handler of a session, empty when there is none (for status queries and tests).
     std::shared_ptr<CSessionHandler> FindSession(uint32_t sessionId) const;
+    // The sessions that have a handler now. Takes only the session table's lock, never a handler's.
+    std::vector<uint32_t> SessionIds() const;
 
     // "%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x", lower-case, no braces.
     static std::wstring GuidText(const GUID& guid);

@@ -11,6 +11,7 @@
 // Last, the cost of judging one such URL by a URL policy of 200 patterns (100 allowed hosts,
 // 100 exceptions, some with paths; the URL's host is the last allowed one, so every pattern is
 // tried), as a share of the end-to-end answer time of one agent: it must stay below 1%.
+#include "bench/common/AgentRounds.h"
 #include "tests/e2e/E2eHarness.h"
 
 #include "pipeserver/AgentProtocol.h"
@@ -32,31 +33,8 @@ namespace
 {
 
 using namespace e2e;
+using namespace bench;
 using namespace std::chrono_literals;
-
-double g_ticksPerMicrosecond = 1.0;
-
-long long Now()
-{
-    LARGE_INTEGER value;
-    ::QueryPerformanceCounter(&value);
-    return value.QuadPart;
-}
-
-double Micros(long long ticks)
-{
-    return static_cast<double>(ticks) / g_ticksPerMicrosecond;
-}
-
-double Percentile(std::vector<long long> values, double p)
-{
-    if (values.empty())
-        return 0;
-    std::sort(values.begin(), values.end());
-    const size_t at =
-        std::min(values.size() - 1, static_cast<size_t>(p * static_cast<double>(values.size())));
-    return Micros(values[at]);
-}
 
 // Follows the sink file from its current end and records, for each URL line that carries a
 // stamp, the ticks from that stamp to the moment the line was seen.
@@ -138,13 +116,6 @@ private:
     std::thread m_thread;
 };
 
-struct Round
-{
-    double urlsPerSecond = 0;
-    std::vector<long long> answers; // write to answer, per URL
-    size_t failures = 0;
-};
-
 // Microseconds per evaluation of URLs shaped like the ones sent above.
 double PolicyMicrosPerUrl(int evaluations)
 {
@@ -179,57 +150,12 @@ double PolicyMicrosPerUrl(int evaluations)
     return allowed == static_cast<size_t>(evaluations) ? micros : -1;
 }
 
-Round RunAgents(int agents, int totalUrls)
-{
-    Round round;
-    std::mutex mutex;
-    std::atomic<int> ready{0};
-    std::atomic<bool> go{false};
-    const int perAgent = std::max(1, totalUrls / agents);
-    std::vector<std::thread> threads;
-    for (int a = 0; a < agents; ++a)
-        threads.emplace_back(
-            [&, a]
-            {
-                AgentPipe agent;
-                const bool connected = agent.Connect(30s) && agent.Handshake();
-                ++ready;
-                while (!go)
-                    ::Sleep(0);
-                std::vector<long long> answers;
-                size_t failures = connected ? 0 : static_cast<size_t>(perAgent);
-                for (int i = 0; connected && i < perAgent; ++i)
-                {
-                    const long long written = Now();
-                    const std::string url = "https://bench.example/" + std::to_string(a) + "/" +
-                                            std::to_string(i) + "?t=" + std::to_string(written);
-                    const auto answer = agent.OpenUrl(std::u16string(url.begin(), url.end()), 30s);
-                    answers.push_back(Now() - written);
-                    failures += answer == 0u ? 0 : 1;
-                }
-                std::lock_guard lock(mutex);
-                round.answers.insert(round.answers.end(), answers.begin(), answers.end());
-                round.failures += failures;
-            });
-    WaitUntil([&] { return ready.load() == agents; }, 60s, 5ms);
-    const long long start = Now();
-    go = true;
-    for (auto& thread : threads)
-        thread.join();
-    const double seconds = Micros(Now() - start) / 1e6;
-    round.urlsPerSecond = static_cast<double>(round.answers.size()) / seconds;
-    return round;
-}
-
 } // namespace
 
 int wmain(int argc, wchar_t** argv)
 {
     const int urls = argc > 1 ? std::max(64, _wtoi(argv[1])) : 3000;
     const int roundTrips = argc > 2 ? std::max(10, _wtoi(argv[2])) : 3000;
-    LARGE_INTEGER frequency;
-    ::QueryPerformanceFrequency(&frequency);
-    g_ticksPerMicrosecond = static_cast<double>(frequency.QuadPart) / 1e6;
 
     ServiceRun run(ServiceOptions{}); // the stand-in's default: session 1, URLs to the sink file
     if (!run.SetupError().empty())

@@ -1,5 +1,6 @@
 #pragma once
 // GoogleTest glue over the end-to-end harness.
+#include "tests/common/TestSupport.h"
 #include "tests/e2e/E2eHarness.h"
 
 #include <gtest/gtest.h>
@@ -42,6 +43,30 @@ inline void ExpectCleanStop(ServiceRun& run)
     EXPECT_GE(CountOf(WaitForLog(L"CLogSvc::OnStop: Service Stopping...", std::chrono::seconds(5)),
                       L"CLogSvc::OnStop: Service Stopping..."),
               1u);
+}
+
+struct ProcessCounts
+{
+    long long handles = 0;
+    long long threads = 0;
+};
+
+inline ProcessCounts MeasureCounts(DWORD pid)
+{
+    return {testing_support::CountProcessHandles(pid), testing_support::CountProcessThreads(pid)};
+}
+
+// Whether the service's handles and threads come back to the baseline with this slack (the
+// pools' idle threads, handles still closing) within 30 s; the last counts in `now`.
+inline bool BackToBaseline(DWORD pid, const ProcessCounts& baseline, const ProcessCounts& slack, ProcessCounts& now)
+{
+    return WaitUntil(
+        [&]
+        {
+            now = MeasureCounts(pid);
+            return now.handles <= baseline.handles + slack.handles && now.threads <= baseline.threads + slack.threads;
+        },
+        std::chrono::seconds(30), std::chrono::milliseconds(250));
 }
 
 // Cases that share one run of the service, started before the suite's first case and removed

@@ -98,17 +98,6 @@ void Oversized(int round, Results& results)
 
 const std::atomic<bool> kAlwaysEnough{true};
 
-struct Counts
-{
-    long long handles = 0;
-    long long threads = 0;
-};
-
-Counts Measure(DWORD pid)
-{
-    return {testing_support::CountProcessHandles(pid), testing_support::CountProcessThreads(pid)};
-}
-
 // Runs the agents and the hostile clients together; the agents go on until every hostile kind
 // has had its rounds: twelve of each single-client kind and two floods of `floodSize`
 // connections held at once and dropped together.
@@ -163,14 +152,14 @@ TEST(HostileE2e, AgentsKeepTheirAnswersAndUrlsAndTheServiceGivesEverythingBack)
         ASSERT_TRUE(WaitUntil([&] { return first.OpenUrl(u"https://e.x/first") == 0u; }, 15s, 100ms));
     }
     std::set<std::string> known = {"https://e.x/first"};
-    Counts baseline{};
-    ASSERT_TRUE(WaitUntil([&] { return (baseline = Measure(pid)).handles > 0; }, 5s));
+    ProcessCounts baseline{};
+    ASSERT_TRUE(WaitUntil([&] { return (baseline = MeasureCounts(pid)).handles > 0; }, 5s));
 
     // Warm-up: the same storm, smaller, so that the storm proper meets grown pools and buffers.
     Results warmUp;
     Storm(100, 2, 5, 100, warmUp);
     ASSERT_TRUE(warmUp.failures.empty()) << warmUp.failures.front();
-    const Counts warm = Measure(pid);
+    const ProcessCounts warm = MeasureCounts(pid);
 
     Results results;
     Storm(0, 4, 30, 200, results);
@@ -195,14 +184,8 @@ TEST(HostileE2e, AgentsKeepTheirAnswersAndUrlsAndTheServiceGivesEverythingBack)
     EXPECT_EQ(0u, SessionStats(1)["malformed"]);
 
     // Handles and threads return to the baseline (with a little slack for the pools' idle threads).
-    Counts now{};
-    const bool back = WaitUntil(
-        [&]
-        {
-            now = Measure(pid);
-            return now.handles <= baseline.handles + 24 && now.threads <= baseline.threads + 6;
-        },
-        30s, 250ms);
+    ProcessCounts now{};
+    const bool back = BackToBaseline(pid, baseline, {24, 6}, now);
     std::printf("service handles %lld, after warm-up %lld, at the end %lld; threads %lld, %lld, %lld\n",
                 baseline.handles, warm.handles, now.handles, baseline.threads, warm.threads, now.threads);
     EXPECT_TRUE(back);

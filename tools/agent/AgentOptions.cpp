@@ -14,6 +14,7 @@ bool IsSchemeChar(wchar_t c, bool first)
         return letter;
     return letter || (c >= L'0' && c <= L'9') || c == L'+' || c == L'-' || c == L'.';
 }
+} // namespace
 
 bool ParseMilliseconds(const std::wstring& text, uint32_t& value)
 {
@@ -29,7 +30,6 @@ bool ParseMilliseconds(const std::wstring& text, uint32_t& value)
     value = result;
     return true;
 }
-} // namespace
 
 ParseResult ParseCommandLine(const std::vector<std::wstring>& args)
 {

@@ -58,4 +58,7 @@ std::wstring UrlScheme(const std::wstring& url); // lower-case, without the colo
 
 std::wstring HelpText();
 
+// A --timeout value: at most seven decimal digits.
+bool ParseMilliseconds(const std::wstring& text, uint32_t& value);
+
 } // namespace agent

@@ -76,10 +76,6 @@ std::wstring ExpectedServiceName()
     return ::GetEnvironmentVariableW(kPipeNameVariable, nullptr, 0) ? std::wstring() : kServiceName;
 }
 
-namespace
-{
-// The process id the service control manager reports for a running service; 0 when it is not
-// installed, not running, or cannot be asked.
 DWORD ServiceProcessId(const std::wstring& serviceName)
 {
     daxlib::unique_schandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
@@ -92,7 +88,6 @@ DWORD ServiceProcessId(const std::wstring& serviceName)
         return 0;
     return status.dwCurrentState == SERVICE_RUNNING ? status.dwProcessId : 0;
 }
-} // namespace
 
 agentpipe::HandshakeValues OwnHandshakeValues()
 {

@@ -34,6 +34,11 @@ constexpr wchar_t kServiceName[] = L"velomard";
 // The service the pipe's server must be; empty: any server (a private pipe for tests).
 std::wstring ExpectedServiceName();
 
+// The process id the service control manager reports for a running service; 0 when it is not
+// installed, not running, or cannot be asked. A pipe's server is the service's when
+// GetNamedPipeServerProcessId gives this.
+DWORD ServiceProcessId(const std::wstring& serviceName);
+
 // The agent pipe to use: kPipeNameVariable when set, else kAgentPipeName; without the prefix.
 std::wstring AgentPipeName();
 

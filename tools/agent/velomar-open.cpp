@@ -7,6 +7,7 @@
 #include "tools/agent/AgentOptions.h"
 #include "tools/agent/AgentSession.h"
 #include "tools/agent/BrowserRegistration.h"
+#include "tools/agent/ConsoleOutput.h"
 
 #include <windows.h>
 #include <objbase.h>
@@ -22,41 +23,9 @@ namespace
 
 constexpr wchar_t kProgram[] = L"velomar-open: ";
 
-// One text to stdout or stderr: through the console when it is one, so that any character shows;
-// otherwise as UTF-8 bytes with Windows line ends.
-void Print(DWORD which, const std::wstring& text)
-{
-    const HANDLE out = ::GetStdHandle(which);
-    if (!out || out == INVALID_HANDLE_VALUE)
-        return;
-    DWORD mode = 0;
-    DWORD written = 0;
-    if (::GetConsoleMode(out, &mode))
-    {
-        ::WriteConsoleW(out, text.c_str(), static_cast<DWORD>(text.size()), &written, nullptr);
-        return;
-    }
-    std::wstring lines;
-    lines.reserve(text.size() + 16);
-    for (wchar_t c : text)
-    {
-        if (c == L'\n')
-            lines += L'\r';
-        lines += c;
-    }
-    const int size = ::WideCharToMultiByte(CP_UTF8, 0, lines.c_str(), static_cast<int>(lines.size()), nullptr,
-                                           0, nullptr, nullptr);
-    if (size <= 0)
-        return;
-    std::string bytes(static_cast<size_t>(size), '\0');
-    ::WideCharToMultiByte(CP_UTF8, 0, lines.c_str(), static_cast<int>(lines.size()), bytes.data(), size,
-                          nullptr, nullptr);
-    ::WriteFile(out, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-}
-
 void PrintError(const std::wstring& line)
 {
-    Print(STD_ERROR_HANDLE, kProgram + line + L"\n");
+    agent::Print(STD_ERROR_HANDLE, kProgram + line + L"\n");
 }
 
 std::wstring OwnPath()
@@ -221,7 +190,7 @@ int Run(int argc, wchar_t** argv)
     switch (parsed.options.action)
     {
     case agent::Action::Help:
-        Print(STD_OUTPUT_HANDLE, agent::HelpText());
+        agent::Print(STD_OUTPUT_HANDLE, agent::HelpText());
         return agent::kExitSent;
     case agent::Action::Register:
     case agent::Action::Unregister:
