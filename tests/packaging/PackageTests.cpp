@@ -24,6 +24,7 @@ namespace
 const std::wstring kInstallDir = L"C:\\Program Files\\Corvane\\Velomar";
 const std::wstring kServiceExe = kInstallDir + L"\\velomard.exe";
 const std::wstring kAgentExe = kInstallDir + L"\\velomar-open.exe";
+const std::wstring kStatusExe = kInstallDir + L"\\velomar-status.exe";
 const wchar_t kEventSourceKey[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\velomard";
 const wchar_t kCapabilitiesKey[] = L"Software\\Clients\\StartMenuInternet\\velomar-open\\Capabilities";
 const wchar_t kProgIdKey[] = L"Software\\Classes\\VelomarOpen.URL";
@@ -187,6 +188,7 @@ TEST_F(FreshInstall, RegistersTheAgentAsABrowserForEveryUser)
     EXPECT_EQ(L"\"" + kAgentExe + L"\" \"%1\"",
               ReadString(L"Software\\Classes\\VelomarOpen.URL\\shell\\open\\command", nullptr));
     EXPECT_TRUE(FileExists(kAgentExe));
+    EXPECT_TRUE(FileExists(kStatusExe));
 }
 
 TEST_F(FreshInstall, InstalledAgentReachesTheClientSideThroughTheInstalledService)
@@ -198,6 +200,8 @@ TEST_F(FreshInstall, InstalledAgentReachesTheClientSideThroughTheInstalledServic
         [&] { return RunProcess(L"\"" + kAgentExe + L"\" --no-fallback " + std::wstring(url.begin(), url.end())).exitCode == 0; },
         20s));
     EXPECT_NE(std::string::npos, testing_support::ReadFileBytes(kSinkFile).find(url));
+    // The installed status tool finds the installed service and its connected channel.
+    EXPECT_EQ(0, RunProcess(L"\"" + kStatusExe + L"\"").exitCode);
 }
 
 TEST(Uninstall, RemovesServiceFilesAndEntriesButKeepsLogAndSettings)
@@ -214,6 +218,7 @@ TEST(Uninstall, RemovesServiceFilesAndEntriesButKeepsLogAndSettings)
     EXPECT_TRUE(ServiceGone());
     EXPECT_FALSE(FileExists(kServiceExe));
     EXPECT_FALSE(FileExists(kAgentExe));
+    EXPECT_FALSE(FileExists(kStatusExe));
     EXPECT_FALSE(KeyExists(kEventSourceKey));
     ExpectBrowserEntriesGone();
     EXPECT_TRUE(FileExists(kLogFile));
