@@ -124,7 +124,6 @@ TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
     key.reset();
     ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, keyPath.c_str());
 
-    EXPECT_EQ(L"velomard", service::CServiceConfig().ServiceName());
     service::CServiceConfig missing(testing_support::UniqueName(L"velomar-absent"));
     EXPECT_FALSE(missing.ReadServiceLogSettings(file, level, nullptr));
 }
