@@ -201,7 +201,7 @@ ServiceRun::StopOutcome ServiceRun::Stop()
 
 std::wstring ReadLog()
 {
-    return testing_support::FromUtf16Bytes(testing_support::ReadFileBytes(kLogFile));
+    return testing_support::ReadUtf16File(kLogFile);
 }
 
 size_t CountOf(const std::wstring& text, const std::wstring& fragment)

@@ -16,6 +16,7 @@
 using namespace std::chrono_literals;
 using testing_support::BuildPath;
 using testing_support::Eventually;
+using testing_support::PathExists;
 using testing_support::RunProcess;
 
 namespace
@@ -37,24 +38,15 @@ DWORD Msiexec(const wchar_t* action, const char* package)
     return run.ended ? run.exitCode : WAIT_TIMEOUT;
 }
 
-std::wstring ReadString(const wchar_t* key, const wchar_t* name)
+std::wstring ReadString(const std::wstring& key, const wchar_t* name)
 {
-    wchar_t value[1024] = {};
-    DWORD size = sizeof(value);
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_SZ, nullptr, value, &size) != ERROR_SUCCESS)
-        return L"(missing)";
-    return value;
+    return testing_support::ReadRegString(HKEY_LOCAL_MACHINE, key, name);
 }
 
 bool KeyExists(const wchar_t* key)
 {
     daxlib::unique_hkey opened;
     return ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, key, 0, KEY_READ, opened.put()) == ERROR_SUCCESS;
-}
-
-bool FileExists(const std::wstring& path)
-{
-    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 // The service's status, or an empty one with the error in dwWin32ExitCode when it is not registered.
@@ -85,7 +77,7 @@ void ExpectBrowserEntriesGone()
 {
     EXPECT_FALSE(KeyExists(L"Software\\Clients\\StartMenuInternet\\velomar-open"));
     EXPECT_FALSE(KeyExists(kProgIdKey));
-    EXPECT_EQ(L"(missing)", ReadString(L"Software\\RegisteredApplications", L"Velomar"));
+    EXPECT_EQ(L"<missing>", ReadString(L"Software\\RegisteredApplications", L"Velomar"));
 }
 
 } // namespace
@@ -97,7 +89,7 @@ TEST(FailedInstall, ServiceThatCannotStartRollsBackEverything)
     const DWORD result = Msiexec(L"/i", BROKEN_MSI);
     EXPECT_TRUE(result == ERROR_INSTALL_FAILURE || result == ERROR_FUNCTION_FAILED) << result;
     EXPECT_TRUE(ServiceGone());
-    EXPECT_FALSE(FileExists(kInstallDir));
+    EXPECT_FALSE(PathExists(kInstallDir));
     EXPECT_FALSE(KeyExists(kEventSourceKey));
     ExpectBrowserEntriesGone();
 }
@@ -159,10 +151,7 @@ TEST_F(FreshInstall, FailureActionsRestartTheServiceTwice)
 TEST_F(FreshInstall, EventSourceFindsTheTextOfEveryEventInTheInstalledExecutable)
 {
     EXPECT_EQ(kServiceExe, ReadString(kEventSourceKey, L"EventMessageFile"));
-    DWORD types = 0, size = sizeof(types);
-    EXPECT_EQ(ERROR_SUCCESS, ::RegGetValueW(HKEY_LOCAL_MACHINE, kEventSourceKey, L"TypesSupported",
-                                            RRF_RT_REG_DWORD, nullptr, &types, &size));
-    EXPECT_EQ(7u, types);
+    EXPECT_EQ(7u, testing_support::ReadRegDword(HKEY_LOCAL_MACHINE, kEventSourceKey, L"TypesSupported"));
 
     daxlib::unique_hmodule module(::LoadLibraryExW(kServiceExe.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
     ASSERT_TRUE(module);
@@ -186,7 +175,7 @@ TEST_F(FreshInstall, RegistersTheAgentAsABrowserForEveryUser)
     EXPECT_EQ(L"VelomarOpen.URL", ReadString(associations.c_str(), L"https"));
     EXPECT_EQ(L"\"" + kAgentExe + L"\" \"%1\"",
               ReadString(L"Software\\Classes\\VelomarOpen.URL\\shell\\open\\command", nullptr));
-    EXPECT_TRUE(FileExists(kAgentExe));
+    EXPECT_TRUE(PathExists(kAgentExe));
 }
 
 TEST_F(FreshInstall, InstalledAgentReachesTheClientSideThroughTheInstalledService)
@@ -208,19 +197,16 @@ TEST(Uninstall, RemovesServiceFilesAndEntriesButKeepsLogAndSettings)
     const DWORD level = 3;
     ASSERT_EQ(ERROR_SUCCESS, ::RegSetValueExW(settings.get(), L"LogLevel", 0, REG_DWORD,
                                               reinterpret_cast<const BYTE*>(&level), sizeof(level)));
-    ASSERT_TRUE(FileExists(kLogFile));
+    ASSERT_TRUE(PathExists(kLogFile));
 
     EXPECT_EQ(static_cast<DWORD>(ERROR_SUCCESS), Msiexec(L"/x", CURRENT_MSI));
     EXPECT_TRUE(ServiceGone());
-    EXPECT_FALSE(FileExists(kServiceExe));
-    EXPECT_FALSE(FileExists(kAgentExe));
+    EXPECT_FALSE(PathExists(kServiceExe));
+    EXPECT_FALSE(PathExists(kAgentExe));
     EXPECT_FALSE(KeyExists(kEventSourceKey));
     ExpectBrowserEntriesGone();
-    EXPECT_TRUE(FileExists(kLogFile));
-    DWORD kept = 0, size = sizeof(kept);
-    EXPECT_EQ(ERROR_SUCCESS, ::RegGetValueW(HKEY_LOCAL_MACHINE, kProductKey, L"LogLevel", RRF_RT_REG_DWORD, nullptr,
-                                            &kept, &size));
-    EXPECT_EQ(level, kept);
+    EXPECT_TRUE(PathExists(kLogFile));
+    EXPECT_EQ(level, testing_support::ReadRegDword(HKEY_LOCAL_MACHINE, kProductKey, L"LogLevel"));
 }
 
 TEST(Upgrade, NewerPackageReplacesTheServiceAndKeepsSettingsAndOlderOneIsRefused)
