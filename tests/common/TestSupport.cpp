@@ -1,7 +1,5 @@
 #include "tests/common/TestSupport.h"
 
-#include "common/UniqueHandle.h"
-
 #include <tlhelp32.h>
 
 #include <algorithm>
@@ -57,6 +55,54 @@ void RemoveTree(const std::wstring& path)
         ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
         ::DeleteFileW(path.c_str());
     }
+}
+
+TempKey::TempKey(std::wstring path, HKEY root) : m_root(root), m_path(std::move(path))
+{
+    ::RegCreateKeyExW(m_root, m_path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, m_key.put(), nullptr);
+}
+
+TempKey::~TempKey()
+{
+    m_key.reset();
+    ::RegDeleteTreeW(m_root, m_path.c_str());
+    ::RegDeleteKeyW(m_root, m_path.c_str());
+}
+
+bool TempKey::Set(const wchar_t* name, DWORD type, const void* data, DWORD size) const
+{
+    return ::RegSetValueExW(m_key.get(), name, 0, type, static_cast<const BYTE*>(data), size) == ERROR_SUCCESS;
+}
+
+bool TempKey::SetText(const wchar_t* name, const std::wstring& text) const
+{
+    return Set(name, REG_SZ, text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+}
+
+bool TempKey::SetStrings(const wchar_t* name, const std::vector<std::wstring>& strings) const
+{
+    std::wstring data;
+    for (const auto& s : strings)
+        data += s + L'\0';
+    data += L'\0';
+    return Set(name, REG_MULTI_SZ, data.c_str(), static_cast<DWORD>(data.size() * sizeof(wchar_t)));
+}
+
+std::wstring ReadRegString(HKEY root, const std::wstring& path, const wchar_t* name)
+{
+    wchar_t value[1024] = {};
+    DWORD size = sizeof(value);
+    return ::RegGetValueW(root, path.c_str(), name, RRF_RT_REG_SZ, nullptr, value, &size) == ERROR_SUCCESS
+               ? value
+               : L"<missing>";
+}
+
+DWORD ReadRegDword(HKEY root, const std::wstring& path, const wchar_t* name, DWORD missing)
+{
+    DWORD value = missing, size = sizeof value;
+    return ::RegGetValueW(root, path.c_str(), name, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS
+               ? value
+               : missing;
 }
 
 namespace

@@ -1,12 +1,15 @@
 #pragma once
-// Helpers for tests that run under Windows or Wine: unique names, temporary folders, and the
-// process's real handle and thread counts for leak checks.
+// Helpers for tests that run under Windows or Wine: unique names, temporary folders and registry
+// keys, and the process's real handle and thread counts for leak checks.
+#include "common/UniqueHandle.h"
+
 #include <windows.h>
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace testing_support
 {
@@ -61,5 +64,43 @@ std::wstring BuildPath(const std::string& path);
 std::string ReadFileBytes(const std::wstring& path);
 // Decodes UTF-16LE bytes (no byte-order mark) to a wide string.
 std::wstring FromUtf16Bytes(const std::string& bytes);
+// A UTF-16LE text file such as a log, decoded; empty when it cannot be opened.
+inline std::wstring ReadUtf16File(const std::wstring& path)
+{
+    return FromUtf16Bytes(ReadFileBytes(path));
+}
+inline bool PathExists(const std::wstring& path)
+{
+    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+// A REG_SZ value, or "<missing>" when it cannot be read.
+std::wstring ReadRegString(HKEY root, const std::wstring& path, const wchar_t* name);
+// A REG_DWORD value, or `missing` when it cannot be read.
+DWORD ReadRegDword(HKEY root, const std::wstring& path, const wchar_t* name, DWORD missing = 99);
+
+// A registry key made for one test, removed with everything below it at destruction.
+class TempKey
+{
+public:
+    explicit TempKey(std::wstring path = L"Software\\" + UniqueName(L"velomar-test"),
+                     HKEY root = HKEY_CURRENT_USER);
+    ~TempKey();
+    TempKey(const TempKey&) = delete;
+    TempKey& operator=(const TempKey&) = delete;
+
+    const std::wstring& Path() const { return m_path; }
+    HKEY Get() const { return m_key.get(); }
+    bool Set(const wchar_t* name, DWORD type, const void* data, DWORD size) const;
+    bool SetDword(const wchar_t* name, DWORD value) const { return Set(name, REG_DWORD, &value, sizeof value); }
+    bool SetText(const wchar_t* name, const std::wstring& text) const;                    // REG_SZ
+    bool SetStrings(const wchar_t* name, const std::vector<std::wstring>& strings) const; // REG_MULTI_SZ
+    DWORD GetDword(const wchar_t* name) const { return ReadRegDword(m_root, m_path, name); }
+
+private:
+    HKEY m_root;
+    std::wstring m_path;
+    daxlib::unique_hkey m_key;
+};
 
 } // namespace testing_support

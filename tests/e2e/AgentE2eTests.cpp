@@ -1,6 +1,6 @@
 // Agents against the running service and the stand-in's client side: the bytes that reach the
 // client side, the answers, the channel ids, the protocol's corner cases, and what happens while
-// the client side is absent or refuses the channel.
+// the client side is absent or its session opens again.
 #include "tests/e2e/E2eTestSupport.h"
 
 #include "pipeserver/AgentProtocol.h"
@@ -78,23 +78,6 @@ TEST_F(AgentE2e, UrlsOfEveryShapeReachTheClientSideInOrder)
     EXPECT_EQ(lines, sink.substr(sink.size() - std::min(sink.size(), lines.size())));
 }
 
-// The default policy refuses every scheme but http, https and mailto: answer 2, nothing on the
-// channel, and a warning that names the scheme, the host and the rule but not the rest.
-TEST_F(AgentE2e, DefaultPolicyRefusesOtherSchemesAndLogsOnlySchemeHostAndRule)
-{
-    AgentPipe agent;
-    ASSERT_TRUE(agent.Connect());
-    for (const char16_t* refused :
-         {u"file://\\\\attacker\\share\\x.exe", u"ms-msdt:/id PCWDiagnostic /param s3cret"})
-        EXPECT_EQ(std::optional<uint32_t>(2), agent.OpenUrl(refused)) << ToUtf8(refused);
-    EXPECT_TRUE(NewUrls().empty());
-    const std::wstring msdt = L"scheme <ms-msdt>, host <>, rule: scheme not in AllowedSchemes";
-    const std::wstring log = WaitForLog(msdt, 10s);
-    EXPECT_EQ(1u, CountOf(log, msdt));
-    EXPECT_EQ(1u, CountOf(log, L"scheme <file>, host <attacker>, rule: scheme not in AllowedSchemes"));
-    EXPECT_EQ(std::wstring::npos, log.find(L"s3cret"));
-}
-
 // Closed one at a time, opposite to the order of the connects, so that the log's order is that
 // of the disconnects: each id must stay with its own connection.
 TEST_F(AgentE2e, EachConnectionKeepsItsOwnChannelId)
@@ -153,21 +136,10 @@ TEST_F(AgentE2e, BrokenPolicyValueIsIgnoredWithOneWarning)
     EXPECT_EQ(std::vector<std::string>{"https://fine.example/"}, NewUrls());
 }
 
-TEST_F(AgentE2e, PolicyTurnsRedirectionOff)
-{
-    AgentPipe agent;
-    ASSERT_TRUE(agent.Connect());
-    const DWORD off = 0;
-    ASSERT_TRUE(SetPolicyValue(L"Enabled", REG_DWORD, &off, sizeof(off)));
-    WaitForLog(L"redirection off", 10s);
-    EXPECT_EQ(std::optional<uint32_t>(2), agent.OpenUrl(u"https://fine.example/again"));
-    EXPECT_TRUE(NewUrls().empty());
-}
-
 namespace
 {
-// Without a client side the service answers 1 and keeps trying; a refused handshake is final
-// until the session opens again. The cases follow the client side through those states.
+// Without a client side the service answers 1 and keeps trying. The cases follow the client
+// side through its states.
 class AgentE2eClientSide : public SharedServiceRun<AgentE2eClientSide>
 {
 public:
@@ -205,18 +177,7 @@ TEST_F(AgentE2eClientSide, AbsentAnswersOneAndThoseUrlsNeverArrive)
         << "answered 1 " << refused << " times; none of those may arrive";
 }
 
-TEST_F(AgentE2eClientSide, RefusedHandshakeIsFinalForTheSession)
-{
-    ASSERT_EQ(0, Skeinctl("peer 1 refuse-version").exitCode);
-    const unsigned attemptsBefore = SessionStats(1)["attempts"];
-    ASSERT_EQ(0, Skeinctl("break 1").exitCode);
-    ASSERT_TRUE(WaitUntil([&] { return SessionStats(1)["attempts"] > attemptsBefore; }, 15s, 200ms));
-    EXPECT_EQ(std::optional<uint32_t>(1), m_agent.OpenUrl(u"https://example.com/refused"));
-    EXPECT_FALSE(WaitUntil([&] { return SessionStats(1)["attempts"] > attemptsBefore + 1; }, 4s, 500ms));
-    EXPECT_EQ(std::optional<uint32_t>(1), m_agent.OpenUrl(u"https://example.com/still-refused"));
-}
-
-// After a refusal (the case before) the session opens again with an accepting client side.
+// A session closed and opened again carries URLs as soon as its new channel is up.
 TEST_F(AgentE2eClientSide, ReopenedSessionCarriesUrlsAtOnce)
 {
     ASSERT_EQ(0, Skeinctl("close 1").exitCode);

@@ -9,16 +9,6 @@
 #include <iterator>
 #include <sstream>
 
-#ifndef VELOMARD_EXE
-#error VELOMARD_EXE names the built service executable
-#endif
-#ifndef STANDIN_DLL
-#error STANDIN_DLL names the built stand-in channel library
-#endif
-#ifndef SKEINCTL_EXE
-#error SKEINCTL_EXE names the built skeinctl
-#endif
-
 namespace e2e
 {
 
@@ -74,20 +64,16 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
     ::DeleteFileW(kScenarioPath);
     ::DeleteFileW(kLibraryPath);
     step(::GetFileAttributesW(kLibraryPath) == INVALID_FILE_ATTRIBUTES, L"removing the stand-in library");
-    daxlib::unique_hkey key;
-    step(::RegCreateKeyExW(HKEY_LOCAL_MACHINE, kProductKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, key.put(),
-                           nullptr) == ERROR_SUCCESS &&
-             ::RegSetValueExW(key.get(), L"LogLevel", 0, REG_DWORD,
-                              reinterpret_cast<const BYTE*>(&options.logLevel),
-                              sizeof(options.logLevel)) == ERROR_SUCCESS,
-         L"writing the log level");
+    const auto setDword = [](const wchar_t* name, const DWORD& value)
+    {
+        return ::RegSetKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, name, REG_DWORD, &value, sizeof(value)) ==
+               ERROR_SUCCESS;
+    };
+    step(setDword(L"LogLevel", options.logLevel), L"writing the log level");
     if (options.agentsPerSession)
-        step(::RegSetValueExW(key.get(), L"MaxAgentConnectionsPerSession", 0, REG_DWORD,
-                              reinterpret_cast<const BYTE*>(&options.agentsPerSession),
-                              sizeof(options.agentsPerSession)) == ERROR_SUCCESS,
-             L"writing the agent limit");
+        step(setDword(L"MaxAgentConnectionsPerSession", options.agentsPerSession), L"writing the agent limit");
     else
-        ::RegDeleteValueW(key.get(), L"MaxAgentConnectionsPerSession");
+        ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, L"MaxAgentConnectionsPerSession");
     if (options.installLibrary)
     {
         const std::wstring folder = kLibraryFolder;
@@ -215,7 +201,7 @@ ServiceRun::StopOutcome ServiceRun::Stop()
 
 std::wstring ReadLog()
 {
-    return testing_support::FromUtf16Bytes(testing_support::ReadFileBytes(kLogFile));
+    return testing_support::ReadUtf16File(kLogFile);
 }
 
 size_t CountOf(const std::wstring& text, const std::wstring& fragment)

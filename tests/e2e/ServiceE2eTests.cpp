@@ -42,8 +42,8 @@ public:
 };
 } // namespace
 
-// The file begins with the banner (a blank line, a header, the build text); the start record has
-// the version as bare hex digits run together with the build date.
+// The file begins with the banner's blank line (the banner itself is the logger's, checked by its
+// own tests); the start record has the version as bare hex digits run together with the build date.
 TEST_F(ServiceE2eRunning, LogBeginsWithTheBannerAndHasTheStartRecord)
 {
     const std::wstring text = WaitForLog(L"CLogSvc::main: Service Running...", 10s);
@@ -51,10 +51,6 @@ TEST_F(ServiceE2eRunning, LogBeginsWithTheBannerAndHasTheStartRecord)
         L"Start service. Version program 10400" + std::wstring(__DATE__, __DATE__ + 11);
     EXPECT_NE(std::wstring::npos, text.find(expected)) << std::string(text.begin(), text.end());
     EXPECT_EQ(0u, text.find(L"\r\n"));
-    for (const wchar_t* fragment : {L"Build ", L"[SERVICE]", L"[INFO]", L"Service logger is working.",
-                                    L"CLogSvc::main: Service Running..."})
-        EXPECT_NE(std::wstring::npos, text.find(fragment))
-            << std::string(fragment, fragment + wcslen(fragment));
 }
 
 // The service connects to the client side and completes the channel handshake without any agent.

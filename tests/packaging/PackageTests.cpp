@@ -16,6 +16,7 @@
 using namespace std::chrono_literals;
 using testing_support::BuildPath;
 using testing_support::Eventually;
+using testing_support::PathExists;
 using testing_support::RunProcess;
 
 namespace
@@ -34,17 +35,14 @@ const wchar_t kSinkFile[] = L"C:\\ProgramData\\Corvane\\Skein Standin\\received.
 
 DWORD Msiexec(const wchar_t* action, const char* package)
 {
-    const auto run = RunProcess(std::wstring(L"msiexec.exe ") + action + L" \"" + BuildPath(package) + L"\" /qn", 180000);
+    const auto run =
+        RunProcess(std::wstring(L"msiexec.exe ") + action + L" \"" + BuildPath(package) + L"\" /qn", 180000);
     return run.ended ? run.exitCode : WAIT_TIMEOUT;
 }
 
-std::wstring ReadString(const wchar_t* key, const wchar_t* name)
+std::wstring ReadString(const std::wstring& key, const wchar_t* name)
 {
-    wchar_t value[1024] = {};
-    DWORD size = sizeof(value);
-    if (::RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_REG_SZ, nullptr, value, &size) != ERROR_SUCCESS)
-        return L"(missing)";
-    return value;
+    return testing_support::ReadRegString(HKEY_LOCAL_MACHINE, key, name);
 }
 
 bool KeyExists(const wchar_t* key)
@@ -53,20 +51,16 @@ bool KeyExists(const wchar_t* key)
     return ::RegOpenKeyExW(HKEY_LOCAL_MACHINE, key, 0, KEY_READ, opened.put()) == ERROR_SUCCESS;
 }
 
-bool FileExists(const std::wstring& path)
-{
-    return ::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
-}
-
 // The service's status, or an empty one with the error in dwWin32ExitCode when it is not registered.
 SERVICE_STATUS_PROCESS ServiceStatus()
 {
     SERVICE_STATUS_PROCESS status{};
     daxlib::unique_schandle manager(::OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-    daxlib::unique_schandle service(manager ? ::OpenServiceW(manager.get(), L"velomard", SERVICE_QUERY_STATUS) : nullptr);
+    daxlib::unique_schandle service(manager ? ::OpenServiceW(manager.get(), L"velomard", SERVICE_QUERY_STATUS)
+                                            : nullptr);
     DWORD needed = 0;
-    if (!service || !::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
-                                            sizeof(status), &needed))
+    if (!service || !::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO,
+                                            reinterpret_cast<BYTE*>(&status), sizeof(status), &needed))
         status.dwWin32ExitCode = ::GetLastError();
     return status;
 }
@@ -86,7 +80,7 @@ void ExpectBrowserEntriesGone()
 {
     EXPECT_FALSE(KeyExists(L"Software\\Clients\\StartMenuInternet\\velomar-open"));
     EXPECT_FALSE(KeyExists(kProgIdKey));
-    EXPECT_EQ(L"(missing)", ReadString(L"Software\\RegisteredApplications", L"Velomar"));
+    EXPECT_EQ(L"<missing>", ReadString(L"Software\\RegisteredApplications", L"Velomar"));
 }
 
 } // namespace
@@ -98,7 +92,7 @@ TEST(FailedInstall, ServiceThatCannotStartRollsBackEverything)
     const DWORD result = Msiexec(L"/i", BROKEN_MSI);
     EXPECT_TRUE(result == ERROR_INSTALL_FAILURE || result == ERROR_FUNCTION_FAILED) << result;
     EXPECT_TRUE(ServiceGone());
-    EXPECT_FALSE(FileExists(kInstallDir));
+    EXPECT_FALSE(PathExists(kInstallDir));
     EXPECT_FALSE(KeyExists(kEventSourceKey));
     ExpectBrowserEntriesGone();
 }
@@ -148,8 +142,10 @@ TEST_F(FreshInstall, FailureActionsRestartTheServiceTwice)
                                              static_cast<DWORD>(buffer.size()), &needed);
     const auto* actions = reinterpret_cast<const SERVICE_FAILURE_ACTIONSW*>(buffer.data());
     // Wine's service manager accepts failure actions without keeping them and cannot report any.
-    if ((!read || actions->cActions == 0) && ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version"))
-        GTEST_SKIP() << "Wine keeps no failure actions (read: " << read << ", error " << ::GetLastError() << ")";
+    if ((!read || actions->cActions == 0) &&
+        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version"))
+        GTEST_SKIP() << "Wine keeps no failure actions (read: " << read << ", error " << ::GetLastError()
+                     << ")";
     ASSERT_TRUE(read);
     ASSERT_EQ(3u, actions->cActions);
     EXPECT_EQ(SC_ACTION_RESTART, actions->lpsaActions[0].Type);
@@ -160,10 +156,7 @@ TEST_F(FreshInstall, FailureActionsRestartTheServiceTwice)
 TEST_F(FreshInstall, EventSourceFindsTheTextOfEveryEventInTheInstalledExecutable)
 {
     EXPECT_EQ(kServiceExe, ReadString(kEventSourceKey, L"EventMessageFile"));
-    DWORD types = 0, size = sizeof(types);
-    EXPECT_EQ(ERROR_SUCCESS, ::RegGetValueW(HKEY_LOCAL_MACHINE, kEventSourceKey, L"TypesSupported",
-                                            RRF_RT_REG_DWORD, nullptr, &types, &size));
-    EXPECT_EQ(7u, types);
+    EXPECT_EQ(7u, testing_support::ReadRegDword(HKEY_LOCAL_MACHINE, kEventSourceKey, L"TypesSupported"));
 
     daxlib::unique_hmodule module(::LoadLibraryExW(kServiceExe.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
     ASSERT_TRUE(module);
@@ -171,9 +164,9 @@ TEST_F(FreshInstall, EventSourceFindsTheTextOfEveryEventInTheInstalledExecutable
     {
         const DWORD_PTR inserts[] = {reinterpret_cast<DWORD_PTR>(L"CLogSvc::main: text")};
         wchar_t text[256] = {};
-        const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY,
-                                              module.get(), id, 0, text, 256, reinterpret_cast<va_list*>(
-                                                  const_cast<DWORD_PTR*>(inserts)));
+        const DWORD length =
+            ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, module.get(), id, 0,
+                             text, 256, reinterpret_cast<va_list*>(const_cast<DWORD_PTR*>(inserts)));
         EXPECT_NE(0u, length) << "event " << id << ", error " << ::GetLastError();
         EXPECT_EQ(0, std::wstring(text).find(L"CLogSvc::main: text")) << "event " << id;
     }
@@ -187,8 +180,8 @@ TEST_F(FreshInstall, RegistersTheAgentAsABrowserForEveryUser)
     EXPECT_EQ(L"VelomarOpen.URL", ReadString(associations.c_str(), L"https"));
     EXPECT_EQ(L"\"" + kAgentExe + L"\" \"%1\"",
               ReadString(L"Software\\Classes\\VelomarOpen.URL\\shell\\open\\command", nullptr));
-    EXPECT_TRUE(FileExists(kAgentExe));
-    EXPECT_TRUE(FileExists(kStatusExe));
+    EXPECT_TRUE(PathExists(kAgentExe));
+    EXPECT_TRUE(PathExists(kStatusExe));
 }
 
 TEST_F(FreshInstall, InstalledAgentReachesTheClientSideThroughTheInstalledService)
@@ -197,7 +190,11 @@ TEST_F(FreshInstall, InstalledAgentReachesTheClientSideThroughTheInstalledServic
     const std::string url = "https://example.test/installed?by=msi";
     // The session handler connects to the client side shortly after the service starts.
     EXPECT_TRUE(Eventually(
-        [&] { return RunProcess(L"\"" + kAgentExe + L"\" --no-fallback " + std::wstring(url.begin(), url.end())).exitCode == 0; },
+        [&]
+        {
+            return RunProcess(L"\"" + kAgentExe + L"\" --no-fallback " + std::wstring(url.begin(), url.end()))
+                       .exitCode == 0;
+        },
         20s));
     EXPECT_NE(std::string::npos, testing_support::ReadFileBytes(kSinkFile).find(url));
     // The installed status tool finds the installed service and its connected channel.
@@ -212,20 +209,17 @@ TEST(Uninstall, RemovesServiceFilesAndEntriesButKeepsLogAndSettings)
     const DWORD level = 3;
     ASSERT_EQ(ERROR_SUCCESS, ::RegSetValueExW(settings.get(), L"LogLevel", 0, REG_DWORD,
                                               reinterpret_cast<const BYTE*>(&level), sizeof(level)));
-    ASSERT_TRUE(FileExists(kLogFile));
+    ASSERT_TRUE(PathExists(kLogFile));
 
     EXPECT_EQ(static_cast<DWORD>(ERROR_SUCCESS), Msiexec(L"/x", CURRENT_MSI));
     EXPECT_TRUE(ServiceGone());
-    EXPECT_FALSE(FileExists(kServiceExe));
-    EXPECT_FALSE(FileExists(kAgentExe));
-    EXPECT_FALSE(FileExists(kStatusExe));
+    EXPECT_FALSE(PathExists(kServiceExe));
+    EXPECT_FALSE(PathExists(kAgentExe));
+    EXPECT_FALSE(PathExists(kStatusExe));
     EXPECT_FALSE(KeyExists(kEventSourceKey));
     ExpectBrowserEntriesGone();
-    EXPECT_TRUE(FileExists(kLogFile));
-    DWORD kept = 0, size = sizeof(kept);
-    EXPECT_EQ(ERROR_SUCCESS, ::RegGetValueW(HKEY_LOCAL_MACHINE, kProductKey, L"LogLevel", RRF_RT_REG_DWORD, nullptr,
-                                            &kept, &size));
-    EXPECT_EQ(level, kept);
+    EXPECT_TRUE(PathExists(kLogFile));
+    EXPECT_EQ(level, testing_support::ReadRegDword(HKEY_LOCAL_MACHINE, kProductKey, L"LogLevel"));
 }
 
 TEST(Upgrade, NewerPackageReplacesTheServiceAndKeepsSettingsAndOlderOneIsRefused)
@@ -242,8 +236,10 @@ TEST(Upgrade, NewerPackageReplacesTheServiceAndKeepsSettingsAndOlderOneIsRefused
     ASSERT_TRUE(ServiceRuns());
     const DWORD newProcess = ServiceStatus().dwProcessId;
     EXPECT_NE(oldProcess, newProcess);
-    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), ::WaitForSingleObject(oldHandle.get(), 0)) << "old service still runs";
-    EXPECT_EQ(testing_support::ReadFileBytes(BuildPath(VELOMARD_EXE)), testing_support::ReadFileBytes(kServiceExe));
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), ::WaitForSingleObject(oldHandle.get(), 0))
+        << "old service still runs";
+    EXPECT_EQ(testing_support::ReadFileBytes(BuildPath(VELOMARD_EXE)),
+              testing_support::ReadFileBytes(kServiceExe));
     EXPECT_EQ(marker, ReadString(kProductKey, L"UpgradeMarker"));
 
     // Going back, or installing the same version again, is refused and changes nothing.

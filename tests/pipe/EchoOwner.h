@@ -26,22 +26,10 @@ public:
                                               this);
     }
 
-    int Connects() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_connects;
-    }
-    int Disconnects() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_disconnects;
-    }
+    int Connects() const { return m_connects; }
+    int Disconnects() const { return m_disconnects; }
     // Connects of a pipe already connected plus disconnects of a pipe not connected.
-    int Duplicates() const
-    {
-        std::lock_guard lock(m_mutex);
-        return m_duplicates;
-    }
+    int Duplicates() const { return m_duplicates; }
     size_t Live() const
     {
         std::lock_guard lock(m_mutex);
@@ -136,7 +124,8 @@ private:
     std::map<uint64_t, std::shared_ptr<Connection>> m_connections;
     std::set<void*> m_seenHandles;
     std::atomic<uint64_t> m_nextId{0};
-    int m_connects = 0;
-    int m_disconnects = 0;
-    int m_duplicates = 0;
+    // Changed under m_mutex; read without it.
+    std::atomic<int> m_connects{0};
+    std::atomic<int> m_disconnects{0};
+    std::atomic<int> m_duplicates{0};
 };

@@ -78,19 +78,17 @@ TEST_F(StreamTest, WriteCompletesOnceAndRunsNoCallbackAfterDisconnect)
 TEST_F(StreamTest, BlockingWriteFailsOnVanishedClient)
 {
     // A blocking write that completes is exercised by every echo of the server and load tests.
-    {
-        RawPipePair pair;
-        auto stream = MakeStream(pair);
-        CPipeServerRequest request(stream, m_log);
-        pair.client.reset();
-        const long long handles = testing_support::CountProcessHandles();
-        EXPECT_FALSE(request.Write("x", 1));
-        EXPECT_NE(0u, ::GetLastError());
-        EXPECT_EQ(0u, request.OutstandingCount());
-        EXPECT_EQ(0u, stream->OutstandingWriteCount());
-        EXPECT_EQ(handles, testing_support::CountProcessHandles()); // the record's event is closed
-        EXPECT_FALSE(CPipeServerRequest(nullptr, m_log).Write("x", 1));
-    }
+    RawPipePair pair;
+    auto stream = MakeStream(pair);
+    CPipeServerRequest request(stream, m_log);
+    pair.client.reset();
+    const long long handles = testing_support::CountProcessHandles();
+    EXPECT_FALSE(request.Write("x", 1));
+    EXPECT_NE(0u, ::GetLastError());
+    EXPECT_EQ(0u, request.OutstandingCount());
+    EXPECT_EQ(0u, stream->OutstandingWriteCount());
+    EXPECT_EQ(handles, testing_support::CountProcessHandles()); // the record's event is closed
+    EXPECT_FALSE(CPipeServerRequest(nullptr, m_log).Write("x", 1));
 }
 
 TEST_F(StreamTest, OneCancelAllWakesABlockingWriteWhereverItLands)

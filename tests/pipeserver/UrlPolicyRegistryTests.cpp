@@ -9,46 +9,26 @@
 #include <string>
 #include <vector>
 
-// A key of its own under HKEY_CURRENT_USER per case, removed at the end.
+// A key of its own under HKEY_CURRENT_USER per case.
 class UrlPolicyRegistry : public ::testing::Test
 {
 protected:
-    ~UrlPolicyRegistry() override
-    {
-        ::RegDeleteTreeW(HKEY_CURRENT_USER, m_path.c_str());
-        ::RegDeleteKeyW(HKEY_CURRENT_USER, m_path.c_str());
-    }
-    void Set(const wchar_t* name, DWORD type, const void* data, DWORD size) const
-    {
-        ASSERT_EQ(ERROR_SUCCESS,
-                  ::RegSetKeyValueW(HKEY_CURRENT_USER, m_path.c_str(), name, type, data, size));
-    }
-    void Strings(const wchar_t* name, std::wstring_view joined) const // '|' separates the strings
-    {
-        std::wstring data(joined);
-        for (wchar_t& c : data)
-            c = c == L'|' ? L'\0' : c;
-        data.append(2, L'\0');
-        Set(name, REG_MULTI_SZ, data.c_str(), static_cast<DWORD>(data.size() * sizeof(wchar_t)));
-    }
-    void Dword(const wchar_t* name, DWORD value) const { Set(name, REG_DWORD, &value, sizeof(value)); }
-    UrlPolicyLoad Read() const { return ReadUrlPolicy(HKEY_CURRENT_USER, m_path.c_str()); }
+    UrlPolicyLoad Read() const { return ReadUrlPolicy(HKEY_CURRENT_USER, m_key.Path().c_str()); }
 
-    const std::wstring m_path = L"Software\\" + testing_support::UniqueName(L"velomar-url-policy");
+    const testing_support::TempKey m_key;
 };
 
 TEST_F(UrlPolicyRegistry, MissingKeyIsReportedAsAbsent)
 {
-    EXPECT_FALSE(Read().keyPresent);
+    EXPECT_FALSE(ReadUrlPolicy(HKEY_CURRENT_USER, (m_key.Path() + L"\\absent").c_str()).keyPresent);
 }
 
 TEST_F(UrlPolicyRegistry, ValuesOfTheRightTypeApply)
 {
-    Dword(L"Enabled", 0);
-    Dword(L"MaxUrlLength", 100);
-    Strings(L"AllowedSchemes", L"HTTPS|ms-teams:||");
-    Strings(L"AllowedHosts", L"*.corp.example|b\u00FCcher.example");
-    Strings(L"ExceptionHosts", L"secret.corp.example");
+    ASSERT_TRUE(m_key.SetDword(L"Enabled", 0) && m_key.SetDword(L"MaxUrlLength", 100) &&
+                m_key.SetStrings(L"AllowedSchemes", {L"HTTPS", L"ms-teams:", L""}) &&
+                m_key.SetStrings(L"AllowedHosts", {L"*.corp.example", L"b\u00FCcher.example"}) &&
+                m_key.SetStrings(L"ExceptionHosts", {L"secret.corp.example"}));
     const UrlPolicyLoad load = Read();
     EXPECT_TRUE(load.keyPresent);
     EXPECT_TRUE(load.problems.empty());
@@ -62,11 +42,10 @@ TEST_F(UrlPolicyRegistry, ValuesOfTheRightTypeApply)
 
 TEST_F(UrlPolicyRegistry, EachBrokenValueIsNamedOnceAndLeftAtItsDefault)
 {
-    Set(L"Enabled", REG_SZ, L"0", sizeof(L"0"));
-    Dword(L"MaxUrlLength", 0);
-    Strings(L"AllowedSchemes", L"https|not a scheme");
-    Strings(L"AllowedHosts", L"*.corp.example|user@host");
-    Set(L"ExceptionHosts", REG_SZ, L"x.example", sizeof(L"x.example"));
+    ASSERT_TRUE(m_key.SetText(L"Enabled", L"0") && m_key.SetDword(L"MaxUrlLength", 0) &&
+                m_key.SetStrings(L"AllowedSchemes", {L"https", L"not a scheme"}) &&
+                m_key.SetStrings(L"AllowedHosts", {L"*.corp.example", L"user@host"}) &&
+                m_key.SetText(L"ExceptionHosts", L"x.example"));
     const UrlPolicyLoad load = Read();
     const urlpolicy::Policy defaults;
     EXPECT_EQ(defaults.enabled, load.policy.enabled);

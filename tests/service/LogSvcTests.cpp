@@ -68,11 +68,11 @@ TEST(StartupFailure, ThrownCompositionIsLoggedAndStopsTheService)
         EXPECT_EQ(std::vector<DWORD>{SERVICE_STOPPED}, g_states);
         EXPECT_TRUE(testing_support::Eventually([&] { return g_ends == endsBefore + 1; }));
         const std::wstring log =
-            testing_support::FromUtf16Bytes(testing_support::ReadFileBytes(dir.File(L"svc.txt")));
+            testing_support::ReadUtf16File(dir.File(L"svc.txt"));
         EXPECT_NE(std::wstring::npos, log.find(c.logged)) << c.logged;
     }
     EXPECT_NE(std::wstring::npos,
-              testing_support::FromUtf16Bytes(testing_support::ReadFileBytes(dir.File(L"svc.txt")))
+              testing_support::ReadUtf16File(dir.File(L"svc.txt"))
                   .find(L"CLogSvc::OnStop: Service Stopping..."));
     service::CServiceBase::s_setStatus = &::SetServiceStatus;
     service::SetServiceLogger(nullptr);

@@ -1,4 +1,3 @@
-#include "common/UniqueHandle.h"
 #include "service/BaseService.h"
 #include "service/ServiceConfig.h"
 #include "tests/common/TestSupport.h"
@@ -94,10 +93,8 @@ TEST(ServiceDispatchTable, GrowsByTenAndStaysTerminated)
 TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
 {
     const std::wstring name = testing_support::UniqueName(L"velomar-config");
-    const std::wstring keyPath = L"System\\CurrentControlSet\\Services\\" + name;
-    daxlib::unique_hkey key;
-    ASSERT_EQ(ERROR_SUCCESS, ::RegCreateKeyExW(HKEY_LOCAL_MACHINE, keyPath.c_str(), 0, nullptr, 0,
-                                               KEY_ALL_ACCESS, nullptr, key.put(), nullptr));
+    const testing_support::TempKey key(L"System\\CurrentControlSet\\Services\\" + name, HKEY_LOCAL_MACHINE);
+    ASSERT_NE(nullptr, key.Get());
     service::CServiceConfig config(name);
     std::wstring file;
     uint32_t level = 99;
@@ -107,24 +104,16 @@ TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
     EXPECT_EQ(0u, level);
     EXPECT_EQ(104857600u, maxSize);
 
-    const DWORD values[] = {3, 4096};
-    ::RegSetValueExW(key.get(), L"logLevel", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&values[0]),
-                     sizeof(DWORD));
-    ::RegSetValueExW(key.get(), L"logFileMaxSize", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&values[1]),
-                     sizeof(DWORD));
+    ASSERT_TRUE(key.SetDword(L"logLevel", 3) && key.SetDword(L"logFileMaxSize", 4096));
     for (const std::wstring& stored : {std::wstring(L"custom.log"), std::wstring(300, L'n')})
     {
-        ::RegSetValueExW(key.get(), L"logFileName", 0, REG_SZ, reinterpret_cast<const BYTE*>(stored.c_str()),
-                         static_cast<DWORD>((stored.size() + 1) * sizeof(wchar_t)));
+        ASSERT_TRUE(key.SetText(L"logFileName", stored));
         ASSERT_TRUE(config.ReadServiceLogSettings(file, level, &maxSize));
         EXPECT_EQ(stored.size() < 256 ? stored : name + L".log", file);
         EXPECT_EQ(3u, level);
         EXPECT_EQ(4096u, maxSize);
     }
-    key.reset();
-    ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, keyPath.c_str());
 
-    EXPECT_EQ(L"velomard", service::CServiceConfig().ServiceName());
     service::CServiceConfig missing(testing_support::UniqueName(L"velomar-absent"));
     EXPECT_FALSE(missing.ReadServiceLogSettings(file, level, nullptr));
 }

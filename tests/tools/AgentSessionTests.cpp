@@ -73,14 +73,4 @@ TEST_F(AgentSessionTest, AbandonedReadsAndClosedSessionsLeaveNothingBehind)
             EXPECT_TRUE(Eventually([&] { return silent.Ended() == silent.Connections(); }));
         },
         3, 10, 5);
-    const std::wstring other = testing_support::UniqueName(L"velomar-session-answer");
-    FakeAgentService answering(L"\\\\.\\pipe\\" + other, FakeAgentService::Mode::Answer);
-    ExpectNoLeaks(
-        [&]
-        {
-            agent::CAgentSession session(other, m_log);
-            EXPECT_EQ(SessionStatus::Sent, session.SendUrl(L"http://a.b/", {1, 2}, 5000));
-            EXPECT_TRUE(Eventually([&] { return answering.Ended() == answering.Connections(); }));
-        },
-        3, 10, 5);
 }

@@ -8,6 +8,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -79,6 +80,10 @@ private:
         return ::GetOverlappedResult(m_pipe.get(), &ov, &bytes, TRUE) && !stopped;
     }
 
+    template <size_t N> static std::vector<uint8_t> Bytes(const std::array<uint8_t, N>& bytes)
+    {
+        return {bytes.begin(), bytes.end()};
+    }
     bool Send(const uint8_t* data, DWORD length)
     {
         DWORD bytes = 0;
@@ -106,19 +111,14 @@ private:
             if (m_mode == Mode::HangUp)
                 return false;
             const bool answer = m_mode == Mode::Answer;
+            std::vector<uint8_t> reply;
             if (answer && header.type == agentpipe::kTypeHandshake)
-            {
-                const auto bytes = agentpipe::EncodeHandshakeAnswer();
-                if (!Send(bytes.data(), static_cast<DWORD>(bytes.size())))
-                    return false;
-            }
+                reply = Bytes(agentpipe::EncodeHandshakeAnswer());
             else if (m_mode == Mode::WrongAnswer || (answer && header.type == agentpipe::kTypeOpenUrl))
-            {
-                const auto bytes = agentpipe::EncodeOpenUrlAnswer(
-                    answer ? m_results[m_nextResult++ % m_results.size()] : agentpipe::kResultSent);
-                if (!Send(bytes.data(), static_cast<DWORD>(bytes.size())))
-                    return false;
-            }
+                reply = Bytes(agentpipe::EncodeOpenUrlAnswer(
+                    answer ? m_results[m_nextResult++ % m_results.size()] : agentpipe::kResultSent));
+            if (!reply.empty() && !Send(reply.data(), static_cast<DWORD>(reply.size())))
+                return false;
         }
         return true;
     }

@@ -13,9 +13,7 @@ std::wstring Tag(uint32_t session)
 }
 } // namespace
 
-class ChannelProtocolTest : public ChannelTest
-{
-};
+using ChannelProtocolTest = ChannelTest;
 
 // Refused by either status, or by a version below the lowest accepted (without a warning).
 TEST_F(ChannelProtocolTest, RefusedHandshakeIsPublishedAndNeverRetried)
@@ -55,10 +53,7 @@ TEST_F(ChannelProtocolTest, AcceptedHandshakeIsLoggedAndRecordedAndOpensTheChann
     EXPECT_EQ(0x00020000u, accepted.dwRemoteVersion);
     EXPECT_EQ(0x00010001u, accepted.dwNegotiatedVersion);
     EXPECT_EQ(50u, accepted.dwState);
-    for (const wchar_t* line :
-         {L"LocalVersion=0x00010001", L"RemoteVersion=0x00020000",
-          L"Negotiations about the version are successful. Version=0x00010001", L"cbRemoteOptions=12"})
-        EXPECT_TRUE(m_logger->Contains(L"CSessionHandler::DoHandshake: " + Tag(6) + line)) << line;
+    EXPECT_TRUE(m_logger->Contains(L"CSessionHandler::DoHandshake: " + Tag(6) + L"cbRemoteOptions=12"));
     EXPECT_TRUE(m_logger->WaitFor(
         Tag(6) + L"CSessionHandler::ReadThread: Unknown command. Command=undefined command(9)", 5s));
     EXPECT_EQ(1, m_server->SendURL(6, L"https://six/"));
@@ -74,8 +69,9 @@ TEST_F(ChannelProtocolTest, HandshakeBrokenOnTheWayIsRetriedLikeABrokenConnectio
     Command("peer 10 accept");
     Command("break 10");
     ASSERT_TRUE(m_status.WaitForState(10, eCvUrlApiEvent_RdpConnectionBroken, 10s));
-    EXPECT_TRUE(m_logger->Contains(
-        Tag(10) + L"First SkReadData(RemoteVersion) failed. Error=ERROR_NOT_CONNECTED(2250)"));
+    // The break's own event may publish the state before the handshake's read has failed.
+    EXPECT_TRUE(m_logger->WaitFor(
+        Tag(10) + L"First SkReadData(RemoteVersion) failed. Error=ERROR_NOT_CONNECTED(2250)", 10s));
     EXPECT_TRUE(WaitConnected(10));
     EXPECT_EQ(2u, Stats(10).connectAttempts);
 }

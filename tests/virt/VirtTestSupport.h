@@ -30,13 +30,9 @@ using testing_support::Eventually;
 // Puts a built library where the loader looks (a Unix path of the build is Z:\... under Wine).
 inline bool InstallLibrary(const char* builtPath)
 {
-    std::wstring source(builtPath, builtPath + strlen(builtPath));
-    if (!source.empty() && source[0] == L'/')
-        source = L"Z:" + source;
-    std::replace(source.begin(), source.end(), L'/', L'\\');
     const std::wstring target = SkApi::LibraryPath();
     ::SHCreateDirectoryExW(nullptr, target.substr(0, target.find_last_of(L'\\')).c_str(), nullptr);
-    return ::CopyFileW(source.c_str(), target.c_str(), FALSE) != FALSE;
+    return ::CopyFileW(testing_support::BuildPath(builtPath).c_str(), target.c_str(), FALSE) != FALSE;
 }
 
 template <typename T> T Export(const char* name)
