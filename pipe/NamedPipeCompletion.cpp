@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <utility>
 
-using namespace pipe_states;
+using namespace pipestates;
 
 BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>& request, uint32_t ioStatus)
 {

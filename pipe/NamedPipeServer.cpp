@@ -199,7 +199,7 @@ CNamedPipeServer::CNamedPipeServer(const std::wstring& name, uint32_t maxInstanc
                                    std::shared_ptr<CDaxSecattr> securityAttributes,
                                    std::shared_ptr<ICvLogger> logger)
     : CBaseLogger(std::move(logger)), m_pSecurityAttributes(std::move(securityAttributes)),
-      m_dwMaxInstances(maxInstances), m_dwAccepts(pipe_states::ClampAccepts(accepts)),
+      m_dwMaxInstances(maxInstances), m_dwAccepts(pipestates::ClampAccepts(accepts)),
       m_strPipeName(daxlib::PipePath(name))
 {
     Log(LogLevel::Debug, L"CNamedPipeServer::CNamedPipeServer: (50)", L"constructor start (accepts: %d)...",
@@ -317,11 +317,11 @@ BOOL CNamedPipeServer::WaitForConnection()
                 std::lock_guard lock(m_srwLists);
                 first = m_acceptList.empty() && m_connectionList.empty();
             }
-            auto pipe = std::make_shared<daxlib::unique_hfile>(pipe_instance::Create(
+            auto pipe = std::make_shared<daxlib::unique_hfile>(pipeinstance::Create(
                 m_createInstance, m_strPipeName, first,
                 {m_dwMaxInstances, m_dwOutBufferSize, m_dwInBufferSize, kDefaultTimeoutMs}, attributes));
             const DWORD createError = *pipe ? ERROR_SUCCESS : ::GetLastError();
-            if (pipe_instance::NameTaken(first, createError))
+            if (pipeinstance::NameTaken(first, createError))
             {
                 if (!std::exchange(m_bNameTaken, true))
                     Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (186)",

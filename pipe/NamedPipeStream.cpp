@@ -9,7 +9,7 @@
 #include <new>
 #include <type_traits>
 
-using namespace pipe_states;
+using namespace pipestates;
 
 namespace
 {

@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-using namespace pipe_states;
+using namespace pipestates;
 
 std::shared_ptr<PIPE_IO_REQUEST> CNamedPipeStream::CreateWriteRequest(const void* data, uint32_t length,
                                                                       PIPE_OVERLAPPED* record)

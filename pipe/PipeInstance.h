@@ -10,11 +10,11 @@
 // Creates one pipe instance; CreateNamedPipeW's arguments and result. Replaceable so that tests
 // can see the flags of every instance and play a name taken by another process, neither of which
 // Wine enforces.
-using PipeInstanceCreator = std::function<HANDLE(const wchar_t* name, DWORD openMode, DWORD pipeMode,
-                                                 DWORD maxInstances, DWORD outBuffer, DWORD inBuffer,
-                                                 DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes)>;
+using PipeInstanceCreator =
+    std::function<HANDLE(const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD maxInstances,
+                         DWORD outBuffer, DWORD inBuffer, DWORD timeoutMs, SECURITY_ATTRIBUTES* attributes)>;
 
-namespace pipe_instance
+namespace pipeinstance
 {
 
 struct Shape
@@ -36,4 +36,4 @@ inline bool NameTaken(bool first, DWORD error)
     return first && (error == ERROR_ACCESS_DENIED || error == ERROR_PIPE_BUSY);
 }
 
-} // namespace pipe_instance
+} // namespace pipeinstance

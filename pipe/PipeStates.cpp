@@ -1,6 +1,6 @@
 #include "pipe/PipeStates.h"
 
-namespace pipe_states
+namespace pipestates
 {
 
 const wchar_t* ConnectionStateName(uint32_t state) noexcept
@@ -83,4 +83,4 @@ uint32_t ClampAccepts(uint32_t requested) noexcept
     return requested >= 1 && requested <= 100 ? requested : 1;
 }
 
-} // namespace pipe_states
+} // namespace pipestates

@@ -29,7 +29,7 @@ enum ePipeTaskSignal : uint32_t
     ePipeTaskSignal_Write = 2,
 };
 
-namespace pipe_states
+namespace pipestates
 {
 
 const wchar_t* ConnectionStateName(uint32_t state) noexcept;
@@ -44,4 +44,4 @@ bool IsTransitionAllowed(uint32_t from, uint32_t to) noexcept;
 // otherwise 1.
 uint32_t ClampAccepts(uint32_t requested) noexcept;
 
-} // namespace pipe_states
+} // namespace pipestates

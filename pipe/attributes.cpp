@@ -181,7 +181,7 @@ CDaxSecattrLocalLI::CDaxSecattrLocalLI(VersionQuery query, ClientAccess access)
 {
     const bool legacy = access == ClientAccess::LegacyGenericWrite;
     BuildLabelled(legacy ? kLegacySddl : kSddl, query, 472, 483,
-                  legacy ? pipe_access::kLegacyClient : pipe_access::kClient);
+                  legacy ? pipeaccess::kLegacyClient : pipeaccess::kClient);
 }
 
 CDaxSecattrEveryoneLI::CDaxSecattrEveryoneLI(VersionQuery query)

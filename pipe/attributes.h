@@ -8,7 +8,7 @@
 // writing need; never FILE_CREATE_PIPE_INSTANCE (the same bit as FILE_APPEND_DATA), WRITE_DAC
 // or WRITE_OWNER, with which any local user could serve the pipe's name or rewrite its security.
 // SYSTEM, the service's own account, keeps full rights to create its instances.
-namespace pipe_access
+namespace pipeaccess
 {
 // Read data, attributes and extended attributes (GENERIC_READ maps to all three), write data and
 // attributes, read control, synchronize.
@@ -17,12 +17,12 @@ constexpr DWORD kClient = 0x0012018B;
 // right to create instances) and write extended attributes. Only for hosts that must keep older
 // agents working; the service warns when it is used.
 constexpr DWORD kLegacyClient = 0x0012019F;
-} // namespace pipe_access
+} // namespace pipeaccess
 
 enum class ClientAccess
 {
-    Narrow,             // pipe_access::kClient
-    LegacyGenericWrite, // pipe_access::kLegacyClient
+    Narrow,             // pipeaccess::kClient
+    LegacyGenericWrite, // pipeaccess::kLegacyClient
 };
 
 // Reads the system version; replaceable so that the path for systems before version 6 can be
@@ -56,10 +56,10 @@ public:
 protected:
     BOOL BuildFromString(const wchar_t* sddl);
     // LOCAL with the given client rights, LocalSystem with all rights.
-    BOOL BuildLocalDacl(DWORD clientMask = pipe_access::kClient);
+    BOOL BuildLocalDacl(DWORD clientMask = pipeaccess::kClient);
     BOOL BuildNullDacl();
     void BuildLabelled(const wchar_t* sddl, VersionQuery query, unsigned versionLine, unsigned buildLine,
-                       DWORD clientMask = pipe_access::kClient);
+                       DWORD clientMask = pipeaccess::kClient);
 
     SECURITY_ATTRIBUTES m_sa;
     DWORD m_bHandBuilt = 0;

@@ -43,30 +43,34 @@ int CStatusServer::Start()
 {
     if (m_acceptThread.IsRunning())
         return 1;
-    return daxlib::GuardedValue(this, L"CStatusServer::Start: ", 0, [&]
-    {
-        // The agent pipe's access: local users read and write, nobody but SYSTEM creates instances.
-        m_attributes = std::make_shared<CDaxSecattrLocalLI>(CDaxSecattr::DefaultVersionQuery(), ClientAccess::Narrow);
-        m_port.reset(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
-        if (!m_port)
+    return daxlib::GuardedValue(
+        this, L"CStatusServer::Start: ", 0,
+        [&]
         {
-            Log(LogLevel::Error, L"CStatusServer::Start: ", L"CreateIoCompletionPort failed. GLE=%d",
-                static_cast<int>(::GetLastError()));
-            return 0;
-        }
-        // The first instances exist when Start returns: a client may connect at once.
-        Refill();
-        // It ends on the port's stop packet, not on its stop event.
-        if (!m_acceptThread.Start([this](HANDLE) { AcceptThread(); }))
-        {
-            Log(LogLevel::Error, L"CStatusServer::Start: ", L"the accept thread cannot start. GLE=%d",
-                static_cast<int>(::GetLastError()));
-            return 0;
-        }
-        Log(LogLevel::Info, L"CStatusServer::Start: ", L"waiting for status clients on %s (at most %u a session, %u in all)",
-            m_pipeName.c_str(), m_settings.maxConnectionsPerSession, m_settings.maxConnections);
-        return 1;
-    });
+            // The agent pipe's access: local users read and write, nobody but SYSTEM creates instances.
+            m_attributes = std::make_shared<CDaxSecattrLocalLI>(CDaxSecattr::DefaultVersionQuery(),
+                                                                ClientAccess::Narrow);
+            m_port.reset(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
+            if (!m_port)
+            {
+                Log(LogLevel::Error, L"CStatusServer::Start: ", L"CreateIoCompletionPort failed. GLE=%d",
+                    static_cast<int>(::GetLastError()));
+                return 0;
+            }
+            // The first instances exist when Start returns: a client may connect at once.
+            Refill();
+            // It ends on the port's stop packet, not on its stop event.
+            if (!m_acceptThread.Start([this](HANDLE) { AcceptThread(); }))
+            {
+                Log(LogLevel::Error, L"CStatusServer::Start: ", L"the accept thread cannot start. GLE=%d",
+                    static_cast<int>(::GetLastError()));
+                return 0;
+            }
+            Log(LogLevel::Info, L"CStatusServer::Start: ",
+                L"waiting for status clients on %s (at most %u a session, %u in all)", m_pipeName.c_str(),
+                m_settings.maxConnectionsPerSession, m_settings.maxConnections);
+            return 1;
+        });
 }
 
 int CStatusServer::Stop()
@@ -108,7 +112,8 @@ void CStatusServer::AcceptThread()
         ULONG_PTR key = 0;
         OVERLAPPED* overlapped = nullptr;
         const BOOL ok = ::GetQueuedCompletionStatus(m_port.get(), &bytes, &key, &overlapped,
-                                                    waiting.size() < kAccepts ? CNamedPipeServer::kNameRetryMs : INFINITE);
+                                                    waiting.size() < kAccepts ? CNamedPipeServer::kNameRetryMs
+                                                                              : INFINITE);
         if (!ok && !overlapped)
         {
             if (::GetLastError() == WAIT_TIMEOUT)
@@ -116,8 +121,8 @@ void CStatusServer::AcceptThread()
                 Refill();
                 continue;
             }
-            Log(LogLevel::Error, L"CStatusServer::AcceptThread: ", L"GetQueuedCompletionStatus failed. GLE=%d",
-                static_cast<int>(::GetLastError()));
+            Log(LogLevel::Error, L"CStatusServer::AcceptThread: ",
+                L"GetQueuedCompletionStatus failed. GLE=%d", static_cast<int>(::GetLastError()));
             break;
         }
         if (key == kStopKey)
@@ -148,7 +153,8 @@ void CStatusServer::CancelWaiting()
         DWORD bytes = 0;
         ULONG_PTR key = 0;
         OVERLAPPED* overlapped = nullptr;
-        if (!::GetQueuedCompletionStatus(m_port.get(), &bytes, &key, &overlapped, kCancelSettleMs) && !overlapped)
+        if (!::GetQueuedCompletionStatus(m_port.get(), &bytes, &key, &overlapped, kCancelSettleMs) &&
+            !overlapped)
             break;
         m_waiting.erase(key);
     }
@@ -165,18 +171,20 @@ bool CStatusServer::Listen(ULONG_PTR key)
         first = m_waiting.empty() && m_connections.empty();
     }
     auto instance = std::make_unique<Waiting>();
-    instance->pipe.reset(pipe_instance::Create(m_createInstance, m_pipeName, first,
-                                               {PIPE_UNLIMITED_INSTANCES, kPipeBufferSize, kPipeBufferSize,
-                                                CNamedPipeServer::kDefaultTimeoutMs},
-                                               CDaxSecattr::Get(m_attributes.get())));
+    instance->pipe.reset(pipeinstance::Create(
+        m_createInstance, m_pipeName, first,
+        {PIPE_UNLIMITED_INSTANCES, kPipeBufferSize, kPipeBufferSize, CNamedPipeServer::kDefaultTimeoutMs},
+        CDaxSecattr::Get(m_attributes.get())));
     const DWORD createError = instance->pipe ? ERROR_SUCCESS : ::GetLastError();
-    if (pipe_instance::NameTaken(first, createError))
+    if (pipeinstance::NameTaken(first, createError))
     {
         if (!std::exchange(m_bNameTaken, true))
             Log(LogLevel::Error, L"CStatusServer::Listen: ",
-                L"The pipe %s exists already and was not created by this server: not serving it; trying again "
+                L"The pipe %s exists already and was not created by this server: not serving it; trying "
+                L"again "
                 L"every %u ms. GLE = %d",
-                m_pipeName.c_str(), static_cast<unsigned>(CNamedPipeServer::kNameRetryMs), static_cast<int>(createError));
+                m_pipeName.c_str(), static_cast<unsigned>(CNamedPipeServer::kNameRetryMs),
+                static_cast<int>(createError));
         return false;
     }
     if (!instance->pipe)
@@ -194,7 +202,8 @@ bool CStatusServer::Listen(ULONG_PTR key)
             static_cast<int>(::GetLastError()));
         return false;
     }
-    if (::ConnectNamedPipe(instance->pipe.get(), &instance->overlapped) || ::GetLastError() == ERROR_IO_PENDING)
+    if (::ConnectNamedPipe(instance->pipe.get(), &instance->overlapped) ||
+        ::GetLastError() == ERROR_IO_PENDING)
     {
         m_waiting[key] = std::move(instance);
         return true;
@@ -214,10 +223,11 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
 {
     ULONG processId = 0;
     ULONG sessionId = 0;
-    if (!::GetNamedPipeClientProcessId(pipe.get(), &processId) || !::GetNamedPipeClientSessionId(pipe.get(), &sessionId))
+    if (!::GetNamedPipeClientProcessId(pipe.get(), &processId) ||
+        !::GetNamedPipeClientSessionId(pipe.get(), &sessionId))
     {
-        Log(LogLevel::Error, L"CStatusServer::OnConnected: ", L"the client's process or session is unknown. GLE=%d",
-            static_cast<int>(::GetLastError()));
+        Log(LogLevel::Error, L"CStatusServer::OnConnected: ",
+            L"the client's process or session is unknown. GLE=%d", static_cast<int>(::GetLastError()));
         return;
     }
     if (m_resolveSession)
@@ -232,7 +242,8 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
         overTotal = m_connections.size() >= m_settings.maxConnections;
         if (!overTotal && inSession < m_settings.maxConnectionsPerSession)
         {
-            connection = std::make_shared<CStatusConnection>(*this, m_pLogger, id, std::move(pipe), processId, sessionId);
+            connection = std::make_shared<CStatusConnection>(*this, m_pLogger, id, std::move(pipe), processId,
+                                                             sessionId);
             m_connections[id] = connection;
             ++inSession;
             refusedBefore = std::exchange(m_refusedInBurst, 0);
@@ -245,8 +256,8 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
     if (!connection)
         return Refuse(std::move(pipe), sessionId, processId, overTotal);
     if (refusedBefore > 1)
-        Log(LogLevel::Warning, L"CStatusServer::OnConnected: ", L"%u status connection(s) were refused over the limits",
-            refusedBefore);
+        Log(LogLevel::Warning, L"CStatusServer::OnConnected: ",
+            L"%u status connection(s) were refused over the limits", refusedBefore);
     if (!connection->Start())
         Reap(id);
 }
@@ -261,7 +272,8 @@ void CStatusServer::Refuse(daxlib::unique_hfile pipe, uint32_t sessionId, uint32
     // One line per burst: a flood must not flood the log as well.
     if (first)
         Log(LogLevel::Warning, L"CStatusServer::Refuse: ",
-            L"%u status connection(s) open %s, the limit: client of session %u (process %u) refused, and further "
+            L"%u status connection(s) open %s, the limit: client of session %u (process %u) refused, and "
+            L"further "
             L"ones until one is admitted again",
             overTotal ? m_settings.maxConnections : m_settings.maxConnectionsPerSession,
             overTotal ? L"in all" : L"in this session", sessionId, processId);
@@ -271,7 +283,8 @@ void CStatusServer::Refuse(daxlib::unique_hfile pipe, uint32_t sessionId, uint32
 
 void CStatusServer::ConnectionEnded(uint64_t id)
 {
-    ::PostQueuedCompletionStatus(m_port.get(), 0, kEndedKey, reinterpret_cast<OVERLAPPED*>(static_cast<uintptr_t>(id)));
+    ::PostQueuedCompletionStatus(m_port.get(), 0, kEndedKey,
+                                 reinterpret_cast<OVERLAPPED*>(static_cast<uintptr_t>(id)));
 }
 
 void CStatusServer::Reap(uint64_t id)

@@ -74,7 +74,7 @@ inline long long PrivateBytes(DWORD processId)
 
 inline ProcessFigures MeasureProcess(DWORD processId)
 {
-    return {testing_support::CountProcessHandles(processId), testing_support::CountProcessThreads(processId),
+    return {testsupport::CountProcessHandles(processId), testsupport::CountProcessThreads(processId),
             PrivateBytes(processId)};
 }
 

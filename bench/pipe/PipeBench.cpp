@@ -26,9 +26,9 @@ namespace
 {
 using Clock = std::chrono::steady_clock;
 
-using testing_support::OpenClient;
-using testing_support::ReadAll;
-using testing_support::WriteAll;
+using testsupport::OpenClient;
+using testsupport::ReadAll;
+using testsupport::WriteAll;
 
 bool RoundTrip(HANDLE h, std::vector<unsigned char>& message, std::vector<unsigned char>& echo)
 {

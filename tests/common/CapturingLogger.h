@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace testing_support
+namespace testsupport
 {
 
 struct LogRecord
@@ -85,4 +85,4 @@ private:
     std::vector<LogRecord> m_records;
 };
 
-} // namespace testing_support
+} // namespace testsupport

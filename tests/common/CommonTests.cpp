@@ -9,7 +9,7 @@
 #include <memory>
 #include <thread>
 
-using testing_support::CapturingLogger;
+using testsupport::CapturingLogger;
 
 TEST(UniqueHandle, ResetClosesAndKeepsLastError)
 {
@@ -65,19 +65,19 @@ TEST(BaseLogger, WritesOriginTagAndMessageAndKeepsLastError)
 
 TEST(LeakCounters, SeeHandlesAndThreadsComeAndGo)
 {
-    const long long handlesBefore = testing_support::CountProcessHandles();
+    const long long handlesBefore = testsupport::CountProcessHandles();
     ASSERT_GT(handlesBefore, 0) << "the system handle table could not be read";
     {
         daxlib::unique_handle a(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         daxlib::unique_handle b(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
-        EXPECT_EQ(handlesBefore + 2, testing_support::CountProcessHandles());
+        EXPECT_EQ(handlesBefore + 2, testsupport::CountProcessHandles());
     }
-    EXPECT_EQ(handlesBefore, testing_support::CountProcessHandles());
+    EXPECT_EQ(handlesBefore, testsupport::CountProcessHandles());
 
-    const long long threadsBefore = testing_support::CountProcessThreads();
+    const long long threadsBefore = testsupport::CountProcessThreads();
     daxlib::unique_handle release(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     std::thread worker([&] { ::WaitForSingleObject(release.get(), INFINITE); });
-    EXPECT_EQ(threadsBefore + 1, testing_support::CountProcessThreads());
+    EXPECT_EQ(threadsBefore + 1, testsupport::CountProcessThreads());
     ::SetEvent(release.get());
     worker.join();
 }

@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace testing_support
+namespace testsupport
 {
 
 inline bool WriteAll(HANDLE h, const void* data, DWORD length)
@@ -52,4 +52,4 @@ inline HANDLE OpenClient(const std::wstring& fullName)
     return INVALID_HANDLE_VALUE;
 }
 
-} // namespace testing_support
+} // namespace testsupport

@@ -6,7 +6,7 @@
 #include <atomic>
 #include <vector>
 
-namespace testing_support
+namespace testsupport
 {
 
 std::wstring UniqueName(const std::wstring& stem)
@@ -71,7 +71,8 @@ TempKey::~TempKey()
 
 bool TempKey::Set(const wchar_t* name, DWORD type, const void* data, DWORD size) const
 {
-    return ::RegSetValueExW(m_key.get(), name, 0, type, static_cast<const BYTE*>(data), size) == ERROR_SUCCESS;
+    return ::RegSetValueExW(m_key.get(), name, 0, type, static_cast<const BYTE*>(data), size) ==
+           ERROR_SUCCESS;
 }
 
 bool TempKey::SetText(const wchar_t* name, const std::wstring& text) const
@@ -248,4 +249,4 @@ std::wstring FromUtf16Bytes(const std::string& bytes)
     return text;
 }
 
-} // namespace testing_support
+} // namespace testsupport

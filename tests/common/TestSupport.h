@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace testing_support
+namespace testsupport
 {
 
 // A name unique to this process and call, for pipes, registry keys and folders, so that tests
@@ -92,7 +92,10 @@ public:
     const std::wstring& Path() const { return m_path; }
     HKEY Get() const { return m_key.get(); }
     bool Set(const wchar_t* name, DWORD type, const void* data, DWORD size) const;
-    bool SetDword(const wchar_t* name, DWORD value) const { return Set(name, REG_DWORD, &value, sizeof value); }
+    bool SetDword(const wchar_t* name, DWORD value) const
+    {
+        return Set(name, REG_DWORD, &value, sizeof value);
+    }
     bool SetText(const wchar_t* name, const std::wstring& text) const;                    // REG_SZ
     bool SetStrings(const wchar_t* name, const std::vector<std::wstring>& strings) const; // REG_MULTI_SZ
     DWORD GetDword(const wchar_t* name) const { return ReadRegDword(m_root, m_path, name); }
@@ -103,4 +106,4 @@ private:
     daxlib::unique_hkey m_key;
 };
 
-} // namespace testing_support
+} // namespace testsupport

@@ -74,7 +74,7 @@ TEST_F(AgentE2e, UrlsOfEveryShapeReachTheClientSideInOrder)
     auto stats = SessionStats(1);
     EXPECT_EQ(expected.size(), stats["submits"] - submitsBefore);
     EXPECT_EQ(0u, stats["malformed"]);
-    const std::string sink = testing_support::ReadFileBytes(kSinkFile);
+    const std::string sink = testsupport::ReadFileBytes(kSinkFile);
     EXPECT_EQ(lines, sink.substr(sink.size() - std::min(sink.size(), lines.size())));
 }
 
@@ -102,9 +102,8 @@ TEST_F(AgentE2e, EachConnectionKeepsItsOwnChannelId)
 // service's own process.
 TEST_F(AgentE2e, ReferenceAgentHandsItsUrlToTheServicesOwnPipe)
 {
-    const auto agentRun =
-        testing_support::RunProcess(L"\"" + testing_support::BuildPath(VELOMAR_OPEN_EXE) +
-                                    L"\" --no-fallback https://example.com/by-velomar-open");
+    const auto agentRun = testsupport::RunProcess(L"\"" + testsupport::BuildPath(VELOMAR_OPEN_EXE) +
+                                                  L"\" --no-fallback https://example.com/by-velomar-open");
     EXPECT_EQ(0u, agentRun.exitCode) << agentRun.err;
     EXPECT_EQ(std::vector<std::string>{"https://example.com/by-velomar-open"}, NewUrls());
 }

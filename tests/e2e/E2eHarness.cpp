@@ -59,7 +59,7 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
     RemovePolicy();
 
     // A fresh log, so that what a case reads is its own service run's.
-    testing_support::RemoveTree(kLogFolder);
+    testsupport::RemoveTree(kLogFolder);
     ::DeleteFileW(kSinkFile);
     ::DeleteFileW(kScenarioPath);
     ::DeleteFileW(kLibraryPath);
@@ -71,7 +71,8 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
     };
     step(setDword(L"LogLevel", options.logLevel), L"writing the log level");
     if (options.agentsPerSession)
-        step(setDword(L"MaxAgentConnectionsPerSession", options.agentsPerSession), L"writing the agent limit");
+        step(setDword(L"MaxAgentConnectionsPerSession", options.agentsPerSession),
+             L"writing the agent limit");
     else
         ::RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kProductKey, L"MaxAgentConnectionsPerSession");
     if (options.installLibrary)
@@ -81,7 +82,7 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
              slash = folder.find(L'\\', slash + 1))
             ::CreateDirectoryW(folder.substr(0, slash).c_str(), nullptr);
         ::CreateDirectoryW(kLibraryFolder, nullptr);
-        step(::CopyFileW(testing_support::BuildPath(STANDIN_DLL).c_str(), kLibraryPath, FALSE),
+        step(::CopyFileW(testsupport::BuildPath(STANDIN_DLL).c_str(), kLibraryPath, FALSE),
              L"installing the stand-in library");
         daxlib::unique_hfile file(
             options.scenario.empty()
@@ -93,7 +94,7 @@ ServiceRun::ServiceRun(const ServiceOptions& options)
                              &written, nullptr),
              L"writing the scenario");
     }
-    const std::wstring binary = L"\"" + testing_support::BuildPath(VELOMARD_EXE) + L"\"";
+    const std::wstring binary = L"\"" + testsupport::BuildPath(VELOMARD_EXE) + L"\"";
     if (m_error.empty())
         m_service.reset(::CreateServiceW(m_scm.get(), L"velomard", L"velomard", SERVICE_ALL_ACCESS,
                                          SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
@@ -201,7 +202,7 @@ ServiceRun::StopOutcome ServiceRun::Stop()
 
 std::wstring ReadLog()
 {
-    return testing_support::ReadUtf16File(kLogFile);
+    return testsupport::ReadUtf16File(kLogFile);
 }
 
 size_t CountOf(const std::wstring& text, const std::wstring& fragment)
@@ -222,9 +223,9 @@ std::wstring WaitForLog(const std::wstring& fragment, milliseconds limit, size_t
 
 CtlResult Skeinctl(const std::string& words)
 {
-    const auto run = testing_support::RunProcess(L"\"" + testing_support::BuildPath(SKEINCTL_EXE) + L"\" " +
-                                                     std::wstring(words.begin(), words.end()),
-                                                 30000);
+    const auto run = testsupport::RunProcess(L"\"" + testsupport::BuildPath(SKEINCTL_EXE) + L"\" " +
+                                                 std::wstring(words.begin(), words.end()),
+                                             30000);
     CtlResult result{run.ended ? static_cast<int>(run.exitCode) : -1, {}};
     const std::string output = run.out + run.err;
     std::copy_if(output.begin(), output.end(), std::back_inserter(result.output),

@@ -53,18 +53,20 @@ struct ProcessCounts
 
 inline ProcessCounts MeasureCounts(DWORD pid)
 {
-    return {testing_support::CountProcessHandles(pid), testing_support::CountProcessThreads(pid)};
+    return {testsupport::CountProcessHandles(pid), testsupport::CountProcessThreads(pid)};
 }
 
 // Whether the service's handles and threads come back to the baseline with this slack (the
 // pools' idle threads, handles still closing) within 30 s; the last counts in `now`.
-inline bool BackToBaseline(DWORD pid, const ProcessCounts& baseline, const ProcessCounts& slack, ProcessCounts& now)
+inline bool BackToBaseline(DWORD pid, const ProcessCounts& baseline, const ProcessCounts& slack,
+                           ProcessCounts& now)
 {
     return WaitUntil(
         [&]
         {
             now = MeasureCounts(pid);
-            return now.handles <= baseline.handles + slack.handles && now.threads <= baseline.threads + slack.threads;
+            return now.handles <= baseline.handles + slack.handles &&
+                   now.threads <= baseline.threads + slack.threads;
         },
         std::chrono::seconds(30), std::chrono::milliseconds(250));
 }

@@ -33,7 +33,8 @@ std::unique_ptr<CStatusClient> Subscriber(Answer& first)
 {
     auto client = std::make_unique<CStatusClient>();
     client->ExpectService(L"velomard");
-    if (client->Connect(kLimitMs) != Status::Ok || client->Ask(kSubscribe, kOwnSession, first, kLimitMs) != Status::Ok)
+    if (client->Connect(kLimitMs) != Status::Ok ||
+        client->Ask(kSubscribe, kOwnSession, first, kLimitMs) != Status::Ok)
         return nullptr;
     return client;
 }
@@ -77,10 +78,10 @@ void ExpectBreakThen(CStatusClient& client, uint32_t last)
     EXPECT_EQ(last, states.back());
 }
 
-testing_support::ProcessRun VelomarStatus(const std::wstring& arguments)
+testsupport::ProcessRun VelomarStatus(const std::wstring& arguments)
 {
-    return testing_support::RunProcess(L"\"" + testing_support::BuildPath(VELOMAR_STATUS_EXE) + L"\" " + arguments,
-                                       30000);
+    return testsupport::RunProcess(L"\"" + testsupport::BuildPath(VELOMAR_STATUS_EXE) + L"\" " + arguments,
+                                   30000);
 }
 
 uint32_t CloseReasonOf(CStatusClient& client)
@@ -174,16 +175,17 @@ TEST(StatusE2e, VelomarStatusExitCodesAndJson)
         << text.out;
     const auto json = VelomarStatus(L"--json");
     EXPECT_EQ(0u, json.exitCode) << json.err;
-    EXPECT_EQ("{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":\"1.1\",\"remoteVersion\":"
-              "\"1.1\",\"negotiatedVersion\":\"1.1\"}\r\n",
-              json.out);
+    EXPECT_EQ(
+        "{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":\"1.1\",\"remoteVersion\":"
+        "\"1.1\",\"negotiatedVersion\":\"1.1\"}\r\n",
+        json.out);
     const auto all = VelomarStatus(L"--all --json"); // Wine's user is an administrator
     EXPECT_EQ(0u, all.exitCode) << all.err;
     EXPECT_EQ(json.out, all.out) << "one session only";
 
     ASSERT_EQ(0, Skeinctl("peer 1 absent").exitCode);
     ASSERT_EQ(0, Skeinctl("break 1").exitCode);
-    testing_support::ProcessRun broken;
+    testsupport::ProcessRun broken;
     EXPECT_TRUE(WaitUntil([&] { return (broken = VelomarStatus(L"--json")).exitCode == 1; }, 15s, 100ms));
     EXPECT_NE(std::string::npos, broken.out.find("\"session\":1")) << broken.out;
 }

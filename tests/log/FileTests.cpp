@@ -10,11 +10,11 @@
 #include <regex>
 #include <string>
 
-using testing_support::Eventually;
-using testing_support::PathExists;
-using testing_support::ReadUtf16File;
-using testing_support::TempDir;
-using testing_support::TempKey;
+using testsupport::Eventually;
+using testsupport::PathExists;
+using testsupport::ReadUtf16File;
+using testsupport::TempDir;
+using testsupport::TempKey;
 
 namespace
 {
@@ -390,7 +390,7 @@ TEST(EventLog, SourceIsRegisteredForTheRunningProgram)
 {
     TempDir dir(L"velomar-event");
     auto logger = MakeLogger(dir, L"ev", FALSE);
-    const std::wstring provider = testing_support::UniqueName(L"VelomarLogTest");
+    const std::wstring provider = testsupport::UniqueName(L"VelomarLogTest");
     const std::wstring keyPath = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\" + provider;
     logger->InitEventLogging(provider.c_str());
     ::SetLastError(ERROR_ACCESS_DENIED);
@@ -400,8 +400,8 @@ TEST(EventLog, SourceIsRegisteredForTheRunningProgram)
 
     wchar_t module[MAX_PATH];
     ::GetModuleFileNameW(nullptr, module, MAX_PATH);
-    EXPECT_EQ(testing_support::ReadRegString(HKEY_LOCAL_MACHINE, keyPath, L"EventMessageFile"), module);
-    EXPECT_EQ(testing_support::ReadRegDword(HKEY_LOCAL_MACHINE, keyPath, L"TypesSupported"), 7u);
+    EXPECT_EQ(testsupport::ReadRegString(HKEY_LOCAL_MACHINE, keyPath, L"EventMessageFile"), module);
+    EXPECT_EQ(testsupport::ReadRegDword(HKEY_LOCAL_MACHINE, keyPath, L"TypesSupported"), 7u);
     ::RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath.c_str());
     ::RegDeleteKeyW(HKEY_LOCAL_MACHINE, keyPath.c_str());
     EXPECT_FALSE(Contains(ReadUtf16File(dir.File(L"ev.txt")), L"Event logging disabled"));
@@ -412,8 +412,8 @@ TEST(Lifecycle, LoggersWithWatchThreadsLeaveNoThreadsOrHandles)
     TempDir dir(L"velomar-life");
     TempKey key;
     MakeLogger(dir, L"warm", TRUE, &key)->Log(2, L"warm-up");
-    const long long threads = testing_support::CountProcessThreads();
-    const long long handles = testing_support::CountProcessHandles();
+    const long long threads = testsupport::CountProcessThreads();
+    const long long handles = testsupport::CountProcessHandles();
     for (int i = 0; i < 10; ++i)
     {
         auto logger = MakeLogger(dir, L"life", i % 2 == 0, &key);
@@ -422,10 +422,10 @@ TEST(Lifecycle, LoggersWithWatchThreadsLeaveNoThreadsOrHandles)
         logger->AddLogFile(L"extra", FALSE);
         logger->LogToFile(1, 2, L"extra %d", i);
     }
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads; }))
-        << testing_support::CountProcessThreads() << " threads, " << threads << " before";
+    EXPECT_TRUE(Eventually([&] { return testsupport::CountProcessThreads() <= threads; }))
+        << testsupport::CountProcessThreads() << " threads, " << threads << " before";
     if (handles >= 0)
     {
-        EXPECT_LE(testing_support::CountProcessHandles(), handles + 4);
+        EXPECT_LE(testsupport::CountProcessHandles(), handles + 4);
     }
 }

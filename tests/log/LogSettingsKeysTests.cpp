@@ -13,10 +13,10 @@ namespace
 class LogSettingsKeysTest : public testing::Test
 {
 protected:
-    const std::wstring m_name = testing_support::UniqueName(L"VelomarSettings");
-    const testing_support::TempKey m_product{L"Software\\" + m_name};
-    const testing_support::TempKey m_policy{L"Software\\Policies\\" + m_name};
-    testing_support::TempDir m_dir{L"velomar-settings"};
+    const std::wstring m_name = testsupport::UniqueName(L"VelomarSettings");
+    const testsupport::TempKey m_product{L"Software\\" + m_name};
+    const testsupport::TempKey m_policy{L"Software\\Policies\\" + m_name};
+    testsupport::TempDir m_dir{L"velomar-settings"};
 };
 
 } // namespace
@@ -35,7 +35,7 @@ TEST_F(LogSettingsKeysTest, LoggerTakesPolicyValuesOverProductValues)
 
     // A policy change alone is followed live, like a change of the product key.
     ASSERT_TRUE(m_policy.SetDword(L"RotationLogFileNumber", 4));
-    EXPECT_TRUE(testing_support::Eventually([&] { return logger->GetRotationCount() == 4u; }));
+    EXPECT_TRUE(testsupport::Eventually([&] { return logger->GetRotationCount() == 4u; }));
 }
 
 TEST_F(LogSettingsKeysTest, DescriptionNamesTheKeyOfEachValue)

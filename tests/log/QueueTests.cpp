@@ -58,7 +58,7 @@ void QueueBehindHeldWriter(RecordingBuffer& buffer)
     buffer.gate.lock();
     for (int i = 0; i < 10; ++i)
         EXPECT_TRUE(WriteText(buffer, "piece-" + std::to_string(i)));
-    EXPECT_TRUE(testing_support::Eventually([&] { return buffer.entered.load(); }));
+    EXPECT_TRUE(testsupport::Eventually([&] { return buffer.entered.load(); }));
 }
 } // namespace
 
@@ -108,7 +108,7 @@ TEST(TransferBuffer, ImmediateCloseDiscardsAndRefuses)
     QueueBehindHeldWriter(buffer);
     std::thread closer([&] { buffer.Close(TRUE); });
     // Refusal comes first thing in the close, before the writer is even let go.
-    EXPECT_TRUE(testing_support::Eventually([&] { return !WriteText(buffer, "refused?"); }));
+    EXPECT_TRUE(testsupport::Eventually([&] { return !WriteText(buffer, "refused?"); }));
     EXPECT_FALSE(WriteText(buffer, "refused"));
     buffer.gate.unlock();
     closer.join();

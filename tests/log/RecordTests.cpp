@@ -51,10 +51,10 @@ protected:
     std::vector<std::wstring> RecordLines()
     {
         m_logger.reset();
-        const std::string bytes = testing_support::ReadFileBytes(m_dir.File(L"rectest.txt"));
+        const std::string bytes = testsupport::ReadFileBytes(m_dir.File(L"rectest.txt"));
         EXPECT_EQ(bytes.size() % 2, 0u);
         EXPECT_FALSE(bytes.size() >= 2 && bytes[0] == '\xFF' && bytes[1] == '\xFE') << "no byte-order mark";
-        const std::wstring text = testing_support::FromUtf16Bytes(bytes);
+        const std::wstring text = testsupport::FromUtf16Bytes(bytes);
         EXPECT_EQ(text.compare(0, m_banner.size(), m_banner), 0);
         std::vector<std::wstring> lines = SplitLines(text.substr(m_banner.size()));
         EXPECT_TRUE(lines.back().empty()) << "text ends with CR LF";
@@ -79,7 +79,7 @@ protected:
     }
 
     static constexpr unsigned char kBytes[] = {0x00, 0x0A, 0xFF};
-    testing_support::TempDir m_dir{L"velomar-log"};
+    testsupport::TempDir m_dir{L"velomar-log"};
     std::shared_ptr<CCvLogger> m_logger;
     std::wstring m_banner;
 };

@@ -14,10 +14,10 @@
 #include <vector>
 
 using namespace std::chrono_literals;
-using testing_support::BuildPath;
-using testing_support::Eventually;
-using testing_support::PathExists;
-using testing_support::RunProcess;
+using testsupport::BuildPath;
+using testsupport::Eventually;
+using testsupport::PathExists;
+using testsupport::RunProcess;
 
 namespace
 {
@@ -42,7 +42,7 @@ DWORD Msiexec(const wchar_t* action, const char* package)
 
 std::wstring ReadString(const std::wstring& key, const wchar_t* name)
 {
-    return testing_support::ReadRegString(HKEY_LOCAL_MACHINE, key, name);
+    return testsupport::ReadRegString(HKEY_LOCAL_MACHINE, key, name);
 }
 
 bool KeyExists(const wchar_t* key)
@@ -156,7 +156,7 @@ TEST_F(FreshInstall, FailureActionsRestartTheServiceTwice)
 TEST_F(FreshInstall, EventSourceFindsTheTextOfEveryEventInTheInstalledExecutable)
 {
     EXPECT_EQ(kServiceExe, ReadString(kEventSourceKey, L"EventMessageFile"));
-    EXPECT_EQ(7u, testing_support::ReadRegDword(HKEY_LOCAL_MACHINE, kEventSourceKey, L"TypesSupported"));
+    EXPECT_EQ(7u, testsupport::ReadRegDword(HKEY_LOCAL_MACHINE, kEventSourceKey, L"TypesSupported"));
 
     daxlib::unique_hmodule module(::LoadLibraryExW(kServiceExe.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE));
     ASSERT_TRUE(module);
@@ -196,7 +196,7 @@ TEST_F(FreshInstall, InstalledAgentReachesTheClientSideThroughTheInstalledServic
                        .exitCode == 0;
         },
         20s));
-    EXPECT_NE(std::string::npos, testing_support::ReadFileBytes(kSinkFile).find(url));
+    EXPECT_NE(std::string::npos, testsupport::ReadFileBytes(kSinkFile).find(url));
     // The installed status tool finds the installed service and its connected channel.
     EXPECT_EQ(0, RunProcess(L"\"" + kStatusExe + L"\"").exitCode);
 }
@@ -219,7 +219,7 @@ TEST(Uninstall, RemovesServiceFilesAndEntriesButKeepsLogAndSettings)
     EXPECT_FALSE(KeyExists(kEventSourceKey));
     ExpectBrowserEntriesGone();
     EXPECT_TRUE(PathExists(kLogFile));
-    EXPECT_EQ(level, testing_support::ReadRegDword(HKEY_LOCAL_MACHINE, kProductKey, L"LogLevel"));
+    EXPECT_EQ(level, testsupport::ReadRegDword(HKEY_LOCAL_MACHINE, kProductKey, L"LogLevel"));
 }
 
 TEST(Upgrade, NewerPackageReplacesTheServiceAndKeepsSettingsAndOlderOneIsRefused)
@@ -238,8 +238,7 @@ TEST(Upgrade, NewerPackageReplacesTheServiceAndKeepsSettingsAndOlderOneIsRefused
     EXPECT_NE(oldProcess, newProcess);
     EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), ::WaitForSingleObject(oldHandle.get(), 0))
         << "old service still runs";
-    EXPECT_EQ(testing_support::ReadFileBytes(BuildPath(VELOMARD_EXE)),
-              testing_support::ReadFileBytes(kServiceExe));
+    EXPECT_EQ(testsupport::ReadFileBytes(BuildPath(VELOMARD_EXE)), testsupport::ReadFileBytes(kServiceExe));
     EXPECT_EQ(marker, ReadString(kProductKey, L"UpgradeMarker"));
 
     // Going back, or installing the same version again, is refused and changes nothing.

@@ -6,7 +6,7 @@
 
 #include <chrono>
 
-using namespace pipe_tests;
+using namespace pipetests;
 
 namespace
 {
@@ -38,7 +38,7 @@ protected:
         return m_owner->Start(m_server);
     }
 
-    std::wstring m_name = testing_support::UniqueName(L"velomar-client");
+    std::wstring m_name = testsupport::UniqueName(L"velomar-client");
     Counter m_connected;
     Counter m_disconnected;
     std::unique_ptr<EchoOwner> m_owner = std::make_unique<EchoOwner>(m_log);

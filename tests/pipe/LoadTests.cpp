@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-using namespace pipe_tests;
+using namespace pipetests;
 
 namespace
 {
@@ -17,10 +17,10 @@ constexpr int kClients = 200;
 
 // All clients connect at once, then each sends its messages, mostly small, now and then one up
 // to 64 KiB; returns the number of clients whose every echo matched.
-int RunClients(const std::shared_ptr<testing_support::CapturingLogger>& log, int messages)
+int RunClients(const std::shared_ptr<testsupport::CapturingLogger>& log, int messages)
 {
     EchoOwner owner(log);
-    const std::wstring name = testing_support::UniqueName(L"velomar-load");
+    const std::wstring name = testsupport::UniqueName(L"velomar-load");
     auto server = std::make_shared<CNamedPipeServer>(name, PIPE_UNLIMITED_INSTANCES, 3, nullptr, log);
     if (!owner.Start(server))
         return -1;

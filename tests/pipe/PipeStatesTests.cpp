@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-using namespace pipe_states;
+using namespace pipestates;
 
 TEST(PipeStates, TransitionTable)
 {

@@ -18,14 +18,14 @@
 #include <mutex>
 #include <vector>
 
-namespace pipe_tests
+namespace pipetests
 {
 
 using namespace std::chrono_literals;
-using testing_support::Eventually;
-using testing_support::OpenClient;
-using testing_support::ReadAll;
-using testing_support::WriteAll;
+using testsupport::Eventually;
+using testsupport::OpenClient;
+using testsupport::ReadAll;
+using testsupport::WriteAll;
 constexpr auto kLimit = 20s; // generous: Wine on two shared cores
 
 using ReadSignature = void(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED*);
@@ -62,10 +62,10 @@ private:
 // from the threading runtime, and which pool thread runs a task is not ours to choose.
 inline void ExpectCountsBack(long long handles, long long threads, long long slack = 2)
 {
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + slack; }, 30s))
-        << "handles " << handles << " -> " << testing_support::CountProcessHandles();
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + slack; }, 30s))
-        << "threads " << threads << " -> " << testing_support::CountProcessThreads();
+    EXPECT_TRUE(Eventually([&] { return testsupport::CountProcessHandles() <= handles + slack; }, 30s))
+        << "handles " << handles << " -> " << testsupport::CountProcessHandles();
+    EXPECT_TRUE(Eventually([&] { return testsupport::CountProcessThreads() <= threads + slack; }, 30s))
+        << "threads " << threads << " -> " << testsupport::CountProcessThreads();
 }
 
 // Runs a scenario until the pools have grown to their working size, then `runs` more times: a
@@ -75,8 +75,8 @@ inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2
 {
     for (int i = 0; i < warmUps; ++i)
         scenario();
-    const long long handles = testing_support::CountProcessHandles();
-    const long long threads = testing_support::CountProcessThreads();
+    const long long handles = testsupport::CountProcessHandles();
+    const long long threads = testsupport::CountProcessThreads();
     for (int i = 0; i < runs; ++i)
         scenario();
     ExpectCountsBack(handles, threads, slack);
@@ -85,7 +85,7 @@ inline void ExpectNoLeaks(const std::function<void()>& scenario, int warmUps = 2
 // A server instance (overlapped) and a connected synchronous client end.
 struct RawPipePair
 {
-    std::wstring name = L"\\\\.\\pipe\\" + testing_support::UniqueName(L"velomar-pipe-test");
+    std::wstring name = L"\\\\.\\pipe\\" + testsupport::UniqueName(L"velomar-pipe-test");
     daxlib::unique_hfile server{::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0,
                                                    1, 1024, 1024, 1000, nullptr)};
     daxlib::unique_hfile client{
@@ -112,10 +112,10 @@ protected:
         return stream;
     }
 
-    std::shared_ptr<testing_support::CapturingLogger> m_log =
-        std::make_shared<testing_support::CapturingLogger>(LogLevel::Trace);
-    std::shared_ptr<testing_support::CapturingLogger> m_poolLog =
-        std::make_shared<testing_support::CapturingLogger>(LogLevel::Error);
+    std::shared_ptr<testsupport::CapturingLogger> m_log =
+        std::make_shared<testsupport::CapturingLogger>(LogLevel::Trace);
+    std::shared_ptr<testsupport::CapturingLogger> m_poolLog =
+        std::make_shared<testsupport::CapturingLogger>(LogLevel::Error);
     std::shared_ptr<CThreadPool> m_pool = std::make_shared<CThreadPool>(64, m_poolLog);
 };
 
@@ -160,4 +160,4 @@ inline bool RoundTrip(HANDLE client, const std::vector<unsigned char>& payload)
            ReadAll(client, echo.data(), static_cast<DWORD>(echo.size())) && echo == message;
 }
 
-} // namespace pipe_tests
+} // namespace pipetests

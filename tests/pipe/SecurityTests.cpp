@@ -15,7 +15,7 @@ constexpr const wchar_t* kLocalSddl = L"D:(A;;0x12018b;;;S-1-2-0)(A;;FA;;;SY)";
 // The DACL and mandatory label, as text, of a pipe created with the given attributes.
 std::wstring ReadBack(SECURITY_ATTRIBUTES* attributes)
 {
-    const std::wstring name = L"\\\\.\\pipe\\" + testing_support::UniqueName(L"velomar-secattr");
+    const std::wstring name = L"\\\\.\\pipe\\" + testsupport::UniqueName(L"velomar-secattr");
     daxlib::unique_hfile pipe(::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, 0,
                                                  1, 1024, 1024, 1000, attributes));
     PSECURITY_DESCRIPTOR descriptor = nullptr;

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-using namespace pipe_tests;
+using namespace pipetests;
 
 namespace
 {
@@ -19,7 +19,7 @@ class ServerTest : public PoolTest
 protected:
     std::shared_ptr<CNamedPipeServer> MakeServer(uint32_t accepts)
     {
-        m_name = testing_support::UniqueName(L"velomar-server");
+        m_name = testsupport::UniqueName(L"velomar-server");
         return std::make_shared<CNamedPipeServer>(m_name, PIPE_UNLIMITED_INSTANCES, accepts, nullptr, m_log);
     }
     HANDLE Open() const { return OpenClient(L"\\\\.\\pipe\\" + m_name); }

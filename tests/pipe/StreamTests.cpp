@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-using namespace pipe_tests;
+using namespace pipetests;
 
 namespace
 {
@@ -82,12 +82,12 @@ TEST_F(StreamTest, BlockingWriteFailsOnVanishedClient)
     auto stream = MakeStream(pair);
     CPipeServerRequest request(stream, m_log);
     pair.client.reset();
-    const long long handles = testing_support::CountProcessHandles();
+    const long long handles = testsupport::CountProcessHandles();
     EXPECT_FALSE(request.Write("x", 1));
     EXPECT_NE(0u, ::GetLastError());
     EXPECT_EQ(0u, request.OutstandingCount());
     EXPECT_EQ(0u, stream->OutstandingWriteCount());
-    EXPECT_EQ(handles, testing_support::CountProcessHandles()); // the record's event is closed
+    EXPECT_EQ(handles, testsupport::CountProcessHandles()); // the record's event is closed
     EXPECT_FALSE(CPipeServerRequest(nullptr, m_log).Write("x", 1));
 }
 

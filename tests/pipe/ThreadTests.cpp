@@ -7,7 +7,7 @@
 #include <thread>
 #include <vector>
 
-using namespace pipe_tests;
+using namespace pipetests;
 
 namespace
 {

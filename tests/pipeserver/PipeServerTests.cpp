@@ -23,8 +23,8 @@
 #include <vector>
 
 using namespace std::chrono_literals;
-using testing_support::CapturingLogger;
-using testing_support::Eventually;
+using testsupport::CapturingLogger;
+using testsupport::Eventually;
 
 namespace
 {
@@ -34,16 +34,16 @@ namespace
 class TestAgent
 {
 public:
-    explicit TestAgent(const std::wstring& pipe) : m_pipe(testing_support::OpenClient(pipe)) {}
+    explicit TestAgent(const std::wstring& pipe) : m_pipe(testsupport::OpenClient(pipe)) {}
     bool Write(const std::vector<uint8_t>& bytes)
     {
-        return testing_support::WriteAll(m_pipe.get(), bytes.data(), static_cast<DWORD>(bytes.size()));
+        return testsupport::WriteAll(m_pipe.get(), bytes.data(), static_cast<DWORD>(bytes.size()));
     }
     std::optional<std::vector<uint8_t>> Read(size_t count)
     {
         std::vector<uint8_t> bytes(count);
         if (!Eventually([&] { return Available() >= count; }, 10s) ||
-            !testing_support::ReadAll(m_pipe.get(), bytes.data(), static_cast<DWORD>(count)))
+            !testsupport::ReadAll(m_pipe.get(), bytes.data(), static_cast<DWORD>(count)))
             return std::nullopt;
         return bytes;
     }
@@ -117,7 +117,7 @@ protected:
     }
 
     std::shared_ptr<CapturingLogger> m_logger = std::make_shared<CapturingLogger>(4);
-    std::wstring m_name = testing_support::UniqueName(L"velomar-agentpipe");
+    std::wstring m_name = testsupport::UniqueName(L"velomar-agentpipe");
     std::wstring m_path = L"\\\\.\\pipe\\" + m_name;
     std::unique_ptr<CPipeServer> m_server;
     std::mutex m_mutex;
@@ -218,7 +218,7 @@ TEST(AgentPipeServerLeaks, ManyShortConnectionsLeaveNothingBehind)
 {
     auto logger = std::make_shared<CapturingLogger>(0);
     SetThreadPool(std::make_shared<CThreadPool>(64, logger));
-    const std::wstring name = testing_support::UniqueName(L"velomar-agentpipe-leak");
+    const std::wstring name = testsupport::UniqueName(L"velomar-agentpipe-leak");
     std::atomic<int> answered{0};
     auto round = [&]
     {
@@ -244,15 +244,15 @@ TEST(AgentPipeServerLeaks, ManyShortConnectionsLeaveNothingBehind)
     // lazily made objects. A leak per connection would then show as hundreds of handles. Pool
     // threads that took their first lock during the measured rounds may need a moment to go.
     round(), round();
-    const long long handles = testing_support::CountProcessHandles();
-    const long long threads = testing_support::CountProcessThreads();
+    const long long handles = testsupport::CountProcessHandles();
+    const long long threads = testsupport::CountProcessThreads();
     answered = 0;
     round(), round();
     EXPECT_EQ(2 * 4 * (50 - 17), answered.load()) << "every agent that stayed gets its answer";
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessHandles() <= handles + 4; }, 30s))
-        << "handles " << handles << " -> " << testing_support::CountProcessHandles();
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threads + 4; }, 30s))
-        << "threads " << threads << " -> " << testing_support::CountProcessThreads();
+    EXPECT_TRUE(Eventually([&] { return testsupport::CountProcessHandles() <= handles + 4; }, 30s))
+        << "handles " << handles << " -> " << testsupport::CountProcessHandles();
+    EXPECT_TRUE(Eventually([&] { return testsupport::CountProcessThreads() <= threads + 4; }, 30s))
+        << "threads " << threads << " -> " << testsupport::CountProcessThreads();
     SetThreadPool(nullptr);
 }
 
@@ -303,16 +303,16 @@ TEST(AgentPipeAccess, ClientsMayConnectReadAndWriteButNeitherServeTheNameNorRewr
     SetThreadPool(std::make_shared<CThreadPool>(8, logger));
     for (const bool legacy : {false, true})
     {
-        const std::wstring name = testing_support::UniqueName(L"velomar-agentpipe-acl");
+        const std::wstring name = testsupport::UniqueName(L"velomar-agentpipe-acl");
         CPipeServer server(logger, name);
         AgentPipeSettings settings;
         settings.legacyClientAccess = legacy;
         server.SetSettings(settings);
         ASSERT_EQ(1, server.Start());
-        daxlib::unique_hfile client(testing_support::OpenClient(L"\\\\.\\pipe\\" + name));
+        daxlib::unique_hfile client(testsupport::OpenClient(L"\\\\.\\pipe\\" + name));
         ASSERT_TRUE(client);
         const Grants grants = ReadGrants(client.get());
-        const DWORD client_rights = legacy ? pipe_access::kLegacyClient : pipe_access::kClient;
+        const DWORD client_rights = legacy ? pipeaccess::kLegacyClient : pipeaccess::kClient;
         for (const wchar_t* sid :
              {L"S-1-2-0", L"S-1-5-11", L"S-1-15-2-1"}) // local, authenticated, app containers
         {
@@ -327,7 +327,7 @@ TEST(AgentPipeAccess, ClientsMayConnectReadAndWriteButNeitherServeTheNameNorRewr
         EXPECT_EQ(legacy ? 1u : 0u, logger->Count(L"agents may open the pipe with GENERIC_WRITE"));
     }
     // The narrow grant keeps the instance-creation bit (FILE_APPEND_DATA) from clients.
-    EXPECT_EQ(0u, pipe_access::kClient & FILE_CREATE_PIPE_INSTANCE);
+    EXPECT_EQ(0u, pipeaccess::kClient & FILE_CREATE_PIPE_INSTANCE);
     SetThreadPool(nullptr);
 }
 
@@ -355,7 +355,7 @@ protected:
             });
         ASSERT_EQ(1, m_server->Start());
         for (int i = 0; i < 10; ++i)
-            m_flood.emplace_back(testing_support::OpenClient(m_path));
+            m_flood.emplace_back(testsupport::OpenClient(m_path));
         ASSERT_TRUE(Eventually([&] { return m_resolved >= 10 && m_server->ConnectionCount() == 4; }, 20s));
     }
     void TearDown() override
@@ -366,7 +366,7 @@ protected:
     }
 
     std::shared_ptr<CapturingLogger> m_logger = std::make_shared<CapturingLogger>(1);
-    std::wstring m_name = testing_support::UniqueName(L"velomar-agentpipe-flood");
+    std::wstring m_name = testsupport::UniqueName(L"velomar-agentpipe-flood");
     std::wstring m_path = L"\\\\.\\pipe\\" + m_name;
     std::unique_ptr<CPipeServer> m_server;
     std::atomic<uint32_t> m_resolved{0};

@@ -15,7 +15,7 @@ class UrlPolicyRegistry : public ::testing::Test
 protected:
     UrlPolicyLoad Read() const { return ReadUrlPolicy(HKEY_CURRENT_USER, m_key.Path().c_str()); }
 
-    const testing_support::TempKey m_key;
+    const testsupport::TempKey m_key;
 };
 
 TEST_F(UrlPolicyRegistry, MissingKeyIsReportedAsAbsent)

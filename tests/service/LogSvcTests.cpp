@@ -45,7 +45,7 @@ void ThrowStd(const std::shared_ptr<CCvLogger>&)
 // service reports stopped without ever reporting running, and the process is ended.
 TEST(StartupFailure, ThrownCompositionIsLoggedAndStopsTheService)
 {
-    testing_support::TempDir dir;
+    testsupport::TempDir dir;
     auto logger = CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), nullptr, nullptr, L"svc", nullptr,
                                                   FALSE, FALSE, 2);
     ASSERT_NE(nullptr, logger);
@@ -66,14 +66,12 @@ TEST(StartupFailure, ThrownCompositionIsLoggedAndStopsTheService)
         CLogSvc svc(L"velomar-startup-test", nullptr);
         svc.main(0, nullptr, nullptr, nullptr);
         EXPECT_EQ(std::vector<DWORD>{SERVICE_STOPPED}, g_states);
-        EXPECT_TRUE(testing_support::Eventually([&] { return g_ends == endsBefore + 1; }));
-        const std::wstring log =
-            testing_support::ReadUtf16File(dir.File(L"svc.txt"));
+        EXPECT_TRUE(testsupport::Eventually([&] { return g_ends == endsBefore + 1; }));
+        const std::wstring log = testsupport::ReadUtf16File(dir.File(L"svc.txt"));
         EXPECT_NE(std::wstring::npos, log.find(c.logged)) << c.logged;
     }
     EXPECT_NE(std::wstring::npos,
-              testing_support::ReadUtf16File(dir.File(L"svc.txt"))
-                  .find(L"CLogSvc::OnStop: Service Stopping..."));
+              testsupport::ReadUtf16File(dir.File(L"svc.txt")).find(L"CLogSvc::OnStop: Service Stopping..."));
     service::CServiceBase::s_setStatus = &::SetServiceStatus;
     service::SetServiceLogger(nullptr);
     logger.reset();

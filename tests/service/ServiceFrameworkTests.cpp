@@ -92,8 +92,8 @@ TEST(ServiceDispatchTable, GrowsByTenAndStaysTerminated)
 // present, and the default name again when the stored one does not fit the 256-character buffer.
 TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
 {
-    const std::wstring name = testing_support::UniqueName(L"velomar-config");
-    const testing_support::TempKey key(L"System\\CurrentControlSet\\Services\\" + name, HKEY_LOCAL_MACHINE);
+    const std::wstring name = testsupport::UniqueName(L"velomar-config");
+    const testsupport::TempKey key(L"System\\CurrentControlSet\\Services\\" + name, HKEY_LOCAL_MACHINE);
     ASSERT_NE(nullptr, key.Get());
     service::CServiceConfig config(name);
     std::wstring file;
@@ -114,6 +114,6 @@ TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
         EXPECT_EQ(4096u, maxSize);
     }
 
-    service::CServiceConfig missing(testing_support::UniqueName(L"velomar-absent"));
+    service::CServiceConfig missing(testsupport::UniqueName(L"velomar-absent"));
     EXPECT_FALSE(missing.ReadServiceLogSettings(file, level, nullptr));
 }

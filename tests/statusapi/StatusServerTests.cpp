@@ -23,7 +23,7 @@
 using namespace statusapi;
 using statusclient::CStatusClient;
 using statusclient::Status;
-using testing_support::Eventually;
+using testsupport::Eventually;
 
 namespace
 {
@@ -68,7 +68,12 @@ protected:
     {
         m_server = std::make_unique<CStatusServer>(m_log, m_name);
         m_server->SetSettings(settings);
-        m_server->SetSessionList([this] { std::lock_guard lock(m_mutex); return m_open; });
+        m_server->SetSessionList(
+            [this]
+            {
+                std::lock_guard lock(m_mutex);
+                return m_open;
+            });
         m_server->SetSessionResolver([this](uint32_t, uint32_t) { return m_nextSession.load(); });
         m_server->SetPeerInspector(
             [this](HANDLE pipe, PeerIdentity& identity)
@@ -121,7 +126,8 @@ protected:
         if (!client || Ask(*client, kSubscribe, kOwnSession).result != kOk)
             return nullptr;
         for (int i = 0; i < 300; ++i)
-            m_server->OnStatusChanged(Record(i % 2 ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpConnectionBroken), 1);
+            m_server->OnStatusChanged(
+                Record(i % 2 ? eCvUrlApiEvent_RdpConnected : eCvUrlApiEvent_RdpConnectionBroken), 1);
         return client;
     }
     void OpenSessions(std::vector<uint32_t> sessions)
@@ -130,8 +136,8 @@ protected:
         m_open = std::move(sessions);
     }
 
-    std::shared_ptr<testing_support::CapturingLogger> m_log = std::make_shared<testing_support::CapturingLogger>(3);
-    const std::wstring m_name = testing_support::UniqueName(L"velomar-status");
+    std::shared_ptr<testsupport::CapturingLogger> m_log = std::make_shared<testsupport::CapturingLogger>(3);
+    const std::wstring m_name = testsupport::UniqueName(L"velomar-status");
     std::unique_ptr<CStatusServer> m_server;
     std::atomic<uint32_t> m_nextSession{1};
     std::atomic<bool> m_administrator{false};
@@ -154,7 +160,8 @@ TEST_F(StatusServerTest, ClientSeesItsOwnSessionAndNothingOfAnother)
     ASSERT_EQ(kOk, own.result);
     ASSERT_EQ(1u, own.entries.size());
     EXPECT_EQ(2u, own.entries[0].sessionId);
-    EXPECT_EQ(eCvUrlApiEvent_RdpNotConnected, own.entries[0].record.dwState) << "no change yet: a new handler's state";
+    EXPECT_EQ(eCvUrlApiEvent_RdpNotConnected, own.entries[0].record.dwState)
+        << "no change yet: a new handler's state";
 
     const Answer none = Ask(*inThree, kGetStatus, kOwnSession);
     EXPECT_EQ(kNoChannel, none.result);
@@ -232,9 +239,21 @@ const HostileCase kHostileCases[] = {
          return EncodeHello(hello);
      },
      kUserMismatch},
-    {"NotAHello", [] { return EncodeRequest(kGetStatus, {1, kOwnSession}); }, kHelloMalformed},
-    {"BrokenSid", [] { auto bytes = LyingHello(&Hello::sessionId, 0); bytes[8 + 16] = 2; return bytes; }, kHelloMalformed},
-    {"HugeLength", [] { return std::vector<uint8_t>{kHello, 0, 0, 0, 0xF0, 0xFF, 0xFF, 0x7F}; }, kPacketTooLarge},
+    {"NotAHello",
+     [] {
+         return EncodeRequest(kGetStatus, {1, kOwnSession});
+     },
+     kHelloMalformed},
+    {"BrokenSid",
+     []
+     {
+         auto bytes = LyingHello(&Hello::sessionId, 0);
+         bytes[8 + 16] = 2;
+         return bytes;
+     },
+     kHelloMalformed},
+    {"HugeLength", [] { return std::vector<uint8_t>{kHello, 0, 0, 0, 0xF0, 0xFF, 0xFF, 0x7F}; },
+     kPacketTooLarge},
     {"Silence", [] { return std::vector<uint8_t>(); }, kHelloTimeout},
     {"HalfAHello", [] { return std::vector<uint8_t>{kHello, 0, 0, 0, 30, 0, 0, 0, 1}; }, kHelloTimeout},
 };
@@ -258,9 +277,10 @@ TEST_F(StatusServerTest, PacketsAfterTheHelloThatDoNotFitCloseTheConnection)
 {
     Start();
     const std::pair<std::vector<uint8_t>, uint32_t> cases[] = {
-        {{0x41, 0x41, 0x41, 0x41, 0, 0, 0, 0}, kPacketMalformed},                 // an unknown type
-        {{kGetStatus, 0, 0, 0, 7, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7}, kPacketMalformed}, // a request one byte short
-        {{kSubscribe, 0, 0, 0, 0, 0, 0, 1}, kPacketTooLarge},                     // 16 MiB announced
+        {{0x41, 0x41, 0x41, 0x41, 0, 0, 0, 0}, kPacketMalformed}, // an unknown type
+        {{kGetStatus, 0, 0, 0, 7, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7},
+         kPacketMalformed},                                   // a request one byte short
+        {{kSubscribe, 0, 0, 0, 0, 0, 0, 1}, kPacketTooLarge}, // 16 MiB announced
     };
     for (const auto& [bytes, expected] : cases)
     {
@@ -290,7 +310,8 @@ TEST_F(StatusServerTest, SubscriberThatNeverReadsHoldsNoThreadPastTheDrainTime)
     settings.drainTimeoutMs = 300;
     auto client = FloodedSubscriber(settings);
     ASSERT_TRUE(client);
-    EXPECT_TRUE(Eventually([&] { return m_server->ConnectionCount() == 0; })) << "the client is still open, reading nothing";
+    EXPECT_TRUE(Eventually([&] { return m_server->ConnectionCount() == 0; }))
+        << "the client is still open, reading nothing";
 }
 
 TEST_F(StatusServerTest, ConnectionsOverEitherBoundAreRefused)
@@ -319,7 +340,7 @@ TEST_F(StatusServerTest, ConnectionsOverEitherBoundAreRefused)
 
 TEST_F(StatusServerTest, StopSaysGoodbyeToEveryClientAndEndsItsThreads)
 {
-    const long long threadsBefore = testing_support::CountProcessThreads();
+    const long long threadsBefore = testsupport::CountProcessThreads();
     Start();
     auto first = Welcomed(1);
     auto second = Connect(2); // still in its hello
@@ -328,7 +349,7 @@ TEST_F(StatusServerTest, StopSaysGoodbyeToEveryClientAndEndsItsThreads)
     m_server->Stop();
     EXPECT_EQ(kServiceStopping, CloseReasonOf(*first));
     EXPECT_EQ(kServiceStopping, CloseReasonOf(*second));
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threadsBefore; }));
+    EXPECT_TRUE(Eventually([&] { return testsupport::CountProcessThreads() <= threadsBefore; }));
 }
 
 TEST_F(StatusServerTest, PipeIsLocalOnlyWithTheAgentPipesAccess)
@@ -336,14 +357,14 @@ TEST_F(StatusServerTest, PipeIsLocalOnlyWithTheAgentPipesAccess)
     std::vector<std::pair<DWORD, DWORD>> modes;
     m_server = std::make_unique<CStatusServer>(m_log, m_name);
     m_server->SetInstanceCreator(
-        [&](const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD instances, DWORD out, DWORD in, DWORD timeout,
-            SECURITY_ATTRIBUTES* attributes)
+        [&](const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD instances, DWORD out, DWORD in,
+            DWORD timeout, SECURITY_ATTRIBUTES* attributes)
         {
             modes.emplace_back(openMode, pipeMode);
             return ::CreateNamedPipeW(name, openMode, pipeMode, instances, out, in, timeout, attributes);
         });
     ASSERT_EQ(1, m_server->Start());
-    daxlib::unique_hfile client(testing_support::OpenClient(daxlib::PipePath(m_name)));
+    daxlib::unique_hfile client(testsupport::OpenClient(daxlib::PipePath(m_name)));
     ASSERT_TRUE(client);
     m_server->Stop();
     ASSERT_GE(modes.size(), 2u);
@@ -359,17 +380,18 @@ TEST_F(StatusServerTest, PipeIsLocalOnlyWithTheAgentPipesAccess)
         constexpr SECURITY_INFORMATION what = DACL_SECURITY_INFORMATION | LABEL_SECURITY_INFORMATION;
         std::wstring sddl;
         LPWSTR text = nullptr;
-        if (::GetSecurityInfo(pipe, SE_KERNEL_OBJECT, what, nullptr, nullptr, nullptr, nullptr, &descriptor) ==
-                ERROR_SUCCESS &&
-            ::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, what, &text, nullptr))
+        if (::GetSecurityInfo(pipe, SE_KERNEL_OBJECT, what, nullptr, nullptr, nullptr, nullptr,
+                              &descriptor) == ERROR_SUCCESS &&
+            ::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, what, &text,
+                                                                   nullptr))
             sddl = text;
         ::LocalFree(text);
         ::LocalFree(descriptor);
         return sddl;
     };
     CDaxSecattrLocalLI agentPipe;
-    daxlib::unique_hfile reference(::CreateNamedPipeW((daxlib::PipePath(m_name) + L"-ref").c_str(), PIPE_ACCESS_DUPLEX,
-                                                      0, 1, 0, 0, 0, agentPipe.Get()));
+    daxlib::unique_hfile reference(::CreateNamedPipeW((daxlib::PipePath(m_name) + L"-ref").c_str(),
+                                                      PIPE_ACCESS_DUPLEX, 0, 1, 0, 0, 0, agentPipe.Get()));
     const std::wstring expected = sddlOf(reference.get());
     EXPECT_FALSE(expected.empty());
     EXPECT_EQ(expected, sddlOf(client.get()));

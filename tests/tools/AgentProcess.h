@@ -5,19 +5,19 @@
 
 #include <string>
 
-namespace agent_tests
+namespace agenttests
 {
 
-using AgentRun = testing_support::ProcessRun; // out and err: UTF-8 as written
+using AgentRun = testsupport::ProcessRun; // out and err: UTF-8 as written
 
 inline std::wstring AgentExePath()
 {
-    return testing_support::BuildPath(VELOMAR_OPEN_EXE);
+    return testsupport::BuildPath(VELOMAR_OPEN_EXE);
 }
 
 inline AgentRun RunAgent(const std::wstring& arguments)
 {
-    return testing_support::RunProcess(L"\"" + AgentExePath() + L"\" " + arguments);
+    return testsupport::RunProcess(L"\"" + AgentExePath() + L"\" " + arguments);
 }
 
 // True when `text` is exactly one line ended by CRLF.
@@ -26,4 +26,4 @@ inline bool IsOneLine(const std::string& text)
     return text.size() > 2 && text.find('\n') == text.size() - 1 && text[text.size() - 2] == '\r';
 }
 
-} // namespace agent_tests
+} // namespace agenttests

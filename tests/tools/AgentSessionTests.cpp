@@ -9,8 +9,8 @@
 #include <string>
 #include <thread>
 
-using namespace agent_tests;
-using namespace pipe_tests;
+using namespace agenttests;
+using namespace pipetests;
 using agent::SessionStatus;
 
 namespace
@@ -23,7 +23,7 @@ protected:
     {
         PoolTest::SetUp();
         m_log->SetLevel(LogLevel::Warning);
-        m_name = testing_support::UniqueName(L"velomar-session-test");
+        m_name = testsupport::UniqueName(L"velomar-session-test");
     }
     std::wstring FullName() const { return L"\\\\.\\pipe\\" + m_name; }
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-namespace agent_tests
+namespace agenttests
 {
 
 class FakeAgentService
@@ -164,4 +164,4 @@ private:
     std::thread m_thread;
 };
 
-} // namespace agent_tests
+} // namespace agenttests

@@ -3,7 +3,7 @@
 // nobody asked for, and what starting and stopping leaves behind.
 #include "tests/virt/VirtTestSupport.h"
 
-using namespace virt_test;
+using namespace virttest;
 
 namespace
 {
@@ -177,23 +177,23 @@ TEST_F(ChannelProtocolTest, StartAndStopWithBadPeersLeaveNothingBehind)
         // the C++ runtime, whose few handles stay behind when it is unloaded.
         m_server->Free();
         if (round > 0)
-            Eventually([&] { return testing_support::CountProcessThreads() <= threads[round - 1]; }, 5s);
-        threads[round] = testing_support::CountProcessThreads();
-        handles[round] = testing_support::CountProcessHandles();
+            Eventually([&] { return testsupport::CountProcessThreads() <= threads[round - 1]; }, 5s);
+        threads[round] = testsupport::CountProcessThreads();
+        handles[round] = testsupport::CountProcessHandles();
     }
     // The first rounds also pay for what the system caches once. A handle lost per round shows
     // as six over the last six rounds; one or two may still be on their way out when counted.
     constexpr int kLast = kRounds - 1;
     EXPECT_LE(threads[kLast], threads[2]);
     EXPECT_TRUE(Eventually(
-        [&] { return (handles[kLast] = testing_support::CountProcessHandles()) <= handles[2] + 3; }, 10s))
+        [&] { return (handles[kLast] = testsupport::CountProcessHandles()) <= handles[2] + 3; }, 10s))
         << handles[2] << " handles after round 3, " << handles[kLast] << " after " << kRounds;
 }
 
 TEST(SessionHandler, StartsOnceStopsTwiceAndKeepsItsStateWithoutALibrary)
 {
-    auto logger = std::make_shared<testing_support::CapturingLogger>(4);
-    const long long threadsBefore = testing_support::CountProcessThreads();
+    auto logger = std::make_shared<testsupport::CapturingLogger>(4);
+    const long long threadsBefore = testsupport::CountProcessThreads();
     {
         CSessionHandler handler(logger, L"00000007-5e1c-4a3b-9d2e-0000c0ffee07", 7, L"seven");
         ChannelStatusRecord record{};
@@ -213,5 +213,5 @@ TEST(SessionHandler, StartsOnceStopsTwiceAndKeepsItsStateWithoutALibrary)
     }
     // The destructor's second stop finds nothing to do.
     EXPECT_EQ(2u, logger->Count(L"CSessionHandler::CloseConnection: Session 7: Success"));
-    EXPECT_TRUE(Eventually([&] { return testing_support::CountProcessThreads() <= threadsBefore; }, 5s));
+    EXPECT_TRUE(Eventually([&] { return testsupport::CountProcessThreads() <= threadsBefore; }, 5s));
 }

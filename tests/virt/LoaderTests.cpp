@@ -2,7 +2,7 @@
 // the server's start-up when the library is missing or fails to initialise.
 #include "tests/virt/VirtTestSupport.h"
 
-using namespace virt_test;
+using namespace virttest;
 
 class LoaderTest : public ChannelTest
 {

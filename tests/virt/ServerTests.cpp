@@ -5,7 +5,7 @@
 
 #include <thread>
 
-using namespace virt_test;
+using namespace virttest;
 
 namespace
 {

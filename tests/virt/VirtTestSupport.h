@@ -21,18 +21,18 @@
 #include <string>
 #include <vector>
 
-namespace virt_test
+namespace virttest
 {
 
 using namespace std::chrono_literals;
-using testing_support::Eventually;
+using testsupport::Eventually;
 
 // Puts a built library where the loader looks (a Unix path of the build is Z:\... under Wine).
 inline bool InstallLibrary(const char* builtPath)
 {
     const std::wstring target = SkApi::LibraryPath();
     ::SHCreateDirectoryExW(nullptr, target.substr(0, target.find_last_of(L'\\')).c_str(), nullptr);
-    return ::CopyFileW(testing_support::BuildPath(builtPath).c_str(), target.c_str(), FALSE) != FALSE;
+    return ::CopyFileW(testsupport::BuildPath(builtPath).c_str(), target.c_str(), FALSE) != FALSE;
 }
 
 template <typename T> T Export(const char* name)
@@ -47,7 +47,8 @@ class StatusRecorder
 public:
     ChannelStatusListener Listener()
     {
-        return [this](const ChannelStatusRecord& record, uint32_t sessionId) {
+        return [this](const ChannelStatusRecord& record, uint32_t sessionId)
+        {
             {
                 std::lock_guard lock(m_mutex);
                 m_published.push_back({sessionId, record});
@@ -59,11 +60,15 @@ public:
     bool WaitForState(uint32_t sessionId, uint32_t state, std::chrono::milliseconds limit, size_t times = 1)
     {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, limit, [&] {
-            return static_cast<size_t>(std::count_if(m_published.begin(), m_published.end(), [&](const auto& p) {
-                       return p.first == sessionId && p.second.dwState == state;
-                   })) >= times;
-        });
+        return m_changed.wait_for(lock, limit,
+                                  [&]
+                                  {
+                                      return static_cast<size_t>(std::count_if(
+                                                 m_published.begin(), m_published.end(),
+                                                 [&](const auto& p) {
+                                                     return p.first == sessionId && p.second.dwState == state;
+                                                 })) >= times;
+                                  });
     }
     std::vector<uint32_t> States(uint32_t sessionId) const
     {
@@ -97,7 +102,7 @@ protected:
         // Sessions come from each test's own script; the control pipe gets a name of its own.
         ::SetEnvironmentVariableW(L"CVSKAPI_STANDIN_SCENARIO", L"none");
         ::SetEnvironmentVariableW(L"CVSKAPI_STANDIN_PIPE",
-                                  (L"\\\\.\\pipe\\" + testing_support::UniqueName(L"skein-standin")).c_str());
+                                  (L"\\\\.\\pipe\\" + testsupport::UniqueName(L"skein-standin")).c_str());
         m_server->SetStatusListener(m_status.Listener());
     }
     void TearDown() override
@@ -157,7 +162,8 @@ protected:
         for (size_t at = reply.find('\n'), next; at != std::string::npos; at = next)
         {
             next = reply.find('\n', at + 1);
-            urls.push_back(reply.substr(at + 1, next == std::string::npos ? std::string::npos : next - at - 1));
+            urls.push_back(
+                reply.substr(at + 1, next == std::string::npos ? std::string::npos : next - at - 1));
         }
         return urls;
     }
@@ -178,10 +184,10 @@ protected:
         return m_status.WaitForState(sessionId, eCvUrlApiEvent_RdpConnected, limit);
     }
 
-    std::shared_ptr<testing_support::CapturingLogger> m_logger =
-        std::make_shared<testing_support::CapturingLogger>(4);
+    std::shared_ptr<testsupport::CapturingLogger> m_logger =
+        std::make_shared<testsupport::CapturingLogger>(4);
     std::unique_ptr<CVirtServer> m_server = std::make_unique<CVirtServer>(m_logger);
     StatusRecorder m_status;
 };
 
-} // namespace virt_test
+} // namespace virttest
