@@ -13,7 +13,7 @@ namespace statusapi
 
 struct PeerIdentity
 {
-    std::vector<uint8_t> sid; // the token user
+    std::vector<uint8_t> sid;   // the token user
     bool administrator = false; // LocalSystem, or a member of the local Administrators group
 };
 

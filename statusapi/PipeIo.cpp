@@ -6,19 +6,19 @@
 namespace statusapi
 {
 
-CPipeOperation::CPipeOperation() : m_event(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+CPipeOperation::CPipeOperation() : m_hevDone(::CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
 
 bool CPipeOperation::Start(HANDLE pipe, bool write, void* buffer, DWORD size)
 {
     m_overlapped = OVERLAPPED{};
-    ::ResetEvent(m_event.get());
+    ::ResetEvent(m_hevDone.get());
     // The low bit keeps the completion off the port the pipe may be bound to.
-    m_overlapped.hEvent = reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(m_event.get()) | 1);
+    m_overlapped.hEvent = reinterpret_cast<HANDLE>(reinterpret_cast<ULONG_PTR>(m_hevDone.get()) | 1);
     const BOOL done = write ? ::WriteFile(pipe, buffer, size, nullptr, &m_overlapped)
                             : ::ReadFile(pipe, buffer, size, nullptr, &m_overlapped);
     if (!done && ::GetLastError() != ERROR_IO_PENDING)
         return false;
-    m_pending = true;
+    m_bPending = true;
     return true;
 }
 
@@ -26,7 +26,7 @@ bool CPipeOperation::Complete(HANDLE pipe, DWORD& bytes, DWORD& error)
 {
     bytes = 0;
     error = 0;
-    m_pending = false;
+    m_bPending = false;
     if (::GetOverlappedResult(pipe, &m_overlapped, &bytes, FALSE))
         return true;
     error = ::GetLastError();
@@ -35,11 +35,11 @@ bool CPipeOperation::Complete(HANDLE pipe, DWORD& bytes, DWORD& error)
 
 void CPipeOperation::Cancel(HANDLE pipe)
 {
-    if (!m_pending)
+    if (!m_bPending)
         return;
     ::CancelIoEx(pipe, &m_overlapped); // ERROR_NOT_FOUND: it completed meanwhile, which is as good
     // A cancelled pipe operation completes at once; its record and buffer must outlive it.
-    ::WaitForSingleObject(m_event.get(), INFINITE);
+    ::WaitForSingleObject(m_hevDone.get(), INFINITE);
     DWORD bytes = 0;
     DWORD error = 0;
     Complete(pipe, bytes, error);
@@ -47,11 +47,11 @@ void CPipeOperation::Cancel(HANDLE pipe)
 
 bool CPacketReader::Start(HANDLE pipe)
 {
-    uint8_t* at = m_headerDone ? m_payload.data() + m_got : m_header + m_got;
-    const size_t need = (m_headerDone ? m_payload.size() : sizeof(m_header)) - m_got;
+    uint8_t* at = m_bHeaderDone ? m_payload.data() + m_nGot : m_header + m_nGot;
+    const size_t need = (m_bHeaderDone ? m_payload.size() : sizeof(m_header)) - m_nGot;
     if (!m_operation.Start(pipe, false, at, static_cast<DWORD>(need)))
     {
-        m_error = ::GetLastError();
+        m_dwError = ::GetLastError();
         return false;
     }
     return true;
@@ -60,35 +60,35 @@ bool CPacketReader::Start(HANDLE pipe)
 CPacketReader::Step CPacketReader::Continue(HANDLE pipe)
 {
     DWORD bytes = 0;
-    if (!m_operation.Complete(pipe, bytes, m_error))
+    if (!m_operation.Complete(pipe, bytes, m_dwError))
         return Step::Broken;
     if (bytes == 0)
     {
-        m_error = ERROR_BROKEN_PIPE; // an end of stream
+        m_dwError = ERROR_BROKEN_PIPE; // an end of stream
         return Step::Broken;
     }
-    m_got += bytes;
-    if (!m_headerDone)
+    m_nGot += bytes;
+    if (!m_bHeaderDone)
     {
-        if (m_got < sizeof(m_header))
+        if (m_nGot < sizeof(m_header))
             return Step::More;
         const agentpipe::MessageHeader header = agentpipe::DecodeHeader(m_header);
-        if (header.length > m_maxPayload)
+        if (header.length > m_dwMaxPayload)
             return Step::TooLarge;
         // Made only now that the length is known to be within bounds.
         m_payload.assign(header.length, 0);
-        m_headerDone = true;
-        m_got = 0;
+        m_bHeaderDone = true;
+        m_nGot = 0;
     }
-    return m_got < m_payload.size() ? Step::More : Step::Complete;
+    return m_nGot < m_payload.size() ? Step::More : Step::Complete;
 }
 
 Packet CPacketReader::Take()
 {
     Packet packet{Header(), std::move(m_payload)};
     m_payload.clear();
-    m_headerDone = false;
-    m_got = 0;
+    m_bHeaderDone = false;
+    m_nGot = 0;
     return packet;
 }
 
@@ -123,8 +123,7 @@ IoOutcome ReadPacket(HANDLE pipe, CPacketReader& reader, Packet& packet, ULONGLO
     {
         if (!reader.Start(pipe))
             return IoOutcome::Broken;
-        const IoOutcome waited =
-            Await(reader.Event(), deadline, interrupt, [&] { reader.Cancel(pipe); });
+        const IoOutcome waited = Await(reader.Event(), deadline, interrupt, [&] { reader.Cancel(pipe); });
         if (waited != IoOutcome::Ok)
             return waited;
         switch (reader.Continue(pipe))

@@ -23,12 +23,12 @@ public:
     CPipeOperation(const CPipeOperation&) = delete;
     CPipeOperation& operator=(const CPipeOperation&) = delete;
 
-    bool Valid() const { return m_event.valid(); }
+    bool Valid() const { return m_hevDone.valid(); }
     // Starts the operation; the event is set once it completes (at once or later). False with the
     // last error when it could not start; nothing is pending then.
     bool Start(HANDLE pipe, bool write, void* buffer, DWORD size);
-    bool Pending() const { return m_pending; }
-    HANDLE Event() const { return m_event.get(); }
+    bool Pending() const { return m_bPending; }
+    HANDLE Event() const { return m_hevDone.get(); }
     // After the event: the bytes moved, or false with the error in `error`.
     bool Complete(HANDLE pipe, DWORD& bytes, DWORD& error);
     // Cancels a pending operation and waits until it has ended, so that its buffer may go.
@@ -36,8 +36,8 @@ public:
 
 private:
     OVERLAPPED m_overlapped{};
-    daxlib::unique_handle m_event;
-    bool m_pending = false;
+    daxlib::unique_handle m_hevDone;
+    bool m_bPending = false;
 };
 
 struct Packet
@@ -50,7 +50,7 @@ struct Packet
 class CPacketReader
 {
 public:
-    explicit CPacketReader(uint32_t maxPayload) : m_maxPayload(maxPayload) {}
+    explicit CPacketReader(uint32_t maxPayload) : m_dwMaxPayload(maxPayload) {}
 
     enum class Step
     {
@@ -69,16 +69,16 @@ public:
     // The header of the packet being read (once it is complete).
     agentpipe::MessageHeader Header() const { return agentpipe::DecodeHeader(m_header); }
     void Cancel(HANDLE pipe) { m_operation.Cancel(pipe); }
-    DWORD LastError() const { return m_error; }
+    DWORD LastError() const { return m_dwError; }
 
 private:
     CPipeOperation m_operation;
-    uint32_t m_maxPayload;
+    uint32_t m_dwMaxPayload;
     uint8_t m_header[agentpipe::kHeaderSize] = {};
-    bool m_headerDone = false;
+    bool m_bHeaderDone = false;
     std::vector<uint8_t> m_payload;
-    size_t m_got = 0;
-    DWORD m_error = 0;
+    size_t m_nGot = 0;
+    DWORD m_dwError = 0;
 };
 
 enum class IoOutcome
@@ -93,7 +93,8 @@ enum class IoOutcome
 // Blocking forms with a deadline (GetTickCount64) and an optional event that ends the wait early.
 IoOutcome ReadPacket(HANDLE pipe, CPacketReader& reader, Packet& packet, ULONGLONG deadline,
                      HANDLE interrupt = nullptr);
-IoOutcome WriteAll(HANDLE pipe, const std::vector<uint8_t>& bytes, ULONGLONG deadline, HANDLE interrupt = nullptr);
+IoOutcome WriteAll(HANDLE pipe, const std::vector<uint8_t>& bytes, ULONGLONG deadline,
+                   HANDLE interrupt = nullptr);
 
 ULONGLONG DeadlineAfter(DWORD timeoutMs);
 DWORD Remaining(ULONGLONG deadline);

@@ -17,8 +17,9 @@ constexpr DWORD kStopDrainMs = 1000;
 
 CStatusConnection::CStatusConnection(CStatusServer& server, std::shared_ptr<ICvLogger> logger, uint64_t id,
                                      daxlib::unique_hfile pipe, uint32_t processId, uint32_t sessionId)
-    : CBaseLogger(std::move(logger)), m_server(server), m_id(id), m_pipe(std::move(pipe)), m_processId(processId),
-      m_sessionId(sessionId), m_hevWake(::CreateEventW(nullptr, FALSE, FALSE, nullptr))
+    : CBaseLogger(std::move(logger)), m_server(server), m_qwId(id), m_hPipe(std::move(pipe)),
+      m_dwProcessId(processId), m_dwSessionId(sessionId),
+      m_hevWake(::CreateEventW(nullptr, FALSE, FALSE, nullptr))
 {
 }
 
@@ -42,20 +43,20 @@ void CStatusConnection::RequestStop()
 
 bool CStatusConnection::Subscribe(uint32_t requestId, uint32_t scope)
 {
-    std::lock_guard lock(m_queueLock);
+    std::lock_guard lock(m_srwQueue);
     if (m_bSubscribed)
         return false;
     m_bSubscribed = true;
-    m_subscription = requestId;
-    m_scope = scope;
+    m_dwSubscription = requestId;
+    m_dwScope = scope;
     return true;
 }
 
 void CStatusConnection::Offer(uint32_t sessionId, const ChannelStatusRecord& record)
 {
     {
-        std::lock_guard lock(m_queueLock);
-        if (!m_bSubscribed || m_bOverflowed || !Reaches(m_scope, m_sessionId, sessionId))
+        std::lock_guard lock(m_srwQueue);
+        if (!m_bSubscribed || m_bOverflowed || !Reaches(m_dwScope, m_dwSessionId, sessionId))
             return;
         if (m_queue.size() >= m_server.Settings().queueDepth)
         {
@@ -72,7 +73,7 @@ void CStatusConnection::Offer(uint32_t sessionId, const ChannelStatusRecord& rec
 
 bool CStatusConnection::Overflowed()
 {
-    std::lock_guard lock(m_queueLock);
+    std::lock_guard lock(m_srwQueue);
     return m_bOverflowed;
 }
 
@@ -81,9 +82,9 @@ void CStatusConnection::TakeQueued(std::vector<uint8_t>& out)
     std::deque<SessionEntry> taken;
     uint32_t subscription = 0;
     {
-        std::lock_guard lock(m_queueLock);
+        std::lock_guard lock(m_srwQueue);
         taken.swap(m_queue);
-        subscription = m_subscription;
+        subscription = m_dwSubscription;
     }
     for (const SessionEntry& entry : taken)
     {
@@ -101,16 +102,16 @@ void CStatusConnection::Run()
         Serve();
         break;
     case Greeting::Refused:
-        Log(LogLevel::Info, kRun, L"client (process %u, session %u) refused: %S", m_processId, m_sessionId,
-            CloseReasonWord(reason));
-        WriteAll(m_pipe.get(), EncodeClose(reason), DeadlineAfter(DrainMs(reason)));
+        Log(LogLevel::Info, kRun, L"client (process %u, session %u) refused: %S", m_dwProcessId,
+            m_dwSessionId, CloseReasonWord(reason));
+        WriteAll(m_hPipe.get(), EncodeClose(reason), DeadlineAfter(DrainMs(reason)));
         break;
     case Greeting::Gone:
         break;
     }
     // Closed, not disconnected: what was written and not yet read stays readable for the client.
-    m_pipe.reset();
-    m_server.ConnectionEnded(m_id);
+    m_hPipe.reset();
+    m_server.ConnectionEnded(m_qwId);
 }
 
 CStatusConnection::Greeting CStatusConnection::Greet(uint32_t& reason)
@@ -118,7 +119,7 @@ CStatusConnection::Greeting CStatusConnection::Greet(uint32_t& reason)
     CPacketReader reader(kMaxClientPayload);
     Packet packet;
     // Before a subscription only RequestStop sets the wake event.
-    switch (ReadPacket(m_pipe.get(), reader, packet, DeadlineAfter(m_server.Settings().helloTimeoutMs),
+    switch (ReadPacket(m_hPipe.get(), reader, packet, DeadlineAfter(m_server.Settings().helloTimeoutMs),
                        m_hevWake.get()))
     {
     case IoOutcome::Ok:
@@ -136,32 +137,33 @@ CStatusConnection::Greeting CStatusConnection::Greet(uint32_t& reason)
     case IoOutcome::Broken:
         return Greeting::Gone;
     }
-    const auto hello = packet.header.type == kHello ? DecodeHello(packet.payload.data(), packet.payload.size())
-                                                    : std::nullopt;
+    const auto hello = packet.header.type == kHello
+                           ? DecodeHello(packet.payload.data(), packet.payload.size())
+                           : std::nullopt;
     if (!hello)
     {
         reason = kHelloMalformed;
         return Greeting::Refused;
     }
     PeerIdentity identity;
-    if (!m_server.InspectPeer(m_pipe.get(), identity))
+    if (!m_server.InspectPeer(m_hPipe.get(), identity))
     {
         Log(LogLevel::Warning, L"CStatusConnection::Greet: ",
-            L"the user of process %u (session %u) cannot be read from its token. GLE=%d", m_processId,
-            m_sessionId, static_cast<int>(::GetLastError()));
+            L"the user of process %u (session %u) cannot be read from its token. GLE=%d", m_dwProcessId,
+            m_dwSessionId, static_cast<int>(::GetLastError()));
         reason = kUserMismatch;
         return Greeting::Refused;
     }
-    reason = CheckHello(*hello, {m_sessionId, m_processId, identity.sid});
+    reason = CheckHello(*hello, {m_dwSessionId, m_dwProcessId, identity.sid});
     if (reason != kGoodbye)
         return Greeting::Refused;
-    m_administrator = identity.administrator;
-    const Welcome welcome{kProtocolVersion, m_sessionId, m_administrator ? kMayAskAllSessions : 0u};
-    if (WriteAll(m_pipe.get(), EncodeWelcome(welcome), DeadlineAfter(m_server.Settings().drainTimeoutMs)) !=
+    m_bAdministrator = identity.administrator;
+    const Welcome welcome{kProtocolVersion, m_dwSessionId, m_bAdministrator ? kMayAskAllSessions : 0u};
+    if (WriteAll(m_hPipe.get(), EncodeWelcome(welcome), DeadlineAfter(m_server.Settings().drainTimeoutMs)) !=
         IoOutcome::Ok)
         return Greeting::Gone;
     Log(LogLevel::Debug, L"CStatusConnection::Greet: ", L"client (process %u, session %u, %S) welcomed",
-        m_processId, m_sessionId, SidText(identity.sid).c_str());
+        m_dwProcessId, m_dwSessionId, SidText(identity.sid).c_str());
     return Greeting::Welcomed;
 }
 
@@ -173,7 +175,7 @@ DWORD CStatusConnection::DrainMs(uint32_t reason) const
 
 void CStatusConnection::Serve()
 {
-    const HANDLE pipe = m_pipe.get();
+    const HANDLE pipe = m_hPipe.get();
     CPacketReader reader(kMaxClientPayload);
     CPipeOperation writer;
     if (!reader.Valid() || !writer.Valid())
@@ -188,7 +190,7 @@ void CStatusConnection::Serve()
     {
         if (closing)
             return;
-        Log(LogLevel::Info, kRun, L"client (process %u, session %u) closed: %S", m_processId, m_sessionId,
+        Log(LogLevel::Info, kRun, L"client (process %u, session %u) closed: %S", m_dwProcessId, m_dwSessionId,
             CloseReasonWord(reason));
         reader.Cancel(pipe);
         const auto packet = EncodeClose(reason);
@@ -217,7 +219,8 @@ void CStatusConnection::Serve()
             }
             if (written < writing.size())
             {
-                if (!writer.Start(pipe, true, writing.data() + written, static_cast<DWORD>(writing.size() - written)))
+                if (!writer.Start(pipe, true, writing.data() + written,
+                                  static_cast<DWORD>(writing.size() - written)))
                     break;
             }
             else if (closing)
@@ -238,12 +241,14 @@ void CStatusConnection::Serve()
         const DWORD writerSlot = writer.Pending() ? count++ : MAXDWORD;
         if (writerSlot != MAXDWORD)
             handles[writerSlot] = writer.Event();
-        const DWORD wait = ::WaitForMultipleObjects(count, handles, FALSE, closing ? Remaining(drainDeadline) : INFINITE);
+        const DWORD wait =
+            ::WaitForMultipleObjects(count, handles, FALSE, closing ? Remaining(drainDeadline) : INFINITE);
         if (wait == WAIT_TIMEOUT)
             break; // the client did not read its close packet in time
         if (wait == WAIT_FAILED)
         {
-            Log(LogLevel::Error, kRun, L"WaitForMultipleObjects failed. GLE=%d", static_cast<int>(::GetLastError()));
+            Log(LogLevel::Error, kRun, L"WaitForMultipleObjects failed. GLE=%d",
+                static_cast<int>(::GetLastError()));
             break;
         }
         if (wait == WAIT_OBJECT_0 + readerSlot)

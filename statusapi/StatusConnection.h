@@ -31,10 +31,10 @@ public:
     // Asks the thread to say goodbye and end, without waiting for it.
     void RequestStop();
 
-    uint64_t Id() const { return m_id; }
-    uint32_t SessionId() const { return m_sessionId; }
+    uint64_t Id() const { return m_qwId; }
+    uint32_t SessionId() const { return m_dwSessionId; }
     // Known once the hello held; read on the connection's own thread only.
-    bool IsAdministrator() const { return m_administrator; }
+    bool IsAdministrator() const { return m_bAdministrator; }
 
     // Both under the server's state lock. False when the connection subscribed already.
     bool Subscribe(uint32_t requestId, uint32_t scope);
@@ -59,19 +59,19 @@ private:
     DWORD DrainMs(uint32_t reason) const;
 
     CStatusServer& m_server;
-    const uint64_t m_id;
-    daxlib::unique_hfile m_pipe;
-    const uint32_t m_processId;
-    const uint32_t m_sessionId;
-    bool m_administrator = false;
+    const uint64_t m_qwId;
+    daxlib::unique_hfile m_hPipe;
+    const uint32_t m_dwProcessId;
+    const uint32_t m_dwSessionId;
+    bool m_bAdministrator = false;
     // Auto-reset: the queue has news, or a stop was asked for (the thread waits for nothing else).
     daxlib::unique_handle m_hevWake;
     std::atomic<bool> m_bStopRequested{false};
     // Guards the subscription and its queue.
-    daxlib::srw_lock m_queueLock;
+    daxlib::srw_lock m_srwQueue;
     bool m_bSubscribed = false;
-    uint32_t m_subscription = 0; // the Subscribe's request id
-    uint32_t m_scope = statusapi::kOwnSession;
+    uint32_t m_dwSubscription = 0; // the Subscribe's request id
+    uint32_t m_dwScope = statusapi::kOwnSession;
     std::deque<statusapi::SessionEntry> m_queue;
     bool m_bOverflowed = false;
     // Declared last: joined before anything it uses goes.

@@ -11,9 +11,9 @@ using agentpipe::StoreU32;
 namespace
 {
 
-constexpr size_t kHelloFixed = 16;    // version, session, process, SID length
-constexpr size_t kRequestSize = 8;    // id, scope
-constexpr size_t kAnswerFixed = 12;   // request id, result, count
+constexpr size_t kHelloFixed = 16;  // version, session, process, SID length
+constexpr size_t kRequestSize = 8;  // id, scope
+constexpr size_t kAnswerFixed = 12; // request id, result, count
 constexpr size_t kNotificationSize = 4 + kEntrySize;
 
 // A packet of `payload` bytes with its header filled in and the payload zeroed.
@@ -201,7 +201,8 @@ uint32_t CheckHello(const Hello& hello, const PeerFacts& facts)
     return kGoodbye;
 }
 
-ClientPacket InterpretClientPacket(const agentpipe::MessageHeader& header, const uint8_t* payload, size_t size)
+ClientPacket InterpretClientPacket(const agentpipe::MessageHeader& header, const uint8_t* payload,
+                                   size_t size)
 {
     ClientPacket packet;
     if (size != header.length)
@@ -212,7 +213,8 @@ ClientPacket InterpretClientPacket(const agentpipe::MessageHeader& header, const
     case kSubscribe:
         if (auto request = DecodeRequest(payload, size))
         {
-            packet.kind = header.type == kGetStatus ? ClientPacket::Kind::GetStatus : ClientPacket::Kind::Subscribe;
+            packet.kind =
+                header.type == kGetStatus ? ClientPacket::Kind::GetStatus : ClientPacket::Kind::Subscribe;
             packet.request = *request;
         }
         break;
@@ -251,9 +253,10 @@ const char* StateWord(uint32_t state)
 const char* CloseReasonWord(uint32_t reason)
 {
     static const char* const words[] = {
-        "goodbye",           "service stopping",  "hello timeout",         "hello malformed",
-        "version unsupported", "session mismatch", "user mismatch",        "process mismatch",
-        "too many connections", "packet malformed", "packet too large",   "reader too slow",
+        "goodbye",          "service stopping",    "hello timeout",
+        "hello malformed",  "version unsupported", "session mismatch",
+        "user mismatch",    "process mismatch",    "too many connections",
+        "packet malformed", "packet too large",    "reader too slow",
         "service error",
     };
     return reason < std::size(words) ? words[reason] : "unknown";
@@ -267,9 +270,9 @@ std::string VersionText(uint32_t version)
 std::string DescribeEntry(const SessionEntry& entry)
 {
     const ChannelStatusRecord& r = entry.record;
-    return "session " + std::to_string(entry.sessionId) + ": " + StateWord(r.dwState) +
-           " (versions: local " + VersionText(r.dwLocalVersion) + ", remote " + VersionText(r.dwRemoteVersion) +
-           ", negotiated " + VersionText(r.dwNegotiatedVersion) + ")";
+    return "session " + std::to_string(entry.sessionId) + ": " + StateWord(r.dwState) + " (versions: local " +
+           VersionText(r.dwLocalVersion) + ", remote " + VersionText(r.dwRemoteVersion) + ", negotiated " +
+           VersionText(r.dwNegotiatedVersion) + ")";
 }
 
 std::string JsonEntry(const SessionEntry& entry)

@@ -32,19 +32,19 @@ enum PacketType : uint32_t
 
 enum CloseReason : uint32_t
 {
-    kGoodbye = 0,             // the sender is done; nothing is wrong
+    kGoodbye = 0, // the sender is done; nothing is wrong
     kServiceStopping = 1,
-    kHelloTimeout = 2,        // no complete hello within the service's deadline
-    kHelloMalformed = 3,      // the first packet is no hello, or not a well-formed one
+    kHelloTimeout = 2,   // no complete hello within the service's deadline
+    kHelloMalformed = 3, // the first packet is no hello, or not a well-formed one
     kVersionUnsupported = 4,
-    kSessionMismatch = 5,     // the hello's session is not the one the pipe reports
-    kUserMismatch = 6,        // the hello's user is not the client's token user
-    kProcessMismatch = 7,     // the hello's process is not the one the pipe reports
-    kTooManyConnections = 8,  // over the per-session or the total bound
-    kPacketMalformed = 9,     // an unknown type, or a length that does not fit the type
-    kPacketTooLarge = 10,     // a header announcing more than kMaxClientPayload
-    kReaderTooSlow = 11,      // a subscriber left more than its queue of changes unread
-    kServiceError = 12,       // the service could not check the client (its own trouble)
+    kSessionMismatch = 5,    // the hello's session is not the one the pipe reports
+    kUserMismatch = 6,       // the hello's user is not the client's token user
+    kProcessMismatch = 7,    // the hello's process is not the one the pipe reports
+    kTooManyConnections = 8, // over the per-session or the total bound
+    kPacketMalformed = 9,    // an unknown type, or a length that does not fit the type
+    kPacketTooLarge = 10,    // a header announcing more than kMaxClientPayload
+    kReaderTooSlow = 11,     // a subscriber left more than its queue of changes unread
+    kServiceError = 12,      // the service could not check the client (its own trouble)
 };
 
 enum Scope : uint32_t
@@ -159,7 +159,8 @@ struct ClientPacket
     Kind kind = Kind::Malformed;
     Request request;
 };
-ClientPacket InterpretClientPacket(const agentpipe::MessageHeader& header, const uint8_t* payload, size_t size);
+ClientPacket InterpretClientPacket(const agentpipe::MessageHeader& header, const uint8_t* payload,
+                                   size_t size);
 
 // Whether a change of `session` reaches a subscriber of `ownSession` with that scope.
 bool Reaches(uint32_t scope, uint32_t ownSession, uint32_t session);

@@ -30,7 +30,7 @@ struct CStatusServer::Waiting
 };
 
 CStatusServer::CStatusServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName)
-    : IBaseItem(std::move(logger)), m_pipeName(daxlib::PipePath(pipeName)), m_nextKey(kFirstInstanceKey)
+    : IBaseItem(std::move(logger)), m_strPipeName(daxlib::PipePath(pipeName)), m_nNextKey(kFirstInstanceKey)
 {
 }
 
@@ -48,10 +48,10 @@ int CStatusServer::Start()
         [&]
         {
             // The agent pipe's access: local users read and write, nobody but SYSTEM creates instances.
-            m_attributes = std::make_shared<CDaxSecattrLocalLI>(CDaxSecattr::DefaultVersionQuery(),
-                                                                ClientAccess::Narrow);
-            m_port.reset(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
-            if (!m_port)
+            m_pAttributes = std::make_shared<CDaxSecattrLocalLI>(CDaxSecattr::DefaultVersionQuery(),
+                                                                 ClientAccess::Narrow);
+            m_hPort.reset(::CreateIoCompletionPort(INVALID_HANDLE_VALUE, nullptr, 0, 1));
+            if (!m_hPort)
             {
                 Log(LogLevel::Error, L"CStatusServer::Start: ", L"CreateIoCompletionPort failed. GLE=%d",
                     static_cast<int>(::GetLastError()));
@@ -67,7 +67,7 @@ int CStatusServer::Start()
                 return 0;
             }
             Log(LogLevel::Info, L"CStatusServer::Start: ",
-                L"waiting for status clients on %s (at most %u a session, %u in all)", m_pipeName.c_str(),
+                L"waiting for status clients on %s (at most %u a session, %u in all)", m_strPipeName.c_str(),
                 m_settings.maxConnectionsPerSession, m_settings.maxConnections);
             return 1;
         });
@@ -79,26 +79,26 @@ int CStatusServer::Stop()
     // waiting, then every connection told at once and joined, then the port they post their ends to.
     if (m_acceptThread.IsRunning())
     {
-        ::PostQueuedCompletionStatus(m_port.get(), 0, kStopKey, nullptr);
+        ::PostQueuedCompletionStatus(m_hPort.get(), 0, kStopKey, nullptr);
         m_acceptThread.Stop();
     }
     CancelWaiting(); // also those a failed Start left
     std::map<uint64_t, std::shared_ptr<CStatusConnection>> connections;
     {
-        std::lock_guard lock(m_stateLock);
+        std::lock_guard lock(m_srwState);
         connections.swap(m_connections);
         m_sessionConnections.clear();
     }
     for (auto& [id, connection] : connections)
         connection->RequestStop();
     connections.clear();
-    m_port.reset();
+    m_hPort.reset();
     return 1;
 }
 
 void CStatusServer::Refill()
 {
-    while (m_waiting.size() < kAccepts && Listen(m_nextKey++))
+    while (m_waiting.size() < kAccepts && Listen(m_nNextKey++))
     {
     }
 }
@@ -111,7 +111,7 @@ void CStatusServer::AcceptThread()
         DWORD bytes = 0;
         ULONG_PTR key = 0;
         OVERLAPPED* overlapped = nullptr;
-        const BOOL ok = ::GetQueuedCompletionStatus(m_port.get(), &bytes, &key, &overlapped,
+        const BOOL ok = ::GetQueuedCompletionStatus(m_hPort.get(), &bytes, &key, &overlapped,
                                                     waiting.size() < kAccepts ? CNamedPipeServer::kNameRetryMs
                                                                               : INFINITE);
         if (!ok && !overlapped)
@@ -153,7 +153,7 @@ void CStatusServer::CancelWaiting()
         DWORD bytes = 0;
         ULONG_PTR key = 0;
         OVERLAPPED* overlapped = nullptr;
-        if (!::GetQueuedCompletionStatus(m_port.get(), &bytes, &key, &overlapped, kCancelSettleMs) &&
+        if (!::GetQueuedCompletionStatus(m_hPort.get(), &bytes, &key, &overlapped, kCancelSettleMs) &&
             !overlapped)
             break;
         m_waiting.erase(key);
@@ -167,14 +167,14 @@ bool CStatusServer::Listen(ULONG_PTR key)
 {
     bool first = false;
     {
-        std::shared_lock lock(m_stateLock);
+        std::shared_lock lock(m_srwState);
         first = m_waiting.empty() && m_connections.empty();
     }
     auto instance = std::make_unique<Waiting>();
     instance->pipe.reset(pipeinstance::Create(
-        m_createInstance, m_pipeName, first,
+        m_createInstance, m_strPipeName, first,
         {PIPE_UNLIMITED_INSTANCES, kPipeBufferSize, kPipeBufferSize, CNamedPipeServer::kDefaultTimeoutMs},
-        CDaxSecattr::Get(m_attributes.get())));
+        CDaxSecattr::Get(m_pAttributes.get())));
     const DWORD createError = instance->pipe ? ERROR_SUCCESS : ::GetLastError();
     if (pipeinstance::NameTaken(first, createError))
     {
@@ -183,7 +183,7 @@ bool CStatusServer::Listen(ULONG_PTR key)
                 L"The pipe %s exists already and was not created by this server: not serving it; trying "
                 L"again "
                 L"every %u ms. GLE = %d",
-                m_pipeName.c_str(), static_cast<unsigned>(CNamedPipeServer::kNameRetryMs),
+                m_strPipeName.c_str(), static_cast<unsigned>(CNamedPipeServer::kNameRetryMs),
                 static_cast<int>(createError));
         return false;
     }
@@ -195,8 +195,8 @@ bool CStatusServer::Listen(ULONG_PTR key)
     }
     if (std::exchange(m_bNameTaken, false))
         Log(LogLevel::Info, L"CStatusServer::Listen: ", L"The pipe %s is this server's now: serving it",
-            m_pipeName.c_str());
-    if (!::CreateIoCompletionPort(instance->pipe.get(), m_port.get(), key, 0))
+            m_strPipeName.c_str());
+    if (!::CreateIoCompletionPort(instance->pipe.get(), m_hPort.get(), key, 0))
     {
         Log(LogLevel::Error, L"CStatusServer::Listen: ", L"CreateIoCompletionPort failed. GLE = %d",
             static_cast<int>(::GetLastError()));
@@ -232,12 +232,12 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
     }
     if (m_resolveSession)
         sessionId = m_resolveSession(processId, sessionId);
-    const uint64_t id = m_nextConnection++;
+    const uint64_t id = m_qwNextConnection++;
     std::shared_ptr<CStatusConnection> connection;
     bool overTotal = false;
     uint32_t refusedBefore = 0;
     {
-        std::lock_guard lock(m_stateLock);
+        std::lock_guard lock(m_srwState);
         uint32_t& inSession = m_sessionConnections[sessionId];
         overTotal = m_connections.size() >= m_settings.maxConnections;
         if (!overTotal && inSession < m_settings.maxConnectionsPerSession)
@@ -246,7 +246,7 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
                                                              sessionId);
             m_connections[id] = connection;
             ++inSession;
-            refusedBefore = std::exchange(m_refusedInBurst, 0);
+            refusedBefore = std::exchange(m_dwRefusedInBurst, 0);
         }
         else if (inSession == 0)
         {
@@ -266,8 +266,8 @@ void CStatusServer::Refuse(daxlib::unique_hfile pipe, uint32_t sessionId, uint32
 {
     bool first = false;
     {
-        std::lock_guard lock(m_stateLock);
-        first = m_refusedInBurst++ == 0;
+        std::lock_guard lock(m_srwState);
+        first = m_dwRefusedInBurst++ == 0;
     }
     // One line per burst: a flood must not flood the log as well.
     if (first)
@@ -283,7 +283,7 @@ void CStatusServer::Refuse(daxlib::unique_hfile pipe, uint32_t sessionId, uint32
 
 void CStatusServer::ConnectionEnded(uint64_t id)
 {
-    ::PostQueuedCompletionStatus(m_port.get(), 0, kEndedKey,
+    ::PostQueuedCompletionStatus(m_hPort.get(), 0, kEndedKey,
                                  reinterpret_cast<OVERLAPPED*>(static_cast<uintptr_t>(id)));
 }
 
@@ -291,7 +291,7 @@ void CStatusServer::Reap(uint64_t id)
 {
     std::shared_ptr<CStatusConnection> ended;
     {
-        std::lock_guard lock(m_stateLock);
+        std::lock_guard lock(m_srwState);
         const auto found = m_connections.find(id);
         if (found == m_connections.end())
             return;
@@ -306,7 +306,7 @@ void CStatusServer::Reap(uint64_t id)
 
 size_t CStatusServer::ConnectionCount() const
 {
-    std::shared_lock lock(m_stateLock);
+    std::shared_lock lock(m_srwState);
     return m_connections.size();
 }
 
@@ -317,7 +317,7 @@ bool CStatusServer::InspectPeer(HANDLE pipe, PeerIdentity& identity) const
 
 void CStatusServer::OnStatusChanged(const ChannelStatusRecord& record, uint32_t sessionId)
 {
-    std::lock_guard lock(m_stateLock);
+    std::lock_guard lock(m_srwState);
     m_records[sessionId] = record;
     for (auto& [id, connection] : m_connections)
         connection->Offer(sessionId, record);
@@ -340,7 +340,7 @@ Answer CStatusServer::Respond(CStatusConnection& connection, const Request& requ
     // Asked before the lock: the session list is another object's, and OnStatusChanged may be
     // waiting for the lock with a session handler's lock held.
     const std::vector<uint32_t> open = m_sessions ? m_sessions() : std::vector<uint32_t>();
-    std::lock_guard lock(m_stateLock);
+    std::lock_guard lock(m_srwState);
     if (subscribe && !connection.Subscribe(request.id, request.scope))
     {
         answer.result = kAlreadySubscribed;

@@ -52,11 +52,12 @@ public:
     // Who the client of a pipe is; tests play other users and non-administrators with it.
     using PeerInspector = std::function<bool(HANDLE pipe, statusapi::PeerIdentity& identity)>;
 
-    static constexpr uint32_t kAccepts = 2;          // instances waiting for clients at once
-    static constexpr DWORD kPipeBufferSize = 4096;   // about five notifications
-    static constexpr DWORD kRefusalWriteMs = 1000;   // a refused client's close packet fits the empty buffer
+    static constexpr uint32_t kAccepts = 2;        // instances waiting for clients at once
+    static constexpr DWORD kPipeBufferSize = 4096; // about five notifications
+    static constexpr DWORD kRefusalWriteMs = 1000; // a refused client's close packet fits the empty buffer
 
-    explicit CStatusServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName = daxlib::kStatusPipeName);
+    explicit CStatusServer(std::shared_ptr<ICvLogger> logger,
+                           std::wstring pipeName = daxlib::kStatusPipeName);
     ~CStatusServer() override;
     CStatusServer(const CStatusServer&) = delete;
     CStatusServer& operator=(const CStatusServer&) = delete;
@@ -75,7 +76,8 @@ public:
     void OnStatusChanged(const ChannelStatusRecord& record, uint32_t sessionId);
     ChannelStatusListener Listener()
     {
-        return [this](const ChannelStatusRecord& record, uint32_t sessionId) { OnStatusChanged(record, sessionId); };
+        return [this](const ChannelStatusRecord& record, uint32_t sessionId)
+        { OnStatusChanged(record, sessionId); };
     }
 
     size_t ConnectionCount() const;
@@ -85,7 +87,8 @@ public:
     bool InspectPeer(HANDLE pipe, statusapi::PeerIdentity& identity) const;
     // Answers a request of a welcomed client; a subscription starts with the answer's records, so
     // that no change falls between them.
-    statusapi::Answer Respond(CStatusConnection& connection, const statusapi::Request& request, bool subscribe);
+    statusapi::Answer Respond(CStatusConnection& connection, const statusapi::Request& request,
+                              bool subscribe);
     // The connection's thread is about to end; the accept thread joins and frees it.
     void ConnectionEnded(uint64_t id);
 
@@ -102,27 +105,27 @@ private:
     void Refuse(daxlib::unique_hfile pipe, uint32_t sessionId, uint32_t processId, bool overTotal);
     void Reap(uint64_t id);
 
-    std::wstring m_pipeName;
+    std::wstring m_strPipeName;
     StatusApiSettings m_settings;
     SessionList m_sessions;
     SessionResolver m_resolveSession;
     PeerInspector m_inspectPeer;
     PipeInstanceCreator m_createInstance;
-    std::shared_ptr<CDaxSecattr> m_attributes;
-    daxlib::unique_handle m_port;
+    std::shared_ptr<CDaxSecattr> m_pAttributes;
+    daxlib::unique_handle m_hPort;
     // The accept thread's alone once it runs (Start makes the first instances before it starts).
     std::map<ULONG_PTR, std::unique_ptr<Waiting>> m_waiting;
-    ULONG_PTR m_nextKey;
-    uint64_t m_nextConnection = 1;
+    ULONG_PTR m_nNextKey;
+    uint64_t m_qwNextConnection = 1;
     bool m_bNameTaken = false;
     // Guards the records, the connection table, the per-session counts and the refusal burst.
     // Taken by OnStatusChanged on the session handlers' threads with their state lock held; under
     // it only a connection's queue lock is taken, never anything that waits.
-    mutable daxlib::srw_lock m_stateLock;
+    mutable daxlib::srw_lock m_srwState;
     std::map<uint32_t, ChannelStatusRecord> m_records;
     std::map<uint64_t, std::shared_ptr<CStatusConnection>> m_connections;
     std::map<uint32_t, uint32_t> m_sessionConnections;
-    uint32_t m_refusedInBurst = 0;
+    uint32_t m_dwRefusedInBurst = 0;
     // Declared last: it stops first.
     daxlib::CWorkerThread m_acceptThread;
 };

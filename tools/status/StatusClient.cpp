@@ -47,34 +47,35 @@ std::wstring DescribeStatus(Status status, uint32_t closeReason, DWORD error)
     return daxlib::Format(L"cannot reach the velomard service (error %u)", static_cast<unsigned>(error));
 }
 
-CStatusClient::CStatusClient(std::wstring pipeName) : m_pipeName(daxlib::PipePath(pipeName)) {}
+CStatusClient::CStatusClient(std::wstring pipeName) : m_strPipeName(daxlib::PipePath(pipeName)) {}
 
 Status CStatusClient::Open(DWORD timeoutMs)
 {
     const ULONGLONG deadline = DeadlineAfter(timeoutMs);
     for (;;)
     {
-        m_pipe.reset(::CreateFileW(m_pipeName.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr, OPEN_EXISTING,
-                                   FILE_FLAG_OVERLAPPED, nullptr));
-        if (m_pipe)
+        m_hPipe.reset(::CreateFileW(m_strPipeName.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+        if (m_hPipe)
             break;
-        m_error = ::GetLastError();
-        if (m_error == ERROR_FILE_NOT_FOUND || m_error == ERROR_PATH_NOT_FOUND)
+        m_dwError = ::GetLastError();
+        if (m_dwError == ERROR_FILE_NOT_FOUND || m_dwError == ERROR_PATH_NOT_FOUND)
             return Status::Absent;
-        if (m_error != ERROR_PIPE_BUSY)
+        if (m_dwError != ERROR_PIPE_BUSY)
             return Status::Failed;
         if (Remaining(deadline) == 0)
             return Status::Busy;
-        ::WaitNamedPipeW(m_pipeName.c_str(), std::max<DWORD>(1, std::min<DWORD>(Remaining(deadline), 250)));
+        ::WaitNamedPipeW(m_strPipeName.c_str(),
+                         std::max<DWORD>(1, std::min<DWORD>(Remaining(deadline), 250)));
     }
-    if (!m_expectedService.empty())
+    if (!m_strExpectedService.empty())
     {
         ULONG server = 0;
-        const DWORD expected = agent::ServiceProcessId(m_expectedService);
-        if (!::GetNamedPipeServerProcessId(m_pipe.get(), &server) || expected == 0 || server != expected)
+        const DWORD expected = agent::ServiceProcessId(m_strExpectedService);
+        if (!::GetNamedPipeServerProcessId(m_hPipe.get(), &server) || expected == 0 || server != expected)
         {
             Close();
-            m_error = ERROR_ACCESS_DENIED;
+            m_dwError = ERROR_ACCESS_DENIED;
             return Status::WrongServer;
         }
     }
@@ -90,11 +91,11 @@ Status CStatusClient::Connect(DWORD timeoutMs)
     Hello hello;
     if (!OwnHello(hello))
     {
-        m_error = ::GetLastError();
+        m_dwError = ::GetLastError();
         Close();
         return Status::Failed;
     }
-    status = FromOutcome(WriteAll(m_pipe.get(), EncodeHello(hello), deadline, m_interrupt));
+    status = FromOutcome(WriteAll(m_hPipe.get(), EncodeHello(hello), deadline, m_hevInterrupt));
     return status == Status::Ok ? ReadAs(kWelcome, DecodeWelcome, m_welcome, deadline) : status;
 }
 
@@ -120,8 +121,9 @@ Status CStatusClient::ReadAs(uint32_t type, std::optional<T> (*decode)(const uin
 Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD timeoutMs)
 {
     const ULONGLONG deadline = DeadlineAfter(timeoutMs);
-    const uint32_t id = m_nextRequest++;
-    Status status = FromOutcome(WriteAll(m_pipe.get(), EncodeRequest(type, {id, scope}), deadline, m_interrupt));
+    const uint32_t id = m_dwNextRequest++;
+    Status status =
+        FromOutcome(WriteAll(m_hPipe.get(), EncodeRequest(type, {id, scope}), deadline, m_hevInterrupt));
     while (status == Status::Ok)
     {
         Packet packet;
@@ -136,8 +138,9 @@ Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD t
                 continue;
             }
         }
-        const auto decoded =
-            packet.header.type == kAnswer ? DecodeAnswer(packet.payload.data(), packet.payload.size()) : std::nullopt;
+        const auto decoded = packet.header.type == kAnswer
+                                 ? DecodeAnswer(packet.payload.data(), packet.payload.size())
+                                 : std::nullopt;
         if (!decoded || decoded->requestId != id)
         {
             Close();
@@ -162,37 +165,37 @@ Status CStatusClient::NextNotification(Notification& notification, DWORD timeout
 
 void CStatusClient::Goodbye()
 {
-    if (m_pipe)
-        WriteAll(m_pipe.get(), EncodeClose(kGoodbye), DeadlineAfter(kGoodbyeMs));
+    if (m_hPipe)
+        WriteAll(m_hPipe.get(), EncodeClose(kGoodbye), DeadlineAfter(kGoodbyeMs));
     Close();
 }
 
 Status CStatusClient::Write(const std::vector<uint8_t>& bytes, DWORD timeoutMs)
 {
-    return FromOutcome(WriteAll(m_pipe.get(), bytes, DeadlineAfter(timeoutMs), m_interrupt));
+    return FromOutcome(WriteAll(m_hPipe.get(), bytes, DeadlineAfter(timeoutMs), m_hevInterrupt));
 }
 
 Status CStatusClient::ReadRaw(Packet& packet, DWORD timeoutMs)
 {
-    return FromOutcome(ReadPacket(m_pipe.get(), m_reader, packet, DeadlineAfter(timeoutMs), m_interrupt));
+    return FromOutcome(ReadPacket(m_hPipe.get(), m_reader, packet, DeadlineAfter(timeoutMs), m_hevInterrupt));
 }
 
 Status CStatusClient::Read(Packet& packet, ULONGLONG deadline)
 {
-    const Status status = FromOutcome(ReadPacket(m_pipe.get(), m_reader, packet, deadline, m_interrupt));
+    const Status status = FromOutcome(ReadPacket(m_hPipe.get(), m_reader, packet, deadline, m_hevInterrupt));
     if (status != Status::Ok || packet.header.type != kClose)
         return status;
     const auto reason = DecodeClose(packet.payload.data(), packet.payload.size());
     Close();
     if (!reason)
         return Status::ProtocolError;
-    m_closeReason = *reason;
+    m_dwCloseReason = *reason;
     return Status::Closed;
 }
 
 Status CStatusClient::FromOutcome(IoOutcome outcome)
 {
-    if (!m_pipe)
+    if (!m_hPipe)
         return Status::Disconnected;
     switch (outcome)
     {
@@ -210,7 +213,7 @@ Status CStatusClient::FromOutcome(IoOutcome outcome)
     case IoOutcome::Broken:
         break;
     }
-    m_error = ::GetLastError();
+    m_dwError = ::GetLastError();
     Close();
     return Status::Disconnected;
 }

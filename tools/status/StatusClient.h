@@ -20,9 +20,9 @@ namespace statusclient
 enum class Status
 {
     Ok,
-    Absent,        // no status pipe: the service is not running
-    Busy,          // every pipe instance stayed taken until the time limit
-    WrongServer,   // the pipe's server is not the service's process: nothing was sent
+    Absent,      // no status pipe: the service is not running
+    Busy,        // every pipe instance stayed taken until the time limit
+    WrongServer, // the pipe's server is not the service's process: nothing was sent
     TimedOut,
     Interrupted,   // the interrupt event was set
     Closed,        // the service sent a close packet: CloseReason() says why
@@ -44,8 +44,8 @@ public:
 
     // Before Open: the pipe's server must be this service's process, or Open fails with
     // WrongServer before anything is written.
-    void ExpectService(std::wstring serviceName) { m_expectedService = std::move(serviceName); }
-    void SetInterrupt(HANDLE event) { m_interrupt = event; }
+    void ExpectService(std::wstring serviceName) { m_strExpectedService = std::move(serviceName); }
+    void SetInterrupt(HANDLE event) { m_hevInterrupt = event; }
 
     // Opens the pipe only, waiting through "busy" up to the limit.
     Status Open(DWORD timeoutMs);
@@ -59,34 +59,35 @@ public:
     Status NextNotification(statusapi::Notification& notification, DWORD timeoutMs);
     // Sends the close packet (kGoodbye) with a short bound, and closes.
     void Goodbye();
-    void Close() { m_pipe.reset(); }
+    void Close() { m_hPipe.reset(); }
 
     // Raw access for tests that misbehave on purpose.
     Status Write(const std::vector<uint8_t>& bytes, DWORD timeoutMs);
     // The next packet whatever it is; a close packet is returned as Ok like any other.
     Status ReadRaw(statusapi::Packet& packet, DWORD timeoutMs);
-    HANDLE Handle() const { return m_pipe.get(); }
+    HANDLE Handle() const { return m_hPipe.get(); }
 
-    uint32_t CloseReason() const { return m_closeReason; }
-    DWORD Error() const { return m_error; }
+    uint32_t CloseReason() const { return m_dwCloseReason; }
+    DWORD Error() const { return m_dwError; }
 
 private:
     Status Read(statusapi::Packet& packet, ULONGLONG deadline);
     // The next packet, which must be of this type and decode; ProtocolError (and closed) otherwise.
     template <typename T>
-    Status ReadAs(uint32_t type, std::optional<T> (*decode)(const uint8_t*, size_t), T& value, ULONGLONG deadline);
+    Status ReadAs(uint32_t type, std::optional<T> (*decode)(const uint8_t*, size_t), T& value,
+                  ULONGLONG deadline);
     Status FromOutcome(statusapi::IoOutcome outcome);
 
-    std::wstring m_pipeName;
-    std::wstring m_expectedService;
-    HANDLE m_interrupt = nullptr;
-    daxlib::unique_hfile m_pipe;
+    std::wstring m_strPipeName;
+    std::wstring m_strExpectedService;
+    HANDLE m_hevInterrupt = nullptr;
+    daxlib::unique_hfile m_hPipe;
     statusapi::CPacketReader m_reader{statusapi::kMaxServicePayload};
     statusapi::Welcome m_welcome;
     std::deque<statusapi::Notification> m_notifications;
-    uint32_t m_nextRequest = 1;
-    uint32_t m_closeReason = statusapi::kGoodbye;
-    DWORD m_error = 0;
+    uint32_t m_dwNextRequest = 1;
+    uint32_t m_dwCloseReason = statusapi::kGoodbye;
+    DWORD m_dwError = 0;
 };
 
 } // namespace statusclient

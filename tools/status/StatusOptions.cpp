@@ -19,7 +19,8 @@ ParseResult ParseCommandLine(const std::vector<std::wstring>& args)
             result.options.all = true;
         else if (arg == L"--json")
             result.options.json = true;
-        else if (arg == L"--timeout" && i + 1 < args.size() && agent::ParseMilliseconds(args[i + 1], result.options.timeoutMs))
+        else if (arg == L"--timeout" && i + 1 < args.size() &&
+                 agent::ParseMilliseconds(args[i + 1], result.options.timeoutMs))
             ++i;
         else
         {
@@ -58,7 +59,8 @@ std::vector<std::string> AnswerLines(const statusapi::Answer& answer, uint32_t o
     {
         const std::string session = std::to_string(ownSession);
         lines.push_back(json ? "{\"session\":" + session + ",\"state\":\"no channel\"}"
-                             : "session " + session + ": no channel (the service has no remote channel for it)");
+                             : "session " + session +
+                                   ": no channel (the service has no remote channel for it)");
         return lines;
     }
     for (const statusapi::SessionEntry& entry : answer.entries)

@@ -37,9 +37,9 @@ void PrintLines(const std::vector<std::string>& lines)
 
 int Fail(Status status, const statusclient::CStatusClient& client)
 {
-    agent::Print(STD_ERROR_HANDLE, L"velomar-status: " +
-                                       statusclient::DescribeStatus(status, client.CloseReason(), client.Error()) +
-                                       L"\n");
+    agent::Print(STD_ERROR_HANDLE,
+                 L"velomar-status: " +
+                     statusclient::DescribeStatus(status, client.CloseReason(), client.Error()) + L"\n");
     return status == Status::WrongServer ? statustool::kExitWrongServer : statustool::kExitUnreachable;
 }
 
@@ -72,7 +72,8 @@ int Watch(statusclient::CStatusClient& client, const statustool::Options& option
 
 int Run(int argc, wchar_t** argv)
 {
-    const statustool::ParseResult parsed = statustool::ParseCommandLine(std::vector<std::wstring>(argv + 1, argv + argc));
+    const statustool::ParseResult parsed =
+        statustool::ParseCommandLine(std::vector<std::wstring>(argv + 1, argv + argc));
     if (parsed.exitCode != statustool::kExitConnected)
     {
         agent::Print(STD_ERROR_HANDLE, L"velomar-status: " + parsed.error + L"\n");
@@ -101,8 +102,9 @@ int Run(int argc, wchar_t** argv)
         return statustool::kExitDenied;
     }
     statusapi::Answer answer;
-    status = client.Ask(options.watch ? statusapi::kSubscribe : statusapi::kGetStatus,
-                        options.all ? statusapi::kAllSessions : statusapi::kOwnSession, answer, options.timeoutMs);
+    status =
+        client.Ask(options.watch ? statusapi::kSubscribe : statusapi::kGetStatus,
+                   options.all ? statusapi::kAllSessions : statusapi::kOwnSession, answer, options.timeoutMs);
     if (status != Status::Ok)
         return Fail(status, client);
     PrintLines(statustool::AnswerLines(answer, client.Welcome().sessionId, options.json));
