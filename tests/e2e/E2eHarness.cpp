@@ -2,6 +2,7 @@
 
 #include "common/PipeNames.h"
 #include "pipeserver/AgentProtocol.h"
+#include "tests/common/HostPaths.h"
 #include "tests/common/TestSupport.h"
 
 #include <algorithm>
@@ -11,18 +12,16 @@
 
 namespace e2e
 {
-
-const wchar_t kSinkFile[] = L"C:\\ProgramData\\Corvane\\Skein Standin\\received.txt";
+using testsupport::kLibraryFolder;
+using testsupport::kLibraryPath;
+using testsupport::kLogFile;
+using testsupport::kLogFolder;
+using testsupport::kProductKey;
+using testsupport::kScenarioPath;
 
 namespace
 {
 
-const wchar_t kLibraryFolder[] = L"C:\\Program Files\\Common Files\\Corvane\\Skein 3";
-const wchar_t kLibraryPath[] = L"C:\\Program Files\\Common Files\\Corvane\\Skein 3\\cvskapi.dll";
-const wchar_t kScenarioPath[] = L"C:\\Program Files\\Common Files\\Corvane\\Skein 3\\cvskapi.scenario";
-const wchar_t kLogFolder[] = L"C:\\ProgramData\\Corvane\\Velomar (Server)";
-const wchar_t kLogFile[] = L"C:\\ProgramData\\Corvane\\Velomar (Server)\\velomard.txt";
-const wchar_t kProductKey[] = L"Software\\Corvane\\Velomar (Server)";
 const wchar_t kPolicyKey[] = L"Software\\Policies\\Corvane\\Velomar (Server)\\UrlPolicy";
 const std::wstring kAgentPipe = daxlib::PipePath(daxlib::kAgentPipeName);
 

@@ -4,6 +4,7 @@
 // control manager, scripts the client side with skeinctl, and talks the agent protocol over raw
 // pipe clients. Free of GoogleTest so that the end-to-end benchmark uses it too.
 #include "common/UniqueHandle.h"
+#include "tests/common/HostPaths.h"
 
 #include <windows.h>
 
@@ -19,7 +20,7 @@
 namespace e2e
 {
 
-extern const wchar_t kSinkFile[];
+using testsupport::kSinkFile;
 
 struct ServiceOptions
 {

@@ -2,6 +2,7 @@
 // start, then a fresh install, its removal, and an upgrade from an older package. The suites run
 // in this order and each one starts from what the one before left.
 #include "common/UniqueHandle.h"
+#include "tests/common/HostPaths.h"
 #include "tests/common/TestSupport.h"
 
 #include "VelomardMessages.h"
@@ -21,6 +22,7 @@ using testsupport::RunProcess;
 
 namespace
 {
+using namespace testsupport;
 
 const std::wstring kInstallDir = L"C:\\Program Files\\Corvane\\Velomar";
 const std::wstring kServiceExe = kInstallDir + L"\\velomard.exe";
@@ -29,9 +31,6 @@ const std::wstring kStatusExe = kInstallDir + L"\\velomar-status.exe";
 const wchar_t kEventSourceKey[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\velomard";
 const wchar_t kCapabilitiesKey[] = L"Software\\Clients\\StartMenuInternet\\velomar-open\\Capabilities";
 const wchar_t kProgIdKey[] = L"Software\\Classes\\VelomarOpen.URL";
-const wchar_t kProductKey[] = L"Software\\Corvane\\Velomar (Server)";
-const wchar_t kLogFile[] = L"C:\\ProgramData\\Corvane\\Velomar (Server)\\velomard.txt";
-const wchar_t kSinkFile[] = L"C:\\ProgramData\\Corvane\\Skein Standin\\received.txt";
 
 DWORD Msiexec(const wchar_t* action, const char* package)
 {
@@ -103,10 +102,9 @@ protected:
     static void SetUpTestSuite()
     {
         // The channel library comes from its maker's installer, not from this package.
-        const std::wstring folder = L"C:\\Program Files\\Common Files\\Corvane\\Skein 3";
-        ::CreateDirectoryW(L"C:\\Program Files\\Common Files\\Corvane", nullptr);
-        ::CreateDirectoryW(folder.c_str(), nullptr);
-        ::CopyFileW(BuildPath(STANDIN_DLL).c_str(), (folder + L"\\cvskapi.dll").c_str(), FALSE);
+        ::CreateDirectoryW(kLibraryParent, nullptr);
+        ::CreateDirectoryW(kLibraryFolder, nullptr);
+        ::CopyFileW(BuildPath(STANDIN_DLL).c_str(), kLibraryPath, FALSE);
         s_result = Msiexec(L"/i", CURRENT_MSI);
     }
     void SetUp() override { ASSERT_EQ(static_cast<DWORD>(ERROR_SUCCESS), s_result); }
