@@ -110,7 +110,8 @@ BOOL CNamedPipeStream::WakeBlockedWriter(const Request& request, PIPE_OVERLAPPED
     return TRUE;
 }
 
-// The owner's callback runs as a pool task, outside every lock of the stream.
+// The owner's callback runs on a pool task, outside every lock of the stream: after the stream's
+// task that runs on this thread, if there is one, or as a task of its own.
 BOOL CNamedPipeStream::HandToCallback(const Request& request, PIPE_OVERLAPPED* record,
                                       std::unique_lock<daxlib::srw_lock>& recordLock)
 {
@@ -132,7 +133,7 @@ BOOL CNamedPipeStream::HandToCallback(const Request& request, PIPE_OVERLAPPED* r
         std::lock_guard lock(read ? m_srwReadMap : m_srwWriteMap);
         (read ? m_readCallbacks : m_writeCallbacks)[request->id] = request;
     }
-    const BOOL submitted = SubmitCallback(request->id, read);
+    const BOOL submitted = DeferToRunningTask(request->id, read) ? TRUE : SubmitCallback(request->id, read);
     if (!submitted)
     {
         std::lock_guard lock(read ? m_srwReadMap : m_srwWriteMap);

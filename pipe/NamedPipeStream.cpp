@@ -6,7 +6,9 @@
 #include "common/Guarded.h"
 #include "pipe/ThreadPool.h"
 
+#include <deque>
 #include <new>
+#include <utility>
 #include <type_traits>
 
 using namespace pipestates;
@@ -36,17 +38,77 @@ BOOL SubmitTo(const std::weak_ptr<CNamedPipeStream>& weak, R (CNamedPipeStream::
 }
 } // namespace
 
+// The pool task of a stream that runs on this thread, with the callbacks it has made due.
+struct CNamedPipeStream::TaskScope
+{
+    explicit TaskScope(CNamedPipeStream* stream) : m_pStream(stream), m_pOuter(s_pTaskScope)
+    {
+        s_pTaskScope = this;
+    }
+    ~TaskScope() { s_pTaskScope = m_pOuter; }
+    TaskScope(const TaskScope&) = delete;
+    TaskScope& operator=(const TaskScope&) = delete;
+
+    // Runs the due callbacks in the order they fell due; each may make more due.
+    void Drain()
+    {
+        while (!m_due.empty())
+        {
+            const auto [id, read] = m_due.front();
+            m_due.pop_front();
+            m_pStream->ProcessCallback(id, read);
+        }
+    }
+
+    CNamedPipeStream* m_pStream;
+    TaskScope* m_pOuter;
+    std::deque<std::pair<int64_t, bool>> m_due;
+};
+
+thread_local CNamedPipeStream::TaskScope* CNamedPipeStream::s_pTaskScope = nullptr;
+
 BOOL CNamedPipeStream::SubmitQueueReadRequest(unsigned long ioResult)
 {
-    return SubmitTo<void, unsigned long>(weak_from_this(), &CNamedPipeStream::ProcessQueueReadRequest,
-                                         ioResult);
+    return SubmitTo<void, unsigned long>(weak_from_this(), &CNamedPipeStream::QueueReadTask, ioResult);
 }
 
 BOOL CNamedPipeStream::SubmitCallback(int64_t requestId, bool read)
 {
     return SubmitTo<int, int64_t>(
-        weak_from_this(),
-        read ? &CNamedPipeStream::ProcessReadCallback : &CNamedPipeStream::ProcessWriteCallback, requestId);
+        weak_from_this(), read ? &CNamedPipeStream::ReadCallbackTask : &CNamedPipeStream::WriteCallbackTask,
+        requestId);
+}
+
+void CNamedPipeStream::QueueReadTask(unsigned long ioResult)
+{
+    TaskScope scope(this);
+    ProcessQueueReadRequest(ioResult);
+    scope.Drain();
+}
+
+int CNamedPipeStream::ReadCallbackTask(int64_t requestId)
+{
+    TaskScope scope(this);
+    const int result = ProcessReadCallback(requestId);
+    scope.Drain();
+    return result;
+}
+
+int CNamedPipeStream::WriteCallbackTask(int64_t requestId)
+{
+    TaskScope scope(this);
+    const int result = ProcessWriteCallback(requestId);
+    scope.Drain();
+    return result;
+}
+
+bool CNamedPipeStream::DeferToRunningTask(int64_t requestId, bool read)
+{
+    TaskScope* scope = s_pTaskScope;
+    if (!scope || scope->m_pStream != this)
+        return false;
+    scope->m_due.emplace_back(requestId, read);
+    return true;
 }
 
 CNamedPipeStream::CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context)
@@ -296,7 +358,7 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
                                                      m_reads.Push(request, bytes);
                                                  }
                                                  // Data already received is handed over at once; the owner's
-                                                 // callback still runs as a pool task, never inside this
+                                                 // callback still runs on a pool task, never inside this
                                                  // call.
                                                  ProcessQueueReadRequest(0);
                                                  return TRUE;

@@ -153,6 +153,16 @@ private:
     BOOL SubmitQueueReadRequest(unsigned long ioResult);
     BOOL SubmitCallback(int64_t requestId, bool read);
 
+    // The pool tasks of the stream. A callback that falls due while one of them runs (the
+    // data was already there, or the owner's callback asked for bytes already received) runs
+    // after it on the same thread, in order, instead of costing a hand-off to another thread.
+    struct TaskScope;
+    void QueueReadTask(unsigned long ioResult);
+    int ReadCallbackTask(int64_t requestId);
+    int WriteCallbackTask(int64_t requestId);
+    bool DeferToRunningTask(int64_t requestId, bool read);
+    static thread_local TaskScope* s_pTaskScope;
+
     // The kinds of completion, each the only way out for its kind and each marking the request
     // completed (CompleteIoRequest).
     bool ClaimCompletion(const Request& request);
