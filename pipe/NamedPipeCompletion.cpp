@@ -106,7 +106,12 @@ BOOL CNamedPipeStream::WakeBlockedWriter(const Request& request, PIPE_OVERLAPPED
           static_cast<int>(ioStatus));
     const HANDLE event = std::exchange(request->hEvent, nullptr);
     request->ov = nullptr;
-    ::SetEvent(event);
+    // The writer's own thread finishing its write needs no wake-up, and setting the event would
+    // cost it a wait as well.
+    if (record->m_bChecksInline && request->inlineThread.load() == ::GetCurrentThreadId())
+        record->m_bEndedInline = true;
+    else
+        ::SetEvent(event);
     return TRUE;
 }
 

@@ -124,6 +124,10 @@ CNamedPipeStream::CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipe
         context);
     if (!m_pIo->Start())
         daxlib::ThrowDaxException(L"NamedPipeStream", 60);
+    // An operation that succeeds at once is finished by the thread that started it: no trip
+    // through the completion port and no hand-off to another thread. Without the mode every
+    // operation still completes through the binding.
+    m_pIo->SkipCompletionOnSuccess();
     Log(LogLevel::Debug, L"CNamedPipeStream::CNamedPipeStream: ", L"constructor end.");
 }
 
@@ -168,6 +172,17 @@ void CNamedPipeStream::ForceConnectionState(uint32_t state)
 
 BOOL CNamedPipeStream::BeginRead()
 {
+    InlineRead done;
+    if (!StartRead(done))
+        return FALSE;
+    // Data was waiting: this read is finished here, as its completion would have been.
+    if (done.signal)
+        OnReadCompleted(0, done.signal, done.bytes);
+    return TRUE;
+}
+
+BOOL CNamedPipeStream::StartRead(InlineRead& done)
+{
     {
         std::lock_guard lock(m_srwState);
         if (m_dwState != ePipeConnectionState_Connected)
@@ -198,6 +213,12 @@ BOOL CNamedPipeStream::BeginRead()
     {
         Log(LogLevel::Trace, L"CNamedPipeStream::BeginRead: (176)",
             L"ReadFile(pBuff = 0x%p, BufLength = %d) return TRUE", buffer, static_cast<int>(kReadBufferSize));
+        if (m_pIo->SkipsCompletionOnSuccess())
+        {
+            m_pIo->CompletedInline(request);
+            done.signal = std::move(signal);
+            done.bytes = static_cast<unsigned long long>(request->overlapped.InternalHigh);
+        }
         return TRUE;
     }
     const DWORD error = ::GetLastError();
@@ -232,6 +253,52 @@ BOOL CNamedPipeStream::BeginRead()
     return FALSE;
 }
 
+// One read has ended (through the binding or at once); the next is started until one must
+// wait or fails. Reads that end at once are taken in this loop rather than by recursion, so a
+// peer that keeps the pipe full costs no stack.
+void CNamedPipeStream::OnReadCompleted(unsigned long ioResult, std::shared_ptr<PipeTaskSignal> signal,
+                                       unsigned long long bytes)
+{
+    for (;;)
+    {
+        Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (444)",
+            L"Reader: recieved %d byte(s) from pipe server end. IoResult = %d", static_cast<int>(bytes),
+            static_cast<int>(ioResult));
+        if (ioResult == 0 && bytes > 0)
+        {
+            uint32_t error = 0;
+            {
+                std::lock_guard lock(m_srwReadQueue);
+                error = m_reads.Append(signal->buffer.get(), static_cast<size_t>(bytes));
+            }
+            if (error != 0)
+                Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (450)",
+                    L"Reader: received %d byte(s) from pipe server end. Error writing to stream. GLE=%d",
+                    static_cast<int>(bytes), static_cast<int>(error));
+        }
+        InlineRead next;
+        const bool more = ioResult == 0 && StartRead(next);
+        if (!more)
+        {
+            std::lock_guard lock(m_srwReadQueue);
+            m_reads.Finish(ioResult != 0 ? static_cast<uint32_t>(ioResult) : ERROR_BROKEN_PIPE);
+        }
+        // With the next read already finished, its own hand-over covers this one's bytes too.
+        if (!next.signal && !EndRead(ioResult))
+            Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (455)", L"EndRead() failed");
+        if (!more)
+        {
+            OnReadLoopEnded();
+            return;
+        }
+        if (!next.signal)
+            return;
+        signal = std::move(next.signal);
+        bytes = next.bytes;
+        ioResult = 0;
+    }
+}
+
 int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::Request& request,
                                       unsigned long long bytes, PipeThreadPoolIo*, void*)
 {
@@ -258,35 +325,8 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
                 }
                 break;
             case ePipeTaskSignal_Read:
-            {
-                Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (444)",
-                    L"Reader: recieved %d byte(s) from pipe server end. IoResult = %d",
-                    static_cast<int>(bytes), static_cast<int>(ioResult));
-                if (ioResult == 0 && bytes > 0)
-                {
-                    uint32_t error = 0;
-                    {
-                        std::lock_guard lock(m_srwReadQueue);
-                        error = m_reads.Append(signal->buffer.get(), static_cast<size_t>(bytes));
-                    }
-                    if (error != 0)
-                        Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (450)",
-                            L"Reader: received %d byte(s) from pipe server end. Error writing to stream. "
-                            L"GLE=%d",
-                            static_cast<int>(bytes), static_cast<int>(error));
-                }
-                const bool more = ioResult == 0 && BeginRead();
-                if (!more)
-                {
-                    std::lock_guard lock(m_srwReadQueue);
-                    m_reads.Finish(ioResult != 0 ? static_cast<uint32_t>(ioResult) : ERROR_BROKEN_PIPE);
-                }
-                if (!EndRead(ioResult))
-                    Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (455)", L"EndRead() failed");
-                if (!more)
-                    OnReadLoopEnded();
+                OnReadCompleted(ioResult, request->signal, bytes);
                 break;
-            }
             case ePipeTaskSignal_Write:
             {
                 const auto& pipeIo = signal->request;

@@ -35,6 +35,11 @@ struct PIPE_OVERLAPPED
     // A cancel that came before the stream took the operation: the write it is for never starts.
     // Guarded by the stream's record lock.
     bool m_bCanceled = false;
+    // A blocked writer that looks at m_bEndedInline before it waits sets m_bChecksInline: a
+    // write that ends on the writer's own thread, before AddWriteRequest returns, then leaves
+    // the event alone and sets m_bEndedInline instead. Without it the event is always set.
+    bool m_bChecksInline = false;
+    bool m_bEndedInline = false;
 };
 
 // The owner's read or write callback: (data, its length, I/O status, completion record).
@@ -65,6 +70,9 @@ struct PIPE_IO_REQUEST
     HANDLE hEvent = nullptr;       // borrowed from the record of a blocked write
     std::shared_ptr<PipeIoCallback> callback;
     std::weak_ptr<PipeRequestIo> io; // the kernel-level request while a write is in flight
+    // The thread that finishes a write it has just started, if any: a cancel racing with it
+    // may finish it from another thread instead.
+    std::atomic<DWORD> inlineThread{0};
 };
 
 // What an overlapped operation was, carried by its kernel-level request.
@@ -145,6 +153,14 @@ protected:
 private:
     using Request = std::shared_ptr<PIPE_IO_REQUEST>;
 
+    // A read that ended as soon as it was started, when the handle skips the completion.
+    struct InlineRead
+    {
+        std::shared_ptr<PipeTaskSignal> signal;
+        unsigned long long bytes = 0;
+    };
+    BOOL StartRead(InlineRead& done);
+    void OnReadCompleted(unsigned long ioResult, std::shared_ptr<PipeTaskSignal> signal, unsigned long long bytes);
     BOOL EndRead(unsigned long ioResult);
     int ProcessReadCallback(int64_t requestId);
     int ProcessWriteCallback(int64_t requestId);

@@ -125,6 +125,15 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
                       L"Pipe_IO: 0x%p - WriteFile(pBuff = 0x%p, BufLength = %d, ov: 0x%p) return TRUE. "
                       L"lpNumberOfBytesWritten: %d byte(s)",
                       buffer, length, daxlib::Addr(request->ov), static_cast<int>(written));
+                if (m_pIo->SkipsCompletionOnSuccess())
+                {
+                    // No completion follows: the write ends here, on the writer's own thread.
+                    m_pIo->CompletedInline(io);
+                    request->inlineThread = ::GetCurrentThreadId();
+                    if (!EndWrite(request, 0, written))
+                        Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (476)",
+                            L"EndWrite() failed. IoResult = %d, Pipe_IO: 0x%p", 0, daxlib::Addr(request.get()));
+                }
                 return TRUE;
             }
             const DWORD error = ::GetLastError();

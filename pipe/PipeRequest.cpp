@@ -64,6 +64,7 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
     if (!event)
         return FALSE;
     owned->m_hEvent = event.get();
+    owned->m_bChecksInline = true;
     PIPE_OVERLAPPED* record = owned.get();
     {
         std::lock_guard lock(m_srwLock);
@@ -87,7 +88,8 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
         {
             // No time limit: the write ends by completion, cancellation or the stream's
             // shutdown, and each of them sets the event.
-            const DWORD wait = ::WaitForSingleObject(record->m_hEvent, INFINITE);
+            const DWORD wait =
+                record->m_bEndedInline ? WAIT_OBJECT_0 : ::WaitForSingleObject(record->m_hEvent, INFINITE);
             if (wait != WAIT_OBJECT_0)
             {
                 error = ::GetLastError();

@@ -153,6 +153,32 @@ public:
         return result;
     }
 
+    // Asks that an operation on the handle that succeeds at once queue no completion; the caller
+    // then finishes it itself and reports it with CompletedInline. False when the handle keeps
+    // the usual completion for every operation.
+    bool SkipCompletionOnSuccess()
+    {
+        m_bSkipOnSuccess =
+            ::SetFileCompletionNotificationModes(m_hFile, FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) != FALSE;
+        return m_bSkipOnSuccess;
+    }
+    bool SkipsCompletionOnSuccess() const { return m_bSkipOnSuccess; }
+
+    // An operation that succeeded at once on a handle that skips the completion: the request
+    // leaves the list and gives back the pending-I/O count that StartIo took.
+    void CompletedInline(const Request& request)
+    {
+        std::lock_guard lock(m_srwLock);
+        auto it = Find(&request->overlapped);
+        if (it == m_requests.end())
+            return;
+        m_requests.erase(it);
+        if (m_ptpIo)
+            ::CancelThreadpoolIo(m_ptpIo.get());
+        if (m_requests.empty())
+            m_cvEmptied.notify_all();
+    }
+
     bool IsStopping() const
     {
         std::lock_guard lock(m_srwLock);
@@ -229,4 +255,5 @@ private:
     daxlib::condition_variable m_cvEmptied;
     std::list<Request> m_requests;
     uint32_t m_bStop = 0;
+    bool m_bSkipOnSuccess = false;
 };
