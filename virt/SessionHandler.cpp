@@ -132,6 +132,7 @@ void CSessionHandler::StopThreads()
     // threads gone, nothing else can hand the library a new handle.
     DropConnection();
     m_hConnectionThread.reset();
+    m_bSendAllowed.store(false);
     m_hevStartRead.reset();
     m_hevConnected.reset();
     m_hevDisconnected.reset();
@@ -140,10 +141,16 @@ void CSessionHandler::StopThreads()
     Log(LogLevel::Info, kStopThreads, L"Success");
 }
 
+void CSessionHandler::AllowSending(bool allowed)
+{
+    m_bSendAllowed.store(allowed);
+    if (m_hevStartRead)
+        allowed ? ::SetEvent(m_hevStartRead.get()) : ::ResetEvent(m_hevStartRead.get());
+}
+
 void CSessionHandler::CloseConnection()
 {
-    if (m_hevStartRead)
-        ::ResetEvent(m_hevStartRead.get());
+    AllowSending(false);
     DropConnection();
     StopThreads();
     Log(LogLevel::Info, kCloseConnection, L"Success");
@@ -231,14 +238,14 @@ unsigned CSessionHandler::ConnectionThread()
         if (::WaitForMultipleObjects(2, wakers, FALSE, INFINITE) != WAIT_OBJECT_0 + 1)
             break;
 
-        ::ResetEvent(m_hevStartRead.get());
+        AllowSending(false);
         ::ResetEvent(m_hevConnected.get());
         ::ResetEvent(m_hevDisconnected.get());
         DropConnection();
 
         if (ConnectOnce())
         {
-            ::SetEvent(m_hevStartRead.get());
+            AllowSending(true);
             continue; // sleep until the connection breaks
         }
 
@@ -377,11 +384,12 @@ void CSessionHandler::ReadOneMessage()
 
 bool CSessionHandler::SendURL(std::wstring url)
 {
+    std::lock_guard turn(m_fifoSend);
     std::lock_guard lock(m_csSend);
     // A handle whose handshake has not ended yet counts as no connection: a submit written
     // then would land between the handshake's items.
     HANDLE connection = GetConnection();
-    if (connection && (!m_hevStartRead || ::WaitForSingleObject(m_hevStartRead.get(), 0) != WAIT_OBJECT_0))
+    if (connection && !m_bSendAllowed.load())
         connection = nullptr;
     if (!connection || !SkApi::pfnSkWriteData)
     {

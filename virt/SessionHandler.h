@@ -3,6 +3,7 @@
 // GUID text, runs the handshake, reconnects every 3 seconds after a failure, reads and drops
 // whatever the client side sends, and writes one submit message per URL.
 #include "common/BaseItem.h"
+#include "common/FifoLock.h"
 #include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "virt/ChannelStatus.h"
@@ -63,6 +64,8 @@ private:
     void ReadOneMessage();
     void StopThreads();
     void DropConnection();
+    // Sets or resets m_hevStartRead and its mirror together.
+    void AllowSending(bool allowed);
 
     HANDLE GetConnection() const;
     void SetConnection(HANDLE connection);
@@ -80,7 +83,13 @@ private:
     daxlib::unique_handle m_hevStartRead;
     daxlib::unique_handle m_hConnectionThread;
     daxlib::unique_handle m_hReadThread;
+    // Senders of one session queue here in arrival order, before the send lock: with many
+    // agents waiting for the one channel, none is overtaken again and again.
+    daxlib::fifo_lock m_fifoSend;
     daxlib::critical_section m_csSend;
+    // Mirrors m_hevStartRead for SendURL, which would otherwise ask the kernel under the send
+    // lock for every URL.
+    std::atomic<bool> m_bSendAllowed{false};
     daxlib::critical_section m_csRead;
     fmalloc_buffer<4096> m_fmReceiveBuff;
     ChannelStatusRecord m_status{};

@@ -107,7 +107,7 @@ CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
     const bool ok = result.end == HandshakeEnd::Accepted;
     // Whoever learns of state 50 may send at once, so reading and sending are allowed first.
     if (ok)
-        ::SetEvent(m_hevStartRead.get());
+        AllowSending(true);
     std::lock_guard lock(m_csState);
     m_status = ChannelStatusRecord{};
     m_status.dwLocalVersion = result.localVersion;

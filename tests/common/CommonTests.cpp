@@ -1,4 +1,5 @@
 #include "common/BaseItem.h"
+#include "common/FifoLock.h"
 #include "common/UniqueHandle.h"
 #include "common/WideFormat.h"
 #include "tests/common/CapturingLogger.h"
@@ -8,6 +9,7 @@
 
 #include <memory>
 #include <thread>
+#include <vector>
 
 using testsupport::CapturingLogger;
 
@@ -80,4 +82,28 @@ TEST(LeakCounters, SeeHandlesAndThreadsComeAndGo)
     EXPECT_EQ(threadsBefore + 1, testsupport::CountProcessThreads());
     ::SetEvent(release.get());
     worker.join();
+}
+
+// Threads that queue one after another get the lock in that order, none overtaken.
+TEST(FifoLock, GrantsInArrivalOrder)
+{
+    daxlib::fifo_lock lock;
+    std::vector<int> order;
+    std::vector<std::thread> threads;
+    lock.lock();
+    for (int i = 0; i < 8; ++i)
+    {
+        threads.emplace_back(
+            [&, i]
+            {
+                std::lock_guard turn(lock);
+                order.push_back(i);
+            });
+        while (lock.Waiting() != static_cast<size_t>(i + 1))
+            std::this_thread::yield();
+    }
+    lock.unlock();
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ((std::vector<int>{0, 1, 2, 3, 4, 5, 6, 7}), order);
 }
