@@ -98,7 +98,7 @@ void PeerReceive(Library& lib, const std::shared_ptr<Connection>& c, const uint8
                     ++session->stats.submits;
                     session->urls.emplace_back(url);
                     if (!session->sink.empty())
-                        AppendLine(session->sink, std::string(url));
+                        AppendLine(session->sinkFile, session->sink, std::string(url));
                 }
                 if (c->peer.breakAfter != 0 && c->submits >= c->peer.breakAfter)
                     Break(lib, c);

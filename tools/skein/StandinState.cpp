@@ -95,19 +95,35 @@ std::wstring DefaultSink()
     return std::wstring(folder) + L"\\Corvane\\Skein Standin\\received.txt";
 }
 
-void AppendLine(const std::wstring& path, const std::string& line)
+void AppendLine(SinkFile& sink, const std::wstring& path, const std::string& line)
 {
-    const size_t slash = path.find_last_of(L'\\');
-    if (slash != std::wstring::npos)
-        ::SHCreateDirectoryExW(nullptr, path.substr(0, slash).c_str(), nullptr);
-    HANDLE file = ::CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE)
+    if (sink.path != path)
+    {
+        sink.file.reset();
+        sink.path = path;
+    }
+    const auto open = [&]
+    {
+        // Shared for deletion as well: a test may remove the file while a service still runs.
+        return ::CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                             nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    };
+    if (!sink.file)
+    {
+        sink.file.reset(open());
+        const size_t slash = path.find_last_of(L'\\');
+        if (!sink.file && ::GetLastError() == ERROR_PATH_NOT_FOUND && slash != std::wstring::npos)
+        {
+            ::SHCreateDirectoryExW(nullptr, path.substr(0, slash).c_str(), nullptr);
+            sink.file.reset(open());
+        }
+    }
+    if (!sink.file)
         return;
     const std::string text = line + "\n";
     DWORD written = 0;
-    ::WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
-    ::CloseHandle(file);
+    if (!::WriteFile(sink.file.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr))
+        sink.file.reset(); // opened again for the next line
 }
 
 } // namespace standin

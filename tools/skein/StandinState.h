@@ -7,6 +7,7 @@
 #include "virt/UrlProtocol.h"
 
 #include "common/Locks.h"
+#include "common/UniqueHandle.h"
 
 #include <windows.h>
 
@@ -55,6 +56,14 @@ struct PeerScript
     bool closeAfterSend = false;
 };
 
+// The sink file, kept open while its path stays the same: the append runs inside the channel
+// write, for every URL, where an open and a close per line would dominate its cost.
+struct SinkFile
+{
+    std::wstring path;
+    daxlib::unique_hfile file;
+};
+
 struct Session
 {
     uint32_t id = 0;
@@ -68,6 +77,7 @@ struct Session
     std::vector<std::string> urls;
     std::vector<uint8_t> lastReceived;
     std::wstring sink; // file that collects received URLs, one per line
+    SinkFile sinkFile;
 };
 
 struct Connection
@@ -182,7 +192,7 @@ bool ParseHex(const std::string& text, std::vector<uint8_t>& out);
 bool ParseGuid(const std::wstring& text, GUID& guid);
 std::wstring AutoGuid(uint32_t id);
 std::wstring DefaultSink();
-void AppendLine(const std::wstring& path, const std::string& line);
+void AppendLine(SinkFile& sink, const std::wstring& path, const std::string& line);
 
 // Connections and notifications, all with the library lock held
 void QueueEvent(Library& lib, const std::shared_ptr<Connection>& c, DWORD event);
