@@ -50,12 +50,6 @@ BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
     return TRUE;
 }
 
-bool CTransferBuffer::Drained() const
-{
-    std::lock_guard lock(m_srwQueue);
-    return !m_bBusy && m_pList->IsEmpty();
-}
-
 void CTransferBuffer::Close(BOOL immediate)
 {
     if (!m_writer.IsRunning())
@@ -63,19 +57,22 @@ void CTransferBuffer::Close(BOOL immediate)
     if (immediate)
     {
         m_bRefuseNow.store(true, std::memory_order_release);
-        std::lock_guard lock(m_srwQueue);
-        m_pList->Clear();
-        m_bDataSignalled = false;
-        ::ResetEvent(m_hevData.get());
+        {
+            std::lock_guard lock(m_srwQueue);
+            m_pList->Clear();
+            m_bDataSignalled = false;
+            ::ResetEvent(m_hevData.get());
+        }
+        m_bStop.store(true, std::memory_order_release);
+        m_writer.Stop();
     }
     else
     {
-        while (!Drained() && !m_writer.HasEnded(20))
-        {
-        }
+        // The writer ends by itself once it finds the queue empty.
+        m_bDrain.store(true, std::memory_order_release);
+        ::SetEvent(m_hevData.get());
+        m_writer.Join();
     }
-    m_bStop.store(true, std::memory_order_release);
-    m_writer.Stop();
     m_bRefuseAfter.store(true, std::memory_order_release);
 }
 
@@ -104,7 +101,8 @@ void CTransferBuffer::WriterLoop(HANDLE stop)
         // the next run instead of making its caller pay for waking the writer.
         for (;;)
         {
-            if (emptied && ::WaitForSingleObject(stop, kGatherMs) == WAIT_OBJECT_0)
+            const bool drain = m_bDrain.load(std::memory_order_acquire);
+            if (emptied && !drain && ::WaitForSingleObject(stop, kGatherMs) == WAIT_OBJECT_0)
                 return;
             if (m_bStop.load(std::memory_order_acquire))
                 return;
@@ -112,7 +110,6 @@ void CTransferBuffer::WriterLoop(HANDLE stop)
             {
                 std::lock_guard lock(m_srwQueue);
                 count = m_pList->TakeRun(m_run, m_runSizes, kRunCap);
-                m_bBusy = count > 0;
                 emptied = m_pList->IsEmpty();
                 if (count == 0)
                 {
@@ -120,6 +117,9 @@ void CTransferBuffer::WriterLoop(HANDLE stop)
                     ::ResetEvent(m_hevData.get());
                 }
             }
+            // Read after the reset, so that a drain asked for meanwhile is not missed.
+            if (count == 0 && m_bDrain.load())
+                return;
             if (count == 0)
                 break;
             if (!m_bStop.load(std::memory_order_acquire))

@@ -38,17 +38,16 @@ public:
     virtual BOOL Write(const void* data, uint64_t size, BOOL last);
 
     // Without `immediate` everything queued reaches TransferRun() first; with it, queued pieces
-    // are discarded (a run already taken still goes out). Either way the writer thread has ended on return, and later writes are refused.
+    // are discarded (a run already taken still goes out). Either way the writer thread has
+    // ended on return, and later writes are refused.
     void Close(BOOL immediate);
 
 private:
     void WriterLoop(HANDLE stop);
-    bool Drained() const;
 
     std::unique_ptr<CBuffersList> m_pList;
-    // Guards the list, m_bBusy and m_bDataSignalled; taken before the list's own lock.
-    mutable daxlib::srw_lock m_srwQueue;
-    bool m_bBusy = false;          // the writer holds a run that has not been transferred yet
+    // Guards the list and m_bDataSignalled; taken before the list's own lock.
+    daxlib::srw_lock m_srwQueue;
     bool m_bDataSignalled = false; // data-available is set; set once per burst, not per piece
     daxlib::unique_handle m_hevData;
     // The refusals and the stop request are also kept as flags: a write must not pay for a
@@ -56,6 +55,7 @@ private:
     std::atomic<bool> m_bRefuseNow{false};   // Close(immediate)
     std::atomic<bool> m_bRefuseAfter{false}; // the writer thread has ended
     std::atomic<bool> m_bStop{false};
+    std::atomic<bool> m_bDrain{false}; // Close(FALSE): the writer ends once the queue is empty
     // The writer thread's alone: reused for every run, so steady logging allocates nothing.
     std::vector<uint8_t> m_run;
     std::vector<uint64_t> m_runSizes;
