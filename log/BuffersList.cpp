@@ -14,7 +14,6 @@ CBuffersList::CBuffersList(uint64_t blockSize, BOOL backgroundAllocation, uint32
     : m_qwBlockSize(std::max<uint64_t>(blockSize, 2 * kLengthSize)), m_bBackground(backgroundAllocation),
       m_dwRefill(std::max<uint32_t>(refillCount, 1)), m_dwFreeLimit(freePoolLimit)
 {
-    m_output.resize(static_cast<size_t>(m_qwBlockSize));
     m_hevNeedBlocks.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!m_hevNeedBlocks)
         daxlib::ThrowDaxException(L"BuffersList", __LINE__);
@@ -160,16 +159,13 @@ void CBuffersList::AppendLocked(uint64_t size, const void* data)
     }
 }
 
-const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
+bool CBuffersList::AtEnd(size_t block, uint64_t pos) const
 {
-    if (size)
-        *size = 0;
-    std::lock_guard lock(m_srwLists);
-    if (m_used.empty() || (m_used.size() == 1 && m_qwReadPos == m_qwWritePos))
-        return nullptr;
+    return m_used.empty() || (block + 1 >= m_used.size() && pos == m_qwWritePos);
+}
 
-    size_t block = 0;
-    uint64_t pos = m_qwReadPos;
+uint64_t CBuffersList::ReadLength(size_t& block, uint64_t& pos) const
+{
     if (m_qwBlockSize - pos < kLengthSize)
     {
         ++block;
@@ -178,20 +174,12 @@ const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
     uint64_t length = 0;
     std::memcpy(&length, m_used[block] + pos, kLengthSize);
     pos += kLengthSize;
+    return length;
+}
 
-    bool stored = true;
-    if (length > m_output.size())
-    {
-        try
-        {
-            m_output.resize(static_cast<size_t>(length));
-        }
-        catch (...)
-        {
-            std::vector<uint8_t>().swap(m_output);
-            stored = false;
-        }
-    }
+// With a null `out` the bytes are only stepped over.
+void CBuffersList::ReadBytes(size_t& block, uint64_t& pos, uint64_t length, uint8_t* out) const
+{
     uint64_t copied = 0;
     while (copied < length)
     {
@@ -201,8 +189,8 @@ const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
             pos = 0;
         }
         const uint64_t n = std::min(length - copied, m_qwBlockSize - pos);
-        if (stored)
-            std::memcpy(m_output.data() + copied, m_used[block] + pos, static_cast<size_t>(n));
+        if (out)
+            std::memcpy(out + copied, m_used[block] + pos, static_cast<size_t>(n));
         pos += n;
         copied += n;
     }
@@ -211,25 +199,59 @@ const uint8_t* CBuffersList::Take(uint64_t* size, BOOL consume)
         ++block;
         pos = 0;
     }
+}
 
-    // A piece that cannot be assembled is dropped rather than left to block the queue.
-    if (consume || !stored)
+void CBuffersList::ConsumeTo(size_t block, uint64_t pos)
+{
+    for (size_t i = 0; i < block; ++i)
     {
-        for (size_t i = 0; i < block; ++i)
-        {
-            ReleaseBlock(m_used.front());
-            m_used.pop_front();
-        }
-        m_qwReadPos = pos;
-        // An emptied queue starts its only block afresh, so idle periods keep one block.
-        if (m_used.size() == 1 && m_qwReadPos == m_qwWritePos)
-            m_qwReadPos = m_qwWritePos = 0;
+        ReleaseBlock(m_used.front());
+        m_used.pop_front();
     }
-    if (!stored)
-        return nullptr;
-    if (size)
-        *size = length;
-    return m_output.data();
+    m_qwReadPos = pos;
+    // An emptied queue starts its only block afresh, so idle periods keep one block.
+    if (m_used.size() == 1 && m_qwReadPos == m_qwWritePos)
+        m_qwReadPos = m_qwWritePos = 0;
+}
+
+size_t CBuffersList::TakeRun(std::vector<uint8_t>& run, std::vector<uint64_t>& sizes, uint64_t cap)
+{
+    sizes.clear();
+    const size_t maxPieces = std::max<size_t>(sizes.capacity(), 1); // nothing allocated under the lock
+    std::lock_guard lock(m_srwLists);
+    size_t block = 0;
+    uint64_t pos = m_qwReadPos;
+    uint64_t used = 0;
+    while (sizes.size() < maxPieces && !AtEnd(block, pos))
+    {
+        size_t next = block;
+        uint64_t nextPos = pos;
+        const uint64_t length = ReadLength(next, nextPos);
+        if (!sizes.empty() && used + length > cap)
+            break;
+        bool room = used + length <= run.size();
+        if (!room)
+        {
+            try
+            {
+                run.resize(static_cast<size_t>(used + length));
+                room = true;
+            }
+            catch (...)
+            {
+            }
+        }
+        ReadBytes(next, nextPos, length, room ? run.data() + used : nullptr);
+        block = next;
+        pos = nextPos;
+        if (room && length > 0)
+        {
+            sizes.push_back(length);
+            used += length;
+        }
+    }
+    ConsumeTo(block, pos);
+    return sizes.size();
 }
 
 bool CBuffersList::IsEmpty() const

@@ -22,10 +22,12 @@ public:
 
     // Throws daxlib::CDaxException* when a block cannot be allocated.
     void Append(uint64_t size, const void* data);
-    // The oldest piece, assembled in an internal block that stays valid until the next call;
-    // null when the queue is empty or the piece cannot be assembled. With consume FALSE the
-    // piece stays queued.
-    const uint8_t* Take(uint64_t* size, BOOL consume);
+    // Moves the oldest pieces, in order, into `run` (their bytes back to back) and their sizes
+    // into `sizes`: as many as keep the bytes within `cap` and the count within the capacity
+    // reserved in `sizes`, but always the first, for which `run` grows when it is too small.
+    // Empty pieces are skipped; a piece that `run` cannot grow for is dropped rather than left
+    // to block the queue. Returns the number of pieces taken.
+    size_t TakeRun(std::vector<uint8_t>& run, std::vector<uint64_t>& sizes, uint64_t cap);
     bool IsEmpty() const;
     void Clear();
 
@@ -41,6 +43,11 @@ private:
     void WakeAllocator();
     void AppendLocked(uint64_t size, const void* data);
     void ReleaseBlock(uint8_t* block);
+    // Read positions: a block index into m_used and an offset in it.
+    bool AtEnd(size_t block, uint64_t pos) const;
+    uint64_t ReadLength(size_t& block, uint64_t& pos) const;
+    void ReadBytes(size_t& block, uint64_t& pos, uint64_t length, uint8_t* out) const;
+    void ConsumeTo(size_t block, uint64_t pos);
     static constexpr uint64_t kLengthSize = sizeof(uint64_t);
 
     const uint64_t m_qwBlockSize;
@@ -52,7 +59,6 @@ private:
     std::vector<uint8_t*> m_free;
     uint64_t m_qwReadPos = 0;
     uint64_t m_qwWritePos = 0;
-    std::vector<uint8_t> m_output;
 
     mutable daxlib::srw_lock m_srwLists;
     // The allocation thread is asked once until it has run, and asked after the mutex is

@@ -73,7 +73,12 @@ void CCvLoggerBuffer::CloseIfIdle(DWORD now, DWORD idleMs)
     }
 }
 
-BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL /*last*/)
+BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL last)
+{
+    return TransferRun(static_cast<const uint8_t*>(data), &size, 1, last);
+}
+
+BOOL CCvLoggerBuffer::TransferRun(const uint8_t* data, const uint64_t* sizes, size_t count, BOOL /*last*/)
 {
     // A write that should run restricted but cannot is dropped rather than made with full rights.
     if (m_bBuffered)
@@ -86,7 +91,7 @@ BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL /*last*/)
                 return FALSE;
             m_bDropAdministrators.store(FALSE);
         }
-        return TransferLocked(data, size);
+        return WriteRun(data, sizes, count);
     }
     // Without the queue this runs on the caller's thread (under the logger's lock), whose own
     // token must survive the write.
@@ -101,15 +106,14 @@ BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL /*last*/)
         if (!restricted->Active())
             return FALSE;
     }
-    return TransferLocked(data, size);
+    return WriteRun(data, sizes, count);
 }
 
-BOOL CCvLoggerBuffer::TransferLocked(const void* data, uint64_t size)
+// Called with m_srwFile held.
+bool CCvLoggerBuffer::OpenForWrite(DWORD now)
 {
-    std::lock_guard lock(m_srwFile);
-    const DWORD now = ::GetTickCount();
     if (m_bStale)
-        return FALSE;
+        return false;
     if (!m_hFile || m_lRecreate.load())
     {
         DWORD disposition = OPEN_ALWAYS;
@@ -120,30 +124,53 @@ BOOL CCvLoggerBuffer::TransferLocked(const void* data, uint64_t size)
             disposition = CREATE_ALWAYS;
         }
         if (!JunctionAllows(now))
-            return FALSE;
+            return false;
         m_hFile.reset(::CreateFileW(m_strFileName.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                     m_pSecurityDescriptor ? &m_sa : nullptr, disposition,
                                     FILE_ATTRIBUTE_NORMAL, nullptr));
         if (!m_hFile)
-            return FALSE;
+            return false;
         if (disposition == OPEN_ALWAYS && ::GetLastError() != ERROR_ALREADY_EXISTS)
             m_bHeaderPending = 1;
     }
+    // Others may append to the file too (it is shared for writing).
     LARGE_INTEGER zero{};
-    if (!::SetFilePointerEx(m_hFile.get(), zero, nullptr, FILE_END))
-        return FALSE;
-    if (m_dwWriteCounter == 0 && !CheckRotation(now))
-        return FALSE;
-    if (++m_dwWriteCounter >= kSizeCheckInterval)
-        m_dwWriteCounter = 0;
-    if (m_bHeaderPending)
+    return ::SetFilePointerEx(m_hFile.get(), zero, nullptr, FILE_END) != FALSE;
+}
+
+// The write counter counts pieces, and the size is checked whenever it is 0, so the pieces
+// between two checks go out in one write. A file that cannot be opened or rotated drops the
+// rest of the run, uncounted; the next run tries again.
+BOOL CCvLoggerBuffer::WriteRun(const uint8_t* data, const uint64_t* sizes, size_t count)
+{
+    std::lock_guard lock(m_srwFile);
+    const DWORD now = ::GetTickCount();
+    bool written = true;
+    size_t done = 0;
+    while (done < count)
     {
-        if (!m_strBanner.empty())
-            WriteAll(m_strBanner.data(), m_strBanner.size() * sizeof(wchar_t));
-        m_bHeaderPending = 0;
+        if (!OpenForWrite(now) || (m_dwWriteCounter == 0 && !CheckRotation(now)))
+        {
+            written = false;
+            break;
+        }
+        const size_t pieces = std::min<size_t>(count - done, kSizeCheckInterval - m_dwWriteCounter);
+        m_dwWriteCounter = static_cast<uint32_t>((m_dwWriteCounter + pieces) % kSizeCheckInterval);
+        if (m_bHeaderPending)
+        {
+            if (!m_strBanner.empty())
+                WriteAll(m_strBanner.data(), m_strBanner.size() * sizeof(wchar_t));
+            m_bHeaderPending = 0;
+        }
+        uint64_t bytes = 0;
+        for (size_t i = done; i < done + pieces; ++i)
+            bytes += sizes[i];
+        written = WriteAll(data, bytes) && written;
+        data += bytes;
+        done += pieces;
     }
-    const bool written = WriteAll(data, size);
-    m_dwLastWrite.store(::GetTickCount());
+    if (done > 0)
+        m_dwLastWrite.store(::GetTickCount());
     return written ? TRUE : FALSE;
 }
 

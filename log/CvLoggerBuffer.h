@@ -45,7 +45,9 @@ public:
 
 private:
     BOOL Transfer(const void* data, uint64_t size, BOOL last) override;
-    BOOL TransferLocked(const void* data, uint64_t size);
+    BOOL TransferRun(const uint8_t* data, const uint64_t* sizes, size_t count, BOOL last) override;
+    BOOL WriteRun(const uint8_t* data, const uint64_t* sizes, size_t count);
+    bool OpenForWrite(DWORD now);
     bool JunctionAllows(DWORD now);
     bool CheckRotation(DWORD now);
     uint32_t Compact();

@@ -3,13 +3,21 @@
 #include "common/DaxException.h"
 #include "common/Guarded.h"
 
-#include <cstring>
 #include <mutex>
 #include <vector>
 
 CTransferBuffer::CTransferBuffer()
 {
     m_pList = std::make_unique<CBuffersList>(kBlockSize, TRUE, 3, 100);
+    try
+    {
+        m_run.resize(kRunCap);
+        m_runSizes.reserve(kRunPieces);
+    }
+    catch (...)
+    {
+        daxlib::ThrowDaxException(L"TransferBuffer", __LINE__);
+    }
     m_hevData.reset(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!m_hevData)
         daxlib::ThrowDaxException(L"TransferBuffer", __LINE__);
@@ -19,7 +27,7 @@ CTransferBuffer::CTransferBuffer()
 
 CTransferBuffer::~CTransferBuffer()
 {
-    // Only a safety net: by now the derived part is gone, so nothing may reach Transfer().
+    // Only a safety net: by now the derived part is gone, so nothing may reach TransferRun().
     Close(TRUE);
 }
 
@@ -42,12 +50,6 @@ BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
     return TRUE;
 }
 
-bool CTransferBuffer::Drained() const
-{
-    std::lock_guard lock(m_srwQueue);
-    return !m_bBusy && m_pList->IsEmpty();
-}
-
 void CTransferBuffer::Close(BOOL immediate)
 {
     if (!m_writer.IsRunning())
@@ -55,88 +57,76 @@ void CTransferBuffer::Close(BOOL immediate)
     if (immediate)
     {
         m_bRefuseNow.store(true, std::memory_order_release);
-        std::lock_guard lock(m_srwQueue);
-        m_pList->Clear();
-        m_bDataSignalled = false;
-        ::ResetEvent(m_hevData.get());
+        {
+            std::lock_guard lock(m_srwQueue);
+            m_pList->Clear();
+            m_bDataSignalled = false;
+            ::ResetEvent(m_hevData.get());
+        }
+        m_bStop.store(true, std::memory_order_release);
+        m_writer.Stop();
     }
     else
     {
-        while (!Drained() && !m_writer.HasEnded(20))
-        {
-        }
+        // The writer ends by itself once it finds the queue empty.
+        m_bDrain.store(true, std::memory_order_release);
+        ::SetEvent(m_hevData.get());
+        m_writer.Join();
     }
-    m_bStop.store(true, std::memory_order_release);
-    m_writer.Stop();
     m_bRefuseAfter.store(true, std::memory_order_release);
+}
+
+BOOL CTransferBuffer::TransferRun(const uint8_t* data, const uint64_t* sizes, size_t count, BOOL last)
+{
+    BOOL all = TRUE;
+    for (size_t i = 0; i < count; ++i)
+    {
+        if (!Transfer(data, sizes[i], last && i + 1 == count))
+            all = FALSE;
+        data += sizes[i];
+    }
+    return all;
 }
 
 void CTransferBuffer::WriterLoop(HANDLE stop)
 {
-    std::vector<uint8_t> copy;
-    try
-    {
-        copy.resize(8096);
-    }
-    catch (...)
-    {
-        m_bRefuseAfter.store(true, std::memory_order_release);
-        return;
-    }
     const HANDLE events[] = {stop, m_hevData.get()};
+    bool emptied = false; // the last run took everything that was queued
     for (;;)
     {
         if (::WaitForMultipleObjects(2, events, FALSE, INFINITE) != WAIT_OBJECT_0 + 1)
             return;
-        // One wake-up drains the whole queue, so a burst costs one kernel wait, not one a piece.
-        BOOL last = FALSE;
-        while (!last)
+        // One wake-up drains the queue a run at a time. Once a run has emptied it, the writer
+        // pauses before looking again and stays signalled meanwhile: the next record then joins
+        // the next run instead of making its caller pay for waking the writer.
+        for (;;)
         {
+            const bool drain = m_bDrain.load(std::memory_order_acquire);
+            if (emptied && !drain && ::WaitForSingleObject(stop, kGatherMs) == WAIT_OBJECT_0)
+                return;
             if (m_bStop.load(std::memory_order_acquire))
                 return;
-            uint64_t size = 0;
-            bool have = false;
+            size_t count = 0;
             {
                 std::lock_guard lock(m_srwQueue);
-                const uint8_t* piece = m_pList->Take(&size, TRUE);
-                if (piece)
-                {
-                    if (size > copy.size())
-                    {
-                        try
-                        {
-                            copy.resize(static_cast<size_t>(size));
-                        }
-                        catch (...)
-                        {
-                            // Without room for a piece this writer cannot go on; writes are
-                            // refused from now on instead of piling up.
-                            m_bRefuseAfter.store(true, std::memory_order_release);
-                            return;
-                        }
-                    }
-                    std::memcpy(copy.data(), piece, static_cast<size_t>(size));
-                    have = true;
-                    m_bBusy = true;
-                }
-                if (m_pList->IsEmpty())
+                count = m_pList->TakeRun(m_run, m_runSizes, kRunCap);
+                emptied = m_pList->IsEmpty();
+                if (count == 0)
                 {
                     m_bDataSignalled = false;
                     ::ResetEvent(m_hevData.get());
-                    last = TRUE;
                 }
             }
-            if (have && size > 0 && !m_bStop.load(std::memory_order_acquire))
+            // Read after the reset, so that a drain asked for meanwhile is not missed.
+            if (count == 0 && m_bDrain.load())
+                return;
+            if (count == 0)
+                break;
+            if (!m_bStop.load(std::memory_order_acquire))
             {
                 daxlib::GuardedCall(nullptr, L"CTransferBuffer::WriterLoop",
-                                    [&] { Transfer(copy.data(), size, last); });
-            }
-            if (have)
-            {
-                std::lock_guard lock(m_srwQueue);
-                m_bBusy = false;
+                                    [&] { TransferRun(m_run.data(), m_runSizes.data(), count, emptied); });
             }
         }
-        ::Sleep(0);
     }
 }

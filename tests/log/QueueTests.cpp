@@ -22,11 +22,24 @@ std::vector<uint8_t> Pattern(size_t size, uint8_t seed)
     return bytes;
 }
 
-std::vector<uint8_t> TakePiece(CBuffersList& list, BOOL consume = TRUE)
+// The bytes of the next run of at most `cap` bytes.
+std::vector<uint8_t> TakeRun(CBuffersList& list, uint64_t cap = 1)
 {
-    uint64_t size = 0;
-    const uint8_t* piece = list.Take(&size, consume);
-    return piece ? std::vector<uint8_t>(piece, piece + size) : std::vector<uint8_t>();
+    std::vector<uint8_t> run(16);
+    std::vector<uint64_t> sizes;
+    sizes.reserve(16);
+    list.TakeRun(run, sizes, cap);
+    uint64_t total = 0;
+    for (const uint64_t size : sizes)
+        total += size;
+    run.resize(static_cast<size_t>(total));
+    return run;
+}
+
+std::vector<uint8_t> Joined(std::vector<uint8_t> a, const std::vector<uint8_t>& b)
+{
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
 }
 
 // Records every piece; while the test holds `gate`, the writer thread waits inside Transfer()
@@ -52,13 +65,14 @@ BOOL WriteText(CTransferBuffer& buffer, const std::string& text)
     return buffer.Write(text.data(), text.size(), FALSE);
 }
 
-// Queues ten pieces while the writer holds the first inside Transfer(); the gate stays locked.
+// Queues nine pieces while the writer holds the first inside Transfer(); the gate stays locked.
 void QueueBehindHeldWriter(RecordingBuffer& buffer)
 {
     buffer.gate.lock();
-    for (int i = 0; i < 10; ++i)
-        EXPECT_TRUE(WriteText(buffer, "piece-" + std::to_string(i)));
+    EXPECT_TRUE(WriteText(buffer, "piece-0"));
     EXPECT_TRUE(testsupport::Eventually([&] { return buffer.entered.load(); }));
+    for (int i = 1; i < 10; ++i)
+        EXPECT_TRUE(WriteText(buffer, "piece-" + std::to_string(i)));
 }
 } // namespace
 
@@ -67,11 +81,10 @@ TEST(BuffersList, PiecesAcrossBlocksAndTheSevenByteBoundary)
     CBuffersList list(kBlock, TRUE, 3, 100);
     const auto big = Pattern(100000, 1);
     list.Append(big.size(), big.data());
-    EXPECT_EQ(list.UsedBlockCount(), 4u);   // 8 + 100000 bytes over 32767-byte blocks
-    EXPECT_EQ(TakePiece(list, FALSE), big); // a peek leaves it queued
-    EXPECT_EQ(TakePiece(list), big);
+    EXPECT_EQ(list.UsedBlockCount(), 4u); // 8 + 100000 bytes over 32767-byte blocks
+    EXPECT_EQ(TakeRun(list), big);
     EXPECT_TRUE(list.IsEmpty());
-    EXPECT_TRUE(TakePiece(list).empty());
+    EXPECT_TRUE(TakeRun(list).empty());
 
     // A length never starts in the last seven bytes of a block.
     CBuffersList tight(kBlock, FALSE, 3, 100);
@@ -83,9 +96,21 @@ TEST(BuffersList, PiecesAcrossBlocksAndTheSevenByteBoundary)
     tight.Append(second.size(), second.data());
     EXPECT_EQ(tight.UsedBlockCount(), 2u);
     EXPECT_EQ(tight.WritePosition(), 8u + 5u);
-    EXPECT_EQ(TakePiece(tight), first);
-    EXPECT_EQ(TakePiece(tight), second);
+    EXPECT_EQ(TakeRun(tight), first);
+    EXPECT_EQ(TakeRun(tight), second);
     EXPECT_TRUE(tight.IsEmpty());
+}
+
+TEST(BuffersList, RunStopsBeforeTheCapButAlwaysTakesAPiece)
+{
+    CBuffersList list(kBlock, FALSE, 3, 100);
+    const auto a = Pattern(100, 1), b = Pattern(100, 2), big = Pattern(50000, 3), c = Pattern(10, 4);
+    for (const auto* piece : {&a, &b, &big, &c})
+        list.Append(piece->size(), piece->data());
+    EXPECT_EQ(TakeRun(list, 250), Joined(a, b));
+    EXPECT_EQ(TakeRun(list, 250), big); // over the cap, alone
+    EXPECT_EQ(TakeRun(list, 250), c);
+    EXPECT_TRUE(list.IsEmpty());
 }
 
 TEST(TransferBuffer, DrainingCloseDeliversEveryQueuedPiece)
@@ -113,7 +138,6 @@ TEST(TransferBuffer, ImmediateCloseDiscardsAndRefuses)
     buffer.gate.unlock();
     closer.join();
 
-    EXPECT_LE(buffer.pieces.size(), 1u); // at most the piece already in the writer's hands
-    for (const auto& p : buffer.pieces)
-        EXPECT_EQ(p, "piece-0");
+    // Only the run already in the writer's hands goes out.
+    EXPECT_EQ(buffer.pieces, std::vector<std::string>{"piece-0"});
 }
