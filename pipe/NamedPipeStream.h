@@ -139,6 +139,16 @@ public:
     size_t BufferedBytes() const { return m_reads.BufferedBytes(); }
 
 protected:
+    // A read that ended as soon as it was started, when the handle skips the completion.
+    struct InlineRead
+    {
+        std::shared_ptr<PipeTaskSignal> signal;
+        unsigned long long bytes = 0;
+    };
+    // BeginRead in two steps, for an end that must report something between the read's start
+    // and what a read that ended at once brings (even the end of the connection).
+    BOOL StartRead(InlineRead& done);
+    void OnReadCompleted(unsigned long ioResult, std::shared_ptr<PipeTaskSignal> signal, unsigned long long bytes);
     int IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::Request& request, unsigned long long bytes,
                         PipeThreadPoolIo* io, void* context);
     const std::shared_ptr<PipeThreadPoolIo>& GetIo() const { return m_pIo; }
@@ -153,14 +163,6 @@ protected:
 private:
     using Request = std::shared_ptr<PIPE_IO_REQUEST>;
 
-    // A read that ended as soon as it was started, when the handle skips the completion.
-    struct InlineRead
-    {
-        std::shared_ptr<PipeTaskSignal> signal;
-        unsigned long long bytes = 0;
-    };
-    BOOL StartRead(InlineRead& done);
-    void OnReadCompleted(unsigned long ioResult, std::shared_ptr<PipeTaskSignal> signal, unsigned long long bytes);
     BOOL EndRead(unsigned long ioResult);
     int ProcessReadCallback(int64_t requestId);
     int ProcessWriteCallback(int64_t requestId);
