@@ -6,9 +6,9 @@
 #include "common/Guarded.h"
 #include "pipe/ThreadPool.h"
 
-#include <deque>
 #include <new>
 #include <utility>
+#include <vector>
 #include <type_traits>
 
 using namespace pipestates;
@@ -52,18 +52,26 @@ struct CNamedPipeStream::TaskScope
     // Runs the due callbacks in the order they fell due; each may make more due.
     void Drain()
     {
-        while (!m_due.empty())
+        for (size_t next = 0; next < m_due.size(); ++next)
         {
-            const auto [id, read] = m_due.front();
-            m_due.pop_front();
+            const auto [id, read] = m_due[next];
             m_pStream->ProcessCallback(id, read);
         }
     }
 
     CNamedPipeStream* m_pStream;
     TaskScope* m_pOuter;
-    std::deque<std::pair<int64_t, bool>> m_due;
+    // Allocates nothing until a callback falls due, which most tasks never see.
+    std::vector<std::pair<int64_t, bool>> m_due;
 };
+
+template <typename Work> auto CNamedPipeStream::RunTask(Work work)
+{
+    TaskScope scope(this);
+    auto result = work();
+    scope.Drain();
+    return result;
+}
 
 thread_local CNamedPipeStream::TaskScope* CNamedPipeStream::s_pTaskScope = nullptr;
 
@@ -81,25 +89,22 @@ BOOL CNamedPipeStream::SubmitCallback(int64_t requestId, bool read)
 
 void CNamedPipeStream::QueueReadTask(unsigned long ioResult)
 {
-    TaskScope scope(this);
-    ProcessQueueReadRequest(ioResult);
-    scope.Drain();
+    RunTask(
+        [&]
+        {
+            ProcessQueueReadRequest(ioResult);
+            return 0;
+        });
 }
 
 int CNamedPipeStream::ReadCallbackTask(int64_t requestId)
 {
-    TaskScope scope(this);
-    const int result = ProcessReadCallback(requestId);
-    scope.Drain();
-    return result;
+    return RunTask([&] { return ProcessReadCallback(requestId); });
 }
 
 int CNamedPipeStream::WriteCallbackTask(int64_t requestId)
 {
-    TaskScope scope(this);
-    const int result = ProcessWriteCallback(requestId);
-    scope.Drain();
-    return result;
+    return RunTask([&] { return ProcessWriteCallback(requestId); });
 }
 
 bool CNamedPipeStream::DeferToRunningTask(int64_t requestId, bool read)

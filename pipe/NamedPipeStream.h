@@ -179,6 +179,7 @@ private:
     int ReadCallbackTask(int64_t requestId);
     int WriteCallbackTask(int64_t requestId);
     bool DeferToRunningTask(int64_t requestId, bool read);
+    template <typename Work> auto RunTask(Work work);
     static thread_local TaskScope* s_pTaskScope;
 
     // The kinds of completion, each the only way out for its kind and each marking the request
