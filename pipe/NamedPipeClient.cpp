@@ -25,18 +25,16 @@ CNamedPipeClientStream::~CNamedPipeClientStream()
 BOOL CNamedPipeClientStream::Start(std::shared_ptr<PipeClientCallback> onConnected)
 {
     SetPipeConnectionState(ePipeConnectionState_Connected);
-    InlineRead done;
-    if (!StartRead(done))
+    if (!CheckReadable())
         return FALSE;
+    // Reported before the loop starts, so that a server which wrote and left at once is reported
+    // connected before it is reported gone.
     if (onConnected)
     {
         if (auto pool = GetThreadPool())
             pool->CreateTask<void, void*>(onConnected, GetHandle());
     }
-    // Data that was waiting is taken only now, so that a server which wrote and left at once
-    // is reported connected before it is reported gone.
-    if (done.signal)
-        OnReadCompleted(0, done.signal, done.bytes);
+    StartReadLoop();
     return TRUE;
 }
 

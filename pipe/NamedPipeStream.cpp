@@ -4,6 +4,7 @@
 
 #include "common/DaxException.h"
 #include "common/Guarded.h"
+#include "pipe/ReadStarter.h"
 #include "pipe/ThreadPool.h"
 
 #include <new>
@@ -177,13 +178,66 @@ void CNamedPipeStream::ForceConnectionState(uint32_t state)
 
 BOOL CNamedPipeStream::BeginRead()
 {
+    if (!CheckReadable())
+        return FALSE;
+    StartReadLoop();
+    return TRUE;
+}
+
+BOOL CNamedPipeStream::CheckReadable()
+{
+    if (!IsConnected())
+    {
+        Log(LogLevel::Trace, L"CNamedPipeStream::BeginRead: (158)",
+            L"Disconnected - SKIP adding new read operation to thread pool I/O");
+        ::SetLastError(ERROR_PIPE_NOT_CONNECTED);
+        return FALSE;
+    }
+    // The read itself starts on another thread; a peer already gone is found here instead.
+    DWORD available = 0;
+    if (::PeekNamedPipe(m_hPipe, nullptr, 0, nullptr, &available, nullptr))
+        return TRUE;
+    const DWORD error = ::GetLastError();
+    Log(error == ERROR_BROKEN_PIPE ? LogLevel::Warning : LogLevel::Error,
+        L"CNamedPipeStream::BeginRead: (194)", L"PeekNamedPipe() failed: the pipe cannot be read. GLE=%d",
+        static_cast<int>(error));
+    ::SetLastError(error);
+    return FALSE;
+}
+
+void CNamedPipeStream::StartReadLoop()
+{
+    if (!PostNextRead())
+        ContinueReading();
+}
+
+bool CNamedPipeStream::PostNextRead()
+{
+    if (CReadStarter::OnStarterThread())
+        return false;
+    auto pool = GetThreadPool();
+    CReadStarter* starter = pool ? pool->GetReadStarter() : nullptr;
+    return starter && starter->Post(weak_from_this());
+}
+
+void CNamedPipeStream::ContinueReading()
+{
     InlineRead done;
     if (!StartRead(done))
-        return FALSE;
-    // Data was waiting: this read is finished here, as its completion would have been.
-    if (done.signal)
+        EndReadLoop(0);
+    else if (done.signal)
         OnReadCompleted(0, done.signal, done.bytes);
-    return TRUE;
+}
+
+void CNamedPipeStream::EndReadLoop(unsigned long ioResult)
+{
+    {
+        std::lock_guard lock(m_srwReadQueue);
+        m_reads.Finish(ioResult != 0 ? static_cast<uint32_t>(ioResult) : ERROR_BROKEN_PIPE);
+    }
+    if (!EndRead(ioResult))
+        Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (455)", L"EndRead() failed");
+    OnReadLoopEnded();
 }
 
 BOOL CNamedPipeStream::StartRead(InlineRead& done)
@@ -258,9 +312,9 @@ BOOL CNamedPipeStream::StartRead(InlineRead& done)
     return FALSE;
 }
 
-// One read has ended (through the binding or at once); the next is started until one must
-// wait or fails. Reads that end at once are taken in this loop rather than by recursion, so a
-// peer that keeps the pipe full costs no stack.
+// One read has ended (through the binding or at once) and the next is asked for. On the read
+// starter's thread, reads that end at once are taken in this loop rather than by recursion, so
+// a peer that keeps the pipe full costs no stack.
 void CNamedPipeStream::OnReadCompleted(unsigned long ioResult, std::shared_ptr<PipeTaskSignal> signal,
                                        unsigned long long bytes)
 {
@@ -281,26 +335,20 @@ void CNamedPipeStream::OnReadCompleted(unsigned long ioResult, std::shared_ptr<P
                     L"Reader: received %d byte(s) from pipe server end. Error writing to stream. GLE=%d",
                     static_cast<int>(bytes), static_cast<int>(error));
         }
+        if (ioResult != 0)
+            return EndReadLoop(ioResult);
         InlineRead next;
-        const bool more = ioResult == 0 && StartRead(next);
-        if (!more)
-        {
-            std::lock_guard lock(m_srwReadQueue);
-            m_reads.Finish(ioResult != 0 ? static_cast<uint32_t>(ioResult) : ERROR_BROKEN_PIPE);
-        }
+        if (!PostNextRead() && !StartRead(next))
+            return EndReadLoop(0);
         // With the next read already finished, its own hand-over covers this one's bytes too.
-        if (!next.signal && !EndRead(ioResult))
-            Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (455)", L"EndRead() failed");
-        if (!more)
+        if (!next.signal)
         {
-            OnReadLoopEnded();
+            if (!EndRead(0))
+                Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (455)", L"EndRead() failed");
             return;
         }
-        if (!next.signal)
-            return;
         signal = std::move(next.signal);
         bytes = next.bytes;
-        ioResult = 0;
     }
 }
 

@@ -107,7 +107,10 @@ public:
     uint32_t GetPipeConnectionState() const;
     bool IsConnected() const { return GetPipeConnectionState() == ePipeConnectionState_Connected; }
 
-    // Starts one overlapped read into the received-data queue.
+    // Starts the read loop, which keeps one overlapped read into the received-data queue until
+    // the connection ends. FALSE when the first read could not start (the stream is not
+    // connected, or the peer has gone); a read that fails later ends the loop as the
+    // connection's end (OnReadLoopEnded).
     BOOL BeginRead();
     // Asks for the next `bytes` bytes of received data; the callback gets them, or the error
     // that ended the connection. FALSE when the stream did not keep the record.
@@ -139,16 +142,13 @@ public:
     size_t BufferedBytes() const { return m_reads.BufferedBytes(); }
 
 protected:
-    // A read that ended as soon as it was started, when the handle skips the completion.
-    struct InlineRead
-    {
-        std::shared_ptr<PipeTaskSignal> signal;
-        unsigned long long bytes = 0;
-    };
-    // BeginRead in two steps, for an end that must report something between the read's start
-    // and what a read that ended at once brings (even the end of the connection).
-    BOOL StartRead(InlineRead& done);
-    void OnReadCompleted(unsigned long ioResult, std::shared_ptr<PipeTaskSignal> signal, unsigned long long bytes);
+    // BeginRead in two steps, for an end that must report something between the check and
+    // anything the loop may bring (even the end of the connection): FALSE when the stream is not
+    // connected or the peer has gone; then the loop, whose reads the read starter starts.
+    BOOL CheckReadable();
+    void StartReadLoop();
+    void OnReadCompleted(unsigned long ioResult, std::shared_ptr<PipeTaskSignal> signal,
+                         unsigned long long bytes);
     int IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::Request& request, unsigned long long bytes,
                         PipeThreadPoolIo* io, void* context);
     const std::shared_ptr<PipeThreadPoolIo>& GetIo() const { return m_pIo; }
@@ -162,7 +162,22 @@ protected:
 
 private:
     using Request = std::shared_ptr<PIPE_IO_REQUEST>;
+    friend class CReadStarter;
 
+    // A read that ended as soon as it was started, when the handle skips the completion.
+    struct InlineRead
+    {
+        std::shared_ptr<PipeTaskSignal> signal;
+        unsigned long long bytes = 0;
+    };
+    // Hands the next read to the read starter's thread (CReadStarter); false when this is that
+    // thread or the process has none, and the read is to be started here.
+    bool PostNextRead();
+    // The starter's job: starts the next read and takes in what a read that ended at once brought.
+    void ContinueReading();
+    BOOL StartRead(InlineRead& done);
+    // No read follows: readers learn the end, and the stream's end hears of it.
+    void EndReadLoop(unsigned long ioResult);
     BOOL EndRead(unsigned long ioResult);
     int ProcessReadCallback(int64_t requestId);
     int ProcessWriteCallback(int64_t requestId);

@@ -1,6 +1,7 @@
 #include "pipe/ThreadPool.h"
 
 #include "common/WideFormat.h"
+#include "pipe/ReadStarter.h"
 
 #include <chrono>
 #include <stdexcept>
@@ -68,6 +69,7 @@ CThreadPool::CThreadPool(uint32_t maxThreads, std::shared_ptr<ICvLogger> logger)
 {
     if (!Create())
         daxlib::ThrowDaxException(L"ThreadPool", 58);
+    m_pReadStarter = std::make_unique<CReadStarter>(GetLogger());
 }
 
 CThreadPool::~CThreadPool()
@@ -120,6 +122,9 @@ void CThreadPool::Close()
 {
     if (!m_ptpCleanupGroup && !m_ptpPool)
         return;
+    // Kept until the pool's end, stopped: a stream that finds it stopped starts its reads itself.
+    if (m_pReadStarter)
+        m_pReadStarter->Stop();
     if (m_ptpCleanupGroup)
     {
         Log(LogLevel::Info, L"CThreadPool::Close: (289)", L"[obj: 0x%p] Close threadpool: wait callbacks...",

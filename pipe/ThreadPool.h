@@ -16,6 +16,8 @@
 #include <memory>
 #include <mutex>
 
+class CReadStarter;
+
 // Counts the completions of a group of tasks. Nothing in the transport builds one; a caller that
 // wants to wait for several tasks registers them with CThreadPool::CreateGroupTask.
 class CGroupTask
@@ -100,6 +102,8 @@ public:
     uint32_t GetMaxThreads() const { return m_dwMaxThreads; }
     // For thread-pool objects (timers) that should run on this pool.
     PTP_CALLBACK_ENVIRON GetEnvironment() { return &m_environment; }
+    // The pool's one thread that never retires: it starts the pipe streams' reads.
+    CReadStarter* GetReadStarter() const { return m_pReadStarter.get(); }
 
 private:
     struct WorkTaskContext
@@ -121,6 +125,7 @@ private:
     TP_CALLBACK_ENVIRON m_environment;
     daxlib::unique_tp_cleanup_group m_ptpCleanupGroup;
     uint32_t m_dwMaxThreads;
+    std::unique_ptr<CReadStarter> m_pReadStarter;
 };
 
 // The process's pool. The service's start-up composition stores one (1000 threads); tests set

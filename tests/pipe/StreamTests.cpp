@@ -121,6 +121,28 @@ TEST_F(StreamTest, OneCancelAllWakesABlockingWriteWhereverItLands)
     EXPECT_EQ(0u, stream->OutstandingWriteCount());
 }
 
+TEST_F(StreamTest, ReadsOutliveTheThreadsThatStartedThem)
+{
+    // Pool threads retire when idle. Under Wine, the data of a read that had to wait is fetched by
+    // the thread that started the read: arriving as that thread ends, it is lost with the read.
+    for (int trial = 0; trial < 200; ++trial)
+    {
+        RawPipePair pair;
+        auto stream = MakeStream(pair);
+        std::thread starting([&] { EXPECT_TRUE(stream->BeginRead()); });
+        std::thread writing([&] { EXPECT_TRUE(WriteAll(pair.client.get(), "late", 4)); });
+        starting.join();
+        writing.join();
+        CPipeClientRequest request(stream, m_log);
+        Completions reads;
+        reads.retire = &request;
+        ASSERT_TRUE(request.ReadAsync(4, reads.Callback(), new PIPE_OVERLAPPED())) << "trial " << trial;
+        ASSERT_TRUE(reads.calls.WaitAtLeast(1));
+        ASSERT_EQ(0u, reads.lastStatus) << "trial " << trial;
+        EXPECT_EQ(std::vector<unsigned char>({'l', 'a', 't', 'e'}), reads.lastData);
+    }
+}
+
 TEST_F(StreamTest, ReadsDroppedByCancelAllThenServedFromBufferThenFailedByTheClientLeaving)
 {
     RawPipePair pair;
