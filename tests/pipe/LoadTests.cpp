@@ -2,10 +2,11 @@
 #include "tests/pipe/EchoOwner.h"
 #include "tests/pipe/PipeTestSupport.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <latch>
+#include <mutex>
 #include <random>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -15,16 +16,29 @@ namespace
 {
 constexpr int kClients = 200;
 
+// What the service side logged, as far as the test's level lets it through: a failure here is
+// rare, and its message should say why.
+std::string Records(const testsupport::CapturingLogger& log)
+{
+    std::string text;
+    for (const auto& record : log.Records())
+        for (wchar_t ch : record.text + L"\n")
+            text += static_cast<char>(ch < 128 ? ch : '?');
+    return text;
+}
+
 // All clients connect at once, then each sends its messages, mostly small, now and then one up
-// to 64 KiB; returns the number of clients whose every echo matched.
-int RunClients(const std::shared_ptr<testsupport::CapturingLogger>& log, int messages)
+// to 64 KiB; returns which clients failed, where and with which error (empty when every echo
+// matched).
+std::string RunClients(const std::shared_ptr<testsupport::CapturingLogger>& log, int messages)
 {
     EchoOwner owner(log);
     const std::wstring name = testsupport::UniqueName(L"velomar-load");
     auto server = std::make_shared<CNamedPipeServer>(name, PIPE_UNLIMITED_INSTANCES, 3, nullptr, log);
     if (!owner.Start(server))
-        return -1;
-    std::atomic<int> ok{0};
+        return "the server did not start";
+    std::mutex failuresLock;
+    std::string failures;
     std::latch start(kClients);
     std::vector<std::thread> clients;
     for (int c = 0; c < kClients; ++c)
@@ -35,7 +49,8 @@ int RunClients(const std::shared_ptr<testsupport::CapturingLogger>& log, int mes
                 daxlib::unique_hfile h(OpenClient(L"\\\\.\\pipe\\" + name));
                 std::mt19937 random(static_cast<unsigned>(c) * 7919u + static_cast<unsigned>(messages));
                 bool good = h.valid();
-                for (int m = 0; m < messages && good; ++m)
+                int m = 0;
+                for (; m < messages && good; ++m)
                 {
                     std::vector<unsigned char> payload((random() % 16 == 0) ? 1 + random() % 65536
                                                                             : 1 + random() % 1024);
@@ -45,7 +60,15 @@ int RunClients(const std::shared_ptr<testsupport::CapturingLogger>& log, int mes
                         payload[i] = static_cast<unsigned char>(c * 31 + m * 7 + i);
                     good = RoundTrip(h.get(), payload);
                 }
-                ok += good ? 1 : 0;
+                if (!good)
+                {
+                    const unsigned long error = ::GetLastError();
+                    std::lock_guard lock(failuresLock);
+                    failures +=
+                        "client " + std::to_string(c) +
+                        (h.valid() ? " at message " + std::to_string(m - 1) : std::string(" opening")) +
+                        ", error " + std::to_string(error) + "\n";
+                }
             });
     for (auto& t : clients)
         t.join();
@@ -56,7 +79,7 @@ int RunClients(const std::shared_ptr<testsupport::CapturingLogger>& log, int mes
     EXPECT_EQ(0u, owner.Live());
     EXPECT_EQ(0u, server->ConnectionCount());
     server->ResetCallback();
-    return ok.load();
+    return failures;
 }
 } // namespace
 
@@ -66,8 +89,11 @@ TEST_F(LoadTest, TwoHundredClientsAtOnce)
 {
     m_log->SetLevel(LogLevel::Error);
     // A short run first, so that the pools have grown to their working size.
-    ASSERT_EQ(kClients, RunClients(m_log, 3));
+    ASSERT_EQ("", RunClients(m_log, 3)) << Records(*m_log);
     const char* messages = std::getenv("VELOMAR_LOAD_MESSAGES");
-    EXPECT_EQ(kClients, RunClients(m_log, messages ? std::atoi(messages) : 200));
-    EXPECT_EQ(0u, m_log->Count(L"not found in the"));
+    EXPECT_EQ("", RunClients(m_log, messages ? std::atoi(messages) : 200)) << Records(*m_log);
+    // No completion may come for a request the binding does not know. (A write's own completion
+    // that lost the race with the cancel-all of a departing client is logged apart; that is
+    // allowed.)
+    EXPECT_EQ(0u, m_log->Count(L"CThreadPoolIo::IoCompletionCallback: (213)")) << Records(*m_log);
 }
