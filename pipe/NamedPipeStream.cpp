@@ -217,7 +217,9 @@ bool CNamedPipeStream::PostNextRead()
         return false;
     auto pool = GetThreadPool();
     CReadStarter* starter = pool ? pool->GetReadStarter() : nullptr;
-    return starter && starter->Post(weak_from_this());
+    auto self = weak_from_this();
+    // A stream that no shared_ptr owns could not be found again by the starter.
+    return starter && !self.expired() && starter->Post(std::move(self));
 }
 
 void CNamedPipeStream::ContinueReading()
