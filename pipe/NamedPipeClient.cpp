@@ -38,20 +38,24 @@ BOOL CNamedPipeClientStream::Start(std::shared_ptr<PipeClientCallback> onConnect
     return TRUE;
 }
 
-void CNamedPipeClientStream::Disconnect()
+void CNamedPipeClientStream::Disconnect(bool flush)
 {
     const uint32_t previous = GetPipeConnectionState();
     ForceConnectionState(ePipeConnectionState_Disconnected);
-    if (previous != ePipeConnectionState_Disconnecting)
+    if (flush && previous != ePipeConnectionState_Disconnecting)
         ::FlushFileBuffers(GetHandle());
     Log(LogLevel::Debug, L"CNamedPipeClientStream::Disconnect: (78)",
         L"Client end of a named pipe instance disconnected from a server process. GLE=%d",
         static_cast<int>(::GetLastError()));
+    EndPausedReadLoop();
 }
 
 void CNamedPipeClientStream::OnReadLoopEnded()
 {
-    Disconnect();
+    // The reads have ended, often on the read starter's thread: the server has gone or the pipe
+    // failed, so there is nothing to wait for, and a flush there would hold up every stream's
+    // next read until this peer drained.
+    Disconnect(false);
     if (m_bDisconnectNotified.exchange(true))
         return;
     auto client = m_pClient;

@@ -26,9 +26,12 @@ public:
 
     // Marks the stream connected, starts its read loop and reports the connection.
     BOOL Start(std::shared_ptr<PipeClientCallback> onConnected);
-    void Disconnect();
+    // Waits until the server has read what was written (FlushFileBuffers), then marks the
+    // stream disconnected; a stream paused for its owner reports the end of its reads.
+    void Disconnect() { Disconnect(true); }
 
 protected:
+    void Disconnect(bool flush);
     void OnReadLoopEnded() override;
 
 private:

@@ -174,6 +174,7 @@ void CNamedPipeServerStream::Disconnect()
     Log(LogLevel::Debug, L"CNamedPipeServerStream::Disconnect: (205)",
         L"Server end of a named pipe instance disconnected from a client process. bRes = %d, GLE=%d", result,
         static_cast<int>(error));
+    EndPausedReadLoop();
 }
 
 void CNamedPipeServerStream::Close()

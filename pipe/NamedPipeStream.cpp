@@ -16,6 +16,8 @@ using namespace pipestates;
 
 namespace
 {
+std::atomic<CNamedPipeStream::ReadFunction> g_pfnReadFile{nullptr};
+
 // Runs a member of the stream as a pool task. The task keeps the stream alive only while it
 // runs; a stream already gone is skipped.
 template <typename R, typename P>
@@ -50,13 +52,15 @@ struct CNamedPipeStream::TaskScope
     TaskScope(const TaskScope&) = delete;
     TaskScope& operator=(const TaskScope&) = delete;
 
-    // Runs the due callbacks in the order they fell due; each may make more due.
-    void Drain()
+    // Runs the due callbacks in the order they fell due; each may make more due. One that
+    // throws does not keep the others from their owners, who wait for them.
+    void Drain() noexcept
     {
         for (size_t next = 0; next < m_due.size(); ++next)
         {
             const auto [id, read] = m_due[next];
-            m_pStream->ProcessCallback(id, read);
+            daxlib::GuardedCall(m_pStream, L"CNamedPipeStream::TaskScope::Drain: ",
+                                [&] { m_pStream->ProcessCallback(id, read); });
         }
     }
 
@@ -69,9 +73,13 @@ struct CNamedPipeStream::TaskScope
 template <typename Work> auto CNamedPipeStream::RunTask(Work work)
 {
     TaskScope scope(this);
-    auto result = work();
-    scope.Drain();
-    return result;
+    // Drained on the way out, an exception of the work included.
+    struct DrainOnExit
+    {
+        TaskScope& scope;
+        ~DrainOnExit() { scope.Drain(); }
+    } drain{scope};
+    return work();
 }
 
 thread_local CNamedPipeStream::TaskScope* CNamedPipeStream::s_pTaskScope = nullptr;
@@ -113,7 +121,14 @@ bool CNamedPipeStream::DeferToRunningTask(int64_t requestId, bool read)
     TaskScope* scope = s_pTaskScope;
     if (!scope || scope->m_pStream != this)
         return false;
-    scope->m_due.emplace_back(requestId, read);
+    try
+    {
+        scope->m_due.emplace_back(requestId, read);
+    }
+    catch (const std::bad_alloc&)
+    {
+        return false; // a task of its own, then
+    }
     return true;
 }
 
@@ -130,6 +145,13 @@ CNamedPipeStream::CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipe
         context);
     if (!m_pIo->Start())
         daxlib::ThrowDaxException(L"NamedPipeStream", 60);
+    // The stream is a byte stream whatever the pipe's type: in message read mode a read shorter
+    // than the message ends with ERROR_MORE_DATA, which is neither a success nor a failure and
+    // whose completion the platforms report differently.
+    DWORD readMode = PIPE_READMODE_BYTE;
+    if (m_hPipe != INVALID_HANDLE_VALUE && !::SetNamedPipeHandleState(m_hPipe, &readMode, nullptr, nullptr))
+        Log(LogLevel::Debug, L"CNamedPipeStream::CNamedPipeStream: ",
+            L"SetNamedPipeHandleState(PIPE_READMODE_BYTE) failed. GLE=%d", static_cast<int>(::GetLastError()));
     // An operation that succeeds at once is finished by the thread that started it: no trip
     // through the completion port and no hand-off to another thread. Without the mode every
     // operation still completes through the binding.
@@ -211,9 +233,14 @@ void CNamedPipeStream::StartReadLoop()
         ContinueReading();
 }
 
-bool CNamedPipeStream::PostNextRead()
+void CNamedPipeStream::SetReadFunctionForTest(ReadFunction read)
 {
-    if (CReadStarter::OnStarterThread())
+    g_pfnReadFile = read;
+}
+
+bool CNamedPipeStream::PostNextRead(bool requeue)
+{
+    if (CReadStarter::OnStarterThread() && !requeue)
         return false;
     auto pool = GetThreadPool();
     CReadStarter* starter = pool ? pool->GetReadStarter() : nullptr;
@@ -229,6 +256,30 @@ void CNamedPipeStream::ContinueReading()
         EndReadLoop(0);
     else if (done.signal)
         OnReadCompleted(0, done.signal, done.bytes);
+}
+
+bool CNamedPipeStream::KeepReading()
+{
+    if (m_reads.WantsMore(kReadAhead))
+        return true;
+    m_bReadPaused = true;
+    return false;
+}
+
+bool CNamedPipeStream::IsReadPaused() const
+{
+    std::lock_guard lock(m_srwReadQueue);
+    return m_bReadPaused;
+}
+
+void CNamedPipeStream::EndPausedReadLoop()
+{
+    {
+        std::lock_guard lock(m_srwReadQueue);
+        if (!std::exchange(m_bReadPaused, false))
+            return;
+    }
+    EndReadLoop(ERROR_PIPE_NOT_CONNECTED);
 }
 
 void CNamedPipeStream::EndReadLoop(unsigned long ioResult)
@@ -270,7 +321,9 @@ BOOL CNamedPipeStream::StartRead(InlineRead& done)
     if (!m_pIo->StartIo(request))
         return FALSE;
     void* buffer = signal->buffer.get();
-    if (::ReadFile(m_hPipe, buffer, kReadBufferSize, nullptr, &request->overlapped))
+    const ReadFunction readFile = g_pfnReadFile.load();
+    if (readFile ? readFile(m_hPipe, buffer, kReadBufferSize, &request->overlapped)
+                 : ::ReadFile(m_hPipe, buffer, kReadBufferSize, nullptr, &request->overlapped))
     {
         Log(LogLevel::Trace, L"CNamedPipeStream::BeginRead: (176)",
             L"ReadFile(pBuff = 0x%p, BufLength = %d) return TRUE", buffer, static_cast<int>(kReadBufferSize));
@@ -283,7 +336,9 @@ BOOL CNamedPipeStream::StartRead(InlineRead& done)
         return TRUE;
     }
     const DWORD error = ::GetLastError();
-    if (error == ERROR_IO_PENDING)
+    // A message longer than the buffer (message read mode) is no failure: the part read is
+    // reported by a completion like a read that waited, since only full success skips it.
+    if (error == ERROR_IO_PENDING || error == ERROR_MORE_DATA)
     {
         if (m_pIo->IsStopping())
         {
@@ -320,17 +375,21 @@ BOOL CNamedPipeStream::StartRead(InlineRead& done)
 void CNamedPipeStream::OnReadCompleted(unsigned long ioResult, std::shared_ptr<PipeTaskSignal> signal,
                                        unsigned long long bytes)
 {
-    for (;;)
+    if (ioResult == ERROR_MORE_DATA)
+        ioResult = 0; // the rest of the message comes with the next read
+    for (uint32_t taken = 1;; ++taken)
     {
         Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (444)",
             L"Reader: recieved %d byte(s) from pipe server end. IoResult = %d", static_cast<int>(bytes),
             static_cast<int>(ioResult));
+        bool more = true;
         if (ioResult == 0 && bytes > 0)
         {
             uint32_t error = 0;
             {
                 std::lock_guard lock(m_srwReadQueue);
                 error = m_reads.Append(signal->buffer.get(), static_cast<size_t>(bytes));
+                more = KeepReading();
             }
             if (error != 0)
                 Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (450)",
@@ -339,8 +398,17 @@ void CNamedPipeStream::OnReadCompleted(unsigned long ioResult, std::shared_ptr<P
         }
         if (ioResult != 0)
             return EndReadLoop(ioResult);
+        if (!more)
+        {
+            // The owner's next Read starts the loop again.
+            Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (452)",
+                L"Reader: %d byte(s) wait for the owner; reading paused", static_cast<int>(BufferedBytes()));
+            if (!EndRead(0))
+                Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (455)", L"EndRead() failed");
+            return;
+        }
         InlineRead next;
-        if (!PostNextRead() && !StartRead(next))
+        if (!PostNextRead(taken >= kInlineReadsPerTurn) && !StartRead(next))
             return EndReadLoop(0);
         // With the next read already finished, its own hand-over covers this one's bytes too.
         if (!next.signal)
@@ -362,7 +430,7 @@ int CNamedPipeStream::IoAsyncCallback(unsigned long ioResult, PipeThreadPoolIo::
     Log(LogLevel::Trace, L"CNamedPipeStream::IoAsyncCallback: (423)",
         L"[PipeIO signal \"%s\", ov: 0x%p] begin...", SignalName(kind),
         daxlib::Addr(request ? &request->overlapped : nullptr));
-    if (ioResult != 0)
+    if (ioResult != 0 && ioResult != ERROR_MORE_DATA)
         Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (427)", L"PipeIO signal %s: failed err=%d",
             SignalName(kind), static_cast<int>(ioResult));
     daxlib::GuardedCall(
@@ -459,8 +527,19 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
                                                  return TRUE;
                                              });
     if (!queued)
+    {
         ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return queued;
+        return FALSE;
+    }
+    bool resume = false;
+    {
+        std::lock_guard lock(m_srwReadQueue);
+        if (m_bReadPaused && m_reads.WantsMore(kReadAhead))
+            resume = std::exchange(m_bReadPaused, false);
+    }
+    if (resume)
+        StartReadLoop();
+    return TRUE;
 }
 
 void CNamedPipeStream::ProcessQueueReadRequest(unsigned long ioResult)

@@ -73,6 +73,16 @@ struct PIPE_IO_REQUEST
     // The thread that finishes a write it has just started, if any: a cancel racing with it
     // may finish it from another thread instead.
     std::atomic<DWORD> inlineThread{0};
+    // A write's start and a cancel-all meet here: while its writer starts it (kStarting), the
+    // writer finishes it, with what WriteFile said; once a cancel-all has claimed it
+    // (kAbandoned), it never starts.
+    enum : uint32_t
+    {
+        kIdle = 0,
+        kStarting = 1,
+        kAbandoned = 2,
+    };
+    std::atomic<uint32_t> startPhase{kIdle};
 };
 
 // What an overlapped operation was, carried by its kernel-level request.
@@ -92,6 +102,18 @@ class CNamedPipeStream : public CommonHelper::CvLogger::CBaseLogger,
 {
 public:
     static constexpr uint32_t kReadBufferSize = 2048;
+    // Bytes received beyond what the owner's reads ask for before the stream stops reading: the
+    // peer's further writes then wait in the pipe, on its side, until the owner reads again.
+    static constexpr size_t kReadAhead = 64 * 1024;
+    // Reads that end at once taken in one go on the read starter's thread before the stream goes
+    // to the back of its queue: a peer that keeps the pipe full must not hold the one thread that
+    // starts every stream's reads.
+    static constexpr uint32_t kInlineReadsPerTurn = 8;
+
+    // Stands in for ReadFile in tests, to make reads end at once as Windows does when data is
+    // waiting (Wine lets such a read wait for its completion instead). Null for ReadFile.
+    using ReadFunction = BOOL (*)(HANDLE pipe, void* buffer, DWORD length, OVERLAPPED* overlapped);
+    static void SetReadFunctionForTest(ReadFunction read);
 
     // Throws CDaxException when the I/O binding cannot be created.
     CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context);
@@ -130,6 +152,9 @@ public:
     // Cancels the operation a record belongs to and detaches the record from it (a blocked
     // write keeps its record so that the completion can wake the writer).
     BOOL CancelRequest(PIPE_OVERLAPPED* record);
+    // Before a record is freed: an operation that has ended but whose callback has not run yet
+    // then runs none, instead of handing the freed record to its owner.
+    void DetachRecord(PIPE_OVERLAPPED* record);
 
     // The single place where a request is finished; a second completion is refused.
     BOOL CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>& request, uint32_t ioStatus);
@@ -138,6 +163,8 @@ public:
     void WaitForIoCallbacks();
 
     size_t PendingReadCount() const;
+    // Whether the stream has stopped reading because its owner has not asked for what came.
+    bool IsReadPaused() const;
     size_t OutstandingWriteCount() const;
     size_t BufferedBytes() const { return m_reads.BufferedBytes(); }
 
@@ -154,6 +181,8 @@ protected:
     const std::shared_ptr<PipeThreadPoolIo>& GetIo() const { return m_pIo; }
     // Sets the state without the transition rules (a completed connect).
     void ForceConnectionState(uint32_t state);
+    // A disconnect while reading is paused has no read to fail: the loop's end is reported here.
+    void EndPausedReadLoop();
 
     // Hooks of the two ends.
     virtual void OnConnectCompleted(unsigned long /*ioResult*/) {}
@@ -171,13 +200,16 @@ private:
         unsigned long long bytes = 0;
     };
     // Hands the next read to the read starter's thread (CReadStarter); false when this is that
-    // thread or the process has none, and the read is to be started here.
-    bool PostNextRead();
+    // thread (unless `requeue`: then to the back of its queue) or the process has none, and the
+    // read is to be started here.
+    bool PostNextRead(bool requeue = false);
     // The starter's job: starts the next read and takes in what a read that ended at once brought.
     void ContinueReading();
     BOOL StartRead(InlineRead& done);
     // No read follows: readers learn the end, and the stream's end hears of it.
     void EndReadLoop(unsigned long ioResult);
+    // With m_srwReadQueue held: false, and the stream paused, when enough has come for now.
+    bool KeepReading();
     BOOL EndRead(unsigned long ioResult);
     int ProcessReadCallback(int64_t requestId);
     int ProcessWriteCallback(int64_t requestId);
@@ -237,6 +269,7 @@ private:
 
     mutable daxlib::srw_lock m_srwReadQueue;
     CPendingReads<Request> m_reads;
+    bool m_bReadPaused = false; // guarded by m_srwReadQueue; no read is outstanding while set
 
     // Guards the records (PIPE_OVERLAPPED) against a cancel that detaches them.
     daxlib::srw_lock m_srwRecord;

@@ -93,6 +93,17 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
                 ::SetLastError(ERROR_PIPE_NOT_CONNECTED);
                 return FALSE;
             }
+            uint32_t idle = PIPE_IO_REQUEST::kIdle;
+            if (!request->startPhase.compare_exchange_strong(idle, PIPE_IO_REQUEST::kStarting))
+            {
+                ::SetLastError(ERROR_OPERATION_ABORTED);
+                return FALSE;
+            }
+            struct StartEnds
+            {
+                PIPE_IO_REQUEST& request;
+                ~StartEnds() { request.startPhase = PIPE_IO_REQUEST::kIdle; }
+            } startEnds{*request};
             auto signal = std::make_shared<PipeTaskSignal>();
             signal->signal = ePipeTaskSignal_Write;
             signal->request = request;
@@ -128,8 +139,8 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
                 if (m_pIo->SkipsCompletionOnSuccess())
                 {
                     // No completion follows: the write ends here, on the writer's own thread.
-                    m_pIo->CompletedInline(io);
                     request->inlineThread = ::GetCurrentThreadId();
+                    m_pIo->CompletedInline(io);
                     if (!EndWrite(request, 0, written))
                         Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (476)",
                             L"EndWrite() failed. IoResult = %d, Pipe_IO: 0x%p", 0, daxlib::Addr(request.get()));
@@ -226,13 +237,24 @@ void CNamedPipeStream::CancelWriteRequest()
     }
     for (const auto& request : writes)
     {
-        auto io = request->io.lock();
-        if (io && m_pIo->Cancel(io, FALSE))
-            LogIo(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (752)", request,
-                  L"Pipe_IO: 0x%p cancel... success");
-        else
-            LogIo(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (755)", request,
-                  L"Pipe_IO: 0x%p cancel... fail");
+        // A write being started is finished by its writer: one that succeeded in place must not
+        // be reported aborted, and one that waits is cancelled when the binding stops.
+        uint32_t idle = PIPE_IO_REQUEST::kIdle;
+        if (!request->startPhase.compare_exchange_strong(idle, PIPE_IO_REQUEST::kAbandoned) &&
+            idle == PIPE_IO_REQUEST::kStarting)
+            continue;
+        // A write in the kernel's hands is finished by its completion, which says whether the
+        // cancel came in time; the binding's stop brings that completion at the latest.
+        if (auto io = request->io.lock())
+        {
+            if (m_pIo->Cancel(io, FALSE))
+                LogIo(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (752)", request,
+                      L"Pipe_IO: 0x%p cancel... success");
+            else
+                LogIo(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (755)", request,
+                      L"Pipe_IO: 0x%p cancel... fail");
+            continue;
+        }
         LogIo(LogLevel::Trace, L"CNamedPipeStream::CancelWriteRequest: (760)", request,
               L"Pipe_IO: 0x%p. Set IoResult: %d ...", static_cast<int>(ERROR_OPERATION_ABORTED));
         if (!EndWrite(request, ERROR_OPERATION_ABORTED, 0))
@@ -278,6 +300,16 @@ BOOL CNamedPipeStream::CancelRequest(PIPE_OVERLAPPED* record)
     if (io)
         m_pIo->Cancel(io, FALSE);
     return TRUE;
+}
+
+void CNamedPipeStream::DetachRecord(PIPE_OVERLAPPED* record)
+{
+    if (!record)
+        return;
+    std::lock_guard lock(m_srwRecord);
+    if (record->m_pRequest && record->m_pRequest->ov == record)
+        record->m_pRequest->ov = nullptr;
+    record->m_pRequest.reset();
 }
 
 size_t CNamedPipeStream::OutstandingWriteCount() const

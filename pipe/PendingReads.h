@@ -18,7 +18,11 @@ template <class Request> class CPendingReads
 public:
     using Bytes = std::shared_ptr<unsigned char[]>;
 
-    void Push(Request request, uint32_t length) { m_reads.push_back({std::move(request), length}); }
+    void Push(Request request, uint32_t length)
+    {
+        m_reads.push_back({std::move(request), length});
+        m_nOwed += length;
+    }
 
     // Takes a read off the queue (a cancel); false when it was not there.
     bool Remove(const Request& request)
@@ -27,6 +31,7 @@ public:
                                      [&](const Entry& entry) { return entry.request == request; });
         if (it == m_reads.end())
             return false;
+        m_nOwed -= it->length;
         m_reads.erase(it);
         return true;
     }
@@ -46,6 +51,9 @@ public:
 
     size_t Count() const { return m_reads.size(); }
     size_t BufferedBytes() const { return m_data.Size(); }
+    // Whether more may be received: the bytes queued stay within what the reads ask for plus
+    // `readAhead`, so a peer that writes and never waits for answers holds only that much here.
+    bool WantsMore(size_t readAhead) const { return FinalError() == 0 && m_data.Size() < m_nOwed + readAhead; }
 
     // Serves the reads at the front, in order, stopping at the first that must wait for data:
     // `dropped(request)` tells whether a read was cancelled (it is skipped), and
@@ -59,6 +67,7 @@ public:
             const Entry& front = m_reads.front();
             if (dropped(front.request))
             {
+                m_nOwed -= front.length;
                 m_reads.pop_front();
                 continue;
             }
@@ -69,6 +78,7 @@ public:
                     return; // tried again with the next arrival
                 Entry served = std::move(m_reads.front());
                 m_reads.pop_front();
+                m_nOwed -= served.length;
                 deliver(served.request, std::move(bytes), 0u);
                 continue;
             }
@@ -77,6 +87,7 @@ public:
                 return;
             Entry failed = std::move(m_reads.front());
             m_reads.pop_front();
+            m_nOwed -= failed.length;
             deliver(failed.request, Bytes(), error);
         }
     }
@@ -89,6 +100,7 @@ private:
     };
 
     std::deque<Entry> m_reads;
+    size_t m_nOwed = 0; // the lengths of m_reads added up
     CMemStream m_data;
     std::atomic<uint32_t> m_dwFinalError{0};
 };

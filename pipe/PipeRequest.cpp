@@ -257,6 +257,8 @@ void CPipeRequest::EndAsync(PIPE_OVERLAPPED* record)
                 break;
             }
     }
+    if (m_pStream)
+        m_pStream->DetachRecord(record);
     if (record->m_hEvent)
     {
         ::CloseHandle(record->m_hEvent);

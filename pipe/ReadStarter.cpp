@@ -37,6 +37,7 @@ bool CReadStarter::OnStarterThread()
 
 int CReadStarter::Run(std::weak_ptr<CNamedPipeStream>& stream)
 {
+    m_dwThreadId = ::GetCurrentThreadId();
     if (auto self = stream.lock())
     {
         t_bStarting = true;

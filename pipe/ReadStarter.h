@@ -13,6 +13,7 @@
 #include "pipe/NamedPipeStream.h"
 #include "pipe/SignalQueueThread.h"
 
+#include <atomic>
 #include <memory>
 
 class CReadStarter
@@ -31,9 +32,12 @@ public:
     void Stop();
     // True on a starter's thread while it starts a read.
     static bool OnStarterThread();
+    // True on this starter's own thread, which its Stop must not be called from.
+    bool IsCurrentThread() const { return m_dwThreadId.load() == ::GetCurrentThreadId(); }
 
 private:
     int Run(std::weak_ptr<CNamedPipeStream>& stream);
 
+    std::atomic<DWORD> m_dwThreadId{0};
     CSignalQueueThread<std::weak_ptr<CNamedPipeStream>> m_thread;
 };

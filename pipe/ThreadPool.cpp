@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <stdexcept>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 namespace
@@ -123,7 +125,22 @@ void CThreadPool::Close()
     if (!m_ptpCleanupGroup && !m_ptpPool)
         return;
     // Kept until the pool's end, stopped: a stream that finds it stopped starts its reads itself.
-    if (m_pReadStarter)
+    if (m_pReadStarter && m_pReadStarter->IsCurrentThread())
+    {
+        // The pool's last owner let go on the starter's own thread (a stream's read start held
+        // the pool while it was swapped out), which cannot join itself: the starter is ended by
+        // a thread of its own once this start returns.
+        CReadStarter* ending = m_pReadStarter.release();
+        try
+        {
+            std::thread([ending] { delete ending; }).detach();
+        }
+        catch (const std::system_error&)
+        {
+            // Left running: a starter that idles for ever is better than one joining itself.
+        }
+    }
+    else if (m_pReadStarter)
         m_pReadStarter->Stop();
     if (m_ptpCleanupGroup)
     {

@@ -30,7 +30,7 @@ bool CConnectionHandler::SetHeader(const unsigned char* buffer, unsigned long by
     return true;
 }
 
-void CConnectionHandler::ProcessMessage(const unsigned char* buffer, unsigned long bytes)
+bool CConnectionHandler::ProcessMessage(const unsigned char* buffer, unsigned long bytes)
 {
     const agentpipe::Decision decision = agentpipe::Interpret(m_header, buffer, bytes);
     switch (decision.kind)
@@ -41,7 +41,7 @@ void CConnectionHandler::ProcessMessage(const unsigned char* buffer, unsigned lo
         m_qwAgentValueB = decision.values.b;
         const auto answer = agentpipe::EncodeHandshakeAnswer();
         SendReply(answer.data(), static_cast<uint32_t>(answer.size()));
-        break;
+        return true;
     }
     case agentpipe::Decision::Kind::OpenUrl:
     {
@@ -71,14 +71,19 @@ void CConnectionHandler::ProcessMessage(const unsigned char* buffer, unsigned lo
         }
         const auto answer = agentpipe::EncodeOpenUrlAnswer(result);
         SendReply(answer.data(), static_cast<uint32_t>(answer.size()));
-        break;
+        return true;
     }
     case agentpipe::Decision::Kind::None:
         break;
     }
+    return false;
 }
 
 BOOL CConnectionHandler::SendReply(const void* buffer, uint32_t length)
 {
-    return m_pRequest->Write(buffer, length);
+    // No thread waits for the agent to take its answer: an agent that never reads holds one
+    // small record, and the server's watch ends it when the answer is overdue.
+    // An answer that failed to start stays overdue too, in case no callback reports it.
+    m_qwReplySince = ::GetTickCount64();
+    return m_pRequest->WriteAsync(buffer, length, new PIPE_OVERLAPPED());
 }

@@ -7,6 +7,7 @@
 #include "pipeserver/AgentProtocol.h"
 #include "pipeserver/UrlPolicy.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -47,10 +48,15 @@ public:
     // Takes the 8 bytes as the current header; anything else keeps the old one.
     bool SetHeader(const unsigned char* buffer, unsigned long bytes);
     const agentpipe::MessageHeader& Header() const noexcept { return m_header; }
-    // Handles one message whose header was set before; answers through SendReply.
-    void ProcessMessage(const unsigned char* buffer, unsigned long bytes);
-    // The blocking write of one answer; failures are logged by the transport.
+    // Handles one message whose header was set before; answers through SendReply. True when it
+    // was answered: the next message is read once the answer has been written.
+    bool ProcessMessage(const unsigned char* buffer, unsigned long bytes);
+    // Starts the write of one answer; its end comes through the stream's write callback, which
+    // calls ReplyEnded. Failures are logged by the transport.
     BOOL SendReply(const void* buffer, uint32_t length);
+    void ReplyEnded() noexcept { m_qwReplySince = 0; }
+    // When the answer being written was started (GetTickCount64), or 0 when none is.
+    uint64_t ReplyPendingSince() const noexcept { return m_qwReplySince.load(); }
 
     const std::shared_ptr<CNamedPipeServerStream>& Stream() const noexcept { return m_pStream; }
     CPipeServerRequest& Request() noexcept { return *m_pRequest; }
@@ -68,4 +74,5 @@ private:
     std::unique_ptr<CPipeServerRequest> m_pRequest;
     UrlSender m_sendUrl;
     UrlPolicySource m_policy;
+    std::atomic<uint64_t> m_qwReplySince{0};
 };

@@ -11,6 +11,7 @@
 
 #include <psapi.h>
 
+#include <algorithm>
 #include <functional>
 #include <mutex>
 #include <shared_mutex>
@@ -77,6 +78,16 @@ int CPipeServer::Start()
                 server->SetSelf(server);
                 m_pNamedPipeServer = std::move(server);
             }
+            if (!m_replyWatch.IsRunning() &&
+                !m_replyWatch.Start(
+                    [this](HANDLE stop)
+                    {
+                        const DWORD period = std::clamp<DWORD>(m_settings.replyTimeoutMs / 4, 10, 1000);
+                        while (::WaitForSingleObject(stop, period) == WAIT_TIMEOUT)
+                            daxlib::GuardedCall(this, L"CPipeServer::EndOverdueReplies: ",
+                                                [this] { EndOverdueReplies(); });
+                    }))
+                return 0;
             auto onConnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
                 this, &CPipeServer::OnConnectedChannel);
             auto onDisconnected = MakeMemberCallback<void(void*, unsigned long long, void*)>(
@@ -93,6 +104,7 @@ int CPipeServer::Start()
 
 int CPipeServer::Stop()
 {
+    m_replyWatch.Stop();
     if (auto server = std::move(m_pNamedPipeServer))
     {
         server->EndWaitForConnection();
@@ -164,6 +176,9 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
     }
     auto handler = std::make_shared<CConnectionHandler>(GetLogger(), stream, information, std::move(sender),
                                                         std::move(policy));
+    using namespace std::placeholders;
+    stream->SetWriteCallback(MakeGlobalCallback<ReadSignature>(
+        std::bind(&CPipeServer::OnReplyWritten, this, _1, _2, _3, _4, data.channelId)));
     if (!Admit(data.channelId, handler))
     {
         stream->Disconnect();
@@ -218,8 +233,8 @@ void CPipeServer::OnHeaderRead(std::shared_ptr<unsigned char[]> buffer, unsigned
     }
     if (length == 0)
     {
-        handler->ProcessMessage(nullptr, 0);
-        ReadHeader(handler, channelId);
+        if (!handler->ProcessMessage(nullptr, 0))
+            ReadHeader(handler, channelId);
         return;
     }
     ReadBody(handler, channelId, length);
@@ -234,8 +249,60 @@ void CPipeServer::OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned l
     handler->Request().EndAsync(overlapped);
     if (error != 0)
         return;
-    handler->ProcessMessage(buffer.get(), bytes);
+    // One answer at a time: the next message is read once this one's answer is written.
+    if (!handler->ProcessMessage(buffer.get(), bytes))
+        ReadHeader(handler, channelId);
+}
+
+void CPipeServer::OnReplyWritten(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long error,
+                                 PIPE_OVERLAPPED* overlapped, uint64_t channelId)
+{
+    auto handler = FindHandler(channelId);
+    if (!handler)
+        return;
+    handler->Request().EndAsync(overlapped);
+    handler->ReplyEnded();
+    if (error != 0)
+    {
+        handler->Stream()->Disconnect();
+        return;
+    }
     ReadHeader(handler, channelId);
+}
+
+void CPipeServer::EndOverdueReplies()
+{
+    const uint64_t now = ::GetTickCount64();
+    std::vector<std::shared_ptr<CConnectionHandler>> overdue;
+    {
+        std::shared_lock lock(m_srwTable);
+        for (const auto& [id, handler] : m_connections)
+        {
+            const uint64_t since = handler->ReplyPendingSince();
+            if (since != 0 && now - since >= m_settings.replyTimeoutMs)
+                overdue.push_back(handler);
+        }
+    }
+    if (overdue.empty())
+    {
+        if (m_dwOverdueInBurst > 1)
+            Log(LogLevel::Warning, L"CPipeServer::EndOverdueReplies: (352)",
+                L"%u agent connection(s) were closed for not taking their answers", m_dwOverdueInBurst);
+        m_dwOverdueInBurst = 0;
+        return;
+    }
+    for (const auto& handler : overdue)
+    {
+        // One line per burst: a flood of agents that never read must not flood the log as well.
+        if (m_dwOverdueInBurst++ == 0)
+            Log(LogLevel::Warning, L"CPipeServer::EndOverdueReplies: (343)",
+                L"an agent did not take its answer within %u ms: connection of session %u (process %u) "
+                L"closed, and further ones until no answer is overdue",
+                m_settings.replyTimeoutMs, handler->Information().dwClientSessionId,
+                handler->Information().dwClientProcessId);
+        handler->ReplyEnded();
+        handler->Stream()->Disconnect();
+    }
 }
 
 void CPipeServer::OnDisconnectedChannel(void* h, unsigned long long channelId, void*)

@@ -5,6 +5,7 @@
 #include "common/BaseItem.h"
 #include "common/Locks.h"
 #include "common/PipeNames.h"
+#include "common/WorkerThread.h"
 #include "pipeserver/ConnectionHandler.h"
 
 #include <atomic>
@@ -29,10 +30,13 @@ struct AgentPipeSettings
 {
     static constexpr uint32_t kDefaultMaxPerSession = 64;
     static constexpr uint32_t kDefaultMaxTotal = 1024;
+    static constexpr uint32_t kDefaultReplyTimeoutMs = 5000;
 
     bool legacyClientAccess = false; // agents that open with GENERIC_WRITE
     uint32_t maxConnectionsPerSession = kDefaultMaxPerSession;
     uint32_t maxConnections = kDefaultMaxTotal;
+    // An answer the agent has not taken within this time ends its connection.
+    uint32_t replyTimeoutMs = kDefaultReplyTimeoutMs;
 };
 
 // The session a new connection counts against: (client process id, session the pipe reports).
@@ -83,6 +87,10 @@ private:
                       PIPE_OVERLAPPED* overlapped, uint64_t channelId);
     void OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
                     PIPE_OVERLAPPED* overlapped, uint64_t channelId);
+    void OnReplyWritten(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
+                        PIPE_OVERLAPPED* overlapped, uint64_t channelId);
+    // The watch's round: connections whose answer is overdue are closed, one warning a burst.
+    void EndOverdueReplies();
     void RemoveChannel(uint64_t channelId);
     // Enters the handler when its session and the server are under their bounds.
     bool Admit(uint64_t channelId, const std::shared_ptr<CConnectionHandler>& handler);
@@ -100,4 +108,6 @@ private:
     daxlib::srw_lock m_srwSender;
     UrlSender m_sendUrl;
     UrlPolicySource m_policy;
+    uint32_t m_dwOverdueInBurst = 0; // the watch's own
+    daxlib::CWorkerThread m_replyWatch; // last: joined before the rest goes
 };

@@ -170,6 +170,9 @@ void CSessionHandler::SetConnection(HANDLE connection)
 
 void CSessionHandler::DropConnection()
 {
+    // Waits for a URL being written: a handle is never closed under its write, nor a write
+    // started on a handle that is being closed.
+    std::lock_guard send(m_csSend);
     HANDLE connection = nullptr;
     {
         std::lock_guard lock(m_csConnection);
@@ -388,9 +391,7 @@ bool CSessionHandler::SendURL(std::wstring url)
     std::lock_guard lock(m_csSend);
     // A handle whose handshake has not ended yet counts as no connection: a submit written
     // then would land between the handshake's items.
-    HANDLE connection = GetConnection();
-    if (connection && !m_bSendAllowed.load())
-        connection = nullptr;
+    const HANDLE connection = m_bSendAllowed.load() ? GetConnection() : nullptr;
     if (!connection || !SkApi::pfnSkWriteData)
     {
         Log(LogLevel::Info, kSendURL, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer", 443u);

@@ -86,6 +86,7 @@ private:
     // Senders of one session queue here in arrival order, before the send lock: with many
     // agents waiting for the one channel, none is overtaken again and again.
     daxlib::fifo_lock m_fifoSend;
+    // Held across a URL's write and across closing the handle; taken before m_csConnection.
     daxlib::critical_section m_csSend;
     // Mirrors m_hevStartRead for SendURL, which would otherwise ask the kernel under the send
     // lock for every URL.

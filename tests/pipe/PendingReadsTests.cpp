@@ -87,3 +87,29 @@ TEST_F(PendingReadsTest, CancelledReadsTakeNoBytesFromTheReadsBehindThem)
     EXPECT_EQ(Served{"2=xy"}, served);
     EXPECT_EQ(0u, reads.Count());
 }
+
+// The window that stops the stream reading: what is buffered may exceed what the reads still
+// ask for by the read-ahead only, and every way a read leaves the queue gives its share back.
+TEST_F(PendingReadsTest, ReadAheadWindowFollowsWhatTheReadsStillAskFor)
+{
+    EXPECT_TRUE(reads.WantsMore(4));
+    Arrive("abcd");
+    EXPECT_FALSE(reads.WantsMore(4)); // four bytes nobody asked for: enough
+    Ask(1, 6);
+    EXPECT_TRUE(reads.WantsMore(4)); // a large message may come in whole, plus the window
+    Arrive("efghij");
+    EXPECT_FALSE(reads.WantsMore(4));
+    Serve();
+    EXPECT_EQ(Served{"1=abcdef"}, served);
+    EXPECT_FALSE(reads.WantsMore(4)); // "ghij" is still nobody's
+    Ask(2, 8);
+    Ask(3, 8);
+    cancelled = {2};
+    EXPECT_TRUE(reads.Remove(3));
+    Serve(); // the cancelled read leaves without taking bytes or its share of the window
+    EXPECT_FALSE(reads.WantsMore(4));
+    Ask(4, 1);
+    EXPECT_TRUE(reads.WantsMore(4));
+    reads.Finish(kBrokenPipe);
+    EXPECT_FALSE(reads.WantsMore(4)); // nothing more can arrive
+}

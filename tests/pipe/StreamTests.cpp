@@ -11,13 +11,61 @@ using namespace pipetests;
 namespace
 {
 std::atomic<int> g_recordsFreed{0};
+std::atomic<const void*> g_lastFreedRecord{nullptr};
 
 struct CountedRecord : PIPE_OVERLAPPED
 {
-    ~CountedRecord() override { ++g_recordsFreed; }
+    ~CountedRecord() override
+    {
+        g_lastFreedRecord = this;
+        ++g_recordsFreed;
+    }
 };
 
 using StreamTest = PoolTest;
+
+// Under Wine a read waits for its completion even when data is there; Windows ends it at once.
+// This stands in for ReadFile so that one pipe behaves as on Windows with a peer that keeps it
+// full (every read ends at once, full), or runs a test's action on the thread that starts reads.
+std::atomic<HANDLE> g_seamPipe{nullptr};
+std::atomic<int> g_floodReads{0};
+std::function<void()> g_onRead;
+
+BOOL SeamRead(HANDLE pipe, void* buffer, DWORD length, OVERLAPPED* overlapped)
+{
+    if (pipe != g_seamPipe.load())
+        return ::ReadFile(pipe, buffer, length, nullptr, overlapped);
+    if (g_onRead)
+    {
+        g_onRead();
+        ::SetLastError(ERROR_BROKEN_PIPE);
+        return FALSE;
+    }
+    if (++g_floodReads > 20000) // 40 MB: far past any bound, and the end of the flood
+    {
+        ::SetLastError(ERROR_BROKEN_PIPE);
+        return FALSE;
+    }
+    std::memset(buffer, 'x', length);
+    overlapped->InternalHigh = length;
+    return TRUE;
+}
+
+struct ReadSeam
+{
+    explicit ReadSeam(HANDLE pipe)
+    {
+        g_floodReads = 0;
+        g_seamPipe = pipe;
+        CNamedPipeStream::SetReadFunctionForTest(&SeamRead);
+    }
+    ~ReadSeam()
+    {
+        CNamedPipeStream::SetReadFunctionForTest(nullptr);
+        g_seamPipe = nullptr;
+        g_onRead = nullptr;
+    }
+};
 } // namespace
 
 TEST_F(StreamTest, ReadBeforeConnectFailsWithPipeNotConnected)
@@ -179,4 +227,144 @@ TEST_F(StreamTest, ReadsDroppedByCancelAllThenServedFromBufferThenFailedByTheCli
     const int before = g_recordsFreed;
     request.EndAsync(record);
     EXPECT_EQ(before + 1, g_recordsFreed.load());
+}
+
+// Seen on Windows, where a read with data waiting ends at once: the peer's flood kept the one
+// thread that starts every stream's reads, and filled memory without bound.
+TEST_F(StreamTest, PeerThatKeepsThePipeFullIsReadInTurnsAndOnlyAsFarAsItsOwnerAsks)
+{
+    RawPipePair flooded;
+    RawPipePair quiet;
+    auto busy = MakeStream(flooded);
+    auto other = MakeStream(quiet);
+    ReadSeam seam(busy->GetHandle());
+    ASSERT_TRUE(busy->BeginRead());
+    ASSERT_TRUE(other->BeginRead());
+    ASSERT_TRUE(WriteAll(quiet.client.get(), "ping", 4));
+    CPipeClientRequest otherRequest(other, m_log);
+    Completions otherReads;
+    otherReads.retire = &otherRequest;
+    ASSERT_TRUE(otherRequest.ReadAsync(4, otherReads.Callback(), new PIPE_OVERLAPPED()));
+    ASSERT_TRUE(otherReads.calls.WaitAtLeast(1));
+    EXPECT_LT(g_floodReads.load(), 20000) << "the other stream waited for the flood to end";
+
+    ASSERT_TRUE(Eventually([&] { return busy->IsReadPaused(); }));
+    const size_t window = CNamedPipeStream::kReadAhead + CNamedPipeStream::kReadBufferSize;
+    EXPECT_LE(busy->BufferedBytes(), window);
+    // Its owner's reads are served, and each lets the peer in for as much again.
+    CPipeClientRequest busyRequest(busy, m_log);
+    Completions busyReads;
+    busyReads.retire = &busyRequest;
+    ASSERT_TRUE(busyRequest.ReadAsync(100000, busyReads.Callback(), new PIPE_OVERLAPPED()));
+    ASSERT_TRUE(busyReads.calls.WaitAtLeast(1));
+    EXPECT_EQ(0u, busyReads.lastStatus);
+    EXPECT_EQ(100000u, busyReads.lastData.size());
+    ASSERT_TRUE(Eventually([&] { return busy->IsReadPaused(); }));
+    EXPECT_LE(busy->BufferedBytes(), window);
+}
+
+// An agent wrote header and body together, then left: its header callback asks for the body,
+// whose bytes are there, and drops the connection's last reference. The body's callback, due
+// after the running one, must not be handed the record freed with the connection.
+TEST_F(StreamTest, ReadDueAfterTheRunningCallbackIsDroppedWithItsOwnersRecord)
+{
+    RawPipePair pair;
+    auto stream = MakeStream(pair);
+    ASSERT_TRUE(WriteAll(pair.client.get(), "headbody", 8));
+    ASSERT_TRUE(stream->BeginRead());
+    ASSERT_TRUE(Eventually([&] { return stream->BufferedBytes() == 8; }));
+    auto request = std::make_unique<CPipeClientRequest>(stream, m_log);
+    Counter headers;
+    std::atomic<int> bodies{0};
+    std::atomic<bool> handedFreed{false};
+    auto onBody = MakeGlobalCallback<ReadSignature>(
+        [&](std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED* record)
+        {
+            handedFreed = handedFreed || record == g_lastFreedRecord.load();
+            ++bodies;
+        });
+    auto onHeader = MakeGlobalCallback<ReadSignature>(
+        [&](std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED* record)
+        {
+            request->EndAsync(record);
+            EXPECT_TRUE(request->ReadAsync(4, onBody, new CountedRecord()));
+            request.reset();
+            headers.Add();
+        });
+    ASSERT_TRUE(request->ReadAsync(4, onHeader, new PIPE_OVERLAPPED()));
+    ASSERT_TRUE(headers.WaitAtLeast(1));
+    // Were it handed on, it would be right after the header callback, on the same thread.
+    EXPECT_FALSE(Eventually([&] { return bodies.load() > 0; }, 2s));
+    EXPECT_FALSE(handedFreed.load());
+}
+
+// Message read mode: a read into a buffer shorter than the message ends with ERROR_MORE_DATA,
+// which is part of the message, not the end of the connection.
+TEST_F(StreamTest, MessageLongerThanTheReadBufferArrivesWhole)
+{
+    RawPipePair pair(PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE);
+    auto stream = MakeStream(pair);
+    ASSERT_TRUE(stream->BeginRead());
+    const std::vector<unsigned char> message(5000, 'm');
+    ASSERT_TRUE(WriteAll(pair.client.get(), message.data(), static_cast<DWORD>(message.size())));
+    CPipeClientRequest request(stream, m_log);
+    Completions reads;
+    reads.retire = &request;
+    ASSERT_TRUE(request.ReadAsync(5000, reads.Callback(), new PIPE_OVERLAPPED()));
+    ASSERT_TRUE(reads.calls.WaitAtLeast(1));
+    EXPECT_EQ(0u, reads.lastStatus);
+    EXPECT_EQ(message, reads.lastData);
+}
+
+// A cancel-all meeting a write that has just succeeded must not report it aborted: its bytes
+// are with the client. Every write reported done is one byte received, and no other.
+TEST_F(StreamTest, CancelAllNeverReportsAbortedAWriteThatWentThrough)
+{
+    RawPipePair pair;
+    auto stream = MakeStream(pair);
+    CPipeServerRequest request(stream, m_log);
+    std::atomic<long> received{0};
+    std::thread reader(
+        [&]
+        {
+            char bytes[256];
+            DWORD got = 0;
+            while (::ReadFile(pair.client.get(), bytes, sizeof(bytes), &got, nullptr) && got > 0)
+                received += static_cast<long>(got);
+        });
+    std::atomic<bool> writing{true};
+    std::thread canceller(
+        [&]
+        {
+            while (writing)
+                stream->CancelWriteRequest();
+        });
+    long reported = 0;
+    for (int i = 0; i < 20000; ++i)
+        reported += request.Write("x", 1) ? 1 : 0;
+    writing = false;
+    canceller.join();
+    EXPECT_TRUE(Eventually([&] { return received.load() >= reported; }));
+    ::DisconnectNamedPipe(stream->GetHandle()); // ends the reader
+    reader.join();
+    EXPECT_EQ(reported, received.load());
+}
+
+// The pool's last owner let go on the read starter's own thread: ending the starter there must
+// not wait for that thread itself.
+TEST_F(StreamTest, PoolReleasedOnTheReadStarterThreadEndsWithoutWaitingForItself)
+{
+    RawPipePair pair;
+    auto stream = MakeStream(pair);
+    ReadSeam seam(stream->GetHandle());
+    std::atomic<bool> released{false};
+    std::shared_ptr<CThreadPool> pool = std::move(m_pool);
+    g_onRead = [&]
+    {
+        SetThreadPool(nullptr);
+        pool.reset();
+        released = true;
+    };
+    ASSERT_TRUE(stream->BeginRead());
+    EXPECT_TRUE(Eventually([&] { return released.load(); }));
 }
