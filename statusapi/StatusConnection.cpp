@@ -185,6 +185,7 @@ void CStatusConnection::Serve()
     std::vector<uint8_t> next; // what goes out once that write is done: an answer, notifications, a close
     bool closing = false;
     ULONGLONG drainDeadline = 0;
+    ULONGLONG writeDeadline = 0; // of the write in flight, while not closing
 
     const auto close = [&](uint32_t reason)
     {
@@ -222,6 +223,7 @@ void CStatusConnection::Serve()
                 if (!writer.Start(pipe, true, writing.data() + written,
                                   static_cast<DWORD>(writing.size() - written)))
                     break;
+                writeDeadline = DeadlineAfter(m_server.Settings().answerTimeoutMs);
             }
             else if (closing)
             {
@@ -241,10 +243,18 @@ void CStatusConnection::Serve()
         const DWORD writerSlot = writer.Pending() ? count++ : MAXDWORD;
         if (writerSlot != MAXDWORD)
             handles[writerSlot] = writer.Event();
-        const DWORD wait =
-            ::WaitForMultipleObjects(count, handles, FALSE, closing ? Remaining(drainDeadline) : INFINITE);
+        // No thread waits without limit on a client: one that leaves its answers unread is closed.
+        const DWORD limit = closing            ? Remaining(drainDeadline)
+                            : writer.Pending() ? Remaining(writeDeadline)
+                                               : INFINITE;
+        const DWORD wait = ::WaitForMultipleObjects(count, handles, FALSE, limit);
         if (wait == WAIT_TIMEOUT)
-            break; // the client did not read its close packet in time
+        {
+            if (!closing)
+                Log(LogLevel::Info, kRun, L"client (process %u, session %u) closed: it took no answer for %u ms",
+                    m_dwProcessId, m_dwSessionId, static_cast<unsigned>(m_server.Settings().answerTimeoutMs));
+            break; // the client did not read in time, its close packet or its answer
+        }
         if (wait == WAIT_FAILED)
         {
             Log(LogLevel::Error, kRun, L"WaitForMultipleObjects failed. GLE=%d",

@@ -39,6 +39,9 @@ struct StatusApiSettings
     // How long a dropped or refused client has to read what was already written to it, its close
     // packet last, before the pipe is closed under it.
     DWORD drainTimeoutMs = 5000;
+    // How long a client may leave an answer or a change unread once the pipe's own buffer is
+    // full, before its connection is closed under it.
+    DWORD answerTimeoutMs = 5000;
 };
 
 class CStatusServer : public IBaseItem

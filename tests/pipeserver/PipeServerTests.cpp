@@ -214,6 +214,38 @@ TEST_F(AgentPipeServer, OversizedPayloadClosesOnlyItsConnectionAndStopClosesTheR
     EXPECT_EQ(1, m_server->Stop()); // a second stop is harmless
 }
 
+// An agent that writes and never reads its answers: once they fill its pipe the service stops
+// reading it, holds no thread for it, and closes it when an answer is overdue, while an agent
+// beside it in the same session is answered throughout.
+TEST_F(AgentPipeServer, AgentThatNeverReadsIsThrottledThenClosedWhileOthersAreAnswered)
+{
+    m_server->Stop();
+    AgentPipeSettings settings;
+    settings.replyTimeoutMs = 500;
+    m_server->SetSettings(settings);
+    ASSERT_EQ(1, m_server->Start());
+    TestAgent hostile(m_path);
+    TestAgent good(m_path);
+    ASSERT_TRUE(good.Handshake());
+    // About 120 KB of handshakes: more than the pipe and the service's read-ahead take, so the
+    // writer blocks until the service closes the connection.
+    std::thread flood(
+        [&]
+        {
+            const auto handshake = agentpipe::EncodeHandshake({1, 2});
+            for (int i = 0; i < 5000 && hostile.Write(handshake); ++i)
+            {
+            }
+        });
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(agentpipe::kResultSent, good.OpenUrl(u"https://a.test/"));
+    EXPECT_TRUE(hostile.Ended());
+    flood.join();
+    EXPECT_TRUE(m_logger->WaitFor(L"an agent did not take its answer within 500 ms", 10s));
+    EXPECT_TRUE(ConnectionsBecome(1));
+    EXPECT_TRUE(good.Handshake());
+}
+
 TEST(AgentPipeServerLeaks, ManyShortConnectionsLeaveNothingBehind)
 {
     auto logger = std::make_shared<CapturingLogger>(0);

@@ -314,6 +314,24 @@ TEST_F(StatusServerTest, SubscriberThatNeverReadsHoldsNoThreadPastTheDrainTime)
         << "the client is still open, reading nothing";
 }
 
+TEST_F(StatusServerTest, ClientThatAsksWithoutReadingHoldsNoThreadPastTheAnswerTime)
+{
+    StatusApiSettings settings;
+    settings.answerTimeoutMs = 300;
+    Start(settings);
+    auto client = Welcomed(1);
+    ASSERT_TRUE(client);
+    // Far more answers than the pipe's buffer holds; the service stops reading behind the first
+    // one it cannot write, so the later requests may not even be taken.
+    const auto request = EncodeRequest(kGetStatus, Request{});
+    for (int i = 0; i < 1000 && client->Write(request, 1000) == Status::Ok; ++i)
+    {
+    }
+    EXPECT_TRUE(Eventually([&] { return m_server->ConnectionCount() == 0; }))
+        << "the client is still open, reading nothing";
+    EXPECT_TRUE(m_log->WaitFor(L"it took no answer for 300 ms", std::chrono::milliseconds(kLimitMs)));
+}
+
 TEST_F(StatusServerTest, ConnectionsOverEitherBoundAreRefused)
 {
     StatusApiSettings settings;
