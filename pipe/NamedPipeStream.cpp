@@ -52,13 +52,14 @@ struct CNamedPipeStream::TaskScope
     TaskScope(const TaskScope&) = delete;
     TaskScope& operator=(const TaskScope&) = delete;
 
-    // Runs the due callbacks in the order they fell due; each may make more due. One that
-    // throws does not keep the others from their owners, who wait for them.
+    // Runs the due callbacks in the order they fell due; each may make more due, and may drain
+    // the rest itself before it waits (WaitFor). One that throws does not keep the others from
+    // their owners, who wait for them.
     void Drain() noexcept
     {
-        for (size_t next = 0; next < m_due.size(); ++next)
+        while (m_nNext < m_due.size())
         {
-            const auto [id, read] = m_due[next];
+            const auto [id, read] = m_due[m_nNext++];
             daxlib::GuardedCall(m_pStream, L"CNamedPipeStream::TaskScope::Drain: ",
                                 [&] { m_pStream->ProcessCallback(id, read); });
         }
@@ -68,6 +69,7 @@ struct CNamedPipeStream::TaskScope
     TaskScope* m_pOuter;
     // Allocates nothing until a callback falls due, which most tasks never see.
     std::vector<std::pair<int64_t, bool>> m_due;
+    size_t m_nNext = 0; // the first of m_due not yet run
 };
 
 template <typename Work> auto CNamedPipeStream::RunTask(Work work)
@@ -114,6 +116,16 @@ int CNamedPipeStream::ReadCallbackTask(int64_t requestId)
 int CNamedPipeStream::WriteCallbackTask(int64_t requestId)
 {
     return RunTask([&] { return ProcessWriteCallback(requestId); });
+}
+
+DWORD CNamedPipeStream::WaitFor(HANDLE event, DWORD timeoutMs)
+{
+    // A callback that waits for another of this stream would otherwise wait for itself: the
+    // other is due on this very thread, after it.
+    TaskScope* scope = s_pTaskScope;
+    if (scope && scope->m_pStream == this)
+        scope->Drain();
+    return ::WaitForSingleObject(event, timeoutMs);
 }
 
 bool CNamedPipeStream::DeferToRunningTask(int64_t requestId, bool read)

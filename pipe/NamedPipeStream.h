@@ -149,6 +149,11 @@ public:
     // The callback of writes started with a record but no event.
     void SetWriteCallback(std::shared_ptr<PipeIoCallback> callback);
 
+    // WaitForSingleObject for a thread that may be running one of this stream's callbacks: the
+    // callbacks already due on it run first. A callback that waits for another callback of
+    // the same stream must wait through this.
+    DWORD WaitFor(HANDLE event, DWORD timeoutMs);
+
     // Cancels the operation a record belongs to and detaches the record from it (a blocked
     // write keeps its record so that the completion can wake the writer).
     BOOL CancelRequest(PIPE_OVERLAPPED* record);

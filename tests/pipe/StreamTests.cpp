@@ -368,3 +368,38 @@ TEST_F(StreamTest, PoolReleasedOnTheReadStarterThreadEndsWithoutWaitingForItself
     ASSERT_TRUE(stream->BeginRead());
     EXPECT_TRUE(Eventually([&] { return released.load(); }));
 }
+
+// A callback that asks for more and waits for it, as the agent tool's reads do: what it waits
+// for is due on its own thread, after it, unless the wait runs it first.
+TEST_F(StreamTest, CallbackMayWaitForTheNextCallbackOfItsStream)
+{
+    RawPipePair pair;
+    auto stream = MakeStream(pair);
+    ASSERT_TRUE(WriteAll(pair.client.get(), "headbody", 8));
+    ASSERT_TRUE(stream->BeginRead());
+    CPipeClientRequest request(stream, m_log);
+    Completions body;
+    body.retire = &request;
+    daxlib::unique_handle bodyCame(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    Counter headers;
+    DWORD waited = WAIT_FAILED;
+    auto onBody = MakeGlobalCallback<ReadSignature>(
+        [&](std::shared_ptr<unsigned char[]> data, unsigned long bytes, unsigned long status,
+            PIPE_OVERLAPPED* record)
+        {
+            body.On(std::move(data), bytes, status, record);
+            ::SetEvent(bodyCame.get());
+        });
+    auto onHeader = MakeGlobalCallback<ReadSignature>(
+        [&](std::shared_ptr<unsigned char[]>, unsigned long, unsigned long, PIPE_OVERLAPPED* record)
+        {
+            request.EndAsync(record);
+            EXPECT_TRUE(request.ReadAsync(4, onBody, new PIPE_OVERLAPPED()));
+            waited = stream->WaitFor(bodyCame.get(), 10000);
+            headers.Add();
+        });
+    ASSERT_TRUE(request.ReadAsync(4, onHeader, new PIPE_OVERLAPPED()));
+    ASSERT_TRUE(headers.WaitAtLeast(1));
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), waited);
+    EXPECT_EQ(std::vector<unsigned char>({'b', 'o', 'd', 'y'}), body.lastData);
+}

@@ -428,7 +428,7 @@ SessionStatus CAgentSession::ReadUntil(uint32_t length, std::vector<uint8_t>& da
             Close();
             return Fail(IsConnectionGone(error) ? SessionStatus::Disconnected : SessionStatus::Failed, error);
         }
-        const DWORD wait = ::WaitForSingleObject(pending->done.get(), Remaining(deadline));
+        const DWORD wait = m_pStream->WaitFor(pending->done.get(), Remaining(deadline));
         if (wait != WAIT_OBJECT_0)
         {
             if (m_pStream->CancelRequest(record.get()))
@@ -441,7 +441,7 @@ SessionStatus CAgentSession::ReadUntil(uint32_t length, std::vector<uint8_t>& da
                 // Completed already; its callback is on its way or has just run. It runs on the
                 // stream, so it is waited for before the stream goes; should it not come, it
                 // frees the record whenever it does.
-                ::WaitForSingleObject(pending->done.get(), kSettleLimitMs);
+                m_pStream->WaitFor(pending->done.get(), kSettleLimitMs);
                 std::lock_guard guard(pending->lock);
                 if (!pending->finished)
                 {
