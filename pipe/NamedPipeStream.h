@@ -104,7 +104,7 @@ public:
     static constexpr uint32_t kReadBufferSize = 2048;
     // Bytes received beyond what the owner's reads ask for before the stream stops reading: the
     // peer's further writes then wait in the pipe, on its side, until the owner reads again.
-    static constexpr size_t kReadAhead = 64 * 1024;
+    static constexpr size_t kReadAhead = 4 * 1024;
     // Reads that end at once taken in one go on the read starter's thread before the stream goes
     // to the back of its queue: a peer that keeps the pipe full must not hold the one thread that
     // starts every stream's reads.
