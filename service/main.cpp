@@ -1,15 +1,20 @@
 #include "common/DaxException.h"
+#include "common/ProcessSecurity.h"
 #include "log/CvLogger.h"
 #include "service/LogSvc.h"
 #include "service/ServiceConfig.h"
 #include "service/ServiceSetup.h"
 #include "service/ServiceSingletons.h"
 
+#include <cwchar>
 #include <exception>
 #include <optional>
 
 int wmain(int argc, wchar_t** argv, wchar_t** /*envp*/)
 {
+    daxlib::RestrictLibrarySearch();
+    if (argc == 2 && argv[1] && std::wcscmp(argv[1], service::kConfigureServiceSwitch) == 0)
+        service::PrepareLogFolder();
     if (const std::optional<int> setupResult = service::RunSetupCommand(argc, argv))
         return *setupResult;
     int result = -1;
