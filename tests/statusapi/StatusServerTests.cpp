@@ -338,6 +338,22 @@ TEST_F(StatusServerTest, ConnectionsOverEitherBoundAreRefused)
     EXPECT_EQ(2u, m_log->Count(L"refused, and further ones")) << "one warning per burst, and there were two";
 }
 
+// The system could not tell the clients' sessions (played through the resolver): they are refused,
+// counted in no session, with one error for the burst; a known session is served after them.
+TEST_F(StatusServerTest, ClientsOfUnknownSessionAreRefusedWithOneErrorPerBurst)
+{
+    Start();
+    const std::vector<uint8_t> nothing;
+    for (int i = 0; i < 2; ++i)
+    {
+        auto unknown = Connect(daxlib::kUnknownSession, &nothing);
+        ASSERT_TRUE(unknown);
+        EXPECT_EQ(kServiceError, CloseReasonOf(*unknown));
+    }
+    EXPECT_EQ(1u, m_log->Count(L"cannot be determined"));
+    EXPECT_TRUE(Welcomed(1));
+}
+
 TEST_F(StatusServerTest, StopSaysGoodbyeToEveryClientAndEndsItsThreads)
 {
     const long long threadsBefore = testsupport::CountProcessThreads();
