@@ -204,6 +204,11 @@ struct HiddenAttack
     std::wstring dacl;
 };
 
+void PrintTo(const HiddenAttack& attack, std::ostream* out)
+{
+    *out << attack.name;
+}
+
 class HiddenFolderAttack : public LogFolderCheck, public ::testing::WithParamInterface<HiddenAttack>
 {
 };
