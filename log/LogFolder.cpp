@@ -9,6 +9,7 @@
 #include <winternl.h>
 #include <winioctl.h>
 
+#include <algorithm>
 #include <mutex>
 
 namespace cvlog
@@ -223,10 +224,20 @@ bool DeleteByHandle(HANDLE file)
     return ::SetFileInformationByHandle(file, FileDispositionInfo, &disposition, sizeof disposition) != FALSE;
 }
 
-} // namespace
-
-namespace
+// Why a folder that opened as a directory fails the check; empty when it passes.
+std::wstring ProblemOf(const FolderFacts& facts, const std::wstring& expectedDacl)
 {
+    if (facts.attributes & FILE_ATTRIBUTE_REPARSE_POINT)
+        return daxlib::Format(L"is a reparse point (tag 0x%08X)", static_cast<unsigned>(facts.reparseTag));
+    if (!facts.descriptorKnown)
+        return {};
+    if (!IsWellKnown(facts.owner, WinLocalSystemSid) && !IsWellKnown(facts.owner, WinBuiltinAdministratorsSid))
+        return daxlib::Format(L"is owned by %s", facts.owner.c_str());
+    if (facts.dacl != expectedDacl)
+        return daxlib::Format(L"has the descriptor %s", facts.dacl.c_str());
+    return {};
+}
+
 bool RunningOnWine()
 {
     static const bool wine = ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
@@ -271,7 +282,7 @@ std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem
     const daxlib::unique_hlocal folderSd = Descriptor(kLogFolderSddl);
     const daxlib::unique_hlocal fileSd = Descriptor(kLogFileSddl);
     const std::wstring expectedDacl = DaclText(folderSd.get());
-    if (!system || !folderSd || !fileSd)
+    if (!system || !folderSd || !fileSd || owned.empty())
         return nullptr;
     ScopedTakeOverPrivileges privileges;
     daxlib::unique_hfile current = system->OpenRoot(root);
@@ -296,28 +307,22 @@ std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem
         // Checked even when just created: a folder made by someone else a moment before is opened
         // the same way.
         FolderFacts facts;
-        std::wstring problem;
         if (!system->Inspect(next.get(), facts))
-            problem = daxlib::Format(L"its attributes or descriptor cannot be read (error %u)",
-                                     static_cast<unsigned>(::GetLastError()));
-        else if (!(facts.attributes & FILE_ATTRIBUTE_DIRECTORY))
-            problem = L"is not a folder";
-        else if (facts.attributes & FILE_ATTRIBUTE_REPARSE_POINT)
-            problem = daxlib::Format(L"is a reparse point (tag 0x%08X)", static_cast<unsigned>(facts.reparseTag));
-        else if (facts.descriptorKnown && !IsWellKnown(facts.owner, WinLocalSystemSid) &&
-                 !IsWellKnown(facts.owner, WinBuiltinAdministratorsSid))
-            problem = daxlib::Format(L"is owned by %s", facts.owner.c_str());
-        else if (facts.descriptorKnown && facts.dacl != expectedDacl)
-            problem = daxlib::Format(L"has the descriptor %s", facts.dacl.c_str());
+        {
+            // Nothing known is nothing to reset from.
+            findings.push_back(daxlib::Format(L"log folder \"%s\": its attributes or descriptor cannot be read "
+                                              L"(error %u): not used",
+                                              path.c_str(), static_cast<unsigned>(::GetLastError())));
+            return nullptr;
+        }
+        if (!(facts.attributes & FILE_ATTRIBUTE_DIRECTORY))
+        {
+            findings.push_back(daxlib::Format(L"log folder \"%s\" is not a folder: not used", path.c_str()));
+            return nullptr;
+        }
+        const std::wstring problem = ProblemOf(facts, expectedDacl);
         if (!problem.empty())
         {
-            // Attributes that cannot be read leave nothing to reset from: the folder is not used.
-            const bool readable = problem.find(L"cannot be read") == std::wstring::npos;
-            if (!readable || !(facts.attributes & FILE_ATTRIBUTE_DIRECTORY))
-            {
-                findings.push_back(daxlib::Format(L"log folder \"%s\" %s: not used", path.c_str(), problem.c_str()));
-                return nullptr;
-            }
             const DWORD error = system->Reset(next.get(), facts.reparseTag, folderSd.get());
             FolderFacts after;
             if (error != ERROR_SUCCESS || !system->Inspect(next.get(), after) ||
@@ -337,8 +342,6 @@ std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem
         }
         current = std::move(next);
     }
-    if (owned.empty())
-        return nullptr;
     return std::make_shared<CLogFolder>(system, std::move(current));
 }
 
@@ -352,7 +355,8 @@ void CLogFolder::ProtectContents(std::vector<std::wstring>& findings, const std:
 {
     for (const Entry& entry : Walk(L"*", false))
     {
-        daxlib::unique_hfile file = OpenExisting(entry.name, READ_CONTROL | WRITE_DAC | WRITE_OWNER | DELETE);
+        daxlib::unique_hfile file =
+            OpenExisting(entry.name, FILE_READ_ATTRIBUTES | READ_CONTROL | WRITE_DAC | WRITE_OWNER | DELETE);
         if (!file)
             continue;
         if (!IsPlainSingleFile(file.get()))

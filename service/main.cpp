@@ -1,4 +1,5 @@
 #include "common/DaxException.h"
+#include "common/Guarded.h"
 #include "common/ProcessSecurity.h"
 #include "log/CvLogger.h"
 #include "service/LogSvc.h"
@@ -13,8 +14,9 @@
 int wmain(int argc, wchar_t** argv, wchar_t** /*envp*/)
 {
     daxlib::RestrictLibrarySearch();
+    // At install, as SYSTEM: the log folders exist, protected, before any user could make them.
     if (argc == 2 && argv[1] && std::wcscmp(argv[1], service::kConfigureServiceSwitch) == 0)
-        service::PrepareLogFolder();
+        daxlib::GuardedCall(nullptr, L"wmain: PrepareLogFolder", [] { service::PrepareLogFolder(); });
     if (const std::optional<int> setupResult = service::RunSetupCommand(argc, argv))
         return *setupResult;
     int result = -1;
