@@ -10,6 +10,7 @@
 #include <winioctl.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <mutex>
 
 namespace cvlog
@@ -114,14 +115,15 @@ public:
     ScopedTakeOverPrivileges& operator=(const ScopedTakeOverPrivileges&) = delete;
 
 private:
-    struct Privileges
+    // TOKEN_PRIVILEGES with room for three.
+    struct PrivilegeSet
     {
         DWORD PrivilegeCount = 0;
         LUID_AND_ATTRIBUTES Privileges[3]{};
     };
     daxlib::unique_handle m_hToken;
-    Privileges m_wanted;
-    Privileges m_previous;
+    PrivilegeSet m_wanted;
+    PrivilegeSet m_previous;
     bool m_bAdjusted = false;
 };
 
@@ -176,12 +178,14 @@ public:
         if (reparseTag != 0)
         {
             // The header alone names the point to remove: tag, no data.
-            BYTE header[REPARSE_GUID_DATA_BUFFER_HEADER_SIZE] = {};
-            auto* buffer = reinterpret_cast<REPARSE_GUID_DATA_BUFFER*>(header);
-            buffer->ReparseTag = reparseTag;
-            const DWORD size = IsReparseTagMicrosoft(reparseTag) ? 8 : REPARSE_GUID_DATA_BUFFER_HEADER_SIZE;
+            REPARSE_GUID_DATA_BUFFER header{};
+            header.ReparseTag = reparseTag;
+            // A tag of the system's own takes the short header: tag, length and reserved.
+            const DWORD size = IsReparseTagMicrosoft(reparseTag)
+                                   ? 8
+                                   : static_cast<DWORD>(offsetof(REPARSE_GUID_DATA_BUFFER, GenericReparseBuffer));
             DWORD returned = 0;
-            if (!::DeviceIoControl(folder, FSCTL_DELETE_REPARSE_POINT, header, size, nullptr, 0, &returned, nullptr))
+            if (!::DeviceIoControl(folder, FSCTL_DELETE_REPARSE_POINT, &header, size, nullptr, 0, &returned, nullptr))
                 return ::GetLastError();
         }
         return Protect(folder, descriptor);
