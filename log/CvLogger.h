@@ -95,8 +95,8 @@ public:
     // lines are also written to the log; the service reports them in the event log.
     std::vector<std::wstring> GetFolderFindings() const;
     // Every file gets SYSTEM and Administrators full control and nothing for anyone else,
-    // whatever is asked. `strict` (with `restrict`) writes under a token restricted to what
-    // Administrators may do.
+    // whatever `restrict` asks. `strict` writes under a token restricted to what Administrators
+    // may do.
     void SetLogFileSecurity(BOOL restrict, BOOL strict);
 
     // Registry.

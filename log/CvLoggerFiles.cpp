@@ -191,10 +191,10 @@ BOOL CCvLogger::GetLogFilePath(uint32_t fileIndex, wchar_t* buffer)
     return length > 0 && length < MAX_PATH;
 }
 
-void CCvLogger::SetLogFileSecurity(BOOL restrict, BOOL strict)
+void CCvLogger::SetLogFileSecurity(BOOL /*restrict*/, BOOL strict)
 {
     std::lock_guard lock(m_cs);
-    m_bStrict = restrict && strict;
+    m_bStrict = strict;
     m_files.clear();
     m_nFileCount = 0;
     m_dwNextIndex = 0;
