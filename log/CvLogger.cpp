@@ -2,8 +2,10 @@
 
 #include "common/DaxException.h"
 #include "common/Guarded.h"
+#include "common/ProcessSecurity.h"
 #include "common/WideFormat.h"
 #include "log/CvLoggerBuffer.h"
+#include "log/LogFolder.h"
 #include "log/LogConversions.h"
 #include "log/LogText.h"
 
@@ -39,35 +41,59 @@ std::shared_ptr<CCvLogger> CCvLogger::CreateLogger(HKEY hRoot, const wchar_t* sz
     wchar_t shellFolder[MAX_PATH] = {};
     if (FAILED(::SHGetFolderPathW(nullptr, nFolderId, token.get(), 0, shellFolder)))
         return nullptr;
-    std::wstring folder = shellFolder;
-    folder += L"\\";
-    folder += szCompany ? szCompany : L"";
-    folder += L"\\";
-    folder += szProduct ? szProduct : L"";
-    folder += L"\\";
-    return CreateLoggerInFolder(folder.c_str(), hRoot, szSubKey, szBaseName, szPrefix, bCreateKey, bBuffered,
-                                dwLevel);
+    if (!szCompany || !*szCompany || !szProduct || !*szProduct)
+    {
+        ::SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    const std::wstring folder = std::wstring(shellFolder) + L"\\" + szCompany + L"\\" + szProduct + L"\\";
+    return Create(folder, shellFolder, {szCompany, szProduct}, hRoot, szSubKey, szBaseName, szPrefix, bCreateKey,
+                  bBuffered, dwLevel, nullptr);
 }
 
 std::shared_ptr<CCvLogger> CCvLogger::CreateLoggerInFolder(const wchar_t* szFolder, HKEY hRoot,
                                                            const wchar_t* szSubKey, const wchar_t* szBaseName,
                                                            const wchar_t* szPrefix, BOOL bCreateKey,
                                                            BOOL bBuffered, uint32_t dwLevel,
-                                                           JunctionCheck junctionCheck)
+                                                           std::shared_ptr<cvlog::IFolderSystem> folderSystem)
 {
-    if (!szFolder || !*szFolder || !szBaseName || !*szBaseName)
+    if (!szFolder || !*szFolder)
+    {
+        ::SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    const std::wstring folder = cvlog::WithoutTrailingSlash(szFolder);
+    const size_t slash = folder.find_last_of(L"\\/");
+    if (slash == std::wstring::npos || slash + 1 >= folder.size())
+    {
+        ::SetLastError(ERROR_INVALID_PARAMETER);
+        return nullptr;
+    }
+    return Create(szFolder, folder.substr(0, slash + 1), {folder.substr(slash + 1)}, hRoot, szSubKey, szBaseName,
+                  szPrefix, bCreateKey, bBuffered, dwLevel, std::move(folderSystem));
+}
+
+std::shared_ptr<CCvLogger> CCvLogger::Create(const std::wstring& folder, const std::wstring& root,
+                                             std::vector<std::wstring> owned, HKEY hRoot, const wchar_t* szSubKey,
+                                             const wchar_t* szBaseName, const wchar_t* szPrefix, BOOL bCreateKey,
+                                             BOOL bBuffered, uint32_t dwLevel,
+                                             std::shared_ptr<cvlog::IFolderSystem> folderSystem)
+{
+    if (!szBaseName || !*szBaseName)
     {
         ::SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
     std::shared_ptr<CCvLogger> result;
-    daxlib::GuardedCall(nullptr, L"CCvLogger::CreateLoggerInFolder",
+    daxlib::GuardedCall(nullptr, L"CCvLogger::Create",
                         [&]
                         {
                             auto logger =
-                                std::make_shared<CCvLogger>(szFolder, dwLevel, cvlog::kDefaultMaxFileSize);
-                            if (junctionCheck)
-                                logger->m_pfnJunctionCheck = junctionCheck;
+                                std::make_shared<CCvLogger>(folder.c_str(), dwLevel, cvlog::kDefaultMaxFileSize);
+                            logger->m_strFolderRoot = root;
+                            logger->m_ownedFolders = std::move(owned);
+                            logger->m_pFolderSystem =
+                                folderSystem ? std::move(folderSystem) : cvlog::WindowsFolderSystem();
                             if (!logger->CreateCleanupPool())
                                 return;
                             logger->SetBuffered(bBuffered);
@@ -75,6 +101,8 @@ std::shared_ptr<CCvLogger> CCvLogger::CreateLoggerInFolder(const wchar_t* szFold
                             logger->BuildBanner();
                             if (!logger->OpenMainFile(szBaseName, szPrefix))
                                 return;
+                            for (const std::wstring& finding : logger->GetFolderFindings())
+                                logger->Log(LogLevel::Error, L"%s", finding.c_str());
                             if (hRoot && szSubKey)
                                 logger->OpenRegistry(hRoot, szSubKey, TRUE, bCreateKey);
                             result = std::move(logger);
@@ -92,7 +120,7 @@ CCvLogger::CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFi
     DWORD session = 0xFFFFFFFF;
     if (::ProcessIdToSessionId(m_dwProcessId, &session))
         m_dwSessionId = session;
-    m_hAdvapi.reset(::LoadLibraryW(L"Advapi32"));
+    m_hAdvapi.reset(daxlib::LoadSystemLibrary(L"advapi32.dll"));
     if (m_hAdvapi)
         m_pfnGetUserName = reinterpret_cast<GetUserNameFn>(
             reinterpret_cast<void*>(::GetProcAddress(m_hAdvapi.get(), "GetUserNameW")));

@@ -7,7 +7,6 @@
 #include "common/UniqueHandle.h"
 #include "common/WorkerThread.h"
 #include "log/CleanupPool.h"
-#include "log/JunctionCheck.h"
 
 #include <atomic>
 #include <cstdint>
@@ -18,26 +17,30 @@
 #include <vector>
 
 class CCvLoggerBuffer;
+namespace cvlog
+{
+class CLogFolder;
+class IFolderSystem;
+} // namespace cvlog
 
-class CCvLogger : public ICvLogger, public IJunctionCheck
+class CCvLogger : public ICvLogger
 {
 public:
-    // Tells whether a log folder is a mount point (junction); replaceable for tests.
-    using JunctionCheck = bool (*)(const std::wstring& folder);
-
-    // The folder is the shell folder nFolderId + company + product. Null on failure.
+    // The folder is the shell folder nFolderId + company + product; the logger owns the company
+    // and product folders (cvlog::CLogFolder::Open). Null on failure.
     static std::shared_ptr<CCvLogger> CreateLogger(HKEY hRoot, const wchar_t* szSubKey,
                                                    const wchar_t* szCompany, const wchar_t* szProduct,
                                                    const wchar_t* szBaseName, const wchar_t* szPrefix,
                                                    int nFolderId, BOOL bCreateKey, BOOL bBuffered,
                                                    uint32_t dwLevel);
-    // The same with the folder given (a trailing backslash is added when missing). hRoot or
-    // szSubKey null: no registry settings and no watch thread.
+    // The same with the folder given (a trailing backslash is added when missing); its parent
+    // must exist, and the logger owns the last folder. hRoot or szSubKey null: no registry
+    // settings and no watch thread. The folder system is replaced by tests.
     static std::shared_ptr<CCvLogger> CreateLoggerInFolder(const wchar_t* szFolder, HKEY hRoot,
                                                            const wchar_t* szSubKey, const wchar_t* szBaseName,
                                                            const wchar_t* szPrefix, BOOL bCreateKey,
                                                            BOOL bBuffered, uint32_t dwLevel,
-                                                           JunctionCheck junctionCheck = nullptr);
+                                                           std::shared_ptr<cvlog::IFolderSystem> folderSystem = nullptr);
 
     CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFileSize);
     ~CCvLogger() override;
@@ -88,6 +91,12 @@ public:
     BOOL RequestRecreate(uint32_t fileIndex);
     BOOL GetLogFilePath(uint32_t fileIndex, wchar_t* buffer /* MAX_PATH */);
     const std::wstring& GetFolder() const { return m_strFolder; }
+    // What the check of the log folder found and did, one line each (empty: all was well). The
+    // lines are also written to the log; the service reports them in the event log.
+    std::vector<std::wstring> GetFolderFindings() const;
+    // Every file gets SYSTEM and Administrators full control and nothing for anyone else,
+    // whatever `restrict` asks. `strict` writes under a token restricted to what Administrators
+    // may do.
     void SetLogFileSecurity(BOOL restrict, BOOL strict);
 
     // Registry.
@@ -106,12 +115,15 @@ public:
     void InitEventLogging(const wchar_t* provider);
     void EventLog(uint32_t level, uint32_t eventId, PSID userSid, const wchar_t* format, ...);
 
-    bool IsJunction(const std::wstring& folder) const override;
-    static bool IsMountPoint(const std::wstring& folder);
     // Width of the widest record header so far, shared by all loggers of the process.
     static size_t HeaderWidth();
 
 private:
+    static std::shared_ptr<CCvLogger> Create(const std::wstring& folder, const std::wstring& root,
+                                             std::vector<std::wstring> owned, HKEY hRoot, const wchar_t* szSubKey,
+                                             const wchar_t* szBaseName, const wchar_t* szPrefix, BOOL bCreateKey,
+                                             BOOL bBuffered, uint32_t dwLevel,
+                                             std::shared_ptr<cvlog::IFolderSystem> folderSystem);
     void LogToFileV(uint32_t fileIndex, uint32_t level, const wchar_t* format, va_list args);
     void DumpToFileV(uint32_t fileIndex, uint32_t level, const void* bytes, uint32_t count,
                      const wchar_t* format, va_list args);
@@ -120,6 +132,7 @@ private:
     size_t BuildHeader(const wchar_t* category, wchar_t* out) const;
     void ApplyLevel(uint32_t level);
     void PropagateFileSettings();
+    // `stem`: the file's name in the folder without ".txt".
     std::unique_ptr<CCvLoggerBuffer> MakeFile(const std::wstring& stem);
     std::wstring PerProcessStem(const wchar_t* name) const;
     void CloseIdleFiles();
@@ -147,11 +160,17 @@ private:
     std::wstring m_strSubKey;
     bool m_bKeyWritable = false;
     std::wstring m_strFolder;
+    // The existing folder above the ones the logger owns, and those.
+    std::wstring m_strFolderRoot;
+    std::vector<std::wstring> m_ownedFolders;
+    std::shared_ptr<cvlog::IFolderSystem> m_pFolderSystem;
+    std::shared_ptr<const cvlog::CLogFolder> m_pFolder; // null: not opened yet, or unusable
+    bool m_bFolderOpened = false;
+    std::vector<std::wstring> m_folderFindings;
     std::wstring m_strBaseName;
     std::wstring m_strPrefix;
     uint32_t m_dwNextIndex = 0;
     BOOL m_bBuffered = TRUE;
-    std::wstring m_strSddl = L"D:(A;;GA;;;WD)";
     BOOL m_bStrict = FALSE;
 
     CLogCleanupPool m_cleanupPool;
@@ -164,7 +183,6 @@ private:
     daxlib::unique_hmodule m_hAdvapi;
     GetUserNameFn m_pfnGetUserName = nullptr;
     daxlib::unique_event_source m_hEventSource;
-    JunctionCheck m_pfnJunctionCheck = &CCvLogger::IsMountPoint;
 
     // Last, so that the watch thread has ended before any member it uses goes.
     daxlib::CWorkerThread m_watch;

@@ -1,11 +1,8 @@
 #include "log/CvLoggerBuffer.h"
 
-#include "log/JunctionCheck.h"
-#include "log/FileSearch.h"
+#include "log/LogFolder.h"
 #include "log/LogText.h"
 #include "log/RestrictedToken.h"
-
-#include <sddl.h>
 
 #include <algorithm>
 #include <mutex>
@@ -15,7 +12,6 @@
 namespace
 {
 constexpr uint32_t kSizeCheckInterval = 5000;
-constexpr DWORD kJunctionRefusalMs = 5000;
 
 std::u16string ToU16(const std::wstring& text)
 {
@@ -27,22 +23,13 @@ std::wstring FromU16(const std::u16string& text)
 }
 } // namespace
 
-CCvLoggerBuffer::CCvLoggerBuffer(const IJunctionCheck* owner, Options options)
-    : m_pOwner(owner), m_strFileStem(std::move(options.fileStem)), m_strFileName(m_strFileStem + L".txt"),
+CCvLoggerBuffer::CCvLoggerBuffer(Options options)
+    : m_pFolder(std::move(options.folder)), m_strFileStem(std::move(options.fileStem)),
+      m_strLiveName(m_strFileStem + L".txt"), m_strFileName(options.folderPath + m_strLiveName),
       m_dwMaxSize(options.maxSize), m_bBuffered(options.buffered),
       m_dwRotationCount(std::max<uint32_t>(options.rotationCount, 1)),
-      m_bDropAdministrators(options.dropAdministrators), m_strBanner(std::move(options.banner)),
-      m_strFolder(std::move(options.folder))
+      m_bDropAdministrators(options.dropAdministrators), m_strBanner(std::move(options.banner))
 {
-    PSECURITY_DESCRIPTOR descriptor = nullptr;
-    if (::ConvertStringSecurityDescriptorToSecurityDescriptorW(options.sddl.c_str(), SDDL_REVISION_1,
-                                                               &descriptor, nullptr))
-    {
-        m_pSecurityDescriptor.reset(descriptor);
-        m_sa.nLength = sizeof m_sa;
-        m_sa.lpSecurityDescriptor = descriptor;
-        m_sa.bInheritHandle = FALSE;
-    }
 }
 
 CCvLoggerBuffer::~CCvLoggerBuffer()
@@ -66,11 +53,8 @@ void CCvLoggerBuffer::CloseIfIdle(DWORD now, DWORD idleMs)
     std::unique_lock lock(m_srwFile, std::try_to_lock);
     if (!lock.owns_lock())
         return;
-    if ((m_hFile || m_bStale) && now - m_dwLastWrite.load() > idleMs)
-    {
+    if (m_hFile && now - m_dwLastWrite.load() > idleMs)
         m_hFile.reset();
-        m_bStale = false;
-    }
 }
 
 BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL last)
@@ -110,27 +94,24 @@ BOOL CCvLoggerBuffer::TransferRun(const uint8_t* data, const uint64_t* sizes, si
 }
 
 // Called with m_srwFile held.
-bool CCvLoggerBuffer::OpenForWrite(DWORD now)
+bool CCvLoggerBuffer::OpenForWrite()
 {
-    if (m_bStale)
+    if (!m_pFolder)
         return false;
     if (!m_hFile || m_lRecreate.load())
     {
-        DWORD disposition = OPEN_ALWAYS;
+        bool truncate = false;
         if (m_lRecreate.exchange(0))
         {
             m_hFile.reset();
             m_bHeaderPending = 1;
-            disposition = CREATE_ALWAYS;
+            truncate = true;
         }
-        if (!JunctionAllows(now))
-            return false;
-        m_hFile.reset(::CreateFileW(m_strFileName.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                    m_pSecurityDescriptor ? &m_sa : nullptr, disposition,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+        bool created = false;
+        m_hFile = m_pFolder->OpenLogFile(m_strLiveName, truncate, created);
         if (!m_hFile)
             return false;
-        if (disposition == OPEN_ALWAYS && ::GetLastError() != ERROR_ALREADY_EXISTS)
+        if (created)
             m_bHeaderPending = 1;
     }
     // Others may append to the file too (it is shared for writing).
@@ -144,12 +125,11 @@ bool CCvLoggerBuffer::OpenForWrite(DWORD now)
 BOOL CCvLoggerBuffer::WriteRun(const uint8_t* data, const uint64_t* sizes, size_t count)
 {
     std::lock_guard lock(m_srwFile);
-    const DWORD now = ::GetTickCount();
     bool written = true;
     size_t done = 0;
     while (done < count)
     {
-        if (!OpenForWrite(now) || (m_dwWriteCounter == 0 && !CheckRotation(now)))
+        if (!OpenForWrite() || (m_dwWriteCounter == 0 && !CheckRotation()))
         {
             written = false;
             break;
@@ -189,34 +169,11 @@ bool CCvLoggerBuffer::WriteAll(const void* data, uint64_t size)
     return true;
 }
 
-bool CCvLoggerBuffer::JunctionAllows(DWORD now)
-{
-    if (m_bJunctionBlocked && now - m_dwJunctionBlock <= kJunctionRefusalMs)
-        return false;
-    m_bJunctionBlocked = false;
-    if (m_pOwner && m_pOwner->IsJunction(m_strFolder))
-    {
-        m_bJunctionBlocked = true;
-        m_dwJunctionBlock = now;
-        return false;
-    }
-    return true;
-}
-
-bool CCvLoggerBuffer::CheckRotation(DWORD now)
+bool CCvLoggerBuffer::CheckRotation()
 {
     LARGE_INTEGER size{};
-    if (m_hFile)
-    {
-        if (!::GetFileSizeEx(m_hFile.get(), &size))
-            return false;
-    }
-    else
-    {
-        WIN32_FILE_ATTRIBUTE_DATA data{};
-        if (::GetFileAttributesExW(m_strFileName.c_str(), GetFileExInfoStandard, &data))
-            size.QuadPart = (static_cast<LONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
-    }
+    if (!::GetFileSizeEx(m_hFile.get(), &size))
+        return false;
     if (size.QuadPart == 0 || size.QuadPart <= static_cast<LONGLONG>(m_dwMaxSize.load()))
         return true;
 
@@ -224,18 +181,12 @@ bool CCvLoggerBuffer::CheckRotation(DWORD now)
     if (m_dwRotation >= m_dwRotationCount.load())
         m_dwRotation = Compact();
     ++m_dwRotation;
-    if (!JunctionAllows(now))
-    {
-        m_bStale = true;
-        return false;
-    }
     const std::wstring rotated = FromU16(cvlog::RotatedFileName(ToU16(m_strFileStem), m_dwRotation));
     // A failed rename still starts a new live file, and the old text is lost with it.
-    if (!::MoveFileW(m_strFileName.c_str(), rotated.c_str()))
+    if (!m_pFolder->Rename(m_strLiveName, rotated))
         --m_dwRotation;
-    m_hFile.reset(::CreateFileW(m_strFileName.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                m_pSecurityDescriptor ? &m_sa : nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                                nullptr));
+    bool created = false;
+    m_hFile = m_pFolder->OpenLogFile(m_strLiveName, true, created);
     if (!m_hFile)
         return false;
     m_bHeaderPending = 1;
@@ -244,19 +195,14 @@ bool CCvLoggerBuffer::CheckRotation(DWORD now)
 
 uint32_t CCvLoggerBuffer::Compact()
 {
-    const size_t slash = m_strFileStem.find_last_of(L'\\');
-    const std::wstring directory =
-        slash == std::wstring::npos ? std::wstring() : m_strFileStem.substr(0, slash + 1);
-    const std::wstring stem = m_strFileStem.substr(directory.size());
-
     std::vector<std::u16string> names;
-    cvlog::ForEachFile(m_strFileStem + L"(*).txt",
-                       [&](const WIN32_FIND_DATAW& data) { names.push_back(ToU16(data.cFileName)); });
+    for (const auto& entry : m_pFolder->List(m_strFileStem + L"(*).txt"))
+        names.push_back(ToU16(entry.name));
     std::sort(names.begin(), names.end());
-    const cvlog::CompactionPlan plan = cvlog::PlanCompaction(names, ToU16(stem), m_dwRotationCount.load());
+    const cvlog::CompactionPlan plan = cvlog::PlanCompaction(names, ToU16(m_strFileStem), m_dwRotationCount.load());
     for (const auto& name : plan.deletes)
-        ::DeleteFileW((directory + FromU16(name)).c_str());
+        m_pFolder->Delete(FromU16(name));
     for (const auto& [from, to] : plan.renames)
-        ::MoveFileW((directory + FromU16(from)).c_str(), (directory + FromU16(to)).c_str());
+        m_pFolder->Rename(FromU16(from), FromU16(to));
     return plan.remaining;
 }

@@ -8,18 +8,23 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <string>
 
-class IJunctionCheck;
+namespace cvlog
+{
+class CLogFolder;
+}
 
 class CCvLoggerBuffer : private CTransferBuffer
 {
 public:
     struct Options
     {
-        std::wstring folder;   // with trailing backslash
-        std::wstring fileStem; // full path without ".txt"
-        std::wstring sddl;
+        // The checked folder every file operation goes through; none: records are dropped.
+        std::shared_ptr<const cvlog::CLogFolder> folder;
+        std::wstring folderPath; // with trailing backslash; for the file's name only
+        std::wstring fileStem;   // name in the folder without ".txt"
         uint32_t maxSize = 0;
         uint32_t rotationCount = 1;
         BOOL buffered = TRUE;
@@ -28,7 +33,7 @@ public:
     };
 
     // Throws daxlib::CDaxException* when the queue cannot be set up.
-    CCvLoggerBuffer(const IJunctionCheck* owner, Options options);
+    explicit CCvLoggerBuffer(Options options);
     // Everything queued reaches the file first.
     ~CCvLoggerBuffer() override;
 
@@ -47,21 +52,19 @@ private:
     BOOL Transfer(const void* data, uint64_t size, BOOL last) override;
     BOOL TransferRun(const uint8_t* data, const uint64_t* sizes, size_t count, BOOL last) override;
     BOOL WriteRun(const uint8_t* data, const uint64_t* sizes, size_t count);
-    bool OpenForWrite(DWORD now);
-    bool JunctionAllows(DWORD now);
-    bool CheckRotation(DWORD now);
+    bool OpenForWrite();
+    bool CheckRotation();
     uint32_t Compact();
     bool WriteAll(const void* data, uint64_t size);
 
     uint32_t m_bHeaderPending = 1;
-    const IJunctionCheck* m_pOwner;
-    std::wstring m_strFileStem;
-    std::wstring m_strFileName;
+    std::shared_ptr<const cvlog::CLogFolder> m_pFolder;
+    std::wstring m_strFileStem; // in the folder
+    std::wstring m_strLiveName; // in the folder
+    std::wstring m_strFileName; // full path
     std::atomic<uint32_t> m_dwMaxSize;
     uint32_t m_dwRotation = 0;
     daxlib::unique_hfile m_hFile;
-    daxlib::unique_hlocal m_pSecurityDescriptor;
-    SECURITY_ATTRIBUTES m_sa{};
     std::atomic<uint32_t> m_lRecreate{0};
     BOOL m_bBuffered;
     std::atomic<DWORD> m_dwLastWrite{0};
@@ -70,11 +73,5 @@ private:
     std::atomic<BOOL> m_bDropAdministrators;
     daxlib::unique_handle m_hRestrictedToken; // made once when writing without the queue
     std::wstring m_strBanner;
-    std::wstring m_strFolder;
     daxlib::srw_lock m_srwFile;
-    DWORD m_dwJunctionBlock = 0;
-    bool m_bJunctionBlocked = false;
-    // A rotation stopped by the junction guard leaves the file closed but counted as open, so
-    // writes are dropped until the idle check clears it.
-    bool m_bStale = false;
 };

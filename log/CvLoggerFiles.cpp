@@ -1,17 +1,16 @@
-// The logger's files: the main file, per-process and per-user files, their security, and the
-// clean-up job that removes old per-process files.
+// The logger's files: the checked folder, the main file, per-process and per-user files, and the
+// clean-up job that removes old per-process files. Every file is reached through the folder's
+// handle (cvlog::CLogFolder), never by a path.
 #include "log/CvLogger.h"
 
 #include "common/DaxException.h"
 #include "common/Guarded.h"
 #include "common/WideFormat.h"
 #include "log/CvLoggerBuffer.h"
-#include "log/FileSearch.h"
 #include "log/LogConversions.h"
+#include "log/LogFolder.h"
 #include "log/LogText.h"
 #include "log/RestrictedToken.h"
-
-#include <shlobj.h>
 
 #include <algorithm>
 #include <mutex>
@@ -21,29 +20,25 @@
 namespace
 {
 constexpr uint32_t kNotFound = ERROR_NOT_FOUND;
-const wchar_t kSddlOpen[] = L"D:(A;;GA;;;WD)";
-const wchar_t kSddlRestricted[] = L"D:(A;;GRGWSD;;;SY)(A;;GRGWSD;;;BA)(A;;GWSD;;;AU)";
-const wchar_t kSddlStrict[] = L"D:(A;;GRGWSD;;;SY)(A;;GRGWSD;;;BA)";
 } // namespace
 
 using cvlog::FileTimeValue;
 using cvlog::FromU16;
 using cvlog::ToParts;
 using cvlog::ToU16;
-using cvlog::WithoutTrailingSlash;
 
 std::unique_ptr<CCvLoggerBuffer> CCvLogger::MakeFile(const std::wstring& stem)
 {
     CCvLoggerBuffer::Options options;
-    options.folder = m_strFolder;
+    options.folder = m_pFolder;
+    options.folderPath = m_strFolder;
     options.fileStem = stem;
-    options.sddl = m_strSddl;
     options.maxSize = m_dwMaxFileSize.load();
     options.rotationCount = std::max<uint32_t>(m_dwRotationCount.load(), 1);
     options.buffered = m_bBuffered;
     options.dropAdministrators = m_bStrict;
     options.banner = m_strBanner;
-    return std::make_unique<CCvLoggerBuffer>(this, std::move(options));
+    return std::make_unique<CCvLoggerBuffer>(std::move(options));
 }
 
 BOOL CCvLogger::OpenMainFile(const wchar_t* szBaseName, const wchar_t* szPrefix)
@@ -51,8 +46,14 @@ BOOL CCvLogger::OpenMainFile(const wchar_t* szBaseName, const wchar_t* szPrefix)
     std::lock_guard lock(m_cs);
     m_strBaseName = szBaseName ? szBaseName : L"";
     m_strPrefix = szPrefix ? szPrefix : L"";
-    ::SHCreateDirectoryExW(nullptr, WithoutTrailingSlash(m_strFolder).c_str(), nullptr);
-    std::wstring stem = m_strFolder;
+    // Checked once, before the first write; a folder that fails leaves every file without one,
+    // and records are dropped.
+    if (!m_bFolderOpened)
+    {
+        m_bFolderOpened = true;
+        m_pFolder = cvlog::CLogFolder::Open(m_pFolderSystem, m_strFolderRoot, m_ownedFolders, m_folderFindings);
+    }
+    std::wstring stem;
     if (!m_strPrefix.empty())
         stem += m_strPrefix + L"-";
     stem += m_strBaseName;
@@ -61,9 +62,15 @@ BOOL CCvLogger::OpenMainFile(const wchar_t* szBaseName, const wchar_t* szPrefix)
     return TRUE;
 }
 
+std::vector<std::wstring> CCvLogger::GetFolderFindings() const
+{
+    std::lock_guard lock(m_cs);
+    return m_folderFindings;
+}
+
 std::wstring CCvLogger::PerProcessStem(const wchar_t* name) const
 {
-    std::wstring text = m_strFolder;
+    std::wstring text;
     if (!m_strPrefix.empty())
         text += m_strPrefix + L"-";
     text += name;
@@ -75,13 +82,12 @@ std::wstring CCvLogger::PerProcessStem(const wchar_t* name) const
     FILETIME nowUtc;
     ::GetSystemTimeAsFileTime(&nowUtc);
     std::vector<cvlog::FileStamp> mine;
-    cvlog::ForEachFile(pattern,
-                       [&](const WIN32_FIND_DATAW& data) {
-                           mine.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
-                       });
+    if (m_pFolder)
+        for (const auto& entry : m_pFolder->List(pattern))
+            mine.push_back({ToU16(entry.name.c_str()), entry.lastWrite});
     const std::u16string continued = cvlog::ContinuedFileStem(mine, FileTimeValue(nowUtc));
     if (!continued.empty())
-        return m_strFolder + FromU16(continued);
+        return FromU16(continued);
 
     SYSTEMTIME local;
     ::GetLocalTime(&local);
@@ -185,32 +191,15 @@ BOOL CCvLogger::GetLogFilePath(uint32_t fileIndex, wchar_t* buffer)
     return length > 0 && length < MAX_PATH;
 }
 
-void CCvLogger::SetLogFileSecurity(BOOL restrict, BOOL strict)
+void CCvLogger::SetLogFileSecurity(BOOL /*restrict*/, BOOL strict)
 {
     std::lock_guard lock(m_cs);
-    m_strSddl = restrict ? (strict ? kSddlStrict : kSddlRestricted) : kSddlOpen;
     m_bStrict = strict;
     m_files.clear();
     m_nFileCount = 0;
     m_dwNextIndex = 0;
     daxlib::GuardedCall(nullptr, L"CCvLogger::SetLogFileSecurity",
                         [this] { OpenMainFile(m_strBaseName.c_str(), m_strPrefix.c_str()); });
-}
-
-bool CCvLogger::IsJunction(const std::wstring& folder) const
-{
-    return m_pfnJunctionCheck && m_pfnJunctionCheck(folder);
-}
-
-bool CCvLogger::IsMountPoint(const std::wstring& folder)
-{
-    const std::wstring path = WithoutTrailingSlash(folder);
-    const DWORD attributes = ::GetFileAttributesW(path.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES || !(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
-        return false;
-    WIN32_FIND_DATAW data;
-    cvlog::unique_find find(::FindFirstFileW(path.c_str(), &data));
-    return find && data.dwReserved0 == IO_REPARSE_TAG_MOUNT_POINT;
 }
 
 BOOL CCvLogger::CreateCleanupPool()
@@ -223,43 +212,44 @@ void CCvLogger::WaitForCleanup()
     m_cleanupPool.Wait();
 }
 
+// Runs as the service, so it deletes only through the checked folder, and only per-process files
+// of this logger's base name: "<name>-<base>-<session>-<process>_<time>.txt" and their rotations.
 void CCvLogger::Cleanup()
 {
     std::optional<cvlog::ScopedRestrictedImpersonation> restricted;
-    std::wstring folder;
+    std::shared_ptr<const cvlog::CLogFolder> folder;
     std::wstring base;
     {
         std::lock_guard lock(m_cs);
         if (m_bStrict)
             restricted.emplace();
-        folder = WithoutTrailingSlash(m_strFolder);
+        folder = m_pFolder;
         base = m_strBaseName;
     }
+    if (!folder || base.empty())
+        return;
 
-    const auto list = [&](const std::wstring& pattern)
-    {
-        std::vector<cvlog::FileStamp> files;
-        cvlog::ForEachFile(pattern,
-                           [&](const WIN32_FIND_DATAW& data) {
-                               files.push_back({ToU16(data.cFileName), FileTimeValue(data.ftLastWriteTime)});
-                           });
-        return files;
-    };
+    std::vector<cvlog::FileStamp> files;
+    for (const auto& entry : folder->List(daxlib::Format(L"*-%s-*.txt", base.c_str())))
+        files.push_back({ToU16(entry.name.c_str()), entry.lastWrite});
 
     // The age limit compares with local time taken as file time; kept as the old code did it.
     SYSTEMTIME local;
     ::GetLocalTime(&local);
     FILETIME now{};
     ::SystemTimeToFileTime(&local, &now);
-    for (const auto& file : list(daxlib::Format(L"%s\\*-%s-*).txt", folder.c_str(), base.c_str())))
+    std::vector<cvlog::FileStamp> kept;
+    for (const auto& file : files)
+    {
         if (cvlog::IsExpired(file.lastWrite, FileTimeValue(now)))
-            ::DeleteFileW((folder + L"\\" + FromU16(file.name)).c_str());
+            folder->Delete(FromU16(file.name));
+        else
+            kept.push_back(file);
+    }
 
     const uint32_t limit = m_dwOldFileLimit.load();
     if (limit == 0)
         return;
-    const auto doomed = cvlog::SelectOverLimit(
-        list(daxlib::Format(L"%s\\*-%s-*.txt", folder.c_str(), base.c_str())), limit, ToU16(base.c_str()));
-    for (const auto& name : doomed)
-        ::DeleteFileW((folder + L"\\" + FromU16(name)).c_str());
+    for (const auto& name : cvlog::SelectOverLimit(std::move(kept), limit, ToU16(base.c_str())))
+        folder->Delete(FromU16(name));
 }

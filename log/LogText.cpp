@@ -280,4 +280,38 @@ std::optional<uint32_t> ParseDecimalLevel(const std::u16string& text)
     return static_cast<uint32_t>(value);
 }
 
+bool MatchesWildcard(std::u16string_view name, std::u16string_view pattern)
+{
+    const auto fold = [](char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c; };
+    size_t n = 0;
+    size_t p = 0;
+    size_t starP = std::u16string_view::npos;
+    size_t starN = 0;
+    while (n < name.size())
+    {
+        if (p < pattern.size() && (pattern[p] == u'?' || fold(pattern[p]) == fold(name[n])))
+        {
+            ++n;
+            ++p;
+        }
+        else if (p < pattern.size() && pattern[p] == u'*')
+        {
+            starP = p++;
+            starN = n;
+        }
+        else if (starP != std::u16string_view::npos)
+        {
+            p = starP + 1;
+            n = ++starN;
+        }
+        else
+        {
+            return false;
+        }
+    }
+    while (p < pattern.size() && pattern[p] == u'*')
+        ++p;
+    return p == pattern.size();
+}
+
 } // namespace cvlog

@@ -263,6 +263,9 @@ std::vector<std::u16string> SelectOverLimit(std::vector<FileStamp> files, uint32
 std::u16string ContinuedFileStem(const std::vector<FileStamp>& files, uint64_t now);
 // Older than 90 days.
 bool IsExpired(uint64_t lastWrite, uint64_t now);
+// Whether a file name matches a pattern of `*` (any run) and `?` (one character), ignoring the
+// case of ASCII letters, as the logger's file listings need.
+bool MatchesWildcard(std::u16string_view name, std::u16string_view pattern);
 
 constexpr uint32_t kDefaultRotationCount = 10;
 constexpr uint32_t kDefaultMaxFileSize = 52428800;

@@ -3,6 +3,7 @@
 #include "common/DaxException.h"
 #include "common/Guarded.h"
 #include "common/PipeNames.h"
+#include "common/ProcessSecurity.h"
 #include "pipe/ThreadPool.h"
 #include "pipe/attributes.h"
 
@@ -172,7 +173,7 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
             // instances of the pipe, which the service grants nobody.
             pipe = ::CreateFileW(m_strPipeName.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0,
                                  CDaxSecattr::Get(m_pSecurityAttributes.get()), OPEN_EXISTING,
-                                 FILE_FLAG_OVERLAPPED, nullptr);
+                                 FILE_FLAG_OVERLAPPED | daxlib::kPipeClientSecurityFlags, nullptr);
             if (pipe != INVALID_HANDLE_VALUE)
                 break;
             DWORD error = ::GetLastError();

@@ -12,6 +12,7 @@
 // reported before its connect.
 #include "common/BaseLogger.h"
 #include "common/Locks.h"
+#include "common/ProcessSecurity.h"
 #include "common/UniqueHandle.h"
 #include "pipe/JoinableThread.h"
 #include "pipe/NamedPipeStream.h"
@@ -43,6 +44,7 @@ public:
     void Close();
 
     uint32_t GetClientProcessId() const { return m_dwClientProcessId; }
+    // daxlib::kUnknownSession when the system could not report it.
     uint32_t GetClientSessionId() const { return m_dwClientSessionId; }
     uint64_t GetChannelId() const { return m_qwChannelId.load(); }
     void SetChannelId(uint64_t channelId) { m_qwChannelId = channelId; }
@@ -60,7 +62,7 @@ private:
     std::weak_ptr<CNamedPipeServer> GetServerLink() const;
 
     std::atomic<uint32_t> m_dwClientProcessId{0};
-    std::atomic<uint32_t> m_dwClientSessionId{0};
+    std::atomic<uint32_t> m_dwClientSessionId{daxlib::kUnknownSession};
     mutable daxlib::srw_lock m_srwOwner;
     std::weak_ptr<void> m_pOwnerData;
     std::weak_ptr<CNamedPipeServer> m_pServer;

@@ -161,6 +161,17 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
     if (m_resolveSession)
         information.dwClientSessionId =
             m_resolveSession(information.dwClientProcessId, information.dwClientSessionId);
+    if (information.dwClientSessionId == daxlib::kUnknownSession)
+    {
+        // One line per burst, like the refusals over the limits.
+        if (m_dwUnknownSessionBurst++ == 0)
+            Log(LogLevel::Error, L"CPipeServer::InitConnectionHandler: (121)",
+                L"the session of the agent in process %u cannot be determined: connection closed, and "
+                L"further ones like it until a connection is admitted again",
+                information.dwClientProcessId);
+        stream->Disconnect();
+        return 0;
+    }
     if (!stream->IsConnected())
     {
         Log(LogLevel::Debug, L"CPipeServer::InitConnectionHandler: (117)",
@@ -359,6 +370,7 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
         ++inSession;
         refusedBefore = std::exchange(m_dwRefusedInBurst, 0);
     }
+    m_dwUnknownSessionBurst = 0;
     if (refusedBefore > 1)
         Log(LogLevel::Warning, L"CPipeServer::Admit: (320)",
             L"%u agent connection(s) were closed over the limits", refusedBefore);

@@ -5,6 +5,7 @@
 #include "common/BaseItem.h"
 #include "common/Locks.h"
 #include "common/PipeNames.h"
+#include "common/ProcessSecurity.h"
 #include "common/WorkerThread.h"
 #include "pipeserver/ConnectionHandler.h"
 
@@ -40,6 +41,7 @@ struct AgentPipeSettings
 };
 
 // The session a new connection counts against: (client process id, session the pipe reports).
+// daxlib::kUnknownSession refuses the connection.
 using SessionResolver = std::function<uint32_t(uint32_t processId, uint32_t reportedSession)>;
 
 class CPipeServer : public IBaseItem
@@ -105,6 +107,8 @@ private:
     std::map<uint64_t, std::shared_ptr<CConnectionHandler>> m_connections;
     std::map<uint32_t, uint32_t> m_sessionConnections;
     uint32_t m_dwRefusedInBurst = 0; // connections refused since the last one admitted
+    // Connections without a known session since the last one admitted (connect-queue thread).
+    std::atomic<uint32_t> m_dwUnknownSessionBurst{0};
     daxlib::srw_lock m_srwSender;
     UrlSender m_sendUrl;
     UrlPolicySource m_policy;

@@ -13,6 +13,7 @@ constexpr wchar_t kProductKey[] = L"Software\\Corvane\\Velomar (Server)";
 constexpr wchar_t kCompanyFolder[] = L"Corvane";
 constexpr wchar_t kProductFolder[] = L"Velomar (Server)";
 constexpr wchar_t kLogBaseName[] = L"velomard";
+constexpr uint32_t kEventError = 1;           // VELOMARD_EVENT_ERROR in VelomardMessages.mc
 constexpr int kLogShellFolder = 35;           // the common application-data folder
 // Major, minor and patch bytes (1.4.0 is 0x10400).
 constexpr uint32_t kProgramVersion = (VELOMAR_VERSION_MAJOR << 16) | (VELOMAR_VERSION_MINOR << 8) | VELOMAR_VERSION_PATCH;

@@ -1,15 +1,22 @@
 #include "common/DaxException.h"
+#include "common/Guarded.h"
+#include "common/ProcessSecurity.h"
 #include "log/CvLogger.h"
 #include "service/LogSvc.h"
 #include "service/ServiceConfig.h"
 #include "service/ServiceSetup.h"
 #include "service/ServiceSingletons.h"
 
+#include <cwchar>
 #include <exception>
 #include <optional>
 
 int wmain(int argc, wchar_t** argv, wchar_t** /*envp*/)
 {
+    daxlib::RestrictLibrarySearch();
+    // At install, as SYSTEM: the log folders exist, protected, before any user could make them.
+    if (argc == 2 && argv[1] && std::wcscmp(argv[1], service::kConfigureServiceSwitch) == 0)
+        daxlib::GuardedCall(nullptr, L"wmain: PrepareLogFolder", [] { service::PrepareLogFolder(); });
     if (const std::optional<int> setupResult = service::RunSetupCommand(argc, argv))
         return *setupResult;
     int result = -1;

@@ -225,13 +225,20 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
     ULONG sessionId = 0;
     if (!::GetNamedPipeClientProcessId(pipe.get(), &processId) ||
         !::GetNamedPipeClientSessionId(pipe.get(), &sessionId))
+        sessionId = daxlib::kUnknownSession;
+    else if (m_resolveSession)
+        sessionId = m_resolveSession(processId, sessionId);
+    if (sessionId == daxlib::kUnknownSession)
     {
-        Log(LogLevel::Error, L"CStatusServer::OnConnected: ",
-            L"the client's process or session is unknown. GLE=%d", static_cast<int>(::GetLastError()));
+        // One line per burst: a flood must not flood the log as well.
+        if (m_dwUnknownSessionBurst++ == 0)
+            Log(LogLevel::Error, L"CStatusServer::OnConnected: ",
+                L"the session of the client in process %u cannot be determined: refused, and further ones "
+                L"like it until one is admitted again. GLE=%d",
+                processId, static_cast<int>(::GetLastError()));
+        WriteAll(pipe.get(), EncodeClose(kServiceError), DeadlineAfter(kRefusalWriteMs));
         return;
     }
-    if (m_resolveSession)
-        sessionId = m_resolveSession(processId, sessionId);
     const uint64_t id = m_qwNextConnection++;
     std::shared_ptr<CStatusConnection> connection;
     bool overTotal = false;
@@ -247,6 +254,7 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
             m_connections[id] = connection;
             ++inSession;
             refusedBefore = std::exchange(m_dwRefusedInBurst, 0);
+            m_dwUnknownSessionBurst = 0;
         }
         else if (inSession == 0)
         {

@@ -6,6 +6,7 @@
 // records them and queues them for the subscribers: it never waits on a client.
 #include "common/BaseItem.h"
 #include "common/Locks.h"
+#include "common/ProcessSecurity.h"
 #include "common/WorkerThread.h"
 #include "pipe/PipeInstance.h"
 #include "statusapi/PeerIdentity.h"
@@ -48,7 +49,7 @@ class CStatusServer : public IBaseItem
 {
 public:
     // The session a client counts in: (client process id, session the pipe reports). Tests use it
-    // to play several sessions, which Wine cannot report.
+    // to play several sessions, which Wine cannot report; daxlib::kUnknownSession refuses the client.
     using SessionResolver = std::function<uint32_t(uint32_t processId, uint32_t reportedSession)>;
     // The sessions that have a channel now.
     using SessionList = std::function<std::vector<uint32_t>()>;
@@ -120,6 +121,7 @@ private:
     std::map<ULONG_PTR, std::unique_ptr<Waiting>> m_waiting;
     ULONG_PTR m_nNextKey;
     uint64_t m_qwNextConnection = 1;
+    uint32_t m_dwUnknownSessionBurst = 0; // clients without a known session since one was admitted
     bool m_bNameTaken = false;
     // Guards the records, the connection table, the per-session counts and the refusal burst.
     // Taken by OnStatusChanged on the session handlers' threads with their state lock held; under

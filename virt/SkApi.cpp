@@ -1,5 +1,7 @@
 #include "virt/SkApi.h"
 
+#include "common/ProcessSecurity.h"
+
 #include <shlobj.h>
 
 namespace SkApi
@@ -139,8 +141,8 @@ bool SkApiLoadLib()
     const std::wstring path = LibraryPath();
     if (path.empty())
         return false;
-    // By full path only: the library is never searched for elsewhere.
-    g_hModule = ::LoadLibraryW(path.c_str());
+    // By full path only, and its own imports only from its folder or System32.
+    g_hModule = daxlib::LoadLibraryByFullPath(path);
     if (!g_hModule)
         return false;
 

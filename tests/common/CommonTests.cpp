@@ -1,5 +1,6 @@
 #include "common/BaseItem.h"
 #include "common/FifoLock.h"
+#include "common/ProcessSecurity.h"
 #include "common/UniqueHandle.h"
 #include "common/WideFormat.h"
 #include "tests/common/CapturingLogger.h"
@@ -24,6 +25,26 @@ TEST(UniqueHandle, ResetClosesAndKeepsLastError)
     EXPECT_FALSE(event);
     // The handle value is closed: using it fails.
     EXPECT_FALSE(::SetEvent(raw));
+}
+
+// A library planted in the current folder (where a user's document may lie) is not found by its
+// bare name once the search is restricted; by full path it still loads.
+TEST(LibrarySearch, PlantedLibraryInTheCurrentFolderIsNotLoadedByName)
+{
+    testsupport::TempDir dir(L"velomar-plant");
+    wchar_t system[MAX_PATH] = {};
+    ASSERT_GT(::GetSystemDirectoryW(system, MAX_PATH), 0u);
+    const std::wstring planted = dir.File(L"velomarplanted.dll");
+    ASSERT_TRUE(::CopyFileW((std::wstring(system) + L"\\version.dll").c_str(), planted.c_str(), FALSE));
+    wchar_t previous[MAX_PATH] = {};
+    ::GetCurrentDirectoryW(MAX_PATH, previous);
+    ASSERT_TRUE(::SetCurrentDirectoryW(dir.Path().c_str()));
+    ASSERT_TRUE(daxlib::RestrictLibrarySearch());
+    daxlib::unique_hmodule byName(::LoadLibraryW(L"velomarplanted.dll"));
+    ::SetCurrentDirectoryW(previous);
+    EXPECT_FALSE(byName);
+    daxlib::unique_hmodule byPath(daxlib::LoadLibraryByFullPath(planted));
+    EXPECT_TRUE(byPath);
 }
 
 TEST(WideFormat, CutsLongTextAndKeepsWindowsConventions)

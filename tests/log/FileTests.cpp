@@ -1,4 +1,4 @@
-// Files, rotation, registry settings, the watch thread, the junction guard and bad input, on
+// Files, rotation, registry settings, the watch thread and bad input, on
 // real files in a temporary folder and real keys under HKEY_CURRENT_USER.
 #include "log/CvLogger.h"
 #include "tests/common/TestSupport.h"
@@ -41,11 +41,10 @@ uint32_t LevelOf(CCvLogger& logger)
 }
 
 std::shared_ptr<CCvLogger> MakeLogger(const TempDir& dir, const wchar_t* base, BOOL buffered,
-                                      const TempKey* key = nullptr, CCvLogger::JunctionCheck check = nullptr)
+                                      const TempKey* key = nullptr)
 {
     return CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), key ? HKEY_CURRENT_USER : nullptr,
-                                           key ? key->Path().c_str() : nullptr, base, nullptr, TRUE, buffered,
-                                           2, check);
+                                           key ? key->Path().c_str() : nullptr, base, nullptr, TRUE, buffered, 2);
 }
 
 uint64_t NowFileTime()
@@ -65,11 +64,6 @@ void SetLastWrite(const std::wstring& path, uint64_t fileTime = NowFileTime())
     ::SetFileTime(file.get(), nullptr, nullptr, &time);
 }
 
-std::atomic<bool> g_folderIsJunction{false};
-bool FakeJunctionCheck(const std::wstring&)
-{
-    return g_folderIsJunction.load();
-}
 } // namespace
 
 class Rotation : public ::testing::TestWithParam<BOOL>
@@ -219,35 +213,6 @@ TEST_F(RegistrySettings, WatchThreadPicksUpEditsOfTheKey)
 {
     m_key.SetDword(L"LogLevel", 1);
     EXPECT_TRUE(Eventually([&] { return LevelOf(*m_logger) == 1; }));
-}
-
-TEST(JunctionGuard, InjectedMountPointBlocksOpeningForFiveSeconds)
-{
-    // Wine 8 answers FSCTL_SET_REPARSE_POINT with ERROR_NOT_SUPPORTED (50): no real mount point
-    // can be made there, so the folder check is replaced.
-    TempDir dir(L"velomar-junction");
-    g_folderIsJunction = true;
-    auto logger = MakeLogger(dir, L"jn", FALSE, nullptr, &FakeJunctionCheck);
-    ASSERT_TRUE(logger);
-    const std::wstring path = dir.File(L"jn.txt");
-    logger->Log(2, L"refused-while-junction");
-    EXPECT_FALSE(PathExists(path));
-
-    g_folderIsJunction = false;
-    const auto start = std::chrono::steady_clock::now();
-    logger->Log(2, L"refused-during-block");
-    EXPECT_FALSE(PathExists(path));
-    ASSERT_TRUE(Eventually(
-        [&]
-        {
-            logger->Log(2, L"probe");
-            return PathExists(path);
-        }));
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(4900));
-    logger.reset();
-    const std::wstring text = ReadUtf16File(path);
-    EXPECT_FALSE(Contains(text, L"refused"));
-    EXPECT_TRUE(Contains(text, L"probe"));
 }
 
 class BadInput : public ::testing::TestWithParam<BOOL>

@@ -154,6 +154,19 @@ TEST(FileNaming, CompactionDropsTheOldestAndRenumbers)
     EXPECT_EQ(plan({}, 0), "0");
 }
 
+// The listings pick rotated files by "stem(*).txt" and per-process files by "*-base-*.txt".
+TEST(FileNaming, WildcardsMatchAsTheListingsNeed)
+{
+    EXPECT_TRUE(cvlog::MatchesWildcard(u"velomard(03).txt", u"velomard(*).txt"));
+    EXPECT_TRUE(cvlog::MatchesWildcard(u"VELOMARD(03).TXT", u"velomard(*).txt"));
+    EXPECT_TRUE(cvlog::MatchesWildcard(u"bob-pp-1-2_2020(01).txt", u"*-pp-*.txt"));
+    EXPECT_TRUE(cvlog::MatchesWildcard(u"a-b", u"a?b"));
+    EXPECT_FALSE(cvlog::MatchesWildcard(u"velomard.txt", u"velomard(*).txt"));
+    EXPECT_FALSE(cvlog::MatchesWildcard(u"pp.txt", u"*-pp-*.txt"));
+    EXPECT_FALSE(cvlog::MatchesWildcard(u"velomard(03).txt.lnk", u"velomard(*).txt"));
+    EXPECT_FALSE(cvlog::MatchesWildcard(u"ab", u"a?b"));
+}
+
 TEST(OldFiles, CountLimitDeletesOldestUntilFewerThanLimitRemain)
 {
     std::vector<FileStamp> files = {

@@ -11,6 +11,9 @@
 
 #include <windows.h>
 
+#include <aclapi.h>
+#include <sddl.h>
+
 #include <string>
 #include <vector>
 
@@ -170,6 +173,35 @@ TEST_F(FreshInstall, EventSourceFindsTheTextOfEveryEventInTheInstalledExecutable
     }
 }
 
+// The service's folders exist once the package is installed, made as the system's own. Where the
+// file system keeps descriptors (Windows) they are read back; Wine keeps none, so there what can
+// be seen is a plain folder and a service log without a finding about it.
+TEST_F(FreshInstall, LogFoldersExistForSystemAndAdministratorsOnly)
+{
+    ASSERT_TRUE(ServiceRuns());
+    const DWORD attributes = ::GetFileAttributesW(testsupport::kLogFolder);
+    ASSERT_NE(INVALID_FILE_ATTRIBUTES, attributes);
+    EXPECT_EQ(static_cast<DWORD>(FILE_ATTRIBUTE_DIRECTORY),
+              attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT));
+    EXPECT_TRUE(Eventually([] { return PathExists(kLogFile); }));
+    EXPECT_EQ(std::wstring::npos, testsupport::ReadUtf16File(kLogFile).find(L"log folder \""));
+    if (::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version"))
+        return;
+    for (const wchar_t* folder : {L"C:\\ProgramData\\Corvane", testsupport::kLogFolder})
+    {
+        PSECURITY_DESCRIPTOR descriptor = nullptr;
+        ASSERT_EQ(static_cast<DWORD>(ERROR_SUCCESS),
+                  ::GetNamedSecurityInfoW(folder, SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                                          nullptr, nullptr, &descriptor));
+        daxlib::unique_hlocal owned(descriptor);
+        LPWSTR text = nullptr;
+        ASSERT_TRUE(::ConvertSecurityDescriptorToStringSecurityDescriptorW(
+            descriptor, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text, nullptr));
+        daxlib::unique_hlocal ownedText(text);
+        EXPECT_STREQ(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)", text);
+    }
+}
+
 TEST_F(FreshInstall, RegistersTheAgentAsABrowserForEveryUser)
 {
     EXPECT_EQ(kCapabilitiesKey, ReadString(L"Software\\RegisteredApplications", L"Velomar"));
@@ -217,6 +249,7 @@ TEST(Uninstall, RemovesServiceFilesAndEntriesButKeepsLogAndSettings)
     EXPECT_FALSE(KeyExists(kEventSourceKey));
     ExpectBrowserEntriesGone();
     EXPECT_TRUE(PathExists(kLogFile));
+    EXPECT_TRUE(PathExists(testsupport::kLogFolder));
     EXPECT_EQ(level, testsupport::ReadRegDword(HKEY_LOCAL_MACHINE, kProductKey, L"LogLevel"));
 }
 

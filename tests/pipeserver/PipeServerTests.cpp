@@ -429,6 +429,36 @@ TEST_F(AgentPipeBounds, OtherSessionsAreServedUpToTheTotalLimit)
     EXPECT_EQ(std::vector<uint32_t>{2u}, m_sessions);
 }
 
+// The system could not tell the agents' sessions (played through the resolver): they are closed
+// before anything they send is routed, with one error for the burst.
+TEST(AgentPipeSessions, AgentsOfUnknownSessionAreClosedUnroutedWithOneErrorPerBurst)
+{
+    auto logger = std::make_shared<CapturingLogger>(1);
+    SetThreadPool(std::make_shared<CThreadPool>(8, logger));
+    const std::wstring name = testsupport::UniqueName(L"velomar-agentpipe-session");
+    const std::wstring path = L"\\\\.\\pipe\\" + name;
+    std::atomic<bool> known{false};
+    std::atomic<int> routed{0};
+    {
+        CPipeServer server(logger, name);
+        server.SetSessionResolver([&](uint32_t, uint32_t) { return known ? 1u : daxlib::kUnknownSession; });
+        server.SetUrlSender([&](uint32_t, const std::wstring&) { return ++routed, 1; });
+        ASSERT_EQ(1, server.Start());
+        for (int i = 0; i < 2; ++i)
+        {
+            TestAgent agent(path);
+            agent.Write(agentpipe::EncodeOpenUrl(u"https://a.test/"));
+            EXPECT_TRUE(agent.Ended());
+        }
+        EXPECT_EQ(1u, logger->Count(L"cannot be determined"));
+        known = true;
+        EXPECT_EQ(agentpipe::kResultSent, TestAgent(path).OpenUrl(u"https://b.test/"));
+        EXPECT_EQ(1, routed.load());
+        server.Stop();
+    }
+    SetThreadPool(nullptr);
+}
+
 TEST_F(AgentPipeBounds, RoomFreedByClosedConnectionsIsUsedAgain)
 {
     TestAgent mine(m_path), second(m_path);

@@ -39,6 +39,21 @@ ChannelStatusRecord Record(uint32_t state)
     return record;
 }
 
+// How far the client lets the server act as it; -1 when that cannot be read.
+int ImpersonationLevelOf(HANDLE pipe)
+{
+    if (!::ImpersonateNamedPipeClient(pipe))
+        return -1;
+    daxlib::unique_handle token;
+    const bool opened = ::OpenThreadToken(::GetCurrentThread(), TOKEN_QUERY, TRUE, token.put()) != FALSE;
+    ::RevertToSelf();
+    SECURITY_IMPERSONATION_LEVEL level{};
+    DWORD size = 0;
+    if (!opened || !::GetTokenInformation(token.get(), TokenImpersonationLevel, &level, sizeof level, &size))
+        return -1;
+    return static_cast<int>(level);
+}
+
 // The reason of the close packet the client reads next, notifications skipped; kNoClose when the
 // pipe ends or stays silent without one.
 uint32_t CloseReasonOf(CStatusClient& client, size_t* notifications = nullptr)
@@ -78,6 +93,7 @@ protected:
         m_server->SetPeerInspector(
             [this](HANDLE pipe, PeerIdentity& identity)
             {
+                m_impersonationLevel = ImpersonationLevelOf(pipe);
                 const bool read = InspectPipeClient(pipe, identity);
                 identity.administrator = m_administrator.load();
                 return read;
@@ -141,11 +157,24 @@ protected:
     std::unique_ptr<CStatusServer> m_server;
     std::atomic<uint32_t> m_nextSession{1};
     std::atomic<bool> m_administrator{false};
+    std::atomic<int> m_impersonationLevel{-1};
     std::mutex m_mutex;
     std::vector<uint32_t> m_open;
 };
 
 } // namespace
+
+// Wine ignores a client's quality of service and always reports impersonation, so this runs on
+// Windows only.
+TEST_F(StatusServerTest, StatusClientLetsTheServiceIdentifyButNeverImpersonateIt)
+{
+    if (::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version"))
+        GTEST_SKIP() << "Wine does not keep the client's impersonation level";
+    Start();
+    OpenSessions({1});
+    ASSERT_TRUE(Welcomed(1));
+    EXPECT_EQ(static_cast<int>(SecurityIdentification), m_impersonationLevel.load());
+}
 
 TEST_F(StatusServerTest, ClientSeesItsOwnSessionAndNothingOfAnother)
 {
@@ -354,6 +383,22 @@ TEST_F(StatusServerTest, ConnectionsOverEitherBoundAreRefused)
     ASSERT_TRUE(fifth);
     EXPECT_EQ(kTooManyConnections, CloseReasonOf(*fifth));
     EXPECT_EQ(2u, m_log->Count(L"refused, and further ones")) << "one warning per burst, and there were two";
+}
+
+// The system could not tell the clients' sessions (played through the resolver): they are refused,
+// counted in no session, with one error for the burst; a known session is served after them.
+TEST_F(StatusServerTest, ClientsOfUnknownSessionAreRefusedWithOneErrorPerBurst)
+{
+    Start();
+    const std::vector<uint8_t> nothing;
+    for (int i = 0; i < 2; ++i)
+    {
+        auto unknown = Connect(daxlib::kUnknownSession, &nothing);
+        ASSERT_TRUE(unknown);
+        EXPECT_EQ(kServiceError, CloseReasonOf(*unknown));
+    }
+    EXPECT_EQ(1u, m_log->Count(L"cannot be determined"));
+    EXPECT_TRUE(Welcomed(1));
 }
 
 TEST_F(StatusServerTest, StopSaysGoodbyeToEveryClientAndEndsItsThreads)

@@ -1,6 +1,7 @@
 // velomar-open: the reference agent. Hands one URL to the velomard service and, when the
 // service cannot take it, opens it on this host with the user's default handler.
 #include "common/DaxException.h"
+#include "common/ProcessSecurity.h"
 #include "common/WideFormat.h"
 #include "pipeserver/UrlPolicyRegistry.h"
 #include "pipe/ThreadPool.h"
@@ -205,6 +206,7 @@ int Run(int argc, wchar_t** argv)
 
 int wmain(int argc, wchar_t** argv)
 {
+    daxlib::RestrictLibrarySearch();
     try
     {
         return Run(argc, argv);

@@ -1,6 +1,7 @@
 // Sends one command to the stand-in channel library loaded in another process (the service)
 // over its control pipe and prints the reply. Usage: skeinctl <command words...>
 #include "common/PipeNames.h"
+#include "common/ProcessSecurity.h"
 #include "common/UniqueHandle.h"
 
 #include <windows.h>
@@ -50,6 +51,7 @@ bool Transfer(HANDLE pipe, bool write, char* data, DWORD size, DWORD& done)
 
 int wmain(int argc, wchar_t** argv)
 {
+    daxlib::RestrictLibrarySearch();
     if (argc < 2)
     {
         std::fprintf(stderr, "usage: skeinctl <command> [arguments...]   (see tools/skein/README.md)\n");
@@ -66,7 +68,8 @@ int wmain(int argc, wchar_t** argv)
     for (int attempt = 0; attempt < 50 && !pipe; ++attempt)
     {
         pipe.reset(::CreateFileW(name, GENERIC_READ | FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES, 0, nullptr,
-                                 OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+                                 OPEN_EXISTING, FILE_FLAG_OVERLAPPED | daxlib::kPipeClientSecurityFlags,
+                                 nullptr));
         if (!pipe && !::WaitNamedPipeW(name, 200))
             ::Sleep(100); // the library serves one command at a time; try again shortly
     }

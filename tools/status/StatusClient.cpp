@@ -1,5 +1,6 @@
 #include "tools/status/StatusClient.h"
 
+#include "common/ProcessSecurity.h"
 #include "common/WideFormat.h"
 #include "statusapi/PeerIdentity.h"
 #include "tools/agent/AgentSession.h"
@@ -55,7 +56,8 @@ Status CStatusClient::Open(DWORD timeoutMs)
     for (;;)
     {
         m_hPipe.reset(::CreateFileW(m_strPipeName.c_str(), GENERIC_READ | FILE_WRITE_DATA, 0, nullptr,
-                                    OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+                                    OPEN_EXISTING, FILE_FLAG_OVERLAPPED | daxlib::kPipeClientSecurityFlags,
+                                    nullptr));
         if (m_hPipe)
             break;
         m_dwError = ::GetLastError();

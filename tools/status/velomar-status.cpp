@@ -1,5 +1,6 @@
 // velomar-status: the state of this session's remote URL channel (or of every session's, for
 // administrators), as the velomard service reports it on its status pipe; once, or at every change.
+#include "common/ProcessSecurity.h"
 #include "common/UniqueHandle.h"
 #include "tools/agent/AgentSession.h"
 #include "tools/agent/ConsoleOutput.h"
@@ -118,6 +119,7 @@ int Run(int argc, wchar_t** argv)
 
 int wmain(int argc, wchar_t** argv)
 {
+    daxlib::RestrictLibrarySearch();
     try
     {
         return Run(argc, argv);
