@@ -235,12 +235,13 @@ TEST_F(ServerTest, MisbehavingClientsDoNotStopOthers)
             auto server = MakeServer(3);
             ASSERT_TRUE(owner.Start(server));
             daxlib::unique_hfile writer(
-                Open()); // writes large messages and never reads: the echo's writes pend
+                Open()); // writes a large message and never reads: the echo's write pends
             daxlib::unique_hfile trickler(Open()); // sends one byte at a time
             daxlib::unique_hfile good(Open());     // is served all along
             ASSERT_TRUE(writer && trickler && good);
             const auto big = EchoMessage(std::vector<unsigned char>(60000, 9));
-            EXPECT_TRUE(WriteAll(writer.get(), big.data(), static_cast<DWORD>(big.size())));
+            // One message: the stream reads no further than its owner asks while the echo waits,
+            // so a second one would stay in the pipe and block this writer.
             EXPECT_TRUE(WriteAll(writer.get(), big.data(), static_cast<DWORD>(big.size())));
 
             std::atomic<bool> stop{false};
