@@ -30,7 +30,8 @@ inline bool RestrictLibrarySearch()
 // else. Null on failure (last error set).
 inline HMODULE LoadLibraryByFullPath(const std::wstring& path)
 {
-    return ::LoadLibraryExW(path.c_str(), nullptr, LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
+    return ::LoadLibraryExW(path.c_str(), nullptr,
+                            LOAD_LIBRARY_SEARCH_DLL_LOAD_DIR | LOAD_LIBRARY_SEARCH_SYSTEM32);
 }
 
 // A system library (advapi32.dll, ...) from System32 only.

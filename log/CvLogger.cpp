@@ -47,8 +47,8 @@ std::shared_ptr<CCvLogger> CCvLogger::CreateLogger(HKEY hRoot, const wchar_t* sz
         return nullptr;
     }
     const std::wstring folder = std::wstring(shellFolder) + L"\\" + szCompany + L"\\" + szProduct + L"\\";
-    return Create(folder, shellFolder, {szCompany, szProduct}, hRoot, szSubKey, szBaseName, szPrefix, bCreateKey,
-                  bBuffered, dwLevel, nullptr);
+    return Create(folder, shellFolder, {szCompany, szProduct}, hRoot, szSubKey, szBaseName, szPrefix,
+                  bCreateKey, bBuffered, dwLevel, nullptr);
 }
 
 std::shared_ptr<CCvLogger> CCvLogger::CreateLoggerInFolder(const wchar_t* szFolder, HKEY hRoot,
@@ -69,14 +69,15 @@ std::shared_ptr<CCvLogger> CCvLogger::CreateLoggerInFolder(const wchar_t* szFold
         ::SetLastError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    return Create(szFolder, folder.substr(0, slash + 1), {folder.substr(slash + 1)}, hRoot, szSubKey, szBaseName,
-                  szPrefix, bCreateKey, bBuffered, dwLevel, std::move(folderSystem));
+    return Create(szFolder, folder.substr(0, slash + 1), {folder.substr(slash + 1)}, hRoot, szSubKey,
+                  szBaseName, szPrefix, bCreateKey, bBuffered, dwLevel, std::move(folderSystem));
 }
 
 std::shared_ptr<CCvLogger> CCvLogger::Create(const std::wstring& folder, const std::wstring& root,
-                                             std::vector<std::wstring> owned, HKEY hRoot, const wchar_t* szSubKey,
-                                             const wchar_t* szBaseName, const wchar_t* szPrefix, BOOL bCreateKey,
-                                             BOOL bBuffered, uint32_t dwLevel,
+                                             std::vector<std::wstring> owned, HKEY hRoot,
+                                             const wchar_t* szSubKey, const wchar_t* szBaseName,
+                                             const wchar_t* szPrefix, BOOL bCreateKey, BOOL bBuffered,
+                                             uint32_t dwLevel,
                                              std::shared_ptr<cvlog::IFolderSystem> folderSystem)
 {
     if (!szBaseName || !*szBaseName)
@@ -85,28 +86,27 @@ std::shared_ptr<CCvLogger> CCvLogger::Create(const std::wstring& folder, const s
         return nullptr;
     }
     std::shared_ptr<CCvLogger> result;
-    daxlib::GuardedCall(nullptr, L"CCvLogger::Create",
-                        [&]
-                        {
-                            auto logger =
-                                std::make_shared<CCvLogger>(folder.c_str(), dwLevel, cvlog::kDefaultMaxFileSize);
-                            logger->m_strFolderRoot = root;
-                            logger->m_ownedFolders = std::move(owned);
-                            logger->m_pFolderSystem =
-                                folderSystem ? std::move(folderSystem) : cvlog::WindowsFolderSystem();
-                            if (!logger->CreateCleanupPool())
-                                return;
-                            logger->SetBuffered(bBuffered);
-                            logger->SetHeaderFlags(cvlog::HeaderFlag::Service);
-                            logger->BuildBanner();
-                            if (!logger->OpenMainFile(szBaseName, szPrefix))
-                                return;
-                            for (const std::wstring& finding : logger->GetFolderFindings())
-                                logger->Log(LogLevel::Error, L"%s", finding.c_str());
-                            if (hRoot && szSubKey)
-                                logger->OpenRegistry(hRoot, szSubKey, TRUE, bCreateKey);
-                            result = std::move(logger);
-                        });
+    daxlib::GuardedCall(
+        nullptr, L"CCvLogger::Create",
+        [&]
+        {
+            auto logger = std::make_shared<CCvLogger>(folder.c_str(), dwLevel, cvlog::kDefaultMaxFileSize);
+            logger->m_strFolderRoot = root;
+            logger->m_ownedFolders = std::move(owned);
+            logger->m_pFolderSystem = folderSystem ? std::move(folderSystem) : cvlog::WindowsFolderSystem();
+            if (!logger->CreateCleanupPool())
+                return;
+            logger->SetBuffered(bBuffered);
+            logger->SetHeaderFlags(cvlog::HeaderFlag::Service);
+            logger->BuildBanner();
+            if (!logger->OpenMainFile(szBaseName, szPrefix))
+                return;
+            for (const std::wstring& finding : logger->GetFolderFindings())
+                logger->Log(LogLevel::Error, L"%s", finding.c_str());
+            if (hRoot && szSubKey)
+                logger->OpenRegistry(hRoot, szSubKey, TRUE, bCreateKey);
+            result = std::move(logger);
+        });
     return result;
 }
 

@@ -36,11 +36,10 @@ public:
     // The same with the folder given (a trailing backslash is added when missing); its parent
     // must exist, and the logger owns the last folder. hRoot or szSubKey null: no registry
     // settings and no watch thread. The folder system is replaced by tests.
-    static std::shared_ptr<CCvLogger> CreateLoggerInFolder(const wchar_t* szFolder, HKEY hRoot,
-                                                           const wchar_t* szSubKey, const wchar_t* szBaseName,
-                                                           const wchar_t* szPrefix, BOOL bCreateKey,
-                                                           BOOL bBuffered, uint32_t dwLevel,
-                                                           std::shared_ptr<cvlog::IFolderSystem> folderSystem = nullptr);
+    static std::shared_ptr<CCvLogger> CreateLoggerInFolder(
+        const wchar_t* szFolder, HKEY hRoot, const wchar_t* szSubKey, const wchar_t* szBaseName,
+        const wchar_t* szPrefix, BOOL bCreateKey, BOOL bBuffered, uint32_t dwLevel,
+        std::shared_ptr<cvlog::IFolderSystem> folderSystem = nullptr);
 
     CCvLogger(const wchar_t* szFolder, uint32_t dwLevel, uint32_t dwMaxFileSize);
     ~CCvLogger() override;
@@ -120,9 +119,10 @@ public:
 
 private:
     static std::shared_ptr<CCvLogger> Create(const std::wstring& folder, const std::wstring& root,
-                                             std::vector<std::wstring> owned, HKEY hRoot, const wchar_t* szSubKey,
-                                             const wchar_t* szBaseName, const wchar_t* szPrefix, BOOL bCreateKey,
-                                             BOOL bBuffered, uint32_t dwLevel,
+                                             std::vector<std::wstring> owned, HKEY hRoot,
+                                             const wchar_t* szSubKey, const wchar_t* szBaseName,
+                                             const wchar_t* szPrefix, BOOL bCreateKey, BOOL bBuffered,
+                                             uint32_t dwLevel,
                                              std::shared_ptr<cvlog::IFolderSystem> folderSystem);
     void LogToFileV(uint32_t fileIndex, uint32_t level, const wchar_t* format, va_list args);
     void DumpToFileV(uint32_t fileIndex, uint32_t level, const void* bytes, uint32_t count,

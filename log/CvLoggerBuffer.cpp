@@ -199,7 +199,8 @@ uint32_t CCvLoggerBuffer::Compact()
     for (const auto& entry : m_pFolder->List(m_strFileStem + L"(*).txt"))
         names.push_back(ToU16(entry.name));
     std::sort(names.begin(), names.end());
-    const cvlog::CompactionPlan plan = cvlog::PlanCompaction(names, ToU16(m_strFileStem), m_dwRotationCount.load());
+    const cvlog::CompactionPlan plan =
+        cvlog::PlanCompaction(names, ToU16(m_strFileStem), m_dwRotationCount.load());
     for (const auto& name : plan.deletes)
         m_pFolder->Delete(FromU16(name));
     for (const auto& [from, to] : plan.renames)

@@ -51,7 +51,8 @@ BOOL CCvLogger::OpenMainFile(const wchar_t* szBaseName, const wchar_t* szPrefix)
     if (!m_bFolderOpened)
     {
         m_bFolderOpened = true;
-        m_pFolder = cvlog::CLogFolder::Open(m_pFolderSystem, m_strFolderRoot, m_ownedFolders, m_folderFindings);
+        m_pFolder =
+            cvlog::CLogFolder::Open(m_pFolderSystem, m_strFolderRoot, m_ownedFolders, m_folderFindings);
     }
     std::wstring stem;
     if (!m_strPrefix.empty())

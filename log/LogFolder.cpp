@@ -24,9 +24,9 @@ namespace
 constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 // The folder is held without FILE_SHARE_DELETE: nobody renames or removes it while it is in use.
 constexpr ULONG kFolderShare = FILE_SHARE_READ | FILE_SHARE_WRITE;
-constexpr ACCESS_MASK kFolderAccess = FILE_LIST_DIRECTORY | FILE_TRAVERSE | FILE_ADD_FILE | FILE_DELETE_CHILD |
-                                      FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | READ_CONTROL | WRITE_DAC |
-                                      WRITE_OWNER | SYNCHRONIZE;
+constexpr ACCESS_MASK kFolderAccess = FILE_LIST_DIRECTORY | FILE_TRAVERSE | FILE_ADD_FILE |
+                                      FILE_DELETE_CHILD | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES |
+                                      READ_CONTROL | WRITE_DAC | WRITE_OWNER | SYNCHRONIZE;
 
 daxlib::unique_hlocal Descriptor(const wchar_t* sddl)
 {
@@ -70,10 +70,9 @@ daxlib::unique_hfile NtOpen(HANDLE parent, const std::wstring& name, ACCESS_MASK
     InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, parent, descriptor);
     IO_STATUS_BLOCK status{};
     HANDLE handle = INVALID_HANDLE_VALUE;
-    const NTSTATUS result = ::NtCreateFile(&handle, access | SYNCHRONIZE, &attributes, &status, nullptr,
-                                           FILE_ATTRIBUTE_NORMAL, share, disposition,
-                                           options | FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT,
-                                           nullptr, 0);
+    const NTSTATUS result = ::NtCreateFile(
+        &handle, access | SYNCHRONIZE, &attributes, &status, nullptr, FILE_ATTRIBUTE_NORMAL, share,
+        disposition, options | FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0);
     if (result < 0)
     {
         ::SetLastError(::RtlNtStatusToDosError(result));
@@ -101,15 +100,16 @@ public:
             m_wanted.Privileges[i].Attributes = SE_PRIVILEGE_ENABLED;
         }
         DWORD size = sizeof m_previous;
-        m_bAdjusted = ::AdjustTokenPrivileges(m_hToken.get(), FALSE, reinterpret_cast<TOKEN_PRIVILEGES*>(&m_wanted),
-                                              sizeof m_previous, reinterpret_cast<TOKEN_PRIVILEGES*>(&m_previous),
-                                              &size) != FALSE;
+        m_bAdjusted =
+            ::AdjustTokenPrivileges(m_hToken.get(), FALSE, reinterpret_cast<TOKEN_PRIVILEGES*>(&m_wanted),
+                                    sizeof m_previous, reinterpret_cast<TOKEN_PRIVILEGES*>(&m_previous),
+                                    &size) != FALSE;
     }
     ~ScopedTakeOverPrivileges()
     {
         if (m_bAdjusted && m_previous.PrivilegeCount > 0)
-            ::AdjustTokenPrivileges(m_hToken.get(), FALSE, reinterpret_cast<TOKEN_PRIVILEGES*>(&m_previous), 0,
-                                    nullptr, nullptr);
+            ::AdjustTokenPrivileges(m_hToken.get(), FALSE, reinterpret_cast<TOKEN_PRIVILEGES*>(&m_previous),
+                                    0, nullptr, nullptr);
     }
     ScopedTakeOverPrivileges(const ScopedTakeOverPrivileges&) = delete;
     ScopedTakeOverPrivileges& operator=(const ScopedTakeOverPrivileges&) = delete;
@@ -132,9 +132,9 @@ class CWindowsFolderSystem final : public IFolderSystem
 public:
     daxlib::unique_hfile OpenRoot(const std::wstring& path) override
     {
-        return daxlib::unique_hfile(::CreateFileW(path.c_str(), FILE_TRAVERSE | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
-                                                  kShareAll, nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS,
-                                                  nullptr));
+        return daxlib::unique_hfile(
+            ::CreateFileW(path.c_str(), FILE_TRAVERSE | FILE_READ_ATTRIBUTES | SYNCHRONIZE, kShareAll,
+                          nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     }
     daxlib::unique_hfile OpenFolder(HANDLE parent, const std::wstring& name, PSECURITY_DESCRIPTOR descriptor,
                                     bool& created) override
@@ -181,11 +181,13 @@ public:
             REPARSE_GUID_DATA_BUFFER header{};
             header.ReparseTag = reparseTag;
             // A tag of the system's own takes the short header: tag, length and reserved.
-            const DWORD size = IsReparseTagMicrosoft(reparseTag)
-                                   ? 8
-                                   : static_cast<DWORD>(offsetof(REPARSE_GUID_DATA_BUFFER, GenericReparseBuffer));
+            const DWORD size =
+                IsReparseTagMicrosoft(reparseTag)
+                    ? 8
+                    : static_cast<DWORD>(offsetof(REPARSE_GUID_DATA_BUFFER, GenericReparseBuffer));
             DWORD returned = 0;
-            if (!::DeviceIoControl(folder, FSCTL_DELETE_REPARSE_POINT, &header, size, nullptr, 0, &returned, nullptr))
+            if (!::DeviceIoControl(folder, FSCTL_DELETE_REPARSE_POINT, &header, size, nullptr, 0, &returned,
+                                   nullptr))
                 return ::GetLastError();
         }
         return Protect(folder, descriptor);
@@ -204,12 +206,12 @@ public:
                                      PROTECTED_DACL_SECURITY_INFORMATION,
                                  owner, nullptr, dacl, nullptr);
     }
-    daxlib::unique_hfile OpenFile(HANDLE folder, const std::wstring& name, ACCESS_MASK access, ULONG disposition,
-                                  PSECURITY_DESCRIPTOR descriptor, bool& created) override
+    daxlib::unique_hfile OpenFile(HANDLE folder, const std::wstring& name, ACCESS_MASK access,
+                                  ULONG disposition, PSECURITY_DESCRIPTOR descriptor, bool& created) override
     {
         // Shared for reading and writing as before: readers follow the live file.
-        return NtOpen(folder, name, access, FILE_SHARE_READ | FILE_SHARE_WRITE, disposition, FILE_NON_DIRECTORY_FILE,
-                      descriptor, created);
+        return NtOpen(folder, name, access, FILE_SHARE_READ | FILE_SHARE_WRITE, disposition,
+                      FILE_NON_DIRECTORY_FILE, descriptor, created);
     }
 };
 
@@ -235,7 +237,8 @@ std::wstring ProblemOf(const FolderFacts& facts, const std::wstring& expectedDac
         return daxlib::Format(L"is a reparse point (tag 0x%08X)", static_cast<unsigned>(facts.reparseTag));
     if (!facts.descriptorKnown)
         return {};
-    if (!IsWellKnown(facts.owner, WinLocalSystemSid) && !IsWellKnown(facts.owner, WinBuiltinAdministratorsSid))
+    if (!IsWellKnown(facts.owner, WinLocalSystemSid) &&
+        !IsWellKnown(facts.owner, WinBuiltinAdministratorsSid))
         return daxlib::Format(L"is owned by %s", facts.owner.c_str());
     if (facts.dacl != expectedDacl)
         return daxlib::Format(L"has the descriptor %s", facts.dacl.c_str());
@@ -244,7 +247,8 @@ std::wstring ProblemOf(const FolderFacts& facts, const std::wstring& expectedDac
 
 bool RunningOnWine()
 {
-    static const bool wine = ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
+    static const bool wine =
+        ::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
     return wine;
 }
 
@@ -259,7 +263,8 @@ std::wstring RenameTarget(HANDLE folder, const std::wstring& name, HANDLE& root)
         return name;
     root = nullptr;
     wchar_t path[MAX_PATH] = {};
-    const DWORD length = ::GetFinalPathNameByHandleW(folder, path, MAX_PATH, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    const DWORD length =
+        ::GetFinalPathNameByHandleW(folder, path, MAX_PATH, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
     if (length == 0 || length >= MAX_PATH)
         return {};
     std::wstring full(path, length);
@@ -279,8 +284,8 @@ std::shared_ptr<IFolderSystem> WindowsFolderSystem()
     return std::make_shared<CWindowsFolderSystem>();
 }
 
-std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem>& system, const std::wstring& root,
-                                             const std::vector<std::wstring>& owned,
+std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem>& system,
+                                             const std::wstring& root, const std::vector<std::wstring>& owned,
                                              std::vector<std::wstring>& findings)
 {
     const daxlib::unique_hlocal folderSd = Descriptor(kLogFolderSddl);
@@ -293,8 +298,8 @@ std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem
     std::wstring path = WithoutTrailingSlash(root);
     if (!current)
     {
-        findings.push_back(daxlib::Format(L"log folder \"%s\" cannot be opened (error %u): not used", path.c_str(),
-                                          static_cast<unsigned>(::GetLastError())));
+        findings.push_back(daxlib::Format(L"log folder \"%s\" cannot be opened (error %u): not used",
+                                          path.c_str(), static_cast<unsigned>(::GetLastError())));
         return nullptr;
     }
     for (const std::wstring& name : owned)
@@ -304,8 +309,9 @@ std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem
         daxlib::unique_hfile next = system->OpenFolder(current.get(), name, folderSd.get(), created);
         if (!next)
         {
-            findings.push_back(daxlib::Format(L"log folder \"%s\" cannot be opened as a folder (error %u): not used",
-                                              path.c_str(), static_cast<unsigned>(::GetLastError())));
+            findings.push_back(
+                daxlib::Format(L"log folder \"%s\" cannot be opened as a folder (error %u): not used",
+                               path.c_str(), static_cast<unsigned>(::GetLastError())));
             return nullptr;
         }
         // Checked even when just created: a folder made by someone else a moment before is opened
@@ -314,9 +320,10 @@ std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem
         if (!system->Inspect(next.get(), facts))
         {
             // Nothing known is nothing to reset from.
-            findings.push_back(daxlib::Format(L"log folder \"%s\": its attributes or descriptor cannot be read "
-                                              L"(error %u): not used",
-                                              path.c_str(), static_cast<unsigned>(::GetLastError())));
+            findings.push_back(
+                daxlib::Format(L"log folder \"%s\": its attributes or descriptor cannot be read "
+                               L"(error %u): not used",
+                               path.c_str(), static_cast<unsigned>(::GetLastError())));
             return nullptr;
         }
         if (!(facts.attributes & FILE_ATTRIBUTE_DIRECTORY))
@@ -333,13 +340,14 @@ std::shared_ptr<CLogFolder> CLogFolder::Open(const std::shared_ptr<IFolderSystem
                 (after.attributes & FILE_ATTRIBUTE_REPARSE_POINT) ||
                 (after.descriptorKnown && after.dacl != expectedDacl))
             {
-                findings.push_back(daxlib::Format(L"log folder \"%s\" %s and could not be reset (error %u): not used",
-                                                  path.c_str(), problem.c_str(), static_cast<unsigned>(error)));
+                findings.push_back(
+                    daxlib::Format(L"log folder \"%s\" %s and could not be reset (error %u): not used",
+                                   path.c_str(), problem.c_str(), static_cast<unsigned>(error)));
                 return nullptr;
             }
-            findings.push_back(daxlib::Format(
-                L"log folder \"%s\" %s: reset to owner Administrators, access for SYSTEM and Administrators only",
-                path.c_str(), problem.c_str()));
+            findings.push_back(daxlib::Format(L"log folder \"%s\" %s: reset to owner Administrators, access "
+                                              L"for SYSTEM and Administrators only",
+                                              path.c_str(), problem.c_str()));
             CLogFolder reset(system, std::move(next));
             reset.ProtectContents(findings, path);
             next = std::move(reset.m_hFolder);
@@ -366,8 +374,8 @@ void CLogFolder::ProtectContents(std::vector<std::wstring>& findings, const std:
         if (!IsPlainSingleFile(file.get()))
         {
             if (DeleteByHandle(file.get()))
-                findings.push_back(daxlib::Format(L"\"%s\\%s\" was a link or reparse point: removed", path.c_str(),
-                                                  entry.name.c_str()));
+                findings.push_back(daxlib::Format(L"\"%s\\%s\" was a link or reparse point: removed",
+                                                  path.c_str(), entry.name.c_str()));
             continue;
         }
         m_pSystem->Protect(file.get(), m_pFileDescriptor.get());
@@ -383,9 +391,9 @@ daxlib::unique_hfile CLogFolder::OpenExisting(const std::wstring& name, ACCESS_M
 daxlib::unique_hfile CLogFolder::OpenLogFile(const std::wstring& name, bool truncate, bool& created) const
 {
     const ACCESS_MASK access = GENERIC_WRITE | FILE_READ_ATTRIBUTES;
-    daxlib::unique_hfile file = m_pSystem->OpenFile(m_hFolder.get(), name, access,
-                                                    truncate ? FILE_OVERWRITE_IF : FILE_OPEN_IF,
-                                                    m_pFileDescriptor.get(), created);
+    daxlib::unique_hfile file =
+        m_pSystem->OpenFile(m_hFolder.get(), name, access, truncate ? FILE_OVERWRITE_IF : FILE_OPEN_IF,
+                            m_pFileDescriptor.get(), created);
     if (!file || IsPlainSingleFile(file.get()))
         return file;
     // A link or reparse point in the folder is no log file: it goes, and a file is made anew.
@@ -411,8 +419,8 @@ bool CLogFolder::Rename(const std::wstring& from, const std::wstring& to) const
     info->RootDirectory = root;
     info->FileNameLength = static_cast<DWORD>(bytes);
     std::copy(target.begin(), target.end(), info->FileName);
-    return ::SetFileInformationByHandle(file.get(), FileRenameInfo, info, static_cast<DWORD>(buffer.size())) !=
-           FALSE;
+    return ::SetFileInformationByHandle(file.get(), FileRenameInfo, info,
+                                        static_cast<DWORD>(buffer.size())) != FALSE;
 }
 
 bool CLogFolder::Delete(const std::wstring& name) const
@@ -442,7 +450,8 @@ std::vector<CLogFolder::Entry> CLogFolder::Walk(const std::wstring& pattern, boo
     std::lock_guard lock(m_csList);
     std::vector<BYTE> buffer(64 * 1024);
     FILE_INFO_BY_HANDLE_CLASS kind = FileIdBothDirectoryRestartInfo;
-    while (::GetFileInformationByHandleEx(m_hFolder.get(), kind, buffer.data(), static_cast<DWORD>(buffer.size())))
+    while (::GetFileInformationByHandleEx(m_hFolder.get(), kind, buffer.data(),
+                                          static_cast<DWORD>(buffer.size())))
     {
         kind = FileIdBothDirectoryInfo;
         for (size_t offset = 0;;)

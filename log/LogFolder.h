@@ -54,7 +54,8 @@ public:
     // A file in `folder` (NT create disposition), never following a reparse point; `created`
     // tells whether it is new, and a new one gets `descriptor`.
     virtual daxlib::unique_hfile OpenFile(HANDLE folder, const std::wstring& name, ACCESS_MASK access,
-                                          ULONG disposition, PSECURITY_DESCRIPTOR descriptor, bool& created) = 0;
+                                          ULONG disposition, PSECURITY_DESCRIPTOR descriptor,
+                                          bool& created) = 0;
 };
 
 // The system's own answers.
@@ -80,8 +81,8 @@ public:
     // set, the files in it kept and given the file descriptor) before anything is written
     // through it. What was found and done is added to `findings`, one line each. Null when the
     // folder cannot be had safely.
-    static std::shared_ptr<CLogFolder> Open(const std::shared_ptr<IFolderSystem>& system, const std::wstring& root,
-                                            const std::vector<std::wstring>& owned,
+    static std::shared_ptr<CLogFolder> Open(const std::shared_ptr<IFolderSystem>& system,
+                                            const std::wstring& root, const std::vector<std::wstring>& owned,
                                             std::vector<std::wstring>& findings);
 
     CLogFolder(std::shared_ptr<IFolderSystem> system, daxlib::unique_hfile folder);

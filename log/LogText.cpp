@@ -282,7 +282,8 @@ std::optional<uint32_t> ParseDecimalLevel(const std::u16string& text)
 
 bool MatchesWildcard(std::u16string_view name, std::u16string_view pattern)
 {
-    const auto fold = [](char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c; };
+    const auto fold = [](char16_t c)
+    { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c - u'A' + u'a') : c; };
     size_t n = 0;
     size_t p = 0;
     size_t starP = std::u16string_view::npos;

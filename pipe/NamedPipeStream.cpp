@@ -163,7 +163,8 @@ CNamedPipeStream::CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipe
     DWORD readMode = PIPE_READMODE_BYTE;
     if (m_hPipe != INVALID_HANDLE_VALUE && !::SetNamedPipeHandleState(m_hPipe, &readMode, nullptr, nullptr))
         Log(LogLevel::Debug, L"CNamedPipeStream::CNamedPipeStream: ",
-            L"SetNamedPipeHandleState(PIPE_READMODE_BYTE) failed. GLE=%d", static_cast<int>(::GetLastError()));
+            L"SetNamedPipeHandleState(PIPE_READMODE_BYTE) failed. GLE=%d",
+            static_cast<int>(::GetLastError()));
     // An operation that succeeds at once is finished by the thread that started it: no trip
     // through the completion port and no hand-off to another thread. Without the mode every
     // operation still completes through the binding.

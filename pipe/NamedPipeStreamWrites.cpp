@@ -143,7 +143,8 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
                     m_pIo->CompletedInline(io);
                     if (!EndWrite(request, 0, written))
                         Log(LogLevel::Error, L"CNamedPipeStream::IoAsyncCallback: (476)",
-                            L"EndWrite() failed. IoResult = %d, Pipe_IO: 0x%p", 0, daxlib::Addr(request.get()));
+                            L"EndWrite() failed. IoResult = %d, Pipe_IO: 0x%p", 0,
+                            daxlib::Addr(request.get()));
                 }
                 return TRUE;
             }

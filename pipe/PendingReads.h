@@ -53,7 +53,10 @@ public:
     size_t BufferedBytes() const { return m_data.Size(); }
     // Whether more may be received: the bytes queued stay within what the reads ask for plus
     // `readAhead`, so a peer that writes and never waits for answers holds only that much here.
-    bool WantsMore(size_t readAhead) const { return FinalError() == 0 && m_data.Size() < m_nOwed + readAhead; }
+    bool WantsMore(size_t readAhead) const
+    {
+        return FinalError() == 0 && m_data.Size() < m_nOwed + readAhead;
+    }
 
     // Serves the reads at the front, in order, stopping at the first that must wait for data:
     // `dropped(request)` tells whether a read was cancelled (it is skipped), and

@@ -112,6 +112,6 @@ private:
     daxlib::srw_lock m_srwSender;
     UrlSender m_sendUrl;
     UrlPolicySource m_policy;
-    uint32_t m_dwOverdueInBurst = 0; // the watch's own
+    uint32_t m_dwOverdueInBurst = 0;    // the watch's own
     daxlib::CWorkerThread m_replyWatch; // last: joined before the rest goes
 };

@@ -13,10 +13,11 @@ constexpr wchar_t kProductKey[] = L"Software\\Corvane\\Velomar (Server)";
 constexpr wchar_t kCompanyFolder[] = L"Corvane";
 constexpr wchar_t kProductFolder[] = L"Velomar (Server)";
 constexpr wchar_t kLogBaseName[] = L"velomard";
-constexpr uint32_t kEventError = 1;           // VELOMARD_EVENT_ERROR in VelomardMessages.mc
-constexpr int kLogShellFolder = 35;           // the common application-data folder
+constexpr uint32_t kEventError = 1; // VELOMARD_EVENT_ERROR in VelomardMessages.mc
+constexpr int kLogShellFolder = 35; // the common application-data folder
 // Major, minor and patch bytes (1.4.0 is 0x10400).
-constexpr uint32_t kProgramVersion = (VELOMAR_VERSION_MAJOR << 16) | (VELOMAR_VERSION_MINOR << 8) | VELOMAR_VERSION_PATCH;
+constexpr uint32_t kProgramVersion =
+    (VELOMAR_VERSION_MAJOR << 16) | (VELOMAR_VERSION_MINOR << 8) | VELOMAR_VERSION_PATCH;
 constexpr uint32_t kStopDelayMs = 500;
 constexpr uint32_t kThreadPoolMaximum = 1000;
 constexpr uint32_t kServiceLogHeaderFlags = 0x804F;
@@ -31,7 +32,8 @@ struct ServiceLogSettings
 class CServiceConfig
 {
 public:
-    explicit CServiceConfig(std::wstring serviceName = kServiceName) : m_strServiceName(std::move(serviceName))
+    explicit CServiceConfig(std::wstring serviceName = kServiceName)
+        : m_strServiceName(std::move(serviceName))
     {
     }
 

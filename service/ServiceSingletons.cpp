@@ -60,7 +60,8 @@ std::vector<std::wstring> PrepareLogFolder()
     wchar_t shellFolder[MAX_PATH] = {};
     if (FAILED(::SHGetFolderPathW(nullptr, kLogShellFolder, nullptr, 0, shellFolder)))
         return {L"the common application-data folder is unknown"};
-    cvlog::CLogFolder::Open(cvlog::WindowsFolderSystem(), shellFolder, {kCompanyFolder, kProductFolder}, findings);
+    cvlog::CLogFolder::Open(cvlog::WindowsFolderSystem(), shellFolder, {kCompanyFolder, kProductFolder},
+                            findings);
     return findings;
 }
 

@@ -251,8 +251,9 @@ void CStatusConnection::Serve()
         if (wait == WAIT_TIMEOUT)
         {
             if (!closing)
-                Log(LogLevel::Info, kRun, L"client (process %u, session %u) closed: it took no answer for %u ms",
-                    m_dwProcessId, m_dwSessionId, static_cast<unsigned>(m_server.Settings().answerTimeoutMs));
+                Log(LogLevel::Info, kRun,
+                    L"client (process %u, session %u) closed: it took no answer for %u ms", m_dwProcessId,
+                    m_dwSessionId, static_cast<unsigned>(m_server.Settings().answerTimeoutMs));
             break; // the client did not read in time, its close packet or its answer
         }
         if (wait == WAIT_FAILED)

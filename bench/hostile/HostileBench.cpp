@@ -161,10 +161,11 @@ int wmain(int argc, wchar_t** argv)
 
     const bool alive = run.Query().dwCurrentState == SERVICE_RUNNING && run.ProcessId() == pid;
     const long long growth = peak - idle.privateBytes;
-    std::printf("\nprivate bytes: idle %lld KiB, peak %lld KiB (+%lld KiB), 15 s after the hostile agents left "
-                "%lld KiB (%+lld KiB); threads idle %lld, after %lld\n",
-                idle.privateBytes / 1024, peak / 1024, growth / 1024, after.privateBytes / 1024,
-                (after.privateBytes - idle.privateBytes) / 1024, idle.threads, after.threads);
+    std::printf(
+        "\nprivate bytes: idle %lld KiB, peak %lld KiB (+%lld KiB), 15 s after the hostile agents left "
+        "%lld KiB (%+lld KiB); threads idle %lld, after %lld\n",
+        idle.privateBytes / 1024, peak / 1024, growth / 1024, after.privateBytes / 1024,
+        (after.privateBytes - idle.privateBytes) / 1024, idle.threads, after.threads);
     std::printf("hostile connections closed by the service %lld, writes throttled %lld; good agent answered "
                 "within a second %lld, late or not at all %lld\n",
                 counts.closed.load(), counts.throttled.load(), counts.answered.load(), counts.late.load());

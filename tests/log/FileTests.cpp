@@ -44,7 +44,8 @@ std::shared_ptr<CCvLogger> MakeLogger(const TempDir& dir, const wchar_t* base, B
                                       const TempKey* key = nullptr)
 {
     return CCvLogger::CreateLoggerInFolder(dir.Path().c_str(), key ? HKEY_CURRENT_USER : nullptr,
-                                           key ? key->Path().c_str() : nullptr, base, nullptr, TRUE, buffered, 2);
+                                           key ? key->Path().c_str() : nullptr, base, nullptr, TRUE, buffered,
+                                           2);
 }
 
 uint64_t NowFileTime()

@@ -31,8 +31,8 @@ constexpr SECURITY_INFORMATION kOwnerAndDacl = OWNER_SECURITY_INFORMATION | DACL
 std::wstring SddlOf(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION what = kOwnerAndDacl)
 {
     LPWSTR text = nullptr;
-    if (!descriptor ||
-        !::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, what, &text, nullptr))
+    if (!descriptor || !::ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1,
+                                                                               what, &text, nullptr))
         return {};
     daxlib::unique_hlocal owned(text);
     return text;
@@ -83,8 +83,8 @@ public:
         facts.descriptorKnown = true;
         facts.owner = AdministratorsSid();
         PSECURITY_DESCRIPTOR expected = nullptr;
-        ::ConvertStringSecurityDescriptorToSecurityDescriptorW(cvlog::kLogFolderSddl, SDDL_REVISION_1, &expected,
-                                                               nullptr);
+        ::ConvertStringSecurityDescriptorToSecurityDescriptorW(cvlog::kLogFolderSddl, SDDL_REVISION_1,
+                                                               &expected, nullptr);
         daxlib::unique_hlocal owned(expected);
         facts.dacl = SddlOf(expected, DACL_SECURITY_INFORMATION);
         return true;
@@ -100,8 +100,8 @@ public:
         Record(protectedFiles, descriptor);
         return ERROR_SUCCESS;
     }
-    daxlib::unique_hfile OpenFile(HANDLE folder, const std::wstring& name, ACCESS_MASK access, ULONG disposition,
-                                  PSECURITY_DESCRIPTOR descriptor, bool& created) override
+    daxlib::unique_hfile OpenFile(HANDLE folder, const std::wstring& name, ACCESS_MASK access,
+                                  ULONG disposition, PSECURITY_DESCRIPTOR descriptor, bool& created) override
     {
         auto file = m_real->OpenFile(folder, name, access, disposition, descriptor, created);
         if (created)
@@ -134,8 +134,8 @@ void ExpectOnlySystemAndAdministrators(const std::wstring& sddl)
 {
     SCOPED_TRACE(std::string(sddl.begin(), sddl.end()));
     PSECURITY_DESCRIPTOR descriptor = nullptr;
-    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1, &descriptor,
-                                                                       nullptr));
+    ASSERT_TRUE(::ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1,
+                                                                       &descriptor, nullptr));
     daxlib::unique_hlocal owned(descriptor);
     SECURITY_DESCRIPTOR_CONTROL control = 0;
     DWORD revision = 0;
@@ -153,7 +153,8 @@ void ExpectOnlySystemAndAdministrators(const std::wstring& sddl)
         if (header->AceType != ACCESS_ALLOWED_ACE_TYPE)
             continue;
         PSID sid = &reinterpret_cast<ACCESS_ALLOWED_ACE*>(header)->SidStart;
-        EXPECT_TRUE(::IsWellKnownSid(sid, WinLocalSystemSid) || ::IsWellKnownSid(sid, WinBuiltinAdministratorsSid))
+        EXPECT_TRUE(::IsWellKnownSid(sid, WinLocalSystemSid) ||
+                    ::IsWellKnownSid(sid, WinBuiltinAdministratorsSid))
             << "ACE " << i << " grants someone besides SYSTEM and Administrators";
     }
 }
@@ -173,8 +174,8 @@ protected:
     }
     std::shared_ptr<CCvLogger> Start()
     {
-        return CCvLogger::CreateLoggerInFolder(m_folder.c_str(), nullptr, nullptr, L"svc", nullptr, FALSE, FALSE,
-                                               2, m_system);
+        return CCvLogger::CreateLoggerInFolder(m_folder.c_str(), nullptr, nullptr, L"svc", nullptr, FALSE,
+                                               FALSE, 2, m_system);
     }
     // Logs one record and ends the logger; the text of the live file, or nothing.
     std::wstring LogOnce(const std::wstring& folder)
@@ -221,8 +222,9 @@ class HiddenFolderAttack : public LogFolderCheck, public ::testing::WithParamInt
 TEST_P(HiddenFolderAttack, FolderIsResetBeforeTheFirstWriteAndTheFindingLogged)
 {
     const HiddenAttack& attack = GetParam();
-    m_system->lie = cvlog::FolderFacts{attack.attributes, attack.reparseTag, true,
-                                       attack.owner.empty() ? AdministratorsSid() : attack.owner, attack.dacl};
+    m_system->lie =
+        cvlog::FolderFacts{attack.attributes, attack.reparseTag, true,
+                           attack.owner.empty() ? AdministratorsSid() : attack.owner, attack.dacl};
     const std::wstring text = LogOnce(m_folder);
     ASSERT_EQ(1u, m_system->resets.size());
     EXPECT_EQ(attack.reparseTag, m_system->resets[0].first);
@@ -238,15 +240,16 @@ TEST_P(HiddenFolderAttack, FolderIsResetBeforeTheFirstWriteAndTheFindingLogged)
 
 INSTANTIATE_TEST_SUITE_P(
     Attacks, HiddenFolderAttack,
-    ::testing::Values(
-        HiddenAttack{"JunctionPlantedInPlaceOfTheFolder", FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT,
-                     IO_REPARSE_TAG_MOUNT_POINT, L"", L""},
-        HiddenAttack{"DirectoryLinkPlantedInPlaceOfTheFolder",
-                     FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT, IO_REPARSE_TAG_SYMLINK, L"", L""},
-        HiddenAttack{"FolderMadeFirstByAUserWhoKeepsOwnership", FILE_ATTRIBUTE_DIRECTORY, 0,
-                     L"S-1-5-21-1004336348-1177238915-682003330-1001", L"D:(A;OICI;FA;;;WD)"},
-        HiddenAttack{"FolderLeftWritableForAuthenticatedUsers", FILE_ATTRIBUTE_DIRECTORY, 0, L"",
-                     L"D:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1301bf;;;AU)"}),
+    ::testing::Values(HiddenAttack{"JunctionPlantedInPlaceOfTheFolder",
+                                   FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT,
+                                   IO_REPARSE_TAG_MOUNT_POINT, L"", L""},
+                      HiddenAttack{"DirectoryLinkPlantedInPlaceOfTheFolder",
+                                   FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT,
+                                   IO_REPARSE_TAG_SYMLINK, L"", L""},
+                      HiddenAttack{"FolderMadeFirstByAUserWhoKeepsOwnership", FILE_ATTRIBUTE_DIRECTORY, 0,
+                                   L"S-1-5-21-1004336348-1177238915-682003330-1001", L"D:(A;OICI;FA;;;WD)"},
+                      HiddenAttack{"FolderLeftWritableForAuthenticatedUsers", FILE_ATTRIBUTE_DIRECTORY, 0,
+                                   L"", L"D:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1301bf;;;AU)"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(LogFolderCheck, FolderWhoseAttributesCannotBeReadIsNotWrittenThrough)
@@ -266,8 +269,10 @@ TEST_F(LogFolderCheck, FolderSwappedAfterTheCheckReceivesNoRecords)
 {
     const std::wstring moved = m_folder + L"-moved";
     bool swapped = false;
-    m_system->onInspect = [&]
-    { swapped = ::MoveFileW(m_folder.c_str(), moved.c_str()) && ::CreateDirectoryW(m_folder.c_str(), nullptr); };
+    m_system->onInspect = [&] {
+        swapped =
+            ::MoveFileW(m_folder.c_str(), moved.c_str()) && ::CreateDirectoryW(m_folder.c_str(), nullptr);
+    };
     const std::wstring atPath = LogOnce(m_folder);
     if (swapped)
     {
@@ -300,8 +305,8 @@ TEST(LogDescriptors, FolderAndRotatedFilesGrantNobodyButSystemAndAdministrators)
     TempDir dir(L"velomar-descriptors");
     const std::wstring folder = dir.File(L"logs");
     auto system = std::make_shared<ReportingFolderSystem>();
-    auto logger = CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, L"rot", nullptr, FALSE, FALSE,
-                                                  2, system);
+    auto logger = CCvLogger::CreateLoggerInFolder(folder.c_str(), nullptr, nullptr, L"rot", nullptr, FALSE,
+                                                  FALSE, 2, system);
     ASSERT_TRUE(logger);
     logger->SetMaxFileSize(2000);
     for (int i = 0; i < 3000; ++i)
@@ -320,8 +325,8 @@ TEST(LogDescriptors, FolderAndRotatedFilesGrantNobodyButSystemAndAdministrators)
     {
         PSECURITY_DESCRIPTOR live = nullptr;
         ASSERT_EQ(static_cast<DWORD>(ERROR_SUCCESS),
-                  ::GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
-                                          nullptr, nullptr, &live));
+                  ::GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr,
+                                          nullptr, nullptr, nullptr, &live));
         daxlib::unique_hlocal owned(live);
         ExpectOnlySystemAndAdministrators(SddlOf(live, DACL_SECURITY_INFORMATION));
     }

@@ -90,8 +90,8 @@ struct RawPipePair
 
     DWORD mode = 0; // byte mode unless told
     std::wstring name = L"\\\\.\\pipe\\" + testsupport::UniqueName(L"velomar-pipe-test");
-    daxlib::unique_hfile server{::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, mode,
-                                                   1, 1024, 1024, 1000, nullptr)};
+    daxlib::unique_hfile server{::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED,
+                                                   mode, 1, 1024, 1024, 1000, nullptr)};
     daxlib::unique_hfile client{
         ::CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr)};
 };

@@ -83,8 +83,8 @@ DWORD ServiceProcessId(const std::wstring& serviceName)
         manager ? ::OpenServiceW(manager.get(), serviceName.c_str(), SERVICE_QUERY_STATUS) : nullptr);
     SERVICE_STATUS_PROCESS status{};
     DWORD needed = 0;
-    if (!service || !::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
-                                            sizeof(status), &needed))
+    if (!service || !::QueryServiceStatusEx(service.get(), SC_STATUS_PROCESS_INFO,
+                                            reinterpret_cast<BYTE*>(&status), sizeof(status), &needed))
         return 0;
     return status.dwCurrentState == SERVICE_RUNNING ? status.dwProcessId : 0;
 }
@@ -188,7 +188,8 @@ SessionStatus CAgentSession::Connect(DWORD timeoutMs)
             {
                 Log(LogLevel::Error, L"CAgentSession::Connect: ",
                     L"%s is served by process %lu, the service %s runs as process %lu: not used",
-                    m_strPipeName.c_str(), server, m_strExpectedService.c_str(), static_cast<unsigned long>(expected));
+                    m_strPipeName.c_str(), server, m_strExpectedService.c_str(),
+                    static_cast<unsigned long>(expected));
                 Close();
                 return Fail(SessionStatus::WrongServer, ERROR_ACCESS_DENIED);
             }
