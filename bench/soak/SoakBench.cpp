@@ -274,6 +274,16 @@ void Hostile(int kind, int round, std::mt19937& random, Shared& shared)
         client.Write(bytes);
         break;
     }
+    case 4: // handshakes, written until the service stops taking them, and no answer ever read
+    {
+        const std::vector<uint8_t> handshake = agentpipe::EncodeHandshake({1, 2});
+        for (int i = 0; i < 20000 && client.Write(handshake.data(), handshake.size(), 100ms); ++i)
+        {
+        }
+        if (!client.ClosedByPeer(10s))
+            shared.Anomaly(tag + "an agent that never reads was not closed");
+        break;
+    }
     default: // a correct agent that writes one byte at a time with pauses; its URL counts
     {
         const std::string url = "https://soak.example/t/" + std::to_string(round);
@@ -301,7 +311,7 @@ void HostileClients(int id, Shared& shared)
     std::mt19937 random(static_cast<unsigned>(shared.options.seed) * 104729u + static_cast<unsigned>(id));
     for (int round = id; !shared.stop; round += 2)
     {
-        Hostile(static_cast<int>(random() % 5), round, random, shared);
+        Hostile(static_cast<int>(random() % 6), round, random, shared);
         ::Sleep(20);
     }
 }
