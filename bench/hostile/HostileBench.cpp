@@ -105,7 +105,7 @@ int wmain(int argc, wchar_t** argv)
                         if (options.reading ? h.pipe.Handshake()
                                             : h.pipe.Write(handshake.data(), handshake.size(), 100ms))
                             ++counts.written;
-                        else if (h.pipe.ClosedByPeer(10ms))
+                        else if (h.pipe.ClosedUnread(0ms))
                             h.open = false, h.pipe.Close(), ++counts.closed;
                         else
                             ++counts.throttled;

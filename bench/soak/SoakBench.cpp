@@ -280,7 +280,7 @@ void Hostile(int kind, int round, std::mt19937& random, Shared& shared)
         for (int i = 0; i < 20000 && client.Write(handshake.data(), handshake.size(), 100ms); ++i)
         {
         }
-        if (!client.ClosedByPeer(10s))
+        if (!client.ClosedUnread(10s))
             shared.Anomaly(tag + "an agent that never reads was not closed");
         break;
     }

@@ -342,6 +342,20 @@ bool AgentPipe::ClosedByPeer(milliseconds limit)
            (error == ERROR_BROKEN_PIPE || error == ERROR_PIPE_NOT_CONNECTED);
 }
 
+bool AgentPipe::ClosedUnread(milliseconds limit)
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;)
+    {
+        DWORD available = 0;
+        if (!m_pipe || !::PeekNamedPipe(m_pipe.get(), nullptr, 0, nullptr, &available, nullptr))
+            return true;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+        ::Sleep(10);
+    }
+}
+
 bool AgentPipe::Handshake(uint32_t a, uint64_t b)
 {
     uint8_t answer[24];

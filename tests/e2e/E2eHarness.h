@@ -136,6 +136,8 @@ public:
     bool NothingArrives(std::chrono::milliseconds quiet);
     // True when the service closes the connection within the limit.
     bool ClosedByPeer(std::chrono::milliseconds limit);
+    // The same without reading anything: answers waiting in the pipe stay unread.
+    bool ClosedUnread(std::chrono::milliseconds limit);
 
     // Handshake with values A and B; true when the 24-byte answer comes and is right.
     bool Handshake(uint32_t a = 42, uint64_t b = 7);
