@@ -145,6 +145,19 @@ struct Completions
     }
 };
 
+// One read of `bytes` through a request object of its own, waited for; `reads` keeps what it
+// brought and its status.
+inline bool ReadOnce(const std::shared_ptr<CNamedPipeStream>& stream, std::shared_ptr<ICvLogger> log,
+                     uint32_t bytes, Completions& reads)
+{
+    CPipeClientRequest request(stream, std::move(log));
+    reads.retire = &request;
+    const bool done = request.ReadAsync(bytes, reads.Callback(), new PIPE_OVERLAPPED()) &&
+                      reads.calls.WaitAtLeast(reads.calls.Get() + 1);
+    reads.retire = nullptr;
+    return done;
+}
+
 // A message of the echo protocol: a 32-bit length and the payload.
 inline std::vector<unsigned char> EchoMessage(const std::vector<unsigned char>& payload)
 {

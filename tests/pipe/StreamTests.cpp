@@ -241,22 +241,16 @@ TEST_F(StreamTest, PeerThatKeepsThePipeFullIsReadInTurnsAndOnlyAsFarAsItsOwnerAs
     ASSERT_TRUE(busy->BeginRead());
     ASSERT_TRUE(other->BeginRead());
     ASSERT_TRUE(WriteAll(quiet.client.get(), "ping", 4));
-    CPipeClientRequest otherRequest(other, m_log);
     Completions otherReads;
-    otherReads.retire = &otherRequest;
-    ASSERT_TRUE(otherRequest.ReadAsync(4, otherReads.Callback(), new PIPE_OVERLAPPED()));
-    ASSERT_TRUE(otherReads.calls.WaitAtLeast(1));
+    ASSERT_TRUE(ReadOnce(other, m_log, 4, otherReads));
     EXPECT_LT(g_floodReads.load(), 20000) << "the other stream waited for the flood to end";
 
     ASSERT_TRUE(Eventually([&] { return busy->IsReadPaused(); }));
     const size_t window = CNamedPipeStream::kReadAhead + CNamedPipeStream::kReadBufferSize;
     EXPECT_LE(busy->BufferedBytes(), window);
     // Its owner's reads are served, and each lets the peer in for as much again.
-    CPipeClientRequest busyRequest(busy, m_log);
     Completions busyReads;
-    busyReads.retire = &busyRequest;
-    ASSERT_TRUE(busyRequest.ReadAsync(100000, busyReads.Callback(), new PIPE_OVERLAPPED()));
-    ASSERT_TRUE(busyReads.calls.WaitAtLeast(1));
+    ASSERT_TRUE(ReadOnce(busy, m_log, 100000, busyReads));
     EXPECT_EQ(0u, busyReads.lastStatus);
     EXPECT_EQ(100000u, busyReads.lastData.size());
     ASSERT_TRUE(Eventually([&] { return busy->IsReadPaused(); }));
@@ -307,11 +301,8 @@ TEST_F(StreamTest, MessageLongerThanTheReadBufferArrivesWhole)
     ASSERT_TRUE(stream->BeginRead());
     const std::vector<unsigned char> message(5000, 'm');
     ASSERT_TRUE(WriteAll(pair.client.get(), message.data(), static_cast<DWORD>(message.size())));
-    CPipeClientRequest request(stream, m_log);
     Completions reads;
-    reads.retire = &request;
-    ASSERT_TRUE(request.ReadAsync(5000, reads.Callback(), new PIPE_OVERLAPPED()));
-    ASSERT_TRUE(reads.calls.WaitAtLeast(1));
+    ASSERT_TRUE(ReadOnce(stream, m_log, 5000, reads));
     EXPECT_EQ(0u, reads.lastStatus);
     EXPECT_EQ(message, reads.lastData);
 }
