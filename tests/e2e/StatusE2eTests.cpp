@@ -252,16 +252,29 @@ TEST(StatusE2e, HostileStatusClientsGetTheirReasonsWhileAgentsWorkAndTheServiceG
     EXPECT_EQ(0, failed.load());
     EXPECT_GT(sent.load(), 0);
 
-    // A subscriber that reads nothing while the channel keeps breaking and coming back.
+    // A subscriber that reads nothing while the channel keeps breaking and coming back. It is
+    // closed by whichever bound it reaches first: more changes unread than its queue holds (and
+    // told why, when the pipe still has room for that), or a change it has not taken within the
+    // answer time (on a loaded machine the breaks may come slower than that).
     Answer first;
     auto sleeper = Subscriber(first);
     ASSERT_TRUE(sleeper);
-    for (int i = 0; i < 60 && CountOf(ReadLog(), L"reader too slow") == 0; ++i)
+    const auto closed = []
+    {
+        const std::wstring log = ReadLog();
+        return CountOf(log, L"reader too slow") + CountOf(log, L"it took no answer") > 0;
+    };
+    for (int i = 0; i < 60 && !closed(); ++i)
     {
         Skeinctl("break 1");
         ::Sleep(100);
     }
-    EXPECT_EQ(kReaderTooSlow, CloseReasonOf(*sleeper));
+    ASSERT_TRUE(closed());
+    const uint32_t reason = CloseReasonOf(*sleeper);
+    if (CountOf(ReadLog(), L"reader too slow") > 0)
+        EXPECT_EQ(kReaderTooSlow, reason) << reason;
+    else
+        EXPECT_EQ(0xFFFFFFFFu, reason) << reason; // closed with its answers unread: no room to say why
 
     ProcessCounts now{};
     EXPECT_TRUE(BackToBaseline(pid, baseline, {8, 2}, now));
