@@ -5,6 +5,21 @@ if(MSVC)
 else()
   target_compile_options(velomar_options INTERFACE -Wall -Wextra)
 endif()
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  # The locking rules written on the lock wrappers and the members they guard (see
+  # common/ThreadSafety.h) are checked by the compiler.
+  target_compile_options(velomar_options INTERFACE -Wthread-safety -Wthread-safety-beta)
+endif()
+option(VELOMAR_SANITIZE "Host build: AddressSanitizer and UndefinedBehaviorSanitizer, any report fatal" OFF)
+if(VELOMAR_SANITIZE AND NOT WIN32)
+  target_compile_options(velomar_options INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all
+                                                   -fno-omit-frame-pointer)
+  target_link_options(velomar_options INTERFACE -fsanitize=address,undefined)
+endif()
+option(VELOMAR_WARNINGS_AS_ERRORS "Fail the build on any warning in the project's own code" OFF)
+if(VELOMAR_WARNINGS_AS_ERRORS)
+  target_compile_options(velomar_options INTERFACE $<IF:$<BOOL:${MSVC}>,/WX,-Werror>)
+endif()
 if(WIN32)
   # Wide printf functions follow the Windows convention everywhere: %s is a wide string,
   # %S a narrow one, %I64d a 64-bit integer. MinGW's C99 printf would read them differently.

@@ -11,16 +11,16 @@
 namespace daxlib
 {
 
-class fifo_lock
+class TS_CAPABILITY("mutex") fifo_lock
 {
 public:
     fifo_lock() noexcept = default;
     fifo_lock(const fifo_lock&) = delete;
     fifo_lock& operator=(const fifo_lock&) = delete;
 
-    void lock()
+    void lock() TS_ACQUIRE()
     {
-        std::unique_lock guard(m_srwQueue);
+        daxlib::unique_lock guard(m_srwQueue);
         if (!m_bHeld)
         {
             m_bHeld = true;
@@ -32,12 +32,12 @@ public:
         else
             m_pHead = &self;
         m_pTail = &self;
-        self.turn.wait(guard, [&] { return self.granted; });
+        self.turn.wait(guard, [&]() TS_REQUIRES(m_srwQueue) { return self.granted; });
     }
 
-    void unlock()
+    void unlock() TS_RELEASE()
     {
-        std::lock_guard guard(m_srwQueue);
+        daxlib::lock_guard guard(m_srwQueue);
         Waiter* next = m_pHead;
         if (!next)
         {
@@ -54,7 +54,7 @@ public:
 
     size_t Waiting()
     {
-        std::lock_guard guard(m_srwQueue);
+        daxlib::lock_guard guard(m_srwQueue);
         size_t count = 0;
         for (const Waiter* w = m_pHead; w; w = w->next)
             ++count;
@@ -70,9 +70,9 @@ private:
     };
 
     srw_lock m_srwQueue;
-    bool m_bHeld = false;
-    Waiter* m_pHead = nullptr;
-    Waiter* m_pTail = nullptr;
+    bool m_bHeld TS_GUARDED_BY(m_srwQueue) = false;
+    Waiter* m_pHead TS_GUARDED_BY(m_srwQueue) = nullptr;
+    Waiter* m_pTail TS_GUARDED_BY(m_srwQueue) = nullptr;
 };
 
 } // namespace daxlib

@@ -40,46 +40,59 @@ void CBuffersList::AllocateNewBuffersThread(HANDLE stop)
             return;
         ::ResetEvent(m_hevNeedBlocks.get());
         {
-            std::lock_guard lock(m_srwLists);
+            daxlib::lock_guard lock(m_srwLists);
             m_bNeedRequested = false;
         }
         // On failure the next block taken in a logging thread tries again.
-        daxlib::GuardedCall(nullptr, L"CBuffersList::AllocateNewBuffersThread", [this] { Refill(true); });
+        daxlib::GuardedCall(nullptr, L"CBuffersList::AllocateNewBuffersThread", [this] { Refill(); });
         ::Sleep(0);
     }
 }
 
 // With oneAtATime the mutex is taken for each block (background thread); otherwise the
 // caller already holds it.
-void CBuffersList::Refill(bool oneAtATime)
+void CBuffersList::Refill()
 {
+    // One block per lock: a taker waits for one push at most, never for an allocation.
     for (uint32_t i = 0; i < m_dwRefill; ++i)
     {
-        uint8_t* block = new (std::nothrow) uint8_t[static_cast<size_t>(m_qwBlockSize)];
-        if (!block)
-            daxlib::ThrowDaxException(L"BuffersList", __LINE__);
-        try
-        {
-            if (oneAtATime)
-            {
-                std::lock_guard lock(m_srwLists);
-                m_free.push_back(block);
-            }
-            else
-                m_free.push_back(block);
-        }
-        catch (...)
-        {
-            delete[] block;
-            daxlib::ThrowDaxException(L"BuffersList", __LINE__);
-        }
+        uint8_t* block = NewBlock();
+        daxlib::lock_guard lock(m_srwLists);
+        PushFree(block);
+    }
+}
+
+void CBuffersList::RefillLocked()
+{
+    for (uint32_t i = 0; i < m_dwRefill; ++i)
+        PushFree(NewBlock());
+}
+
+uint8_t* CBuffersList::NewBlock() const
+{
+    uint8_t* block = new (std::nothrow) uint8_t[static_cast<size_t>(m_qwBlockSize)];
+    if (!block)
+        daxlib::ThrowDaxException(L"BuffersList", __LINE__);
+    return block;
+}
+
+void CBuffersList::PushFree(uint8_t* block)
+{
+    try
+    {
+        m_free.push_back(block);
+    }
+    catch (...)
+    {
+        delete[] block;
+        daxlib::ThrowDaxException(L"BuffersList", __LINE__);
     }
 }
 
 void CBuffersList::TakeNewBlock()
 {
     if (m_free.empty())
-        Refill(false);
+        RefillLocked();
     m_used.push_back(m_free.back());
     m_free.pop_back();
     m_qwWritePos = 0;
@@ -94,7 +107,7 @@ void CBuffersList::WakeAllocator()
 {
     bool wake = false;
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         wake = std::exchange(m_bNeedPending, false);
     }
     if (wake)
@@ -126,7 +139,7 @@ void CBuffersList::Append(uint64_t size, const void* data)
 
 void CBuffersList::AppendLocked(uint64_t size, const void* data)
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     // Reserve every block the piece needs first, so a failed allocation leaves no half piece.
     uint64_t needed = 0;
     uint64_t pos = m_qwWritePos;
@@ -139,7 +152,7 @@ void CBuffersList::AppendLocked(uint64_t size, const void* data)
     const uint64_t spill = size > m_qwBlockSize - pos ? size - (m_qwBlockSize - pos) : 0;
     needed += (spill + m_qwBlockSize - 1) / m_qwBlockSize;
     while (m_free.size() < needed)
-        Refill(false);
+        RefillLocked();
 
     if (m_used.empty() || m_qwBlockSize - m_qwWritePos < kLengthSize)
         TakeNewBlock();
@@ -218,7 +231,7 @@ size_t CBuffersList::TakeRun(std::vector<uint8_t>& run, std::vector<uint64_t>& s
 {
     sizes.clear();
     const size_t maxPieces = std::max<size_t>(sizes.capacity(), 1); // nothing allocated under the lock
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     size_t block = 0;
     uint64_t pos = m_qwReadPos;
     uint64_t used = 0;
@@ -256,13 +269,13 @@ size_t CBuffersList::TakeRun(std::vector<uint8_t>& run, std::vector<uint64_t>& s
 
 bool CBuffersList::IsEmpty() const
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     return m_used.empty() || (m_used.size() == 1 && m_qwReadPos == m_qwWritePos);
 }
 
 void CBuffersList::Clear()
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     while (!m_used.empty())
     {
         ReleaseBlock(m_used.front());
@@ -273,18 +286,18 @@ void CBuffersList::Clear()
 
 size_t CBuffersList::UsedBlockCount() const
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     return m_used.size();
 }
 
 size_t CBuffersList::FreeBlockCount() const
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     return m_free.size();
 }
 
 uint64_t CBuffersList::WritePosition() const
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     return m_qwWritePos;
 }

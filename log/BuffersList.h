@@ -38,16 +38,19 @@ public:
 
 private:
     void AllocateNewBuffersThread(HANDLE stop);
-    void Refill(bool oneAtATime);
-    void TakeNewBlock();
-    void WakeAllocator();
-    void AppendLocked(uint64_t size, const void* data);
-    void ReleaseBlock(uint8_t* block);
+    void Refill() TS_EXCLUDES(m_srwLists);
+    void RefillLocked() TS_REQUIRES(m_srwLists);
+    uint8_t* NewBlock() const;
+    void PushFree(uint8_t* block) TS_REQUIRES(m_srwLists);
+    void TakeNewBlock() TS_REQUIRES(m_srwLists);
+    void WakeAllocator() TS_EXCLUDES(m_srwLists);
+    void AppendLocked(uint64_t size, const void* data) TS_EXCLUDES(m_srwLists);
+    void ReleaseBlock(uint8_t* block) TS_REQUIRES(m_srwLists);
     // Read positions: a block index into m_used and an offset in it.
-    bool AtEnd(size_t block, uint64_t pos) const;
-    uint64_t ReadLength(size_t& block, uint64_t& pos) const;
-    void ReadBytes(size_t& block, uint64_t& pos, uint64_t length, uint8_t* out) const;
-    void ConsumeTo(size_t block, uint64_t pos);
+    bool AtEnd(size_t block, uint64_t pos) const TS_REQUIRES(m_srwLists);
+    uint64_t ReadLength(size_t& block, uint64_t& pos) const TS_REQUIRES(m_srwLists);
+    void ReadBytes(size_t& block, uint64_t& pos, uint64_t length, uint8_t* out) const TS_REQUIRES(m_srwLists);
+    void ConsumeTo(size_t block, uint64_t pos) TS_REQUIRES(m_srwLists);
     static constexpr uint64_t kLengthSize = sizeof(uint64_t);
 
     const uint64_t m_qwBlockSize;
@@ -55,16 +58,16 @@ private:
     const uint32_t m_dwRefill;
     const uint32_t m_dwFreeLimit;
 
-    std::deque<uint8_t*> m_used;
-    std::vector<uint8_t*> m_free;
-    uint64_t m_qwReadPos = 0;
-    uint64_t m_qwWritePos = 0;
+    std::deque<uint8_t*> m_used TS_GUARDED_BY(m_srwLists);
+    std::vector<uint8_t*> m_free TS_GUARDED_BY(m_srwLists);
+    uint64_t m_qwReadPos TS_GUARDED_BY(m_srwLists) = 0;
+    uint64_t m_qwWritePos TS_GUARDED_BY(m_srwLists) = 0;
 
     mutable daxlib::srw_lock m_srwLists;
     // The allocation thread is asked once until it has run, and asked after the mutex is
     // released, so that taking a block never pays for a kernel call under the lock.
-    bool m_bNeedRequested = false;
-    bool m_bNeedPending = false;
+    bool m_bNeedRequested TS_GUARDED_BY(m_srwLists) = false;
+    bool m_bNeedPending TS_GUARDED_BY(m_srwLists) = false;
     daxlib::unique_handle m_hevNeedBlocks;
     daxlib::CWorkerThread m_allocator; // last: ends before the lists it fills
 };

@@ -130,7 +130,7 @@ CCvLogger::~CCvLogger()
 {
     m_watch.Stop();
     m_cleanupPool.Close();
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     m_files.clear();
     m_nFileCount = 0;
 }
@@ -177,7 +177,7 @@ void CCvLogger::WriteRecord(uint32_t fileIndex, const wchar_t* category, const w
                             size_t length)
 {
     daxlib::last_error_guard keep;
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
         return;
@@ -221,7 +221,7 @@ void CCvLogger::DumpToFileV(uint32_t fileIndex, uint32_t level, const void* byte
     wchar_t label[260];
     cvlog::LevelLabelInto(level, true, label, 260);
     daxlib::last_error_guard keep;
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
     {
@@ -315,7 +315,7 @@ size_t CCvLogger::HeaderWidth()
 void CCvLogger::ApplyLevel(uint32_t level)
 {
     m_dwLevel.store(level);
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     const auto it = m_levelFileSizes.find(level);
     if (it != m_levelFileSizes.end())
     {
@@ -328,7 +328,7 @@ uint32_t CCvLogger::SetLevel(uint32_t level)
 {
     ApplyLevel(level);
     {
-        std::lock_guard lock(m_cs);
+        daxlib::lock_guard lock(m_cs);
         if (!m_bKeyWritable)
             return ERROR_SUCCESS;
     }
@@ -353,14 +353,14 @@ void CCvLogger::GetLevel(uint32_t* level) const
 
 void CCvLogger::SetEcho(BOOL toConsole, BOOL toDebugger)
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     m_bEchoConsole = toConsole;
     m_bEchoDebugger = toDebugger;
 }
 
 void CCvLogger::SetLevelFileSizes(std::map<uint32_t, uint32_t> sizes)
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     m_levelFileSizes = std::move(sizes);
 }
 
@@ -378,7 +378,7 @@ void CCvLogger::SetMaxFileSize(uint32_t bytes)
 
 void CCvLogger::PropagateFileSettings()
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     for (auto& [index, file] : m_files)
     {
         file->SetRotationCount(std::max<uint32_t>(m_dwRotationCount.load(), 1));

@@ -149,10 +149,10 @@ private:
     std::atomic<uint32_t> m_dwHeaderFlags{0};
     // Records hold it for a few copies; a short spin avoids sleeping on it.
     mutable daxlib::critical_section m_cs{4000};
-    std::vector<wchar_t> m_dumpBuffer;
+    std::vector<wchar_t> m_dumpBuffer TS_GUARDED_BY(m_cs);
     BOOL m_bEchoConsole = FALSE;
     BOOL m_bEchoDebugger = FALSE;
-    std::map<uint32_t, std::unique_ptr<CCvLoggerBuffer>> m_files;
+    std::map<uint32_t, std::unique_ptr<CCvLoggerBuffer>> m_files TS_GUARDED_BY(m_cs);
     std::atomic<size_t> m_nFileCount{0};
     std::wstring m_strBanner;
 

@@ -35,7 +35,7 @@ CCvLoggerBuffer::CCvLoggerBuffer(Options options)
 CCvLoggerBuffer::~CCvLoggerBuffer()
 {
     Close(FALSE);
-    std::lock_guard lock(m_srwFile);
+    daxlib::lock_guard lock(m_srwFile);
     m_hFile.reset();
 }
 
@@ -50,11 +50,11 @@ void CCvLoggerBuffer::CloseIfIdle(DWORD now, DWORD idleMs)
 {
     // A writer holding the lock is busy writing, not idle; waiting for it here would hold up
     // every logging thread behind the disk, because the caller holds the logger's lock.
-    std::unique_lock lock(m_srwFile, std::try_to_lock);
-    if (!lock.owns_lock())
+    if (!m_srwFile.try_lock())
         return;
     if (m_hFile && now - m_dwLastWrite.load() > idleMs)
         m_hFile.reset();
+    m_srwFile.unlock();
 }
 
 BOOL CCvLoggerBuffer::Transfer(const void* data, uint64_t size, BOOL last)
@@ -93,7 +93,6 @@ BOOL CCvLoggerBuffer::TransferRun(const uint8_t* data, const uint64_t* sizes, si
     return WriteRun(data, sizes, count);
 }
 
-// Called with m_srwFile held.
 bool CCvLoggerBuffer::OpenForWrite()
 {
     if (!m_pFolder)
@@ -124,7 +123,7 @@ bool CCvLoggerBuffer::OpenForWrite()
 // rest of the run, uncounted; the next run tries again.
 BOOL CCvLoggerBuffer::WriteRun(const uint8_t* data, const uint64_t* sizes, size_t count)
 {
-    std::lock_guard lock(m_srwFile);
+    daxlib::lock_guard lock(m_srwFile);
     bool written = true;
     size_t done = 0;
     while (done < count)

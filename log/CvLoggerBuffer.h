@@ -51,24 +51,24 @@ public:
 private:
     BOOL Transfer(const void* data, uint64_t size, BOOL last) override;
     BOOL TransferRun(const uint8_t* data, const uint64_t* sizes, size_t count, BOOL last) override;
-    BOOL WriteRun(const uint8_t* data, const uint64_t* sizes, size_t count);
-    bool OpenForWrite();
-    bool CheckRotation();
+    BOOL WriteRun(const uint8_t* data, const uint64_t* sizes, size_t count) TS_EXCLUDES(m_srwFile);
+    bool OpenForWrite() TS_REQUIRES(m_srwFile);
+    bool CheckRotation() TS_REQUIRES(m_srwFile);
     uint32_t Compact();
-    bool WriteAll(const void* data, uint64_t size);
+    bool WriteAll(const void* data, uint64_t size) TS_REQUIRES(m_srwFile);
 
-    uint32_t m_bHeaderPending = 1;
+    uint32_t m_bHeaderPending TS_GUARDED_BY(m_srwFile) = 1;
     std::shared_ptr<const cvlog::CLogFolder> m_pFolder;
     std::wstring m_strFileStem; // in the folder
     std::wstring m_strLiveName; // in the folder
     std::wstring m_strFileName; // full path
     std::atomic<uint32_t> m_dwMaxSize;
-    uint32_t m_dwRotation = 0;
-    daxlib::unique_hfile m_hFile;
+    uint32_t m_dwRotation TS_GUARDED_BY(m_srwFile) = 0;
+    daxlib::unique_hfile m_hFile TS_GUARDED_BY(m_srwFile);
     std::atomic<uint32_t> m_lRecreate{0};
     BOOL m_bBuffered;
     std::atomic<DWORD> m_dwLastWrite{0};
-    uint32_t m_dwWriteCounter = 0;
+    uint32_t m_dwWriteCounter TS_GUARDED_BY(m_srwFile) = 0;
     std::atomic<uint32_t> m_dwRotationCount;
     std::atomic<BOOL> m_bDropAdministrators;
     daxlib::unique_handle m_hRestrictedToken; // made once when writing without the queue

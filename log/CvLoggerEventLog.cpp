@@ -23,7 +23,7 @@ void CCvLogger::BuildBanner()
     BuildHeader(L"SERVICE", header);
     const std::wstring build = daxlib::Format(L"Build %S. ", BuildDateText());
     std::wstring banner = daxlib::Format(L"\r\n%s%s%s\r\n", header, build.c_str(), version);
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     m_strBanner = std::move(banner);
 }
 

@@ -43,7 +43,7 @@ std::unique_ptr<CCvLoggerBuffer> CCvLogger::MakeFile(const std::wstring& stem)
 
 BOOL CCvLogger::OpenMainFile(const wchar_t* szBaseName, const wchar_t* szPrefix)
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     m_strBaseName = szBaseName ? szBaseName : L"";
     m_strPrefix = szPrefix ? szPrefix : L"";
     // Checked once, before the first write; a folder that fails leaves every file without one,
@@ -65,7 +65,7 @@ BOOL CCvLogger::OpenMainFile(const wchar_t* szBaseName, const wchar_t* szPrefix)
 
 std::vector<std::wstring> CCvLogger::GetFolderFindings() const
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     return m_folderFindings;
 }
 
@@ -108,7 +108,7 @@ int CCvLogger::AddLogFile(const wchar_t* name, BOOL replaceMain)
     daxlib::GuardedCall(nullptr, L"CCvLogger::AddLogFile",
                         [&]
                         {
-                            std::lock_guard lock(m_cs);
+                            daxlib::lock_guard lock(m_cs);
                             auto file = MakeFile(PerProcessStem(name));
                             if (replaceMain)
                             {
@@ -152,7 +152,7 @@ int CCvLogger::AddProcessLogFile()
 BOOL CCvLogger::RemoveLogFile(uint32_t fileIndex)
 {
     std::unique_ptr<CCvLoggerBuffer> doomed;
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
     {
@@ -168,7 +168,7 @@ BOOL CCvLogger::RemoveLogFile(uint32_t fileIndex)
 
 BOOL CCvLogger::RequestRecreate(uint32_t fileIndex)
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
     {
@@ -184,7 +184,7 @@ BOOL CCvLogger::GetLogFilePath(uint32_t fileIndex, wchar_t* buffer)
     if (!buffer)
         return FALSE;
     buffer[0] = L'\0';
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
         return FALSE;
@@ -194,7 +194,7 @@ BOOL CCvLogger::GetLogFilePath(uint32_t fileIndex, wchar_t* buffer)
 
 void CCvLogger::SetLogFileSecurity(BOOL /*restrict*/, BOOL strict)
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     m_bStrict = strict;
     m_files.clear();
     m_nFileCount = 0;
@@ -221,7 +221,7 @@ void CCvLogger::Cleanup()
     std::shared_ptr<const cvlog::CLogFolder> folder;
     std::wstring base;
     {
-        std::lock_guard lock(m_cs);
+        daxlib::lock_guard lock(m_cs);
         if (m_bStrict)
             restricted.emplace();
         folder = m_pFolder;

@@ -54,7 +54,7 @@ BOOL CCvLogger::OpenRegistry(HKEY hRoot, const wchar_t* szSubKey, BOOL startWatc
         return FALSE;
     }
     {
-        std::lock_guard lock(m_cs);
+        daxlib::lock_guard lock(m_cs);
         m_hRootKey = hRoot;
         m_strSubKey = szSubKey;
         m_bKeyWritable = writable;
@@ -67,7 +67,7 @@ BOOL CCvLogger::OpenRegistry(HKEY hRoot, const wchar_t* szSubKey, BOOL startWatc
 
 void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
 {
-    std::unique_lock keyLock(m_cs);
+    daxlib::unique_lock keyLock(m_cs);
     const cvlog::CLogSettingsKeys keys(hKey, m_hRootKey, m_strSubKey);
     keyLock.unlock();
     DWORD type = 0;
@@ -112,7 +112,7 @@ void CCvLogger::LoadSettings(HKEY hKey, BOOL writeBack)
 
 std::pair<HKEY, std::wstring> CCvLogger::RegistryKey() const
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     return {m_hRootKey, m_strSubKey};
 }
 
@@ -185,7 +185,7 @@ void CCvLogger::WatchLoop(HANDLE stop)
 
 void CCvLogger::CloseIdleFiles()
 {
-    std::lock_guard lock(m_cs);
+    daxlib::lock_guard lock(m_cs);
     const DWORD now = ::GetTickCount();
     for (auto& [index, file] : m_files)
         file->CloseIfIdle(now, kIdleCloseMs);

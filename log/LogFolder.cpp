@@ -447,8 +447,8 @@ std::vector<CLogFolder::Entry> CLogFolder::Walk(const std::wstring& pattern, boo
 {
     std::vector<Entry> entries;
     const std::u16string wanted = ToU16(pattern.c_str());
-    std::lock_guard lock(m_csList);
-    std::vector<BYTE> buffer(64 * 1024);
+    daxlib::lock_guard lock(m_csList);
+    std::vector<BYTE> buffer(size_t{64} * 1024);
     FILE_INFO_BY_HANDLE_CLASS kind = FileIdBothDirectoryRestartInfo;
     while (::GetFileInformationByHandleEx(m_hFolder.get(), kind, buffer.data(),
                                           static_cast<DWORD>(buffer.size())))

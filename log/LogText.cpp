@@ -220,11 +220,18 @@ std::vector<std::u16string> SelectOverLimit(std::vector<FileStamp> files, uint32
     if (limit == 0)
         return doomed;
     std::erase_if(files, [&](const FileStamp& f) { return f.name.find(baseName) == std::u16string::npos; });
-    std::stable_sort(files.begin(), files.end(),
-                     [](const FileStamp& a, const FileStamp& b) { return a.lastWrite < b.lastWrite; });
+    // Oldest first; files written at the same moment keep the order they were listed in.
+    std::vector<size_t> order(files.size());
+    for (size_t i = 0; i < order.size(); ++i)
+        order[i] = i;
+    std::sort(order.begin(), order.end(),
+              [&](size_t a, size_t b) {
+                  return files[a].lastWrite != files[b].lastWrite ? files[a].lastWrite < files[b].lastWrite
+                                                                  : a < b;
+              });
     size_t first = 0;
-    while (files.size() - first >= limit)
-        doomed.push_back(files[first++].name);
+    while (order.size() - first >= limit)
+        doomed.push_back(files[order[first++]].name);
     return doomed;
 }
 

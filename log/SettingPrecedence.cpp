@@ -14,7 +14,8 @@ bool StartsWithNoCase(std::u16string_view text, std::u16string_view prefix)
         return false;
     for (size_t i = 0; i < prefix.size(); ++i)
     {
-        const auto lower = [](char16_t c) { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c; };
+        const auto lower = [](char16_t c)
+        { return c >= u'A' && c <= u'Z' ? static_cast<char16_t>(c + 32) : c; };
         if (lower(text[i]) != lower(prefix[i]))
             return false;
     }

@@ -25,7 +25,8 @@ std::u16string PolicyKeyFor(std::u16string_view productSubKey);
 // A policy value that is present but unusable still wins: the policy is set, so the product key
 // must not silently take over. Returns the status that counts and where it came from.
 template <typename Status, typename PolicyReader, typename ProductReader>
-std::pair<Status, SettingSource> ReadWithPrecedence(PolicyReader&& policy, ProductReader&& product, Status notFound)
+std::pair<Status, SettingSource> ReadWithPrecedence(PolicyReader&& policy, ProductReader&& product,
+                                                    Status notFound)
 {
     const Status fromPolicy = policy();
     if (fromPolicy != notFound)

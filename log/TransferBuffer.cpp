@@ -37,7 +37,7 @@ BOOL CTransferBuffer::Write(const void* data, uint64_t size, BOOL /*last*/)
         return FALSE;
     bool wake = false;
     {
-        std::lock_guard lock(m_srwQueue);
+        daxlib::lock_guard lock(m_srwQueue);
         if (!daxlib::GuardedCall(nullptr, L"CTransferBuffer::Write", [&] { m_pList->Append(size, data); }))
             return FALSE;
         wake = !m_bDataSignalled;
@@ -58,7 +58,7 @@ void CTransferBuffer::Close(BOOL immediate)
     {
         m_bRefuseNow.store(true, std::memory_order_release);
         {
-            std::lock_guard lock(m_srwQueue);
+            daxlib::lock_guard lock(m_srwQueue);
             m_pList->Clear();
             m_bDataSignalled = false;
             ::ResetEvent(m_hevData.get());
@@ -108,7 +108,7 @@ void CTransferBuffer::WriterLoop(HANDLE stop)
                 return;
             size_t count = 0;
             {
-                std::lock_guard lock(m_srwQueue);
+                daxlib::lock_guard lock(m_srwQueue);
                 count = m_pList->TakeRun(m_run, m_runSizes, kRunCap);
                 emptied = m_pList->IsEmpty();
                 if (count == 0)

@@ -17,7 +17,7 @@ class CTransferBuffer
 public:
     static constexpr uint64_t kBlockSize = 32767;
     // Bytes and pieces the writer takes at most at once; a larger piece goes alone.
-    static constexpr uint64_t kRunCap = 256 * 1024;
+    static constexpr uint64_t kRunCap = uint64_t{256} * 1024;
     static constexpr size_t kRunPieces = 8192;
     // How long the writer lets records gather after a run that emptied the queue.
     static constexpr DWORD kGatherMs = 1;
@@ -48,7 +48,8 @@ private:
     std::unique_ptr<CBuffersList> m_pList;
     // Guards the list and m_bDataSignalled; taken before the list's own lock.
     daxlib::srw_lock m_srwQueue;
-    bool m_bDataSignalled = false; // data-available is set; set once per burst, not per piece
+    bool m_bDataSignalled TS_GUARDED_BY(m_srwQueue) =
+        false; // data-available is set; set once per burst, not per piece
     daxlib::unique_handle m_hevData;
     // The refusals and the stop request are also kept as flags: a write must not pay for a
     // kernel wait just to learn that nothing has changed.

@@ -12,9 +12,10 @@
 
 // ---- CNamedPipeClientStream ----
 
-CNamedPipeClientStream::CNamedPipeClientStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe,
-                                               void* context, std::weak_ptr<CNamedPipeClient> client)
-    : CNamedPipeStream(std::move(logger), std::move(pipe), context), m_pClient(std::move(client))
+CNamedPipeClientStream::CNamedPipeClientStream(const std::shared_ptr<ICvLogger>& logger,
+                                               SharedPipeHandle pipe, void* context,
+                                               std::weak_ptr<CNamedPipeClient> client)
+    : CNamedPipeStream(logger, std::move(pipe), context), m_pClient(std::move(client))
 {
 }
 
@@ -23,7 +24,7 @@ CNamedPipeClientStream::~CNamedPipeClientStream()
     WaitForIoCallbacks();
 }
 
-BOOL CNamedPipeClientStream::Start(std::shared_ptr<PipeClientCallback> onConnected)
+BOOL CNamedPipeClientStream::Start(const std::shared_ptr<PipeClientCallback>& onConnected)
 {
     SetPipeConnectionState(ePipeConnectionState_Connected);
     if (!CheckReadable())
@@ -94,7 +95,7 @@ CNamedPipeClient::~CNamedPipeClient()
 void CNamedPipeClient::SetCallbacks(std::shared_ptr<PipeClientCallback> onConnected,
                                     std::shared_ptr<PipeClientCallback> onDisconnected)
 {
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     m_pOnConnected = std::move(onConnected);
     m_pOnDisconnected = std::move(onDisconnected);
 }
@@ -102,7 +103,7 @@ void CNamedPipeClient::SetCallbacks(std::shared_ptr<PipeClientCallback> onConnec
 BOOL CNamedPipeClient::CreateConnectTimer()
 {
     auto pool = GetThreadPool();
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     if (!m_ptpTimer)
     {
         m_ptpTimer.reset(::CreateThreadpoolTimer(&CNamedPipeClient::TimerConnectCallback, this,
@@ -142,7 +143,7 @@ void CALLBACK CNamedPipeClient::TimerConnectCallback(PTP_CALLBACK_INSTANCE, PVOI
             {
                 self->Log(LogLevel::Debug, L"CNamedPipeClient::TimerConnectCallback: (178)",
                           L"Shedule next connection...");
-                std::lock_guard lock(self->m_srwLock);
+                daxlib::lock_guard lock(self->m_srwLock);
                 if (self->m_ptpTimer && !self->m_bStop.load())
                     self->ArmTimer();
             }
@@ -217,7 +218,7 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
             L"Opened the client end of a named pipe <attempts: %d>. Call InitConnection(hPipe = 0x%p)...",
             static_cast<int>(m_dwAttempts.load()), daxlib::Addr(pipe));
         {
-            std::lock_guard lock(m_srwLock);
+            daxlib::lock_guard lock(m_srwLock);
             m_pOpening = owned;
         }
         owned.reset();
@@ -231,7 +232,7 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         if (submitted)
             connected = result.get();
         {
-            std::lock_guard lock(m_srwLock);
+            daxlib::lock_guard lock(m_srwLock);
             m_pOpening.reset(); // closes the handle unless the stream took it
         }
         if (!connected)
@@ -248,7 +249,7 @@ BOOL CNamedPipeClient::Connect(DWORD timeoutMs)
         LogStdException(LogLevel::Error, L"CNamedPipeClient::Connect: (276)", e);
     }
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         m_pOpening.reset();
     }
     ::SetLastError(ERROR_PIPE_NOT_CONNECTED);
@@ -263,7 +264,7 @@ int CNamedPipeClient::InitConnection(void* pipe)
                                     SharedPipeHandle handle;
                                     std::shared_ptr<PipeClientCallback> onConnected;
                                     {
-                                        std::lock_guard lock(m_srwLock);
+                                        daxlib::lock_guard lock(m_srwLock);
                                         if (!m_pOpening || m_pOpening->get() != pipe)
                                             return 0;
                                         handle = std::move(m_pOpening);
@@ -272,12 +273,12 @@ int CNamedPipeClient::InitConnection(void* pipe)
                                     auto stream = std::make_shared<CNamedPipeClientStream>(
                                         m_pLogger, handle, nullptr, weak_from_this());
                                     {
-                                        std::lock_guard lock(m_srwLock);
+                                        daxlib::lock_guard lock(m_srwLock);
                                         m_pStream = stream;
                                     }
                                     if (!stream->Start(onConnected))
                                     {
-                                        std::lock_guard lock(m_srwLock);
+                                        daxlib::lock_guard lock(m_srwLock);
                                         m_pStream.reset();
                                         return 0;
                                     }
@@ -292,7 +293,7 @@ void CNamedPipeClient::OnClientDisconnected(void* pipe)
     std::shared_ptr<CNamedPipeClientStream> stream;
     std::shared_ptr<PipeClientCallback> onDisconnected;
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         if (m_pStream && m_pStream->GetHandle() == pipe)
             stream = std::move(m_pStream);
         onDisconnected = m_pOnDisconnected;
@@ -307,14 +308,14 @@ void CNamedPipeClient::Close()
     m_bStop = 1;
     daxlib::unique_tp_timer timer;
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         timer = std::move(m_ptpTimer);
     }
     // Closed outside the lock: closing waits for a running retry, which takes it.
     timer.reset();
     std::shared_ptr<CNamedPipeClientStream> stream;
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         stream = std::move(m_pStream);
     }
     stream.reset();
@@ -322,6 +323,6 @@ void CNamedPipeClient::Close()
 
 std::shared_ptr<CNamedPipeClientStream> CNamedPipeClient::GetStream() const
 {
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     return m_pStream;
 }

@@ -20,12 +20,12 @@ using PipeClientCallback = CCallbackHolder<void(void*)>;
 class CNamedPipeClientStream : public CNamedPipeStream
 {
 public:
-    CNamedPipeClientStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context,
+    CNamedPipeClientStream(const std::shared_ptr<ICvLogger>& logger, SharedPipeHandle pipe, void* context,
                            std::weak_ptr<CNamedPipeClient> client);
     ~CNamedPipeClientStream() override;
 
     // Marks the stream connected, starts its read loop and reports the connection.
-    BOOL Start(std::shared_ptr<PipeClientCallback> onConnected);
+    BOOL Start(const std::shared_ptr<PipeClientCallback>& onConnected);
     // Waits until the server has read what was written (FlushFileBuffers), then marks the
     // stream disconnected; a stream paused for its owner reports the end of its reads.
     void Disconnect() { Disconnect(true); }
@@ -77,8 +77,8 @@ private:
     std::shared_ptr<CDaxSecattr> m_pSecurityAttributes;
     std::wstring m_strPipeName;
     mutable daxlib::srw_lock m_srwLock;
-    std::shared_ptr<CNamedPipeClientStream> m_pStream;
-    SharedPipeHandle m_pOpening; // the handle between CreateFileW and InitConnection
+    std::shared_ptr<CNamedPipeClientStream> m_pStream TS_GUARDED_BY(m_srwLock);
+    SharedPipeHandle m_pOpening TS_GUARDED_BY(m_srwLock); // the handle between CreateFileW and InitConnection
     daxlib::unique_tp_timer m_ptpTimer;
     std::shared_ptr<PipeClientCallback> m_pOnConnected;
     std::shared_ptr<PipeClientCallback> m_pOnDisconnected;

@@ -33,7 +33,7 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
               RequestStateName(request->state.load()), static_cast<int>(ioStatus));
         return FALSE;
     }
-    std::unique_lock recordLock(m_srwRecord);
+    daxlib::unique_lock recordLock(m_srwRecord);
     PIPE_OVERLAPPED* record = request->ov;
     if (!record)
         return FinishDetached(request, ioStatus);
@@ -51,7 +51,12 @@ BOOL CNamedPipeStream::CompleteIoRequest(const std::shared_ptr<PIPE_IO_REQUEST>&
     if (request->hEvent)
         return WakeBlockedWriter(request, record, ioStatus);
     if (request->callback)
-        return HandToCallback(request, record, recordLock);
+    {
+        if (!ClaimCallback(request))
+            return FALSE;
+        recordLock.unlock();
+        return HandToCallback(request, record);
+    }
     return FinishUnobserved(request);
 }
 
@@ -61,7 +66,7 @@ bool CNamedPipeStream::ClaimCompletion(const Request& request)
 {
     if (request->kind != PIPE_IO_REQUEST::eKindWrite)
         return true;
-    std::lock_guard lock(m_srwWriteList);
+    daxlib::lock_guard lock(m_srwWriteList);
     const auto it = std::find(m_writeRequests.begin(), m_writeRequests.end(), request);
     if (it == m_writeRequests.end())
         return false;
@@ -115,34 +120,39 @@ BOOL CNamedPipeStream::WakeBlockedWriter(const Request& request, PIPE_OVERLAPPED
     return TRUE;
 }
 
-// The owner's callback runs on a pool task, outside every lock of the stream: after the stream's
-// task that runs on this thread, if there is one, or as a task of its own.
-BOOL CNamedPipeStream::HandToCallback(const Request& request, PIPE_OVERLAPPED* record,
-                                      std::unique_lock<daxlib::srw_lock>& recordLock)
+// With the record lock held: whether the owner's callback is still to be handed over. A write
+// whose stream has been disconnected ends here instead (last error ERROR_PIPE_NOT_CONNECTED).
+bool CNamedPipeStream::ClaimCallback(const Request& request)
 {
-    const bool read = request->kind == PIPE_IO_REQUEST::eKindRead;
-    if (!read && GetPipeConnectionState() == ePipeConnectionState_Disconnected)
+    if (request->kind != PIPE_IO_REQUEST::eKindRead &&
+        GetPipeConnectionState() == ePipeConnectionState_Disconnected)
     {
         request->completed = true;
         ::SetLastError(ERROR_PIPE_NOT_CONNECTED);
-        return FALSE;
+        return false;
     }
-    if (request->completed.exchange(true))
-        return FALSE;
-    recordLock.unlock();
+    return !request->completed.exchange(true);
+}
+
+// The owner's callback runs on a pool task, outside every lock of the stream: after the stream's
+// task that runs on this thread, if there is one, or as a task of its own.
+BOOL CNamedPipeStream::HandToCallback(const Request& request, PIPE_OVERLAPPED* record)
+{
+    const bool read = request->kind == PIPE_IO_REQUEST::eKindRead;
     LogIo(LogLevel::Trace, L"CNamedPipeStream::CompleteIoRequest: (690)", request,
           read ? L"add read callback: Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>"
                : L"add write callback: Pipe_IO: 0x%p, ov: 0x%p<ID=%I64d>",
           daxlib::Addr(record), request->id);
+    CallbackMap& due = read ? m_readCallbacks : m_writeCallbacks;
     {
-        std::lock_guard lock(read ? m_srwReadMap : m_srwWriteMap);
-        (read ? m_readCallbacks : m_writeCallbacks)[request->id] = request;
+        daxlib::lock_guard lock(due.lock);
+        due.requests[request->id] = request;
     }
     const BOOL submitted = DeferToRunningTask(request->id, read) ? TRUE : SubmitCallback(request->id, read);
     if (!submitted)
     {
-        std::lock_guard lock(read ? m_srwReadMap : m_srwWriteMap);
-        (read ? m_readCallbacks : m_writeCallbacks).erase(request->id);
+        daxlib::lock_guard lock(due.lock);
+        due.requests.erase(request->id);
     }
     return submitted;
 }
@@ -167,15 +177,14 @@ int CNamedPipeStream::ProcessWriteCallback(int64_t requestId)
 
 int CNamedPipeStream::ProcessCallback(int64_t requestId, bool read)
 {
-    daxlib::srw_lock& mutex = read ? m_srwReadMap : m_srwWriteMap;
-    auto& map = read ? m_readCallbacks : m_writeCallbacks;
+    CallbackMap& due = read ? m_readCallbacks : m_writeCallbacks;
     const wchar_t* origin = read ? L"CNamedPipeStream::ProcessReadCallback: (1032)"
                                  : L"CNamedPipeStream::ProcessWriteCallback: (1070)";
     std::shared_ptr<PIPE_IO_REQUEST> request;
     {
-        std::lock_guard lock(mutex);
-        auto it = map.find(requestId);
-        if (it == map.end())
+        daxlib::lock_guard lock(due.lock);
+        auto it = due.requests.find(requestId);
+        if (it == due.requests.end())
         {
             Log(LogLevel::Error, origin, L"RequestID: %I64d not found.", requestId);
             return 0;
@@ -193,7 +202,7 @@ int CNamedPipeStream::ProcessCallback(int64_t requestId, bool read)
         PIPE_OVERLAPPED* record = nullptr;
         uint32_t status = 0;
         {
-            std::lock_guard lock(m_srwRecord);
+            daxlib::lock_guard lock(m_srwRecord);
             record = request->ov;
             if (record)
                 status = record->m_dwIoStatus;
@@ -205,7 +214,7 @@ int CNamedPipeStream::ProcessCallback(int64_t requestId, bool read)
                 [&] { request->callback->Invoke(request->buffer, request->transferred, status, record); });
         }
     }
-    std::lock_guard lock(mutex);
-    map.erase(requestId);
+    daxlib::lock_guard lock(due.lock);
+    due.requests.erase(requestId);
     return 1;
 }

@@ -28,7 +28,7 @@ CNamedPipeServer::~CNamedPipeServer()
     EndWaitForConnection();
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> connections;
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         connections.swap(m_connectionList);
     }
     for (auto& [pipe, stream] : connections)
@@ -52,7 +52,7 @@ BOOL CNamedPipeServer::BeginWaitForConnection(std::shared_ptr<PipeConnectionCall
     if (m_pSelf.expired())
         m_pSelf = weak_from_this();
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         m_pOnConnected = std::move(onConnected);
         m_pOnDisconnected = std::move(onDisconnected);
         m_pContext = context;
@@ -129,7 +129,7 @@ BOOL CNamedPipeServer::WaitForConnection()
             // a new pipe.
             bool first = false;
             {
-                std::lock_guard lock(m_srwLists);
+                daxlib::lock_guard lock(m_srwLists);
                 first = m_acceptList.empty() && m_connectionList.empty();
             }
             auto pipe = std::make_shared<daxlib::unique_hfile>(pipeinstance::Create(
@@ -162,12 +162,12 @@ BOOL CNamedPipeServer::WaitForConnection()
             const HANDLE handle = pipe->get();
             auto stream = std::make_shared<CNamedPipeServerStream>(m_pLogger, std::move(pipe), m_pContext);
             {
-                std::lock_guard lock(stream->m_srwOwner);
+                daxlib::lock_guard lock(stream->m_srwOwner);
                 stream->m_pServer = Self();
             }
             stream->m_pAcceptSemaphore = m_pAcceptSemaphore;
             {
-                std::lock_guard lock(m_srwLists);
+                daxlib::lock_guard lock(m_srwLists);
                 m_acceptList[handle] = stream;
             }
             if (stream->ConnectAsync())
@@ -175,7 +175,7 @@ BOOL CNamedPipeServer::WaitForConnection()
             Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (212)",
                 L"Failed to connect pipe <hPipe = 0x%p>", daxlib::Addr(handle));
             {
-                std::lock_guard lock(m_srwLists);
+                daxlib::lock_guard lock(m_srwLists);
                 m_acceptList.erase(handle);
             }
             CloseStream(stream);
@@ -192,7 +192,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
     std::shared_ptr<PipeConnectionCallback> onConnected;
     void* context = nullptr;
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
         if (it == m_acceptList.end())
         {
@@ -211,7 +211,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
         Log(LogLevel::Error, L"CNamedPipeServer::OnClientConnected: (256)",
             L"Failed to start asynchronous read operation <hPipe = 0x%p>. Close pipe instance...", pipe);
         {
-            std::lock_guard lock(m_srwLists);
+            daxlib::lock_guard lock(m_srwLists);
             m_connectionList.erase(static_cast<HANDLE>(pipe));
         }
         stream->Disconnect();
@@ -222,7 +222,7 @@ int CNamedPipeServer::OnClientConnected(void* pipe)
         onConnected->Invoke(pipe, 0, context);
     bool deferred = false;
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         stream->m_bConnectReported = true;
         deferred = stream->m_bDisconnectDeferred;
     }
@@ -239,7 +239,7 @@ void CNamedPipeServer::OnClientDisconnected(void* pipe)
     std::shared_ptr<PipeConnectionCallback> onDisconnected;
     void* context = nullptr;
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         auto it = m_connectionList.find(static_cast<HANDLE>(pipe));
         if (it == m_connectionList.end())
         {
@@ -267,7 +267,7 @@ void CNamedPipeServer::OnConnectFailed(void* pipe, const void* identity)
 {
     std::shared_ptr<CNamedPipeServerStream> stream;
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         auto it = m_acceptList.find(static_cast<HANDLE>(pipe));
         // The handle value may belong to a newer instance by now.
         if (it == m_acceptList.end() || it->second.get() != identity)
@@ -286,7 +286,7 @@ void CNamedPipeServer::CloseStream(const std::shared_ptr<CNamedPipeServerStream>
 
 std::shared_ptr<CNamedPipeServerStream> CNamedPipeServer::AttachStream(void* pipe, uint64_t channelId)
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     auto it = m_connectionList.find(static_cast<HANDLE>(pipe));
     if (it == m_connectionList.end())
     {
@@ -300,7 +300,7 @@ std::shared_ptr<CNamedPipeServerStream> CNamedPipeServer::AttachStream(void* pip
 void CNamedPipeServer::ResetCallback()
 {
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         m_pOnConnected.reset();
         m_pOnDisconnected.reset();
         m_pContext = nullptr;
@@ -316,7 +316,7 @@ void CNamedPipeServer::EndWaitForConnection()
         m_pAcceptThread->Stop();
     std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> waiting;
     {
-        std::lock_guard lock(m_srwLists);
+        daxlib::lock_guard lock(m_srwLists);
         waiting.swap(m_acceptList);
     }
     for (auto& [pipe, stream] : waiting)
@@ -326,12 +326,12 @@ void CNamedPipeServer::EndWaitForConnection()
 
 size_t CNamedPipeServer::AcceptCount() const
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     return m_acceptList.size();
 }
 
 size_t CNamedPipeServer::ConnectionCount() const
 {
-    std::lock_guard lock(m_srwLists);
+    daxlib::lock_guard lock(m_srwLists);
     return m_connectionList.size();
 }

@@ -34,7 +34,7 @@ using PipeConnectionCallback = CCallbackHolder<void(void*, unsigned long long, v
 class CNamedPipeServerStream : public CNamedPipeStream
 {
 public:
-    CNamedPipeServerStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context);
+    CNamedPipeServerStream(const std::shared_ptr<ICvLogger>& logger, SharedPipeHandle pipe, void* context);
     ~CNamedPipeServerStream() override;
 
     BOOL ConnectAsync();
@@ -64,7 +64,7 @@ private:
     std::atomic<uint32_t> m_dwClientProcessId{0};
     std::atomic<uint32_t> m_dwClientSessionId{daxlib::kUnknownSession};
     mutable daxlib::srw_lock m_srwOwner;
-    std::weak_ptr<void> m_pOwnerData;
+    std::weak_ptr<void> m_pOwnerData TS_GUARDED_BY(m_srwOwner);
     std::weak_ptr<CNamedPipeServer> m_pServer;
     std::weak_ptr<daxlib::unique_handle> m_pAcceptSemaphore;
     std::atomic<bool> m_bDisconnectNotified{false};
@@ -131,8 +131,8 @@ private:
     std::shared_ptr<daxlib::unique_handle> m_pAcceptSemaphore;
     std::unique_ptr<CJoinableThread<int>> m_pAcceptThread;
     mutable daxlib::srw_lock m_srwLists;
-    std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> m_acceptList;
-    std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> m_connectionList;
+    std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> m_acceptList TS_GUARDED_BY(m_srwLists);
+    std::map<HANDLE, std::shared_ptr<CNamedPipeServerStream>> m_connectionList TS_GUARDED_BY(m_srwLists);
     std::shared_ptr<PipeConnectionCallback> m_pOnConnected;
     std::shared_ptr<PipeConnectionCallback> m_pOnDisconnected;
     void* m_pContext = nullptr;

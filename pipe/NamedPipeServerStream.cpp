@@ -8,9 +8,9 @@
 #include <future>
 #include <utility>
 
-CNamedPipeServerStream::CNamedPipeServerStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe,
-                                               void* context)
-    : CNamedPipeStream(std::move(logger), std::move(pipe), context)
+CNamedPipeServerStream::CNamedPipeServerStream(const std::shared_ptr<ICvLogger>& logger,
+                                               SharedPipeHandle pipe, void* context)
+    : CNamedPipeStream(logger, std::move(pipe), context)
 {
 }
 
@@ -22,13 +22,13 @@ CNamedPipeServerStream::~CNamedPipeServerStream()
 
 void CNamedPipeServerStream::SetOwnerData(std::weak_ptr<void> data)
 {
-    std::lock_guard lock(m_srwOwner);
+    daxlib::lock_guard lock(m_srwOwner);
     m_pOwnerData = std::move(data);
 }
 
 std::shared_ptr<void> CNamedPipeServerStream::GetOwnerData() const
 {
-    std::lock_guard lock(m_srwOwner);
+    daxlib::lock_guard lock(m_srwOwner);
     return m_pOwnerData.lock();
 }
 
@@ -180,12 +180,12 @@ void CNamedPipeServerStream::Disconnect()
 void CNamedPipeServerStream::Close()
 {
     WaitForIoCallbacks();
-    std::lock_guard lock(m_srwOwner);
+    daxlib::lock_guard lock(m_srwOwner);
     m_pServer.reset();
 }
 
 std::weak_ptr<CNamedPipeServer> CNamedPipeServerStream::GetServerLink() const
 {
-    std::lock_guard lock(m_srwOwner);
+    daxlib::lock_guard lock(m_srwOwner);
     return m_pServer;
 }

@@ -144,7 +144,8 @@ bool CNamedPipeStream::DeferToRunningTask(int64_t requestId, bool read)
     return true;
 }
 
-CNamedPipeStream::CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context)
+CNamedPipeStream::CNamedPipeStream(const std::shared_ptr<ICvLogger>& logger, SharedPipeHandle pipe,
+                                   void* context)
     : CBaseLogger(logger), m_pPipe(std::move(pipe)), m_hPipe(m_pPipe ? m_pPipe->get() : INVALID_HANDLE_VALUE),
       m_pContext(context)
 {
@@ -181,7 +182,7 @@ CNamedPipeStream::~CNamedPipeStream()
 
 uint32_t CNamedPipeStream::SetPipeConnectionState(uint32_t newState)
 {
-    std::lock_guard lock(m_srwState);
+    daxlib::lock_guard lock(m_srwState);
     const uint32_t current = m_dwState;
     if (IsTransitionAllowed(current, newState))
     {
@@ -201,13 +202,13 @@ uint32_t CNamedPipeStream::SetPipeConnectionState(uint32_t newState)
 
 uint32_t CNamedPipeStream::GetPipeConnectionState() const
 {
-    std::lock_guard lock(m_srwState);
+    daxlib::lock_guard lock(m_srwState);
     return m_dwState;
 }
 
 void CNamedPipeStream::ForceConnectionState(uint32_t state)
 {
-    std::lock_guard lock(m_srwState);
+    daxlib::lock_guard lock(m_srwState);
     m_dwState = state;
 }
 
@@ -259,7 +260,7 @@ bool CNamedPipeStream::PostNextRead(bool requeue)
     CReadStarter* starter = pool ? pool->GetReadStarter() : nullptr;
     auto self = weak_from_this();
     // A stream that no shared_ptr owns could not be found again by the starter.
-    return starter && !self.expired() && starter->Post(std::move(self));
+    return starter && !self.expired() && starter->Post(self);
 }
 
 void CNamedPipeStream::ContinueReading()
@@ -281,14 +282,14 @@ bool CNamedPipeStream::KeepReading()
 
 bool CNamedPipeStream::IsReadPaused() const
 {
-    std::lock_guard lock(m_srwReadQueue);
+    daxlib::lock_guard lock(m_srwReadQueue);
     return m_bReadPaused;
 }
 
 void CNamedPipeStream::EndPausedReadLoop()
 {
     {
-        std::lock_guard lock(m_srwReadQueue);
+        daxlib::lock_guard lock(m_srwReadQueue);
         if (!std::exchange(m_bReadPaused, false))
             return;
     }
@@ -298,7 +299,7 @@ void CNamedPipeStream::EndPausedReadLoop()
 void CNamedPipeStream::EndReadLoop(unsigned long ioResult)
 {
     {
-        std::lock_guard lock(m_srwReadQueue);
+        daxlib::lock_guard lock(m_srwReadQueue);
         m_reads.Finish(ioResult != 0 ? static_cast<uint32_t>(ioResult) : ERROR_BROKEN_PIPE);
     }
     if (!EndRead(ioResult))
@@ -309,7 +310,7 @@ void CNamedPipeStream::EndReadLoop(unsigned long ioResult)
 BOOL CNamedPipeStream::StartRead(InlineRead& done)
 {
     {
-        std::lock_guard lock(m_srwState);
+        daxlib::lock_guard lock(m_srwState);
         if (m_dwState != ePipeConnectionState_Connected)
         {
             Log(LogLevel::Trace, L"CNamedPipeStream::BeginRead: (158)",
@@ -400,7 +401,7 @@ void CNamedPipeStream::OnReadCompleted(unsigned long ioResult, std::shared_ptr<P
         {
             uint32_t error = 0;
             {
-                std::lock_guard lock(m_srwReadQueue);
+                daxlib::lock_guard lock(m_srwReadQueue);
                 error = m_reads.Append(signal->buffer.get(), static_cast<size_t>(bytes));
                 more = KeepReading();
             }
@@ -503,7 +504,7 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
     }
     bool servable = false;
     {
-        std::lock_guard lock(m_srwReadQueue);
+        daxlib::lock_guard lock(m_srwReadQueue);
         servable = m_reads.CanServe(bytes);
     }
     if (GetPipeConnectionState() == ePipeConnectionState_ConnectionError || !servable)
@@ -525,12 +526,12 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
                                                  request->callback = std::move(callback);
                                                  request->state = ePipeRequestState_Pending;
                                                  {
-                                                     std::lock_guard lock(m_srwRecord);
+                                                     daxlib::lock_guard lock(m_srwRecord);
                                                      request->ov = record;
                                                      record->m_pRequest = request;
                                                  }
                                                  {
-                                                     std::lock_guard lock(m_srwReadQueue);
+                                                     daxlib::lock_guard lock(m_srwReadQueue);
                                                      m_reads.Push(request, bytes);
                                                  }
                                                  // Data already received is handed over at once; the owner's
@@ -546,7 +547,7 @@ BOOL CNamedPipeStream::Read(uint32_t bytes, std::shared_ptr<PipeIoCallback> call
     }
     bool resume = false;
     {
-        std::lock_guard lock(m_srwReadQueue);
+        daxlib::lock_guard lock(m_srwReadQueue);
         if (m_bReadPaused && m_reads.WantsMore(kReadAhead))
             resume = std::exchange(m_bReadPaused, false);
     }
@@ -560,7 +561,7 @@ void CNamedPipeStream::ProcessQueueReadRequest(unsigned long ioResult)
     daxlib::GuardedCall(this, L"CNamedPipeStream::ProcessQueueReadRequest: (948)",
                         [&]
                         {
-                            std::lock_guard lock(m_srwReadQueue);
+                            daxlib::lock_guard lock(m_srwReadQueue);
                             const auto dropped = [&](const Request& request)
                             {
                                 if (request->state.load() != ePipeRequestState_Canceled)
@@ -585,7 +586,7 @@ void CNamedPipeStream::ProcessQueueReadRequest(unsigned long ioResult)
                                 }
                                 request->buffer = std::move(bytes);
                                 {
-                                    std::lock_guard recordLock(m_srwRecord);
+                                    daxlib::lock_guard recordLock(m_srwRecord);
                                     if (request->ov)
                                         request->ov->m_pData = request->buffer;
                                 }
@@ -603,7 +604,7 @@ void CNamedPipeStream::WaitForIoCallbacks()
 {
     Log(LogLevel::Trace, L"CNamedPipeStream::WaitForIoCallbacks: (132)", L"begin...");
     {
-        std::lock_guard lock(m_srwState);
+        daxlib::lock_guard lock(m_srwState);
         if (m_dwState == ePipeConnectionState_Connected || m_dwState == ePipeConnectionState_Connecting)
             m_dwState = ePipeConnectionState_Disconnecting;
     }
@@ -611,7 +612,7 @@ void CNamedPipeStream::WaitForIoCallbacks()
     if (m_pIo)
         m_pIo->Stop();
     {
-        std::lock_guard lock(m_srwReadQueue);
+        daxlib::lock_guard lock(m_srwReadQueue);
         m_reads.Finish(ERROR_OPERATION_ABORTED);
     }
     // Readers still waiting learn that nothing more will come (skipped when the stream is being
@@ -622,6 +623,6 @@ void CNamedPipeStream::WaitForIoCallbacks()
 
 size_t CNamedPipeStream::PendingReadCount() const
 {
-    std::lock_guard lock(m_srwReadQueue);
+    daxlib::lock_guard lock(m_srwReadQueue);
     return m_reads.Count();
 }

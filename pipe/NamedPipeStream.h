@@ -104,7 +104,7 @@ public:
     static constexpr uint32_t kReadBufferSize = 2048;
     // Bytes received beyond what the owner's reads ask for before the stream stops reading: the
     // peer's further writes then wait in the pipe, on its side, until the owner reads again.
-    static constexpr size_t kReadAhead = 4 * 1024;
+    static constexpr size_t kReadAhead = size_t{4} * 1024;
     // Reads that end at once taken in one go on the read starter's thread before the stream goes
     // to the back of its queue: a peer that keeps the pipe full must not hold the one thread that
     // starts every stream's reads.
@@ -116,7 +116,7 @@ public:
     static void SetReadFunctionForTest(ReadFunction read);
 
     // Throws CDaxException when the I/O binding cannot be created.
-    CNamedPipeStream(std::shared_ptr<ICvLogger> logger, SharedPipeHandle pipe, void* context);
+    CNamedPipeStream(const std::shared_ptr<ICvLogger>& logger, SharedPipeHandle pipe, void* context);
     ~CNamedPipeStream() override;
     CNamedPipeStream(const CNamedPipeStream&) = delete;
     CNamedPipeStream& operator=(const CNamedPipeStream&) = delete;
@@ -171,7 +171,8 @@ public:
     // Whether the stream has stopped reading because its owner has not asked for what came.
     bool IsReadPaused() const;
     size_t OutstandingWriteCount() const;
-    size_t BufferedBytes() const { return m_reads.BufferedBytes(); }
+    // The queue's byte count is safe from any thread, lock or not (see CPendingReads).
+    size_t BufferedBytes() const TS_NO_ANALYSIS { return m_reads.BufferedBytes(); }
 
 protected:
     // BeginRead in two steps, for an end that must report something between the check and
@@ -214,7 +215,7 @@ private:
     // No read follows: readers learn the end, and the stream's end hears of it.
     void EndReadLoop(unsigned long ioResult);
     // With m_srwReadQueue held: false, and the stream paused, when enough has come for now.
-    bool KeepReading();
+    bool KeepReading() TS_REQUIRES(m_srwReadQueue);
     BOOL EndRead(unsigned long ioResult);
     int ProcessReadCallback(int64_t requestId);
     int ProcessWriteCallback(int64_t requestId);
@@ -241,8 +242,8 @@ private:
     BOOL FinishInInvalidState(const Request& request, uint32_t state, uint32_t ioStatus);
     BOOL FinishCanceled(const Request& request);
     BOOL WakeBlockedWriter(const Request& request, PIPE_OVERLAPPED* record, uint32_t ioStatus);
-    BOOL HandToCallback(const Request& request, PIPE_OVERLAPPED* record,
-                        std::unique_lock<daxlib::srw_lock>& recordLock);
+    bool ClaimCallback(const Request& request) TS_REQUIRES(m_srwRecord);
+    BOOL HandToCallback(const Request& request, PIPE_OVERLAPPED* record) TS_EXCLUDES(m_srwRecord);
     BOOL FinishUnobserved(const Request& request);
 
     // A record about a request: the format's first conversion is the request's address
@@ -262,19 +263,23 @@ private:
     // Lock order: m_srwReadQueue, then m_srwRecord, then m_srwState or one of the callback
     // maps' locks. m_srwWriteList is taken alone. Nothing else is held while the owner's
     // callbacks run or while a thread-pool I/O is waited for.
-    mutable daxlib::srw_lock m_srwState;
-    uint32_t m_dwState = ePipeConnectionState_WaitConnection;
+    mutable daxlib::srw_lock m_srwState TS_ACQUIRED_AFTER(m_srwRecord);
+    uint32_t m_dwState TS_GUARDED_BY(m_srwState) = ePipeConnectionState_WaitConnection;
 
     mutable daxlib::srw_lock m_srwWriteList;
-    std::list<Request> m_writeRequests;
-    daxlib::srw_lock m_srwWriteMap;
-    std::map<int64_t, Request> m_writeCallbacks;
-    daxlib::srw_lock m_srwReadMap;
-    std::map<int64_t, Request> m_readCallbacks;
+    std::list<Request> m_writeRequests TS_GUARDED_BY(m_srwWriteList);
+    // Requests whose owner's callback is due, by id, for the task that runs it.
+    struct CallbackMap
+    {
+        daxlib::srw_lock lock;
+        std::map<int64_t, Request> requests TS_GUARDED_BY(lock);
+    };
+    CallbackMap m_writeCallbacks;
+    CallbackMap m_readCallbacks;
 
-    mutable daxlib::srw_lock m_srwReadQueue;
-    CPendingReads<Request> m_reads;
-    bool m_bReadPaused = false; // guarded by m_srwReadQueue; no read is outstanding while set
+    mutable daxlib::srw_lock m_srwReadQueue TS_ACQUIRED_BEFORE(m_srwRecord);
+    CPendingReads<Request> m_reads TS_GUARDED_BY(m_srwReadQueue);
+    bool m_bReadPaused TS_GUARDED_BY(m_srwReadQueue) = false; // no read is outstanding while set
 
     // Guards the records (PIPE_OVERLAPPED) against a cancel that detaches them.
     daxlib::srw_lock m_srwRecord;

@@ -18,7 +18,7 @@ std::shared_ptr<PIPE_IO_REQUEST> CNamedPipeStream::CreateWriteRequest(const void
     request->buffer.reset(new unsigned char[length ? length : 1]);
     if (length)
         std::memcpy(request->buffer.get(), data, length);
-    std::lock_guard lock(m_srwRecord);
+    daxlib::lock_guard lock(m_srwRecord);
     request->ov = record;
     if (record)
     {
@@ -35,7 +35,7 @@ std::shared_ptr<PIPE_IO_REQUEST> CNamedPipeStream::CreateWriteRequest(const void
 
 void CNamedPipeStream::SetWriteCallback(std::shared_ptr<PipeIoCallback> callback)
 {
-    std::lock_guard lock(m_srwRecord);
+    daxlib::lock_guard lock(m_srwRecord);
     m_pWriteCallback = std::move(callback);
 }
 
@@ -52,7 +52,7 @@ BOOL CNamedPipeStream::AddWriteRequest(const std::shared_ptr<PIPE_IO_REQUEST>& r
             }
             request->transferred = 0;
             {
-                std::lock_guard lock(m_srwWriteList);
+                daxlib::lock_guard lock(m_srwWriteList);
                 // A request cancelled before it was queued stays cancelled: it is listed only so that
                 // the failure below can finish it and wake its writer.
                 uint32_t state = request->state.load();
@@ -111,7 +111,7 @@ BOOL CNamedPipeStream::BeginWrite(const std::shared_ptr<PIPE_IO_REQUEST>& reques
             {
                 // Checked and published under the record lock, which CancelRequest takes too: a
                 // cancel either sees the kernel-level request or stops the write from starting.
-                std::lock_guard lock(m_srwRecord);
+                daxlib::lock_guard lock(m_srwRecord);
                 const uint32_t requestState = request->state.load();
                 if (requestState != ePipeRequestState_Created && requestState != ePipeRequestState_Pending)
                 {
@@ -233,7 +233,7 @@ void CNamedPipeStream::CancelWriteRequest()
 {
     std::list<std::shared_ptr<PIPE_IO_REQUEST>> writes;
     {
-        std::lock_guard lock(m_srwWriteList);
+        daxlib::lock_guard lock(m_srwWriteList);
         writes = m_writeRequests;
     }
     for (const auto& request : writes)
@@ -275,7 +275,7 @@ BOOL CNamedPipeStream::CancelRequest(PIPE_OVERLAPPED* record)
     std::shared_ptr<PIPE_IO_REQUEST> request;
     std::shared_ptr<PipeRequestIo> io;
     {
-        std::lock_guard lock(m_srwRecord);
+        daxlib::lock_guard lock(m_srwRecord);
         request = record->m_pRequest;
         if (!request && record->m_hEvent)
             record->m_bCanceled = true; // a blocked write not handed over yet never starts
@@ -294,7 +294,7 @@ BOOL CNamedPipeStream::CancelRequest(PIPE_OVERLAPPED* record)
     }
     if (request->kind == PIPE_IO_REQUEST::eKindRead)
     {
-        std::lock_guard lock(m_srwReadQueue);
+        daxlib::lock_guard lock(m_srwReadQueue);
         m_reads.Remove(request);
         return TRUE;
     }
@@ -307,7 +307,7 @@ void CNamedPipeStream::DetachRecord(PIPE_OVERLAPPED* record)
 {
     if (!record)
         return;
-    std::lock_guard lock(m_srwRecord);
+    daxlib::lock_guard lock(m_srwRecord);
     if (record->m_pRequest && record->m_pRequest->ov == record)
         record->m_pRequest->ov = nullptr;
     record->m_pRequest.reset();
@@ -315,6 +315,6 @@ void CNamedPipeStream::DetachRecord(PIPE_OVERLAPPED* record)
 
 size_t CNamedPipeStream::OutstandingWriteCount() const
 {
-    std::lock_guard lock(m_srwWriteList);
+    daxlib::lock_guard lock(m_srwWriteList);
     return m_writeRequests.size();
 }

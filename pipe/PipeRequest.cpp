@@ -24,7 +24,7 @@ CPipeRequest::~CPipeRequest()
     // be detached from its operation and freed.
     std::list<PIPE_OVERLAPPED*> left;
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         left.swap(m_records);
     }
     for (PIPE_OVERLAPPED* record : left)
@@ -52,7 +52,7 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
     // The record borrows the event; a normal end gives it back to the spares.
     daxlib::unique_handle event;
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         if (!m_spareEvents.empty())
         {
             event = std::move(m_spareEvents.back());
@@ -67,7 +67,7 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
     owned->m_bChecksInline = true;
     PIPE_OVERLAPPED* record = owned.get();
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         Log(LogLevel::Trace, At(m_bServer ? L"Write: (98)" : L"Write: (105)").c_str(),
             L"new \"blocked write\" ov = 0x%p", daxlib::Addr(record));
         m_records.push_back(owned.release());
@@ -115,7 +115,7 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
             // The wait consumed the only signal this write gives, so the event can serve the next.
             if (wait == WAIT_OBJECT_0)
             {
-                std::lock_guard lock(m_srwLock);
+                daxlib::lock_guard lock(m_srwLock);
                 if (m_spareEvents.size() < kSpareEvents)
                     m_spareEvents.push_back(std::move(event));
             }
@@ -142,7 +142,7 @@ BOOL CPipeRequest::WriteAsync(const void* data, uint32_t length, PIPE_OVERLAPPED
         return FALSE;
     }
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         Log(LogLevel::Trace, At(m_bServer ? L"WriteAsync: (167)" : L"WriteAsync: (174)").c_str(),
             L"new \"write\" ov = 0x%p", daxlib::Addr(record));
         m_records.push_back(record);
@@ -174,7 +174,7 @@ BOOL CPipeRequest::ReadAsync(uint32_t bytes, std::shared_ptr<PipeIoCallback> cal
         return FALSE;
     }
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         if (m_bServer)
             Log(LogLevel::Trace, At(L"ReadAsync: (140)").c_str(),
                 L"new \"read\" ov = 0x%p, NumberOfBytesToRead = %d byte(s)", daxlib::Addr(record),
@@ -203,7 +203,7 @@ void CPipeRequest::CancelAll()
 {
     if (!m_pStream)
         return;
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     for (auto it = m_records.begin(); it != m_records.end();)
     {
         PIPE_OVERLAPPED* record = *it;
@@ -247,7 +247,7 @@ void CPipeRequest::EndAsync(PIPE_OVERLAPPED* record)
     if (!record)
         return;
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         for (auto it = m_records.begin(); it != m_records.end(); ++it)
             if (*it == record)
             {
@@ -270,7 +270,7 @@ void CPipeRequest::EndAsync(PIPE_OVERLAPPED* record)
 
 size_t CPipeRequest::OutstandingCount() const
 {
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     return m_records.size();
 }
 

@@ -40,10 +40,10 @@ protected:
 
     const wchar_t* m_szClass;
     mutable daxlib::srw_lock m_srwLock;
-    std::list<PIPE_OVERLAPPED*> m_records;
+    std::list<PIPE_OVERLAPPED*> m_records TS_GUARDED_BY(m_srwLock);
     // Events of blocking writes that ended normally, kept for the next ones: creating and
     // closing an event per message costs more than the write itself.
-    std::vector<daxlib::unique_handle> m_spareEvents;
+    std::vector<daxlib::unique_handle> m_spareEvents TS_GUARDED_BY(m_srwLock);
     std::shared_ptr<CNamedPipeStream> m_pStream;
     bool m_bServer = true;
 };

@@ -7,9 +7,8 @@ namespace
 thread_local bool t_bStarting = false;
 } // namespace
 
-CReadStarter::CReadStarter(std::shared_ptr<ICvLogger> logger)
-    : m_thread(MakeMemberCallback<int(std::weak_ptr<CNamedPipeStream>&)>(this, &CReadStarter::Run),
-               std::move(logger))
+CReadStarter::CReadStarter(const std::shared_ptr<ICvLogger>& logger)
+    : m_thread(MakeMemberCallback<int(std::weak_ptr<CNamedPipeStream>&)>(this, &CReadStarter::Run), logger)
 {
     if (!m_thread.Start())
         daxlib::ThrowDaxException(L"ReadStarter", 61);
@@ -20,7 +19,7 @@ CReadStarter::~CReadStarter()
     Stop();
 }
 
-bool CReadStarter::Post(std::weak_ptr<CNamedPipeStream> stream)
+bool CReadStarter::Post(const std::weak_ptr<CNamedPipeStream>& stream)
 {
     return m_thread.Push(stream) != 0;
 }

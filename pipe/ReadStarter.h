@@ -20,14 +20,14 @@ class CReadStarter
 {
 public:
     // Throws CDaxException when the thread cannot be made.
-    explicit CReadStarter(std::shared_ptr<ICvLogger> logger);
+    explicit CReadStarter(const std::shared_ptr<ICvLogger>& logger);
     ~CReadStarter();
     CReadStarter(const CReadStarter&) = delete;
     CReadStarter& operator=(const CReadStarter&) = delete;
 
     // Queues the start of the stream's next read. False when the thread has stopped: the
     // caller then starts the read itself.
-    bool Post(std::weak_ptr<CNamedPipeStream> stream);
+    bool Post(const std::weak_ptr<CNamedPipeStream>& stream);
     // Starts what is queued, then ends the thread.
     void Stop();
     // True on a starter's thread while it starts a read.

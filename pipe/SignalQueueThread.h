@@ -38,7 +38,7 @@ template <typename T> class CSignalQueueThread : public CJoinableThread<int>
 {
 public:
     CSignalQueueThread(const std::shared_ptr<CCallbackHolder<int(T&)>>& handler,
-                       std::shared_ptr<ICvLogger> logger)
+                       const std::shared_ptr<ICvLogger>& logger)
         : IBaseThread(L"CSignalQueueThread", logger),
           CJoinableThread<int>(MakeMemberCallback<int(void*)>(this, &CSignalQueueThread::SignalHandler),
                                nullptr, logger, L"CSignalQueueThread"),
@@ -64,7 +64,7 @@ public:
     {
         {
             // Checked under the lock that Stop takes, so an accepted item is always handled.
-            std::lock_guard lock(m_srwQueue);
+            daxlib::lock_guard lock(m_srwQueue);
             if (!IsRunning() || m_bStopping)
                 return 0;
             m_queue.push_back(item);
@@ -85,7 +85,7 @@ public:
     int Stop() override
     {
         {
-            std::lock_guard lock(m_srwQueue);
+            daxlib::lock_guard lock(m_srwQueue);
             m_bStopping = true;
         }
         ::SetEvent(m_hevSignal.get());
@@ -100,7 +100,7 @@ public:
 
     size_t QueuedCount() const
     {
-        std::lock_guard lock(m_srwQueue);
+        daxlib::lock_guard lock(m_srwQueue);
         return m_queue.size();
     }
 
@@ -144,7 +144,7 @@ private:
     {
         std::deque<T> local;
         {
-            std::lock_guard lock(m_srwQueue);
+            daxlib::lock_guard lock(m_srwQueue);
             local.swap(m_queue);
         }
         while (!local.empty() && !m_bStopForce.load())
@@ -160,7 +160,7 @@ private:
     std::shared_ptr<CCallbackHolder<int(T&)>> m_pHandler;
     std::atomic<bool> m_bStopForce{false};
     std::atomic<bool> m_bStopping{false};
-    std::deque<T> m_queue;
+    std::deque<T> m_queue TS_GUARDED_BY(m_srwQueue);
     mutable daxlib::srw_lock m_srwQueue;
     daxlib::unique_handle m_hevSignal;
 };

@@ -17,7 +17,7 @@ std::shared_ptr<CThreadPool> g_pool;
 
 std::shared_ptr<CThreadPool> GetThreadPool()
 {
-    std::lock_guard lock(g_poolLock);
+    daxlib::lock_guard lock(g_poolLock);
     return g_pool;
 }
 
@@ -25,7 +25,7 @@ void SetThreadPool(std::shared_ptr<CThreadPool> pool)
 {
     std::shared_ptr<CThreadPool> old;
     {
-        std::lock_guard lock(g_poolLock);
+        daxlib::lock_guard lock(g_poolLock);
         old = std::exchange(g_pool, std::move(pool));
     }
     // The old pool (if this was its last owner) closes here, outside the lock.
@@ -33,14 +33,14 @@ void SetThreadPool(std::shared_ptr<CThreadPool> pool)
 
 void CGroupTask::Add(PTP_WORK work)
 {
-    std::lock_guard lock(m_srwTasks);
+    daxlib::lock_guard lock(m_srwTasks);
     m_tasks[work] = Entry{};
 }
 
 void CGroupTask::Notify(PTP_WORK work, int32_t result, const CommonHelper::CvLogger::CBaseLogger* log)
 {
     {
-        std::lock_guard lock(m_srwTasks);
+        daxlib::lock_guard lock(m_srwTasks);
         auto it = m_tasks.find(work);
         if (it != m_tasks.end())
             it->second.result = result;
@@ -55,14 +55,14 @@ void CGroupTask::Notify(PTP_WORK work, int32_t result, const CommonHelper::CvLog
 
 bool CGroupTask::WaitCompleted(uint32_t count, DWORD limitMs)
 {
-    std::unique_lock lock(m_srwTasks);
+    daxlib::unique_lock lock(m_srwTasks);
     return m_cvChanged.wait_for(lock, std::chrono::milliseconds(limitMs),
-                                [&] { return m_dwCompleted >= count; });
+                                [&]() TS_REQUIRES(m_srwTasks) { return m_dwCompleted >= count; });
 }
 
 uint32_t CGroupTask::Completed()
 {
-    std::lock_guard lock(m_srwTasks);
+    daxlib::lock_guard lock(m_srwTasks);
     return m_dwCompleted;
 }
 
@@ -174,7 +174,7 @@ BOOL CThreadPool::Submit(std::unique_ptr<WorkTaskContext> context, bool withFutu
     if (context->group)
         context->group->Add(work);
     // The work callback owns the context from here on.
-    context.release();
+    static_cast<void>(context.release());
     ::SubmitThreadpoolWork(work);
     return TRUE;
 }

@@ -36,8 +36,8 @@ public:
 
 private:
     daxlib::srw_lock m_srwTasks;
-    uint32_t m_dwCompleted = 0;
-    std::map<PTP_WORK, Entry> m_tasks;
+    uint32_t m_dwCompleted TS_GUARDED_BY(m_srwTasks) = 0;
+    std::map<PTP_WORK, Entry> m_tasks TS_GUARDED_BY(m_srwTasks);
     daxlib::condition_variable m_cvChanged;
 };
 
@@ -57,7 +57,8 @@ public:
 
     // Submits invoke(argument); its result (or exception) arrives in `result`.
     template <typename P>
-    BOOL CreateTask(std::future<int>& result, std::shared_ptr<CCallbackHolder<int(P)>> task, P argument)
+    BOOL CreateTask(std::future<int>& result, const std::shared_ptr<CCallbackHolder<int(P)>>& task,
+                    P argument)
     {
         auto context = std::make_unique<WorkTaskContext>();
         result = context->promise.get_future();
@@ -75,15 +76,16 @@ public:
     }
 
     // Submits invoke(argument) and ignores its result.
-    template <typename R, typename P> BOOL CreateTask(std::shared_ptr<CCallbackHolder<R(P)>> task, P argument)
+    template <typename R, typename P>
+    BOOL CreateTask(const std::shared_ptr<CCallbackHolder<R(P)>>& task, P argument)
     {
         return CreateGroupTask<R, P>(nullptr, std::move(task), std::move(argument));
     }
 
     // As above; the task's end is also counted in `group`.
     template <typename R, typename P>
-    BOOL CreateGroupTask(std::shared_ptr<CGroupTask> group, std::shared_ptr<CCallbackHolder<R(P)>> task,
-                         P argument)
+    BOOL CreateGroupTask(std::shared_ptr<CGroupTask> group,
+                         const std::shared_ptr<CCallbackHolder<R(P)>>& task, P argument)
     {
         if (!task)
         {

@@ -50,7 +50,7 @@ public:
         Log(LogLevel::Info, Origin(L"Start: (84)").c_str(),
             L": ... create IoCompletionCallback (FileHandle = 0x%p, this = 0x%p)...", m_hFile,
             daxlib::Addr(this));
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         if (m_ptpIo)
             return true;
         m_ptpIo.reset(::CreateThreadpoolIo(m_hFile, &CThreadPoolIo::IoCompletionCallback, this, nullptr));
@@ -69,7 +69,7 @@ public:
     // Called before every overlapped call on the handle.
     BOOL StartIo(const Request& request)
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         if (m_bStop || !m_ptpIo)
         {
             ::SetLastError(ERROR_OPERATION_ABORTED);
@@ -90,7 +90,7 @@ public:
             L": this = 0x%p, m_ptpIo = 0x%p, overlapped = 0x%p, bCancelFailedOperations = %d ...",
             daxlib::Addr(this), daxlib::Addr(m_ptpIo.get()), daxlib::Addr(&request->overlapped),
             bCancelFailedOperations);
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         auto it = Find(&request->overlapped);
         if (it == m_requests.end())
         {
@@ -119,7 +119,7 @@ public:
     {
         PTP_IO io = nullptr;
         {
-            std::lock_guard lock(m_srwLock);
+            daxlib::lock_guard lock(m_srwLock);
             io = m_ptpIo.get();
             if (!io)
                 return TRUE;
@@ -130,7 +130,7 @@ public:
         }
         ::WaitForThreadpoolIoCallbacks(io, FALSE);
         BOOL result = TRUE;
-        std::unique_lock lock(m_srwLock);
+        daxlib::unique_lock lock(m_srwLock);
         for (const Request& request : m_requests)
         {
             // ERROR_NOT_FOUND: it has ended already and its completion is queued.
@@ -140,7 +140,8 @@ public:
         // Every listed request has ended or been cancelled, so its completion is on its way and
         // the callback takes it off the list. Closing before that would let a late completion
         // reach a freed object.
-        if (!m_cvEmptied.wait_for(lock, std::chrono::seconds(30), [this] { return m_requests.empty(); }))
+        if (!m_cvEmptied.wait_for(lock, std::chrono::seconds(30),
+                                  [this]() TS_REQUIRES(m_srwLock) { return m_requests.empty(); }))
             Log(LogLevel::Error, Origin(L"Stop: (140)").c_str(),
                 L": %d request(s) never completed (this = 0x%p)", static_cast<int>(m_requests.size()),
                 daxlib::Addr(this));
@@ -168,7 +169,7 @@ public:
     // leaves the list and gives back the pending-I/O count that StartIo took.
     void CompletedInline(const Request& request)
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         auto it = Find(&request->overlapped);
         if (it == m_requests.end())
             return;
@@ -181,19 +182,19 @@ public:
 
     bool IsStopping() const
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         return m_bStop != 0;
     }
     size_t OutstandingCount() const
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         return m_requests.size();
     }
     HANDLE FileHandle() const { return m_hFile; }
 
     Request ExtractRequest(const OVERLAPPED* overlapped)
     {
-        std::lock_guard lock(m_srwLock);
+        daxlib::lock_guard lock(m_srwLock);
         auto it = Find(overlapped);
         if (it == m_requests.end())
             return nullptr;
@@ -207,7 +208,7 @@ public:
 private:
     std::wstring Origin(const wchar_t* method) const { return L"CThreadPoolIo::" + std::wstring(method); }
 
-    typename std::list<Request>::iterator Find(const OVERLAPPED* overlapped)
+    typename std::list<Request>::iterator Find(const OVERLAPPED* overlapped) TS_REQUIRES(m_srwLock)
     {
         for (auto it = m_requests.begin(); it != m_requests.end(); ++it)
             if (&(*it)->overlapped == overlapped)
@@ -253,7 +254,7 @@ private:
     void* m_pContext;
     mutable daxlib::srw_lock m_srwLock;
     daxlib::condition_variable m_cvEmptied;
-    std::list<Request> m_requests;
-    uint32_t m_bStop = 0;
+    std::list<Request> m_requests TS_GUARDED_BY(m_srwLock);
+    uint32_t m_bStop TS_GUARDED_BY(m_srwLock) = 0;
     bool m_bSkipOnSuccess = false;
 };

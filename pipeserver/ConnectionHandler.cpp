@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-CConnectionHandler::CConnectionHandler(std::shared_ptr<ICvLogger> logger,
+CConnectionHandler::CConnectionHandler(const std::shared_ptr<ICvLogger>& logger,
                                        std::shared_ptr<CNamedPipeServerStream> stream,
                                        const ConnectionInformation& information, UrlSender sendUrl,
                                        UrlPolicySource policy)

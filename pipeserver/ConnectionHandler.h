@@ -35,7 +35,8 @@ struct ConnectionInformation
 class CConnectionHandler : public IBaseItem
 {
 public:
-    CConnectionHandler(std::shared_ptr<ICvLogger> logger, std::shared_ptr<CNamedPipeServerStream> stream,
+    CConnectionHandler(const std::shared_ptr<ICvLogger>& logger,
+                       std::shared_ptr<CNamedPipeServerStream> stream,
                        const ConnectionInformation& information, UrlSender sendUrl,
                        UrlPolicySource policy = nullptr);
     ~CConnectionHandler() override;

@@ -38,13 +38,13 @@ CPipeServer::~CPipeServer()
 
 void CPipeServer::SetUrlSender(UrlSender sender)
 {
-    std::lock_guard lock(m_srwSender);
+    daxlib::lock_guard lock(m_srwSender);
     m_sendUrl = std::move(sender);
 }
 
 void CPipeServer::SetUrlPolicy(UrlPolicySource policy)
 {
-    std::lock_guard lock(m_srwSender);
+    daxlib::lock_guard lock(m_srwSender);
     m_policy = std::move(policy);
 }
 
@@ -114,7 +114,7 @@ int CPipeServer::Stop()
         queue->Stop();
     std::map<uint64_t, std::shared_ptr<CConnectionHandler>> handlers;
     {
-        std::lock_guard lock(m_srwTable);
+        daxlib::lock_guard lock(m_srwTable);
         handlers.swap(m_connections);
         m_sessionConnections.clear();
     }
@@ -181,7 +181,7 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
     UrlSender sender;
     UrlPolicySource policy;
     {
-        std::lock_guard lock(m_srwSender);
+        daxlib::lock_guard lock(m_srwSender);
         sender = m_sendUrl;
         policy = m_policy;
     }
@@ -225,7 +225,7 @@ void CPipeServer::ReadBody(const std::shared_ptr<CConnectionHandler>& handler, u
                                  new PIPE_OVERLAPPED());
 }
 
-void CPipeServer::OnHeaderRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes,
+void CPipeServer::OnHeaderRead(const std::shared_ptr<unsigned char[]>& buffer, unsigned long bytes,
                                unsigned long error, PIPE_OVERLAPPED* overlapped, uint64_t channelId)
 {
     auto handler = FindHandler(channelId);
@@ -251,7 +251,7 @@ void CPipeServer::OnHeaderRead(std::shared_ptr<unsigned char[]> buffer, unsigned
     ReadBody(handler, channelId, length);
 }
 
-void CPipeServer::OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes,
+void CPipeServer::OnBodyRead(const std::shared_ptr<unsigned char[]>& buffer, unsigned long bytes,
                              unsigned long error, PIPE_OVERLAPPED* overlapped, uint64_t channelId)
 {
     auto handler = FindHandler(channelId);
@@ -265,7 +265,7 @@ void CPipeServer::OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned l
         ReadHeader(handler, channelId);
 }
 
-void CPipeServer::OnReplyWritten(std::shared_ptr<unsigned char[]>, unsigned long, unsigned long error,
+void CPipeServer::OnReplyWritten(const std::shared_ptr<unsigned char[]>&, unsigned long, unsigned long error,
                                  PIPE_OVERLAPPED* overlapped, uint64_t channelId)
 {
     auto handler = FindHandler(channelId);
@@ -286,7 +286,7 @@ void CPipeServer::EndOverdueReplies()
     const uint64_t now = ::GetTickCount64();
     std::vector<std::shared_ptr<CConnectionHandler>> overdue;
     {
-        std::shared_lock lock(m_srwTable);
+        daxlib::shared_lock lock(m_srwTable);
         for (const auto& [id, handler] : m_connections)
         {
             const uint64_t since = handler->ReplyPendingSince();
@@ -327,7 +327,7 @@ void CPipeServer::RemoveChannel(uint64_t channelId)
 {
     std::shared_ptr<CConnectionHandler> handler;
     {
-        std::lock_guard lock(m_srwTable);
+        daxlib::lock_guard lock(m_srwTable);
         auto it = m_connections.find(channelId);
         if (it == m_connections.end())
             return;
@@ -346,7 +346,7 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
     const uint32_t session = handler->Information().dwClientSessionId;
     uint32_t refusedBefore = 0;
     {
-        std::lock_guard lock(m_srwTable);
+        daxlib::lock_guard lock(m_srwTable);
         uint32_t& inSession = m_sessionConnections[session];
         const bool overTotal = m_connections.size() >= m_settings.maxConnections;
         if (overTotal || inSession >= m_settings.maxConnectionsPerSession)
@@ -379,13 +379,13 @@ bool CPipeServer::Admit(uint64_t channelId, const std::shared_ptr<CConnectionHan
 
 size_t CPipeServer::ConnectionCount() const
 {
-    std::shared_lock lock(m_srwTable);
+    daxlib::shared_lock lock(m_srwTable);
     return m_connections.size();
 }
 
 std::shared_ptr<CConnectionHandler> CPipeServer::FindHandler(uint64_t channelId) const
 {
-    std::shared_lock lock(m_srwTable);
+    daxlib::shared_lock lock(m_srwTable);
     auto it = m_connections.find(channelId);
     return it == m_connections.end() ? nullptr : it->second;
 }

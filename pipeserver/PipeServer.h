@@ -85,12 +85,12 @@ public:
 private:
     void ReadHeader(const std::shared_ptr<CConnectionHandler>& handler, uint64_t channelId);
     void ReadBody(const std::shared_ptr<CConnectionHandler>& handler, uint64_t channelId, uint32_t length);
-    void OnHeaderRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
-                      PIPE_OVERLAPPED* overlapped, uint64_t channelId);
-    void OnBodyRead(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
+    void OnHeaderRead(const std::shared_ptr<unsigned char[]>& buffer, unsigned long bytes,
+                      unsigned long error, PIPE_OVERLAPPED* overlapped, uint64_t channelId);
+    void OnBodyRead(const std::shared_ptr<unsigned char[]>& buffer, unsigned long bytes, unsigned long error,
                     PIPE_OVERLAPPED* overlapped, uint64_t channelId);
-    void OnReplyWritten(std::shared_ptr<unsigned char[]> buffer, unsigned long bytes, unsigned long error,
-                        PIPE_OVERLAPPED* overlapped, uint64_t channelId);
+    void OnReplyWritten(const std::shared_ptr<unsigned char[]>& buffer, unsigned long bytes,
+                        unsigned long error, PIPE_OVERLAPPED* overlapped, uint64_t channelId);
     // The watch's round: connections whose answer is overdue are closed, one warning a burst.
     void EndOverdueReplies();
     void RemoveChannel(uint64_t channelId);
@@ -104,13 +104,14 @@ private:
     SessionResolver m_resolveSession;
     // Guards the connection table, the per-session counts and the refusal burst.
     mutable daxlib::srw_lock m_srwTable;
-    std::map<uint64_t, std::shared_ptr<CConnectionHandler>> m_connections;
-    std::map<uint32_t, uint32_t> m_sessionConnections;
-    uint32_t m_dwRefusedInBurst = 0; // connections refused since the last one admitted
+    std::map<uint64_t, std::shared_ptr<CConnectionHandler>> m_connections TS_GUARDED_BY(m_srwTable);
+    std::map<uint32_t, uint32_t> m_sessionConnections TS_GUARDED_BY(m_srwTable);
+    uint32_t m_dwRefusedInBurst TS_GUARDED_BY(m_srwTable) =
+        0; // connections refused since the last one admitted
     // Connections without a known session since the last one admitted (connect-queue thread).
     std::atomic<uint32_t> m_dwUnknownSessionBurst{0};
     daxlib::srw_lock m_srwSender;
-    UrlSender m_sendUrl;
+    UrlSender m_sendUrl TS_GUARDED_BY(m_srwSender);
     UrlPolicySource m_policy;
     uint32_t m_dwOverdueInBurst = 0;    // the watch's own
     daxlib::CWorkerThread m_replyWatch; // last: joined before the rest goes

@@ -352,12 +352,11 @@ std::optional<std::string> CanonicalName(const std::u32string& mapped, bool wild
         if (ascii)
             for (char32_t c : label)
                 encoded += static_cast<char>(c);
-        else if (wildcards && label.find_first_of(U"*?") != std::u32string::npos)
-            return std::nullopt;
-        else if (!Punycode(label, encoded))
+        else if ((wildcards && label.find_first_of(U"*?") != std::u32string::npos) ||
+                 !Punycode(label, encoded))
             return std::nullopt;
         else
-            encoded = "xn--" + encoded;
+            encoded.insert(0, "xn--");
         if (encoded.size() > 63)
             return std::nullopt;
         if (!out.empty())

@@ -199,7 +199,7 @@ int CUrlPolicyWatch::Stop()
 
 std::shared_ptr<const urlpolicy::Policy> CUrlPolicyWatch::Current() const
 {
-    std::shared_lock lock(m_srwLock);
+    daxlib::shared_lock lock(m_srwLock);
     return m_pPolicy;
 }
 
@@ -226,7 +226,7 @@ void CUrlPolicyWatch::Load()
         Log(LogLevel::Info, L"CUrlPolicyWatch::Load: (227)", L"%s", summary.c_str());
     m_strSummary = std::move(summary);
     auto current = std::make_shared<const urlpolicy::Policy>(std::move(load.policy));
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     m_pPolicy = std::move(current);
 }
 

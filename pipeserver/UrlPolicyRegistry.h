@@ -54,7 +54,7 @@ private:
     HKEY m_hRoot;
     std::wstring m_strSubKey;
     mutable daxlib::srw_lock m_srwLock;
-    std::shared_ptr<const urlpolicy::Policy> m_pPolicy;
+    std::shared_ptr<const urlpolicy::Policy> m_pPolicy TS_GUARDED_BY(m_srwLock);
     // Only the watch thread touches these once it runs.
     std::set<std::wstring> m_reported; // problems of the last reading, already logged
     std::wstring m_strSummary;         // the last policy logged

@@ -13,7 +13,7 @@ CServiceDispatchTable& CServiceDispatchTable::Instance()
 
 void CServiceDispatchTable::Append(const wchar_t* name, LPSERVICE_MAIN_FUNCTIONW serviceMain)
 {
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     if (m_nCount + 2 > m_nCapacity)
     {
         m_nCapacity += 10;
@@ -28,7 +28,7 @@ void CServiceDispatchTable::Append(const wchar_t* name, LPSERVICE_MAIN_FUNCTIONW
 
 BOOL CServiceDispatchTable::Run(bool isNt)
 {
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     if (m_nCount == 0)
         return FALSE;
     if (isNt)
@@ -39,13 +39,13 @@ BOOL CServiceDispatchTable::Run(bool isNt)
 
 size_t CServiceDispatchTable::Count() const
 {
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     return m_nCount;
 }
 
 size_t CServiceDispatchTable::Capacity() const
 {
-    std::lock_guard lock(m_srwLock);
+    daxlib::lock_guard lock(m_srwLock);
     return m_nCapacity;
 }
 

@@ -34,9 +34,9 @@ public:
 
 private:
     mutable daxlib::srw_lock m_srwLock;
-    std::vector<SERVICE_TABLE_ENTRYW> m_entries; // count entries plus the terminator
-    size_t m_nCount = 0;
-    size_t m_nCapacity = 0;
+    std::vector<SERVICE_TABLE_ENTRYW> m_entries TS_GUARDED_BY(m_srwLock); // count entries plus the terminator
+    size_t m_nCount TS_GUARDED_BY(m_srwLock) = 0;
+    size_t m_nCapacity TS_GUARDED_BY(m_srwLock) = 0;
 };
 
 // Whether the system is of the NT family (platform id 2).

@@ -11,7 +11,8 @@ namespace service
 bool CServiceConfig::ReadServiceLogSettings(std::wstring& fileName, uint32_t& level, uint32_t* maxSize) const
 {
     wchar_t keyPath[1040];
-    daxlib::FormatTruncated(keyPath, 1040, L"System\\CurrentControlSet\\Services\\%s", m_strServiceName.c_str());
+    daxlib::FormatTruncated(keyPath, 1040, L"System\\CurrentControlSet\\Services\\%s",
+                            m_strServiceName.c_str());
     daxlib::unique_hkey key;
     if (::RegOpenKeyExW(HKEY_LOCAL_MACHINE, keyPath, 0, KEY_ALL_ACCESS, key.put()) != ERROR_SUCCESS)
         return false;

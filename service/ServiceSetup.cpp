@@ -52,8 +52,9 @@ DWORD ConfigureService(const wchar_t* serviceName)
     if (!path.empty() && path.front() != L'"' && path.find(L' ') != std::wstring::npos)
     {
         const std::wstring quoted = L"\"" + path + L"\"";
-        if (!::ChangeServiceConfigW(serviceHandle.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
-                                    quoted.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr))
+        if (!::ChangeServiceConfigW(serviceHandle.get(), SERVICE_NO_CHANGE, SERVICE_NO_CHANGE,
+                                    SERVICE_NO_CHANGE, quoted.c_str(), nullptr, nullptr, nullptr, nullptr,
+                                    nullptr, nullptr))
             return ::GetLastError();
     }
 
@@ -74,7 +75,8 @@ DWORD ConfigureService(const wchar_t* serviceName)
 DWORD WaitForOtherInstancesToExit(DWORD limitMs)
 {
     const std::wstring self = OwnImagePath();
-    daxlib::unique_hfile snapshot(::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0)); // empty: INVALID_HANDLE_VALUE
+    daxlib::unique_hfile snapshot(
+        ::CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0)); // empty: INVALID_HANDLE_VALUE
     if (self.empty() || !snapshot)
         return ::GetLastError();
     std::vector<daxlib::unique_handle> others;
@@ -93,10 +95,14 @@ DWORD WaitForOtherInstancesToExit(DWORD limitMs)
     if (others.empty())
         return ERROR_SUCCESS;
     std::vector<HANDLE> handles;
+    handles.reserve(others.size());
     for (const auto& process : others)
         handles.push_back(process.get());
-    const DWORD wait = ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), TRUE, limitMs);
-    return wait == WAIT_TIMEOUT ? static_cast<DWORD>(ERROR_TIMEOUT) : wait == WAIT_FAILED ? ::GetLastError() : ERROR_SUCCESS;
+    const DWORD wait =
+        ::WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), TRUE, limitMs);
+    return wait == WAIT_TIMEOUT  ? static_cast<DWORD>(ERROR_TIMEOUT)
+           : wait == WAIT_FAILED ? ::GetLastError()
+                                 : ERROR_SUCCESS;
 }
 
 std::optional<int> RunSetupCommand(int argc, wchar_t** argv)

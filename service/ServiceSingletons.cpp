@@ -21,13 +21,13 @@ std::shared_ptr<CCvLogger> g_logger;
 
 std::shared_ptr<CCvLogger> GetServiceLogger()
 {
-    std::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_slotLock);
     return g_logger;
 }
 
 void SetServiceLogger(std::shared_ptr<CCvLogger> logger)
 {
-    std::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_slotLock);
     g_logger = std::move(logger);
 }
 

@@ -27,20 +27,21 @@ DWORD ReadProductDword(HKEY root, const wchar_t* name)
 {
     DWORD value = 0;
     DWORD size = sizeof(value);
-    return ::RegGetValueW(root, kProductKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS ? value
-                                                                                                              : 0;
+    return ::RegGetValueW(root, kProductKey, name, RRF_RT_REG_DWORD, nullptr, &value, &size) == ERROR_SUCCESS
+               ? value
+               : 0;
 }
 } // namespace
 
 std::shared_ptr<CVirtServer> GetVirtServer()
 {
-    std::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_slotLock);
     return g_virtServer;
 }
 
 std::shared_ptr<CPipeServer> GetPipeServer()
 {
-    std::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_slotLock);
     return g_pipeServer;
 }
 
@@ -70,7 +71,7 @@ StatusApiSettings ReadStatusApiSettings(HKEY root)
 
 std::shared_ptr<CStatusServer> GetStatusServer()
 {
-    std::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_slotLock);
     return g_statusServer;
 }
 
@@ -80,14 +81,14 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
 
     auto virtServer = std::make_shared<CVirtServer>(logger);
     {
-        std::lock_guard lock(g_slotLock);
+        daxlib::lock_guard lock(g_slotLock);
         g_virtServer = virtServer;
     }
     // Read before the pipe opens, so that the first URL already meets the administrator's policy.
     auto urlPolicy = std::make_shared<CUrlPolicyWatch>(logger);
     urlPolicy->Start();
     {
-        std::lock_guard lock(g_slotLock);
+        daxlib::lock_guard lock(g_slotLock);
         g_urlPolicy = urlPolicy;
     }
     auto pipeServer = std::make_shared<CPipeServer>(logger);
@@ -100,7 +101,7 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
             return server ? server->SendURL(sessionId, url) : 0;
         });
     {
-        std::lock_guard lock(g_slotLock);
+        daxlib::lock_guard lock(g_slotLock);
         g_pipeServer = pipeServer;
     }
 
@@ -116,7 +117,7 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
         });
     virtServer->SetStatusListener(statusServer->Listener());
     {
-        std::lock_guard lock(g_slotLock);
+        daxlib::lock_guard lock(g_slotLock);
         g_statusServer = statusServer;
     }
 

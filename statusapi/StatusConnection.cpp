@@ -43,7 +43,7 @@ void CStatusConnection::RequestStop()
 
 bool CStatusConnection::Subscribe(uint32_t requestId, uint32_t scope)
 {
-    std::lock_guard lock(m_srwQueue);
+    daxlib::lock_guard lock(m_srwQueue);
     if (m_bSubscribed)
         return false;
     m_bSubscribed = true;
@@ -55,7 +55,7 @@ bool CStatusConnection::Subscribe(uint32_t requestId, uint32_t scope)
 void CStatusConnection::Offer(uint32_t sessionId, const ChannelStatusRecord& record)
 {
     {
-        std::lock_guard lock(m_srwQueue);
+        daxlib::lock_guard lock(m_srwQueue);
         if (!m_bSubscribed || m_bOverflowed || !Reaches(m_dwScope, m_dwSessionId, sessionId))
             return;
         if (m_queue.size() >= m_server.Settings().queueDepth)
@@ -73,7 +73,7 @@ void CStatusConnection::Offer(uint32_t sessionId, const ChannelStatusRecord& rec
 
 bool CStatusConnection::Overflowed()
 {
-    std::lock_guard lock(m_srwQueue);
+    daxlib::lock_guard lock(m_srwQueue);
     return m_bOverflowed;
 }
 
@@ -82,7 +82,7 @@ void CStatusConnection::TakeQueued(std::vector<uint8_t>& out)
     std::deque<SessionEntry> taken;
     uint32_t subscription = 0;
     {
-        std::lock_guard lock(m_srwQueue);
+        daxlib::lock_guard lock(m_srwQueue);
         taken.swap(m_queue);
         subscription = m_dwSubscription;
     }

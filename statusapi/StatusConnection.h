@@ -69,11 +69,11 @@ private:
     std::atomic<bool> m_bStopRequested{false};
     // Guards the subscription and its queue.
     daxlib::srw_lock m_srwQueue;
-    bool m_bSubscribed = false;
-    uint32_t m_dwSubscription = 0; // the Subscribe's request id
-    uint32_t m_dwScope = statusapi::kOwnSession;
-    std::deque<statusapi::SessionEntry> m_queue;
-    bool m_bOverflowed = false;
+    bool m_bSubscribed TS_GUARDED_BY(m_srwQueue) = false;
+    uint32_t m_dwSubscription TS_GUARDED_BY(m_srwQueue) = 0; // the Subscribe's request id
+    uint32_t m_dwScope TS_GUARDED_BY(m_srwQueue) = statusapi::kOwnSession;
+    std::deque<statusapi::SessionEntry> m_queue TS_GUARDED_BY(m_srwQueue);
+    bool m_bOverflowed TS_GUARDED_BY(m_srwQueue) = false;
     // Declared last: joined before anything it uses goes.
     daxlib::CWorkerThread m_thread;
 };

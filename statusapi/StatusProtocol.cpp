@@ -56,7 +56,7 @@ bool IsValidSid(const uint8_t* sid, size_t size)
 {
     if (!sid || size < kMinSidSize || size > kMaxSidSize)
         return false;
-    return sid[0] == 1 && size == kMinSidSize + 4u * sid[1];
+    return sid[0] == 1 && size == kMinSidSize + size_t{4} * sid[1];
 }
 
 std::string SidText(const std::vector<uint8_t>& sid)

@@ -29,7 +29,7 @@ struct CStatusServer::Waiting
     OVERLAPPED overlapped{};
 };
 
-CStatusServer::CStatusServer(std::shared_ptr<ICvLogger> logger, std::wstring pipeName)
+CStatusServer::CStatusServer(std::shared_ptr<ICvLogger> logger, const std::wstring& pipeName)
     : IBaseItem(std::move(logger)), m_strPipeName(daxlib::PipePath(pipeName)), m_nNextKey(kFirstInstanceKey)
 {
 }
@@ -85,7 +85,7 @@ int CStatusServer::Stop()
     CancelWaiting(); // also those a failed Start left
     std::map<uint64_t, std::shared_ptr<CStatusConnection>> connections;
     {
-        std::lock_guard lock(m_srwState);
+        daxlib::lock_guard lock(m_srwState);
         connections.swap(m_connections);
         m_sessionConnections.clear();
     }
@@ -167,7 +167,7 @@ bool CStatusServer::Listen(ULONG_PTR key)
 {
     bool first = false;
     {
-        std::shared_lock lock(m_srwState);
+        daxlib::shared_lock lock(m_srwState);
         first = m_waiting.empty() && m_connections.empty();
     }
     auto instance = std::make_unique<Waiting>();
@@ -244,7 +244,7 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
     bool overTotal = false;
     uint32_t refusedBefore = 0;
     {
-        std::lock_guard lock(m_srwState);
+        daxlib::lock_guard lock(m_srwState);
         uint32_t& inSession = m_sessionConnections[sessionId];
         overTotal = m_connections.size() >= m_settings.maxConnections;
         if (!overTotal && inSession < m_settings.maxConnectionsPerSession)
@@ -262,7 +262,8 @@ void CStatusServer::OnConnected(daxlib::unique_hfile pipe)
         }
     }
     if (!connection)
-        return Refuse(std::move(pipe), sessionId, processId, overTotal);
+        // Moved above only when the connection was made.
+        return Refuse(std::move(pipe), sessionId, processId, overTotal); // NOLINT(bugprone-use-after-move)
     if (refusedBefore > 1)
         Log(LogLevel::Warning, L"CStatusServer::OnConnected: ",
             L"%u status connection(s) were refused over the limits", refusedBefore);
@@ -274,7 +275,7 @@ void CStatusServer::Refuse(daxlib::unique_hfile pipe, uint32_t sessionId, uint32
 {
     bool first = false;
     {
-        std::lock_guard lock(m_srwState);
+        daxlib::lock_guard lock(m_srwState);
         first = m_dwRefusedInBurst++ == 0;
     }
     // One line per burst: a flood must not flood the log as well.
@@ -299,7 +300,7 @@ void CStatusServer::Reap(uint64_t id)
 {
     std::shared_ptr<CStatusConnection> ended;
     {
-        std::lock_guard lock(m_srwState);
+        daxlib::lock_guard lock(m_srwState);
         const auto found = m_connections.find(id);
         if (found == m_connections.end())
             return;
@@ -314,7 +315,7 @@ void CStatusServer::Reap(uint64_t id)
 
 size_t CStatusServer::ConnectionCount() const
 {
-    std::shared_lock lock(m_srwState);
+    daxlib::shared_lock lock(m_srwState);
     return m_connections.size();
 }
 
@@ -325,7 +326,7 @@ bool CStatusServer::InspectPeer(HANDLE pipe, PeerIdentity& identity) const
 
 void CStatusServer::OnStatusChanged(const ChannelStatusRecord& record, uint32_t sessionId)
 {
-    std::lock_guard lock(m_srwState);
+    daxlib::lock_guard lock(m_srwState);
     m_records[sessionId] = record;
     for (auto& [id, connection] : m_connections)
         connection->Offer(sessionId, record);
@@ -348,7 +349,7 @@ Answer CStatusServer::Respond(CStatusConnection& connection, const Request& requ
     // Asked before the lock: the session list is another object's, and OnStatusChanged may be
     // waiting for the lock with a session handler's lock held.
     const std::vector<uint32_t> open = m_sessions ? m_sessions() : std::vector<uint32_t>();
-    std::lock_guard lock(m_srwState);
+    daxlib::lock_guard lock(m_srwState);
     if (subscribe && !connection.Subscribe(request.id, request.scope))
     {
         answer.result = kAlreadySubscribed;

@@ -61,7 +61,7 @@ public:
     static constexpr DWORD kRefusalWriteMs = 1000; // a refused client's close packet fits the empty buffer
 
     explicit CStatusServer(std::shared_ptr<ICvLogger> logger,
-                           std::wstring pipeName = daxlib::kStatusPipeName);
+                           const std::wstring& pipeName = daxlib::kStatusPipeName);
     ~CStatusServer() override;
     CStatusServer(const CStatusServer&) = delete;
     CStatusServer& operator=(const CStatusServer&) = delete;
@@ -127,10 +127,10 @@ private:
     // Taken by OnStatusChanged on the session handlers' threads with their state lock held; under
     // it only a connection's queue lock is taken, never anything that waits.
     mutable daxlib::srw_lock m_srwState;
-    std::map<uint32_t, ChannelStatusRecord> m_records;
-    std::map<uint64_t, std::shared_ptr<CStatusConnection>> m_connections;
-    std::map<uint32_t, uint32_t> m_sessionConnections;
-    uint32_t m_dwRefusedInBurst = 0;
+    std::map<uint32_t, ChannelStatusRecord> m_records TS_GUARDED_BY(m_srwState);
+    std::map<uint64_t, std::shared_ptr<CStatusConnection>> m_connections TS_GUARDED_BY(m_srwState);
+    std::map<uint32_t, uint32_t> m_sessionConnections TS_GUARDED_BY(m_srwState);
+    uint32_t m_dwRefusedInBurst TS_GUARDED_BY(m_srwState) = 0;
     // Declared last: it stops first.
     daxlib::CWorkerThread m_acceptThread;
 };

@@ -36,7 +36,7 @@ public:
     size_t capacity() const noexcept { return m_pHeap ? m_nHeapSize : N; }
 
 private:
-    uint8_t m_inline[N];
+    uint8_t m_inline[N]{};
     uint8_t* m_pHeap = nullptr;
     size_t m_nHeapSize = 0;
 };

@@ -158,13 +158,13 @@ void CSessionHandler::CloseConnection()
 
 HANDLE CSessionHandler::GetConnection() const
 {
-    std::lock_guard lock(m_csConnection);
+    daxlib::lock_guard lock(m_csConnection);
     return m_hConnection;
 }
 
 void CSessionHandler::SetConnection(HANDLE connection)
 {
-    std::lock_guard lock(m_csConnection);
+    daxlib::lock_guard lock(m_csConnection);
     m_hConnection = connection;
 }
 
@@ -172,10 +172,10 @@ void CSessionHandler::DropConnection()
 {
     // Waits for a URL being written: a handle is never closed under its write, nor a write
     // started on a handle that is being closed.
-    std::lock_guard send(m_csSend);
+    daxlib::lock_guard send(m_csSend);
     HANDLE connection = nullptr;
     {
-        std::lock_guard lock(m_csConnection);
+        daxlib::lock_guard lock(m_csConnection);
         std::swap(connection, m_hConnection);
     }
     if (connection && SkApi::pfnSkCloseConnection)
@@ -198,7 +198,7 @@ void CSessionHandler::Publish(const ChannelStatusRecord& record) const
 
 void CSessionHandler::GetChannelStatus(ChannelStatusRecord& record) const
 {
-    std::lock_guard lock(m_csState);
+    daxlib::lock_guard lock(m_csState);
     record = m_status;
 }
 
@@ -332,7 +332,7 @@ unsigned CSessionHandler::ReadThread()
 
 void CSessionHandler::ReadOneMessage()
 {
-    std::lock_guard lock(m_csRead);
+    daxlib::lock_guard lock(m_csRead);
     const HANDLE connection = GetConnection();
     // The handle is set before its handshake ends; reading it then would take the handshake's
     // bytes. The event is reset before a new handle appears, so looking at it after taking
@@ -387,8 +387,8 @@ void CSessionHandler::ReadOneMessage()
 
 bool CSessionHandler::SendURL(std::wstring url)
 {
-    std::lock_guard turn(m_fifoSend);
-    std::lock_guard lock(m_csSend);
+    daxlib::lock_guard turn(m_fifoSend);
+    daxlib::lock_guard lock(m_csSend);
     // A handle whose handshake has not ended yet counts as no connection: a submit written
     // then would land between the handshake's items.
     const HANDLE connection = m_bSendAllowed.load() ? GetConnection() : nullptr;
@@ -450,7 +450,7 @@ void CSessionHandler::OnConnectionEvent(HANDLE connection, DWORD event)
     if (m_bProtocolInvalid)
         return;
     {
-        std::lock_guard lock(m_csState);
+        daxlib::lock_guard lock(m_csState);
         m_status = ChannelStatusRecord{};
         m_status.dwState = state;
         Publish(m_status);

@@ -76,7 +76,8 @@ private:
     uint32_t m_dwSessionId;
     std::wstring m_strName;
     mutable daxlib::critical_section m_csConnection;
-    HANDLE m_hConnection = nullptr; // the library's handle; closed with SkCloseConnection
+    HANDLE m_hConnection TS_GUARDED_BY(m_csConnection) =
+        nullptr; // the library's handle; closed with SkCloseConnection
     daxlib::unique_handle m_hevStop;
     daxlib::unique_handle m_hevDisconnected;
     daxlib::unique_handle m_hevConnected;
@@ -85,15 +86,15 @@ private:
     daxlib::unique_handle m_hReadThread;
     // Senders of one session queue here in arrival order, before the send lock: with many
     // agents waiting for the one channel, none is overtaken again and again.
-    daxlib::fifo_lock m_fifoSend;
+    daxlib::fifo_lock m_fifoSend TS_ACQUIRED_BEFORE(m_csSend);
     // Held across a URL's write and across closing the handle; taken before m_csConnection.
-    daxlib::critical_section m_csSend;
+    daxlib::critical_section m_csSend TS_ACQUIRED_BEFORE(m_csConnection);
     // Mirrors m_hevStartRead for SendURL, which would otherwise ask the kernel under the send
     // lock for every URL.
     std::atomic<bool> m_bSendAllowed{false};
     daxlib::critical_section m_csRead;
-    fmalloc_buffer<4096> m_fmReceiveBuff;
-    ChannelStatusRecord m_status{};
+    fmalloc_buffer<4096> m_fmReceiveBuff TS_GUARDED_BY(m_csRead);
+    ChannelStatusRecord m_status TS_GUARDED_BY(m_csState){};
     std::atomic<bool> m_bProtocolInvalid{false};
     ChannelStatusListener m_listener;
 };

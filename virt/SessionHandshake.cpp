@@ -45,14 +45,14 @@ CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
     using UrlNet::HandshakeEnd;
     using UrlNet::HandshakeStep;
     {
-        std::lock_guard lock(m_csState);
+        daxlib::lock_guard lock(m_csState);
         m_status = ChannelStatusRecord{};
     }
     DWORD error = ERROR_SUCCESS;
     // Each exchange holds the state lock on its own, never the whole handshake.
     const auto locked = [&](auto call)
     {
-        std::lock_guard lock(m_csState);
+        daxlib::lock_guard lock(m_csState);
         const bool ok = call(GetConnection()) != FALSE;
         error = ok ? ERROR_SUCCESS : ::GetLastError();
         return ok;
@@ -93,7 +93,7 @@ CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
             Log(LogLevel::Error, kDoHandshake, L"%s failed. Error=%u", text, error);
         // A blip in the middle of the exchange is no verdict on the protocol: the session is
         // reported broken and the connection thread tries again after its pause.
-        std::lock_guard lock(m_csState);
+        daxlib::lock_guard lock(m_csState);
         m_status = ChannelStatusRecord{};
         m_status.dwState = eCvUrlApiEvent_RdpConnectionBroken;
         Publish(m_status);
@@ -108,7 +108,7 @@ CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
     // Whoever learns of state 50 may send at once, so reading and sending are allowed first.
     if (ok)
         AllowSending(true);
-    std::lock_guard lock(m_csState);
+    daxlib::lock_guard lock(m_csState);
     m_status = ChannelStatusRecord{};
     m_status.dwLocalVersion = result.localVersion;
     m_status.dwRemoteVersion = result.remoteVersion;

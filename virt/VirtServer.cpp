@@ -38,14 +38,14 @@ CVirtServer::~CVirtServer()
     // The handlers go first, while the listener they publish to still exists.
     std::map<uint32_t, std::shared_ptr<CSessionHandler>> released;
     {
-        std::unique_lock lock(m_srwSessions);
+        daxlib::unique_lock lock(m_srwSessions);
         released.swap(m_sessions);
     }
 }
 
 void CVirtServer::SetStatusListener(ChannelStatusListener listener)
 {
-    std::lock_guard lock(m_csListener);
+    daxlib::lock_guard lock(m_csListener);
     m_listener = std::move(listener);
 }
 
@@ -53,7 +53,7 @@ void CVirtServer::Publish(const ChannelStatusRecord& record, uint32_t sessionId)
 {
     ChannelStatusListener listener;
     {
-        std::lock_guard lock(m_csListener);
+        daxlib::lock_guard lock(m_csListener);
         listener = m_listener;
     }
     if (!listener)
@@ -110,7 +110,7 @@ void CVirtServer::Free()
 {
     std::map<uint32_t, std::shared_ptr<CSessionHandler>> released;
     {
-        std::unique_lock lock(m_srwSessions);
+        daxlib::unique_lock lock(m_srwSessions);
         released.swap(m_sessions);
         released.clear();
     }
@@ -120,7 +120,7 @@ void CVirtServer::Free()
         SkApi::pfnSkCleanUp();
     {
         // A session that opened while the library was being cleaned up.
-        std::unique_lock lock(m_srwSessions);
+        daxlib::unique_lock lock(m_srwSessions);
         released.swap(m_sessions);
         released.clear();
     }
@@ -161,7 +161,7 @@ void CVirtServer::OnSessionOpened(uint32_t type, const SkApi::SessionNotificatio
     auto handler = std::make_shared<CSessionHandler>(m_pLogger, guid.c_str(), sessionId, NameOf(notification),
                                                      std::move(forward));
     std::shared_ptr<CSessionHandler> replaced;
-    std::unique_lock lock(m_srwSessions);
+    daxlib::unique_lock lock(m_srwSessions);
     auto& slot = m_sessions[sessionId];
     replaced = std::exchange(slot, handler);
     // The replaced handler's threads are stopped here, under the lock, before the new one starts.
@@ -179,7 +179,7 @@ void CVirtServer::OnSessionClosed(uint32_t type, const SkApi::SessionNotificatio
     ChannelStatusRecord record{};
     {
         std::shared_ptr<CSessionHandler> closed;
-        std::unique_lock lock(m_srwSessions);
+        daxlib::unique_lock lock(m_srwSessions);
         const auto found = m_sessions.find(sessionId);
         if (found != m_sessions.end())
         {
@@ -204,7 +204,7 @@ int CVirtServer::SendURL(uint32_t sessionId, std::wstring url)
     Log(LogLevel::Debug, kSendURL, L" %s to session %d", url.c_str(), static_cast<int>(sessionId));
     std::shared_ptr<CSessionHandler> handler;
     {
-        std::shared_lock lock(m_srwSessions);
+        daxlib::shared_lock lock(m_srwSessions);
         const auto found = m_sessions.find(sessionId);
         if (found != m_sessions.end())
             handler = found->second;
@@ -216,14 +216,14 @@ int CVirtServer::SendURL(uint32_t sessionId, std::wstring url)
 
 std::shared_ptr<CSessionHandler> CVirtServer::FindSession(uint32_t sessionId) const
 {
-    std::shared_lock lock(m_srwSessions);
+    daxlib::shared_lock lock(m_srwSessions);
     const auto found = m_sessions.find(sessionId);
     return found == m_sessions.end() ? nullptr : found->second;
 }
 
 std::vector<uint32_t> CVirtServer::SessionIds() const
 {
-    std::shared_lock lock(m_srwSessions);
+    daxlib::shared_lock lock(m_srwSessions);
     std::vector<uint32_t> ids;
     ids.reserve(m_sessions.size());
     for (const auto& [id, handler] : m_sessions)

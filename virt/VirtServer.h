@@ -60,7 +60,7 @@ private:
 
     std::atomic<bool> m_bInitialized{false};
     mutable daxlib::srw_lock m_srwSessions;
-    std::map<uint32_t, std::shared_ptr<CSessionHandler>> m_sessions;
+    std::map<uint32_t, std::shared_ptr<CSessionHandler>> m_sessions TS_GUARDED_BY(m_srwSessions);
     mutable daxlib::critical_section m_csListener;
-    ChannelStatusListener m_listener;
+    ChannelStatusListener m_listener TS_GUARDED_BY(m_csListener);
 };

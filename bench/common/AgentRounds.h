@@ -40,7 +40,8 @@ inline double Percentile(std::vector<long long> values, double p)
     if (values.empty())
         return 0;
     std::sort(values.begin(), values.end());
-    const size_t at = std::min(values.size() - 1, static_cast<size_t>(p * static_cast<double>(values.size())));
+    const size_t at =
+        std::min(values.size() - 1, static_cast<size_t>(p * static_cast<double>(values.size())));
     return Micros(values[at]);
 }
 

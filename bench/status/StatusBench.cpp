@@ -44,8 +44,8 @@ bool Control(const std::string& command)
         if (!pipe)
             ::WaitNamedPipeW(daxlib::kStandinControlPipe, 100);
     }
-    if (!pipe || statusapi::WriteAll(pipe.get(), std::vector<uint8_t>(command.begin(), command.end()), deadline) !=
-                     statusapi::IoOutcome::Ok)
+    if (!pipe || statusapi::WriteAll(pipe.get(), std::vector<uint8_t>(command.begin(), command.end()),
+                                     deadline) != statusapi::IoOutcome::Ok)
         return false;
     char reply[256];
     statusapi::CPipeOperation read;
@@ -132,8 +132,9 @@ std::vector<long long> ChangeLatencies(int count, int changes)
     {
         sent.push_back(Now());
         if (!Control("break 1") ||
-            !e2e::WaitUntil([&] { return subscribers.Reconnections() >= static_cast<long long>(k + 1) * count; }, 30s,
-                            1ms))
+            !e2e::WaitUntil([&]
+                            { return subscribers.Reconnections() >= static_cast<long long>(k + 1) * count; },
+                            30s, 1ms))
             return {};
     }
     std::vector<long long> latencies;
@@ -149,8 +150,9 @@ std::vector<long long> ChangeLatencies(int count, int changes)
 
 void PrintRound(const char* label, const Round& round)
 {
-    std::printf("%-28s %10.0f %10.1fus %10.1fus%s\n", label, round.urlsPerSecond, Percentile(round.answers, 0.5),
-                Percentile(round.answers, 0.99), round.failures ? "  (some URLs not answered 0)" : "");
+    std::printf("%-28s %10.0f %10.1fus %10.1fus%s\n", label, round.urlsPerSecond,
+                Percentile(round.answers, 0.5), Percentile(round.answers, 0.99),
+                round.failures ? "  (some URLs not answered 0)" : "");
 }
 
 } // namespace
@@ -159,7 +161,8 @@ int wmain(int argc, wchar_t** argv)
 {
     int changes = 200;
     int urls = 3000;
-    if (!ParseNumberOptions(argc, argv, {{L"--changes", &changes}, {L"--urls", &urls}}) || changes < 1 || urls < 8)
+    if (!ParseNumberOptions(argc, argv, {{L"--changes", &changes}, {L"--urls", &urls}}) || changes < 1 ||
+        urls < 8)
         return std::fprintf(stderr, "usage: status_bench [--changes N] [--urls N]\n"), 64;
     // Wine puts every client in session 1: room for 64 subscribers there.
     ProductValues values({{L"MaxStatusConnectionsPerSession", 100}});
@@ -170,8 +173,8 @@ int wmain(int argc, wchar_t** argv)
     if (!pid)
         return 1;
 
-    std::printf("status change to receipt (%d breaks of session 1):\n%12s %12s %12s %12s\n", changes, "subscribers",
-                "receipts", "p50", "p99");
+    std::printf("status change to receipt (%d breaks of session 1):\n%12s %12s %12s %12s\n", changes,
+                "subscribers", "receipts", "p50", "p99");
     for (int count : {1, 64})
     {
         const std::vector<long long> latencies = ChangeLatencies(count, changes);
@@ -181,8 +184,8 @@ int wmain(int argc, wchar_t** argv)
                     Percentile(latencies, 0.99));
     }
 
-    std::printf("\nagent path, 8 agents, %d URLs a round:\n%-28s %10s %12s %12s\n", urls, "", "URLs/s", "answer p50",
-                "answer p99");
+    std::printf("\nagent path, 8 agents, %d URLs a round:\n%-28s %10s %12s %12s\n", urls, "", "URLs/s",
+                "answer p50", "answer p99");
     double rate[2] = {0, 0};
     double p50[2] = {0, 0};
     for (int pass = 0; pass < 2; ++pass)
@@ -196,8 +199,8 @@ int wmain(int argc, wchar_t** argv)
             const Round round = RunAgents(8, urls);
             rate[with] += round.urlsPerSecond / 2;
             p50[with] += Percentile(round.answers, 0.5) / 2;
-            const std::string label = std::string(with ? "with 64 subscribers" : "without subscribers") + " (" +
-                                      std::to_string(figures.threads) + " thr)";
+            const std::string label = std::string(with ? "with 64 subscribers" : "without subscribers") +
+                                      " (" + std::to_string(figures.threads) + " thr)";
             PrintRound(label.c_str(), round);
         }
     }

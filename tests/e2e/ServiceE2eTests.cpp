@@ -47,8 +47,9 @@ public:
 TEST_F(ServiceE2eRunning, LogBeginsWithTheBannerAndHasTheStartRecord)
 {
     const std::wstring text = WaitForLog(L"CLogSvc::main: Service Running...", 10s);
+    const std::string date = __DATE__;
     const std::wstring expected =
-        L"Start service. Version program 10400" + std::wstring(__DATE__, __DATE__ + 11);
+        L"Start service. Version program 10400" + std::wstring(date.begin(), date.end());
     EXPECT_NE(std::wstring::npos, text.find(expected)) << std::string(text.begin(), text.end());
     EXPECT_EQ(0u, text.find(L"\r\n"));
 }

@@ -11,7 +11,8 @@ constexpr int kMoreData = 234;
 
 TEST(PolicyKeyFor, InsertsPoliciesAfterSoftwareAndRefusesOtherKeys)
 {
-    EXPECT_EQ(u"Software\\Policies\\Corvane\\Velomar (Server)", cvlog::PolicyKeyFor(u"Software\\Corvane\\Velomar (Server)"));
+    EXPECT_EQ(u"Software\\Policies\\Corvane\\Velomar (Server)",
+              cvlog::PolicyKeyFor(u"Software\\Corvane\\Velomar (Server)"));
     EXPECT_EQ(u"SOFTWARE\\Policies\\Corvane", cvlog::PolicyKeyFor(u"SOFTWARE\\Corvane"));
     EXPECT_EQ(u"", cvlog::PolicyKeyFor(u"System\\CurrentControlSet\\Services\\velomard"));
     EXPECT_EQ(u"", cvlog::PolicyKeyFor(u"Software\\policies\\Corvane"));
@@ -22,8 +23,13 @@ TEST(PolicyKeyFor, InsertsPoliciesAfterSoftwareAndRefusesOtherKeys)
 TEST(ReadWithPrecedence, PolicyValueWinsAndTheProductKeyIsNotAsked)
 {
     bool productAsked = false;
-    const auto [status, source] = cvlog::ReadWithPrecedence<int>(
-        [] { return 0; }, [&] { productAsked = true; return 0; }, kNotFound);
+    const auto [status, source] = cvlog::ReadWithPrecedence<int>([] { return 0; },
+                                                                 [&]
+                                                                 {
+                                                                     productAsked = true;
+                                                                     return 0;
+                                                                 },
+                                                                 kNotFound);
     EXPECT_EQ(0, status);
     EXPECT_EQ(cvlog::SettingSource::Policy, source);
     EXPECT_FALSE(productAsked);

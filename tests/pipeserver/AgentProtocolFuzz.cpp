@@ -18,7 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const size_t available = size - offset;
         const size_t taken = header.length < available ? header.length : available;
         const agentpipe::Decision decision = agentpipe::Interpret(header, data + offset, taken);
-        if (decision.kind == agentpipe::Decision::Kind::OpenUrl && decision.url.size() * 2 > (taken > 4 ? taken - 4 : 0))
+        if (decision.kind == agentpipe::Decision::Kind::OpenUrl &&
+            decision.url.size() * 2 > (taken > 4 ? taken - 4 : 0))
             __builtin_trap(); // the URL may never reach past its payload
         offset += taken;
     }

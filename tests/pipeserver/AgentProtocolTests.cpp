@@ -8,13 +8,14 @@ using namespace agentpipe;
 
 TEST(AgentProtocol, AnswersHaveTheirExactBytes)
 {
-    const std::vector<uint8_t> handshake = {0, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                                            1, 0, 0, 0, 0, 0, 0, 0};
+    const std::vector<uint8_t> handshake = {0, 0, 0, 0, 16, 0, 0, 0, 0, 0, 0, 0,
+                                            0, 0, 0, 0, 1,  0, 0, 0, 0, 0, 0, 0};
     const auto answer = EncodeHandshakeAnswer();
     EXPECT_EQ(handshake, std::vector<uint8_t>(answer.begin(), answer.end()));
 
     const auto failed = EncodeOpenUrlAnswer(kResultNotSent);
-    EXPECT_EQ((std::vector<uint8_t>{1, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0}), std::vector<uint8_t>(failed.begin(), failed.end()));
+    EXPECT_EQ((std::vector<uint8_t>{1, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0}),
+              std::vector<uint8_t>(failed.begin(), failed.end()));
 }
 
 TEST(AgentProtocol, AgentMessagesRoundTripAndAreInterpreted)

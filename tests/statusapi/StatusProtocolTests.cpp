@@ -12,7 +12,8 @@ using namespace statusapi;
 namespace
 {
 
-const std::vector<uint8_t> kUserSid = {1, 5, 0, 0, 0, 0, 0, 5, 21, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 0xE9, 3, 0, 0};
+const std::vector<uint8_t> kUserSid = {1, 5, 0, 0, 0, 0, 0, 5, 21, 0, 0,    0, 1, 0,
+                                       0, 0, 2, 0, 0, 0, 3, 0, 0,  0, 0xE9, 3, 0, 0};
 
 SessionEntry Entry(uint32_t session, uint32_t state)
 {
@@ -54,7 +55,8 @@ TEST(StatusProtocol, HelloTravelsWithItsSidAndIsCheckedAgainstThePipe)
 TEST(StatusProtocol, MalformedHellosAreRefused)
 {
     auto bytes = EncodeHello({kProtocolVersion, 1, 2, kUserSid});
-    const auto decode = [](std::vector<uint8_t> b) { return DecodeHello(b.data() + 8, b.size() - 8).has_value(); };
+    const auto decode = [](std::vector<uint8_t> b)
+    { return DecodeHello(b.data() + 8, b.size() - 8).has_value(); };
     EXPECT_TRUE(decode(bytes));
     auto longer = bytes;
     longer.push_back(0);
@@ -108,7 +110,8 @@ TEST(StatusProtocol, ClientPacketsAfterTheHello)
     EXPECT_EQ(9u, subscribe.request.id);
     EXPECT_EQ(kAllSessions, subscribe.request.scope);
     EXPECT_EQ(ClientPacket::Kind::Close, interpret(EncodeClose(kGoodbye)).kind);
-    EXPECT_EQ(ClientPacket::Kind::Malformed, interpret(EncodeHello({1, 1, 1, kUserSid})).kind) << "a second hello";
+    EXPECT_EQ(ClientPacket::Kind::Malformed, interpret(EncodeHello({1, 1, 1, kUserSid})).kind)
+        << "a second hello";
     EXPECT_EQ(ClientPacket::Kind::Malformed, interpret({kGetStatus, 0, 0, 0, 4, 0, 0, 0, 1, 0, 0, 0}).kind);
     EXPECT_TRUE(Reaches(kOwnSession, 2, 2));
     EXPECT_FALSE(Reaches(kOwnSession, 2, 3));
@@ -118,11 +121,13 @@ TEST(StatusProtocol, ClientPacketsAfterTheHello)
 TEST(StatusTool, PrintsStatesInWordsAndJson)
 {
     const Answer answer{1, kOk, {Entry(1, 50)}};
-    EXPECT_EQ(std::vector<std::string>{"session 1: connected (versions: local 1.1, remote 1.2, negotiated 1.1)"},
-              statustool::AnswerLines(answer, 1, false));
-    EXPECT_EQ(std::vector<std::string>{"{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":"
-                                       "\"1.1\",\"remoteVersion\":\"1.2\",\"negotiatedVersion\":\"1.1\"}"},
-              statustool::AnswerLines(answer, 1, true));
+    EXPECT_EQ(
+        std::vector<std::string>{"session 1: connected (versions: local 1.1, remote 1.2, negotiated 1.1)"},
+        statustool::AnswerLines(answer, 1, false));
+    EXPECT_EQ(
+        std::vector<std::string>{"{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":"
+                                 "\"1.1\",\"remoteVersion\":\"1.2\",\"negotiatedVersion\":\"1.1\"}"},
+        statustool::AnswerLines(answer, 1, true));
     EXPECT_EQ(statustool::kExitConnected, statustool::ExitCodeOf(answer));
     const Answer none{1, kNoChannel, {}};
     EXPECT_EQ(std::vector<std::string>{"{\"session\":4,\"state\":\"no channel\"}"},

@@ -44,8 +44,13 @@ namespace
 // What the service writes for a handshake followed by two messages.
 Bytes ServiceStream()
 {
-    return Concat({{0x01, 0x00, 0x01, 0x00}, {0x00}, {0, 0, 0, 0}, {0x00}, BuildSubmitMessage("a"),
-                   {0x07, 0, 0, 0, 0, 0, 0, 0}, BuildSubmitMessage("https://x")});
+    return Concat({{0x01, 0x00, 0x01, 0x00},
+                   {0x00},
+                   {0, 0, 0, 0},
+                   {0x00},
+                   BuildSubmitMessage("a"),
+                   {0x07, 0, 0, 0, 0, 0, 0, 0},
+                   BuildSubmitMessage("https://x")});
 }
 } // namespace
 

@@ -10,15 +10,15 @@ namespace agent
 // Exit codes, also listed by --help.
 enum ExitCode : int
 {
-    kExitSent = 0,          // the service sent the URL to the client side of this session
-    kExitOpenedLocally = 1, // the service did not send it; it was opened on this host instead
-    kExitNotOpened = 2,     // neither: not sent, and no local opening (--no-fallback, or it failed)
+    kExitSent = 0,                 // the service sent the URL to the client side of this session
+    kExitOpenedLocally = 1,        // the service did not send it; it was opened on this host instead
+    kExitNotOpened = 2,            // neither: not sent, and no local opening (--no-fallback, or it failed)
     kExitRefusedOpenedLocally = 3, // refused by the host's URL policy; opened on this host instead
     kExitRefusedNotOpened = 4,     // refused by the host's URL policy, and not opened on this host
-    kExitUsage = 64,        // no URL, an unknown option, or too many arguments
-    kExitBadUrl = 65,       // the text is not a URL, or it is too long
-    kExitRegistration = 70, // --register or --unregister failed
-    kExitWrongServer = 77,  // the agent pipe is served by another process than the service: nothing sent
+    kExitUsage = 64,               // no URL, an unknown option, or too many arguments
+    kExitBadUrl = 65,              // the text is not a URL, or it is too long
+    kExitRegistration = 70,        // --register or --unregister failed
+    kExitWrongServer = 77, // the agent pipe is served by another process than the service: nothing sent
 };
 
 constexpr size_t kMaxUrlLength = 16384; // characters

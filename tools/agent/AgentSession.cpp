@@ -395,12 +395,12 @@ SessionStatus CAgentSession::ReadUntil(uint32_t length, std::vector<uint8_t>& da
         auto record = std::make_unique<PIPE_OVERLAPPED>();
         auto callback = MakeGlobalCallback<void(std::shared_ptr<unsigned char[]>, unsigned long,
                                                 unsigned long, PIPE_OVERLAPPED*)>(
-            [pending](std::shared_ptr<unsigned char[]> bytes, unsigned long count, unsigned long status,
-                      PIPE_OVERLAPPED* completed)
+            [pending](const std::shared_ptr<unsigned char[]>& bytes, unsigned long count,
+                      unsigned long status, PIPE_OVERLAPPED* completed)
             {
                 bool abandoned = false;
                 {
-                    std::lock_guard guard(pending->lock);
+                    daxlib::lock_guard guard(pending->lock);
                     abandoned = pending->abandoned;
                     if (!abandoned)
                     {
@@ -443,7 +443,7 @@ SessionStatus CAgentSession::ReadUntil(uint32_t length, std::vector<uint8_t>& da
                 // stream, so it is waited for before the stream goes; should it not come, it
                 // frees the record whenever it does.
                 m_pStream->WaitFor(pending->done.get(), kSettleLimitMs);
-                std::lock_guard guard(pending->lock);
+                daxlib::lock_guard guard(pending->lock);
                 if (!pending->finished)
                 {
                     pending->abandoned = true;
@@ -453,7 +453,7 @@ SessionStatus CAgentSession::ReadUntil(uint32_t length, std::vector<uint8_t>& da
             Close();
             return Fail(SessionStatus::TimedOut, ERROR_TIMEOUT);
         }
-        std::lock_guard guard(pending->lock);
+        daxlib::lock_guard guard(pending->lock);
         if (pending->status != 0)
         {
             const DWORD error = pending->status;

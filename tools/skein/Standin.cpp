@@ -22,6 +22,14 @@ DWORD NotImplemented()
     return 0;
 }
 
+// Whether the library may go with the module: nothing started and no thread left.
+bool Unused(Library& lib)
+{
+    daxlib::lock_guard lock(lib.mu);
+    return !lib.initialized && !lib.notificationThread.joinable() && !lib.eventThread.joinable() &&
+           !lib.controlThread.joinable();
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------------------
@@ -34,7 +42,7 @@ extern "C"
     {
         Library& lib = Lib();
         {
-            std::lock_guard lock(lib.mu);
+            daxlib::lock_guard lock(lib.mu);
             if (lib.failNextInit != 0)
                 return std::exchange(lib.failNextInit, 0);
             if (lib.initialized)
@@ -55,7 +63,7 @@ extern "C"
     {
         Library& lib = Lib();
         {
-            std::lock_guard lock(lib.mu);
+            daxlib::lock_guard lock(lib.mu);
             if (!lib.initialized)
                 return 0;
             lib.initialized = false;
@@ -73,7 +81,7 @@ extern "C"
         }
         for (Thread* t : {&lib.notificationThread, &lib.eventThread, &lib.controlThread})
             t->join();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         if (lib.controlStop)
             ::CloseHandle(lib.controlStop);
         lib.controlStop = nullptr;
@@ -93,7 +101,7 @@ extern "C"
             return FALSE;
         }
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         lib.sessionCallbacks[kind] = callback;
         lib.sessionContexts[kind] = context;
         return TRUE;
@@ -103,7 +111,7 @@ extern "C"
     BOOL WINAPI SkStartNotification()
     {
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         if (!lib.initialized)
         {
             ::SetLastError(ERROR_NOT_READY);
@@ -153,7 +161,7 @@ extern "C"
             return nullptr;
         }
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         if (!lib.initialized)
         {
             ::SetLastError(ERROR_NOT_READY);
@@ -205,7 +213,7 @@ extern "C"
                                                    SkApi::ConnectionCallback callback, void* context)
     {
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         auto c = Find(lib, connection);
         if (!c)
         {
@@ -228,7 +236,7 @@ extern "C"
             return FALSE;
         }
         Library& lib = Lib();
-        std::unique_lock lock(lib.mu);
+        daxlib::unique_lock lock(lib.mu);
         auto c = Find(lib, connection);
         if (!c)
         {
@@ -263,7 +271,7 @@ extern "C"
             return FALSE;
         }
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         auto c = Find(lib, connection);
         if (!c)
         {
@@ -285,7 +293,7 @@ extern "C"
     DWORD WINAPI SkCloseConnection(HANDLE connection)
     {
         Library& lib = Lib();
-        std::unique_lock lock(lib.mu);
+        daxlib::unique_lock lock(lib.mu);
         auto c = Find(lib, connection);
         if (!c)
         {
@@ -297,7 +305,7 @@ extern "C"
         MarkDead(lib, *c);
         lib.cv.notify_all();
         if (::GetCurrentThreadId() != lib.eventThreadId)
-            lib.cv.wait(lock, [&] { return lib.dispatching != c; });
+            lib.cv.wait(lock, [&]() TS_REQUIRES(lib.mu) { return lib.dispatching != c; });
         return TRUE;
     }
 
@@ -445,7 +453,7 @@ extern "C"
     DWORD WINAPI StandinGetReceived(DWORD sessionId, uint8_t* buffer, DWORD capacity)
     {
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         auto s = lib.sessions.find(sessionId);
         if (s == lib.sessions.end())
             return 0;
@@ -458,7 +466,7 @@ extern "C"
     BOOL WINAPI StandinGetStats(DWORD sessionId, StandinStats* stats)
     {
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         auto s = lib.sessions.find(sessionId);
         if (s == lib.sessions.end() || !stats)
             return FALSE;
@@ -469,7 +477,7 @@ extern "C"
     DWORD WINAPI StandinGetConnectTimes(DWORD sessionId, uint64_t* ticks, DWORD capacity)
     {
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         auto s = lib.sessions.find(sessionId);
         if (s == lib.sessions.end())
             return 0;
@@ -482,7 +490,7 @@ extern "C"
     void WINAPI StandinFailNextInit(DWORD error)
     {
         Library& lib = Lib();
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         lib.failNextInit = error;
     }
 
@@ -493,9 +501,7 @@ extern "C"
             g_hSelf = instance;
             ::DisableThreadLibraryCalls(instance);
         }
-        else if (reason == DLL_PROCESS_DETACH && reserved == nullptr && g_library &&
-                 !g_library->initialized && !g_library->notificationThread.joinable() &&
-                 !g_library->eventThread.joinable() && !g_library->controlThread.joinable())
+        else if (reason == DLL_PROCESS_DETACH && reserved == nullptr && g_library && Unused(*g_library))
         {
             delete g_library;
             g_library = nullptr;

@@ -129,10 +129,10 @@ std::shared_ptr<Connection> Find(Library& lib, HANDLE handle)
 void NotificationThread(void*)
 {
     Library& lib = Lib();
-    std::unique_lock lock(lib.mu);
+    daxlib::unique_lock lock(lib.mu);
     for (;;)
     {
-        lib.cv.wait(lock, [&] { return lib.stopping || !lib.notifications.empty(); });
+        lib.cv.wait(lock, [&]() TS_REQUIRES(lib.mu) { return lib.stopping || !lib.notifications.empty(); });
         if (lib.stopping)
             return;
         QueuedNotification n = lib.notifications.front();
@@ -150,11 +150,11 @@ void NotificationThread(void*)
 void EventThread(void*)
 {
     Library& lib = Lib();
-    std::unique_lock lock(lib.mu);
+    daxlib::unique_lock lock(lib.mu);
     lib.eventThreadId = ::GetCurrentThreadId();
     for (;;)
     {
-        lib.cv.wait(lock, [&] { return lib.stopping || !lib.events.empty(); });
+        lib.cv.wait(lock, [&]() TS_REQUIRES(lib.mu) { return lib.stopping || !lib.events.empty(); });
         if (lib.stopping)
             return;
         QueuedEvent e = std::move(lib.events.front());

@@ -70,7 +70,7 @@ std::string RunCommand(const std::string& line)
         return "ok";
     try
     {
-        std::lock_guard lock(lib.mu);
+        daxlib::lock_guard lock(lib.mu);
         if (verb == "sessions")
         {
             std::string reply = "ok";

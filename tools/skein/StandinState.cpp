@@ -105,8 +105,9 @@ void AppendLine(SinkFile& sink, const std::wstring& path, const std::string& lin
     const auto open = [&]
     {
         // Shared for deletion as well: a test may remove the file while a service still runs.
-        return ::CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                             nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        return ::CreateFileW(path.c_str(), FILE_APPEND_DATA,
+                             FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_ALWAYS,
+                             FILE_ATTRIBUTE_NORMAL, nullptr);
     };
     if (!sink.file)
     {

@@ -160,18 +160,18 @@ struct Library
 {
     SrwMutex mu;
     CondVar cv; // data, breaks, queue changes, finished dispatches
-    bool initialized = false;
-    bool notifying = false;
-    bool stopping = false;
-    DWORD failNextInit = 0;
-    std::map<uint32_t, Session> sessions;
-    std::map<uintptr_t, std::shared_ptr<Connection>> connections;
-    uintptr_t nextHandle = 0x5c40;
+    bool initialized TS_GUARDED_BY(mu) = false;
+    bool notifying TS_GUARDED_BY(mu) = false;
+    bool stopping TS_GUARDED_BY(mu) = false;
+    DWORD failNextInit TS_GUARDED_BY(mu) = 0;
+    std::map<uint32_t, Session> sessions TS_GUARDED_BY(mu);
+    std::map<uintptr_t, std::shared_ptr<Connection>> connections TS_GUARDED_BY(mu);
+    uintptr_t nextHandle TS_GUARDED_BY(mu) = 0x5c40;
     SkApi::SessionCallback sessionCallbacks[3] = {};
     void* sessionContexts[3] = {};
-    std::deque<QueuedNotification> notifications;
-    std::deque<QueuedEvent> events;
-    std::shared_ptr<Connection> dispatching;
+    std::deque<QueuedNotification> notifications TS_GUARDED_BY(mu);
+    std::deque<QueuedEvent> events TS_GUARDED_BY(mu);
+    std::shared_ptr<Connection> dispatching TS_GUARDED_BY(mu);
     Thread notificationThread;
     Thread eventThread;
     Thread controlThread;
@@ -195,14 +195,15 @@ std::wstring DefaultSink();
 void AppendLine(SinkFile& sink, const std::wstring& path, const std::string& line);
 
 // Connections and notifications, all with the library lock held
-void QueueEvent(Library& lib, const std::shared_ptr<Connection>& c, DWORD event);
-void MarkDead(Library& lib, Connection& c);
-void Break(Library& lib, const std::shared_ptr<Connection>& c);
+void QueueEvent(Library& lib, const std::shared_ptr<Connection>& c, DWORD event) TS_REQUIRES(lib.mu);
+void MarkDead(Library& lib, Connection& c) TS_REQUIRES(lib.mu);
+void Break(Library& lib, const std::shared_ptr<Connection>& c) TS_REQUIRES(lib.mu);
 void PeerSend(Connection& c, const uint8_t* bytes, size_t size);
-void PeerReceive(Library& lib, const std::shared_ptr<Connection>& c, const uint8_t* bytes, size_t size);
-std::shared_ptr<Connection> Find(Library& lib, HANDLE handle);
+void PeerReceive(Library& lib, const std::shared_ptr<Connection>& c, const uint8_t* bytes, size_t size)
+    TS_REQUIRES(lib.mu);
+std::shared_ptr<Connection> Find(Library& lib, HANDLE handle) TS_REQUIRES(lib.mu);
 void QueueNotification(Library& lib, DWORD kind, uint32_t id, const std::wstring& guidText,
-                       const std::wstring& name, uint32_t type);
+                       const std::wstring& name, uint32_t type) TS_REQUIRES(lib.mu);
 
 // The library's threads
 void NotificationThread(void*);

@@ -48,7 +48,7 @@ std::wstring DescribeStatus(Status status, uint32_t closeReason, DWORD error)
     return daxlib::Format(L"cannot reach the velomard service (error %u)", static_cast<unsigned>(error));
 }
 
-CStatusClient::CStatusClient(std::wstring pipeName) : m_strPipeName(daxlib::PipePath(pipeName)) {}
+CStatusClient::CStatusClient(const std::wstring& pipeName) : m_strPipeName(daxlib::PipePath(pipeName)) {}
 
 Status CStatusClient::Open(DWORD timeoutMs)
 {

@@ -37,7 +37,7 @@ class CStatusClient
 {
 public:
     // `pipeName` without the "\\.\pipe\" prefix.
-    explicit CStatusClient(std::wstring pipeName = statusapi::kStatusPipeName);
+    explicit CStatusClient(const std::wstring& pipeName = statusapi::kStatusPipeName);
     ~CStatusClient() = default;
     CStatusClient(const CStatusClient&) = delete;
     CStatusClient& operator=(const CStatusClient&) = delete;
