@@ -23,6 +23,8 @@ install() {
 # clang builds the fuzz targets (the `fuzz` preset); wixl and msitools the installer package;
 # xmllint and python3 check the Group Policy templates.
 install cmake make g++ googletest g++-mingw-w64-x86-64-posix wine wine64 clang msitools wixl libxml2-utils python3
+# The second Windows build (the `clang` preset), clang-tidy over it, and the pinned formatter.
+install clang-19 lld-19 clang-tidy-19 clang-format-14
 
 # libFuzzer's runtime comes with clang's runtime package of the same major version.
 if ! echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' |
