@@ -30,29 +30,16 @@ protected:
     RdpClient::PieceAssembler assembler{64};
 };
 
-TEST_F(PieceAssemblerTest, OnePieceWithBothFlagsIsAWholeMessage)
+TEST_F(PieceAssemblerTest, JoinsPiecesInOrderAndIgnoresSuspendNotices)
 {
-    EXPECT_EQ(Add("abcd", 4, kPieceFirst | kPieceLast), Result::Complete);
-    EXPECT_EQ(Message(), "abcd");
-}
-
-TEST_F(PieceAssemblerTest, PiecesAreJoinedInOrderUntilTheLast)
-{
+    EXPECT_EQ(Add("", 0, kPieceSuspend), Result::Idle);
     EXPECT_EQ(Add("ab", 7, kPieceFirst), Result::Partial);
+    EXPECT_EQ(Add("", 0, kPieceResume), Result::Partial);
     EXPECT_EQ(Add("cde", 7, 0), Result::Partial);
     EXPECT_EQ(Add("fg", 7, kPieceLast), Result::Complete);
     EXPECT_EQ(Message(), "abcdefg");
     EXPECT_EQ(Add("h", 1, kPieceFirst | kPieceLast), Result::Complete);
     EXPECT_EQ(Message(), "h");
-}
-
-TEST_F(PieceAssemblerTest, SuspendAndResumeNoticesAreNotData)
-{
-    EXPECT_EQ(Add("", 0, kPieceSuspend), Result::Idle);
-    EXPECT_EQ(Add("ab", 4, kPieceFirst), Result::Partial);
-    EXPECT_EQ(Add("", 0, kPieceResume), Result::Partial);
-    EXPECT_EQ(Add("cd", 4, kPieceLast), Result::Complete);
-    EXPECT_EQ(Message(), "abcd");
 }
 
 struct Loss

@@ -65,15 +65,18 @@ Child::~Child()
 {
     if (m_stdin >= 0)
         close(m_stdin);
-    if (m_pid > 0 && !m_bReaped)
-    {
-        kill(-m_pid, SIGTERM);
-        if (!Exited(Millis(2000)))
-            kill(-m_pid, SIGKILL);
-        Exited(Millis(5000));
-    }
-    if (m_pid > 0)
-        kill(-m_pid, SIGKILL); // whatever else the group still holds
+    if (m_pid <= 0 || m_bReaped)
+        return;
+    // Until the leader is reaped its group keeps its id: the whole group is ended through it.
+    kill(-m_pid, SIGTERM);
+    siginfo_t info{};
+    for (int i = 0;
+         i < 200 && (waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0 ||
+                     info.si_pid == 0);
+         ++i)
+        std::this_thread::sleep_for(Millis(10));
+    kill(-m_pid, SIGKILL);
+    waitpid(m_pid, nullptr, 0);
 }
 
 bool Child::Send(const std::string& line) const
@@ -131,18 +134,9 @@ std::vector<std::vector<std::string>> ReadRecords(const std::string& path)
     std::istringstream lines(ReadFile(path));
     for (std::string line; std::getline(lines, line);)
     {
-        std::istringstream words(line);
-        size_t count = 0;
-        words >> count;
-        std::vector<std::string> args(count);
-        for (auto& arg : args)
-        {
-            std::string hex;
-            words >> hex;
-            for (size_t i = 0; i + 1 < hex.size(); i += 2)
-                arg.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-        }
-        records.push_back(args);
+        records.emplace_back();
+        for (size_t at = 0, end; (end = line.find('\0', at)) != std::string::npos; at = end + 1)
+            records.back().push_back(line.substr(at, end - at));
     }
     return records;
 }
