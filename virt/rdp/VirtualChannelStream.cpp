@@ -98,17 +98,14 @@ BOOL CVirtualChannelStream::Fail(DWORD brokenBy)
     return FALSE;
 }
 
-CVirtualChannelStream::Pulled CVirtualChannelStream::PullOnce()
+CVirtualChannelStream::Pulled CVirtualChannelStream::PullOnce(DWORD& error)
 {
     ULONG got = 0;
     // A zero time-out everywhere: WinPR ignores it anyway, and waiting is the seam's business.
     if (!m_calls.read(m_hChannel, 0, m_chunk.data(), static_cast<ULONG>(m_chunk.size()), &got))
     {
-        const DWORD error = ::GetLastError();
-        if (IsNothingArrivedYet(error))
-            return Pulled::Nothing;
-        m_dwBrokenBy.store(error == 0 ? ERROR_NOT_CONNECTED : error);
-        return Pulled::Failed;
+        error = ::GetLastError();
+        return IsNothingArrivedYet(error) ? Pulled::Nothing : Pulled::Failed;
     }
     if (got == 0)
         return Pulled::Nothing;
@@ -131,9 +128,10 @@ BOOL CVirtualChannelStream::Read(void* buffer, DWORD* count, DWORD timeoutMs)
     {
         if (m_bBroken.load())
             return Fail(ERROR_NOT_CONNECTED);
-        const Pulled pulled = PullOnce();
+        DWORD error = 0;
+        const Pulled pulled = PullOnce(error);
         if (pulled == Pulled::Failed)
-            return Fail(m_dwBrokenBy.load());
+            return Fail(error);
         if (pulled == Pulled::Bytes)
             continue;
 

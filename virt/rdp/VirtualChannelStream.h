@@ -91,7 +91,7 @@ private:
         Nothing,
         Failed,
     };
-    Pulled PullOnce();
+    Pulled PullOnce(DWORD& error);
     BOOL Fail(DWORD brokenBy);
 
     HANDLE m_hChannel;
