@@ -26,6 +26,14 @@ install cmake make g++ googletest g++-mingw-w64-x86-64-posix wine wine64 clang m
 # The second Windows build (the `clang` preset), clang-tidy over it, and the pinned formatter.
 install clang-19 lld-19 clang-tidy-19 clang-format-14
 
+# The Linux client add-in and its end-to-end tests: FreeRDP 2's headers and libraries, the client
+# (xfreerdp) under Xvfb, winpr-makecert for the test host's certificate, dpkg-dev for the add-in's
+# .deb. FreeRDP loads add-ins only from its own folder, which no package creates; the tests
+# bind-mount the build folder over it in a private mount namespace, so it must exist.
+install freerdp2-dev libwinpr2-dev libfreerdp-server2-2 freerdp2-x11 winpr-utils xvfb xauth dpkg-dev
+addin_dir=/usr/lib/x86_64-linux-gnu/freerdp2
+[ -d "$addin_dir" ] || $sudo_cmd mkdir -p "$addin_dir"
+
 # libFuzzer's runtime comes with clang's runtime package of the same major version.
 if ! echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' |
      clang++ -x c++ -fsanitize=fuzzer,address,undefined - -o /dev/null 2>/dev/null; then

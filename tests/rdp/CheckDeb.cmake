@@ -1,0 +1,21 @@
+# Builds the add-in's .deb from the build folder BUILD into OUT and checks that it installs the
+# add-in where FreeRDP looks for it and depends on FreeRDP's client library.
+execute_process(COMMAND ${CMAKE_CPACK_COMMAND} -G DEB --config ${BUILD}/CPackConfig.cmake -B ${OUT}
+                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "cpack failed:\n${out}")
+endif()
+file(GLOB debs ${OUT}/velomar-rdp-client_*_amd64.deb)
+list(LENGTH debs count)
+if(NOT count EQUAL 1)
+  message(FATAL_ERROR "expected one velomar-rdp-client .deb in ${OUT}, found: ${debs}")
+endif()
+execute_process(COMMAND dpkg-deb --contents ${debs} OUTPUT_VARIABLE contents RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0 OR NOT contents MATCHES "\\./usr/lib/${ARCH}/freerdp2/libvelomar-client\\.so\n")
+  message(FATAL_ERROR "the add-in is not in FreeRDP's add-in folder:\n${contents}")
+endif()
+execute_process(COMMAND dpkg-deb --field ${debs} Depends OUTPUT_VARIABLE depends)
+if(NOT depends MATCHES "libfreerdp-client2-2")
+  message(FATAL_ERROR "no dependency on FreeRDP's client library: ${depends}")
+endif()
+message(STATUS "${debs}: ${depends}")
