@@ -11,10 +11,13 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(velomar_options INTERFACE -Wthread-safety -Wthread-safety-beta)
 endif()
 option(VELOMAR_SANITIZE "Host build: AddressSanitizer and UndefinedBehaviorSanitizer, any report fatal" OFF)
+# Code loaded by a program that is not instrumented (the FreeRDP client add-in) must not carry the
+# sanitizers' runtimes: such targets set the property VELOMAR_NO_SANITIZE.
 if(VELOMAR_SANITIZE AND NOT WIN32)
-  target_compile_options(velomar_options INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all
-                                                   -fno-omit-frame-pointer)
-  target_link_options(velomar_options INTERFACE -fsanitize=address,undefined)
+  set(velomar_sanitized $<NOT:$<BOOL:$<TARGET_PROPERTY:VELOMAR_NO_SANITIZE>>>)
+  target_compile_options(velomar_options INTERFACE
+    $<${velomar_sanitized}:-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer>)
+  target_link_options(velomar_options INTERFACE $<${velomar_sanitized}:-fsanitize=address,undefined>)
 endif()
 option(VELOMAR_WARNINGS_AS_ERRORS "Fail the build on any warning in the project's own code" OFF)
 if(VELOMAR_WARNINGS_AS_ERRORS)
