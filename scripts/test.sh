@@ -22,16 +22,21 @@ cmake --build --preset fuzz
 mkdir -p build/fuzz/logs
 mapfile -t fuzzers < <(find build/fuzz/tests -type f -name '*_fuzz' -perm -u+x | sort)
 [ ${#fuzzers[@]} -gt 0 ] || { echo "no fuzz targets were built" >&2; exit 1; }
-for fuzzer in "${fuzzers[@]}"; do
+# One fuzzer per core at a time: each is single-threaded and gets its full time.
+fuzz_one() {
+  local fuzzer=$1 name
   name=$(basename "$fuzzer")
   echo "fuzzing $name for ${fuzz_seconds} s"
   if ! "$fuzzer" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 \
        -artifact_prefix="build/fuzz/logs/$name-" >"build/fuzz/logs/$name.log" 2>&1; then
     tail -n 40 "build/fuzz/logs/$name.log" >&2
     echo "$name failed; its input is in build/fuzz/logs/" >&2
-    exit 1
+    return 1
   fi
-done
+}
+export -f fuzz_one
+export fuzz_seconds
+printf '%s\0' "${fuzzers[@]}" | xargs -0 -n 1 -P "$(nproc)" bash -c 'fuzz_one "$1"' _
 
 # The Windows build with clang: the locking rules are checked (-Wthread-safety), every warning is
 # an error, clang-tidy reads its compile commands, and the pipe, pipe-server and session suites
