@@ -41,8 +41,9 @@ protected:
             << ReadFile(s_host->output) << ReadFile(s_client->output);
     }
 
-    // What the recorder got for the URL, known to be all once a marker URL sent after it came:
-    // the add-in starts the opener for each URL in turn, but their runs may end in any order.
+    // What the recorder got for the URL. A marker URL is sent after it; the add-in starts the
+    // opener for each URL in turn, but their runs may end in any order, so once the marker has
+    // been recorded the URL's own run is given a moment more to end.
     static std::vector<Args> Deliver(const std::string& url)
     {
         const size_t before = ReadRecords(s_record).size();
@@ -52,6 +53,11 @@ protected:
         for (int i = 0; i < 1000; ++i, std::this_thread::sleep_for(Millis(10)))
         {
             auto records = ReadRecords(s_record);
+            if (std::find(records.begin() + static_cast<std::ptrdiff_t>(before), records.end(), marker) ==
+                records.end())
+                continue;
+            std::this_thread::sleep_for(Millis(500));
+            records = ReadRecords(s_record);
             records.erase(records.begin(), records.begin() + static_cast<std::ptrdiff_t>(before));
             const auto found = std::find(records.begin(), records.end(), marker);
             if (found == records.end())
