@@ -272,8 +272,8 @@ void CStatusConnection::Serve()
             if (step != CPacketReader::Step::Complete)
                 continue;
             const Packet packet = reader.Take();
-            const ClientPacket request =
-                InterpretClientPacket(packet.header, packet.payload.data(), packet.payload.size());
+            const ClientPacket request = InterpretClientPacket(packet.header, packet.payload.data(),
+                                                               packet.payload.size(), kProtocolVersion);
             if (request.kind == ClientPacket::Kind::Close)
                 break; // answered with nothing
             if (request.kind == ClientPacket::Kind::Malformed)
