@@ -235,6 +235,7 @@ void WINAPI CSessionHandler::ConnectionEventTrampoline(HANDLE connection, DWORD 
 unsigned CSessionHandler::ConnectionThread()
 {
     Log(LogLevel::Info, kConnectionThread, L"Started");
+    bool everConnected = false;
     for (;;)
     {
         const HANDLE wakers[] = {m_hevStop.get(), m_hevDisconnected.get()};
@@ -248,6 +249,9 @@ unsigned CSessionHandler::ConnectionThread()
 
         if (ConnectOnce())
         {
+            if (everConnected)
+                m_counters.Reconnected();
+            everConnected = true;
             AllowSending(true);
             continue; // sleep until the connection breaks
         }
@@ -304,8 +308,10 @@ bool CSessionHandler::ConnectOnce()
     switch (DoHandshake())
     {
     case HandshakeOutcome::Accepted:
+        m_counters.HandshakeCompleted();
         return true;
     case HandshakeOutcome::Refused:
+        m_counters.HandshakeRefused();
         m_bProtocolInvalid = true;
         return false;
     case HandshakeOutcome::Broken:
@@ -385,7 +391,27 @@ void CSessionHandler::ReadOneMessage()
         header.command);
 }
 
+namespace
+{
+uint64_t FileTimeNow()
+{
+    FILETIME now{};
+    ::GetSystemTimeAsFileTime(&now);
+    return (uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
+}
+} // namespace
+
 bool CSessionHandler::SendURL(std::wstring url)
+{
+    const bool sent = WriteURL(std::move(url));
+    if (sent)
+        m_counters.UrlForwarded(FileTimeNow());
+    else
+        m_counters.UrlFailed(FileTimeNow());
+    return sent;
+}
+
+bool CSessionHandler::WriteURL(std::wstring url)
 {
     daxlib::lock_guard turn(m_fifoSend);
     daxlib::lock_guard lock(m_csSend);

@@ -8,6 +8,7 @@
 #include "common/UniqueHandle.h"
 #include "virt/ChannelStatus.h"
 #include "virt/FmallocBuffer.h"
+#include "virt/SessionCounters.h"
 
 #include <atomic>
 #include <memory>
@@ -45,6 +46,10 @@ public:
 
     const wchar_t* GetSessionGUID() const noexcept { return m_szSessionGUID; }
     uint32_t GetSessionId() const noexcept { return m_dwSessionId; }
+    // Counts of this session since the handler was made; refusals by the URL policy are
+    // counted by whoever judges the URL, before it reaches the handler.
+    SessionCounters& Counters() noexcept { return m_counters; }
+    const SessionCounters& Counters() const noexcept { return m_counters; }
 
 private:
     static unsigned __stdcall ConnectionThreadEntry(void* self);
@@ -61,6 +66,7 @@ private:
         Broken,  // the connection failed on the way: retried like any broken connection
     };
     HandshakeOutcome DoHandshake();
+    bool WriteURL(std::wstring url); // SendURL without the counting
     void ReadOneMessage();
     void StopThreads();
     void DropConnection();
@@ -96,5 +102,6 @@ private:
     fmalloc_buffer<4096> m_fmReceiveBuff TS_GUARDED_BY(m_csRead);
     ChannelStatusRecord m_status TS_GUARDED_BY(m_csState){};
     std::atomic<bool> m_bProtocolInvalid{false};
+    SessionCounters m_counters;
     ChannelStatusListener m_listener;
 };
