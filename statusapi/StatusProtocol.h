@@ -18,8 +18,9 @@ namespace statusapi
 {
 
 using daxlib::kStatusPipeName;
-// The version the service speaks; it answers every older version's requests exactly as that
-// version did. Version 2 adds GetCounters and CountersAnswer.
+// The highest version the service welcomes; it answers every older version's requests exactly
+// as that version did. Version 2 adds GetCounters and CountersAnswer; the service welcomes it
+// once its connections answer GetCounters.
 constexpr uint32_t kProtocolVersion = 1;
 constexpr uint32_t kMinProtocolVersion = 1;
 constexpr uint32_t kCountersVersion = 2; // the first version with GetCounters
