@@ -58,6 +58,17 @@ constexpr uint64_t SessionCountersSnapshot::*kCounterFields[] = {
 };
 static_assert(kCountersEntrySize == 4 + 8 * std::size(kCounterFields));
 
+// The entry count of an answer whose count agrees with its size; none otherwise.
+std::optional<uint32_t> AnswerCount(const uint8_t* payload, size_t size, size_t entrySize)
+{
+    if (!payload || size < kAnswerFixed)
+        return std::nullopt;
+    const uint32_t count = LoadU32(payload + 8);
+    if ((size - kAnswerFixed) % entrySize != 0 || (size - kAnswerFixed) / entrySize != count)
+        return std::nullopt;
+    return count;
+}
+
 SessionEntry LoadEntry(const uint8_t* in)
 {
     SessionEntry entry;
@@ -180,11 +191,10 @@ std::vector<uint8_t> EncodeAnswer(const Answer& answer)
 
 std::optional<Answer> DecodeAnswer(const uint8_t* payload, size_t size)
 {
-    if (!payload || size < kAnswerFixed)
+    const auto entries = AnswerCount(payload, size, kEntrySize);
+    if (!entries)
         return std::nullopt;
-    const uint32_t count = LoadU32(payload + 8);
-    if ((size - kAnswerFixed) % kEntrySize != 0 || (size - kAnswerFixed) / kEntrySize != count)
-        return std::nullopt;
+    const uint32_t count = *entries;
     Answer answer;
     answer.requestId = LoadU32(payload);
     answer.result = LoadU32(payload + 4);
@@ -232,16 +242,13 @@ std::vector<uint8_t> EncodeCountersAnswer(const CountersAnswer& answer)
 
 std::optional<CountersAnswer> DecodeCountersAnswer(const uint8_t* payload, size_t size)
 {
-    if (!payload || size < kAnswerFixed)
-        return std::nullopt;
-    const uint32_t count = LoadU32(payload + 8);
-    if ((size - kAnswerFixed) % kCountersEntrySize != 0 ||
-        (size - kAnswerFixed) / kCountersEntrySize != count)
+    const auto count = AnswerCount(payload, size, kCountersEntrySize);
+    if (!count)
         return std::nullopt;
     CountersAnswer answer;
     answer.requestId = LoadU32(payload);
     answer.result = LoadU32(payload + 4);
-    answer.entries.resize(count);
+    answer.entries.resize(*count);
     const uint8_t* in = payload + kAnswerFixed;
     for (CountersEntry& entry : answer.entries)
     {
