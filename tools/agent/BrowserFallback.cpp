@@ -14,7 +14,9 @@ namespace agent
 
 namespace
 {
+// The schemes whose earlier default is kept at registration, and those a browser opens.
 constexpr std::array<const wchar_t*, 2> kWebSchemes = {L"http", L"https"};
+constexpr std::array<const wchar_t*, 3> kBrowserSchemes = {L"http", L"https", L"file"};
 constexpr wchar_t kClients[] = L"Software\\Clients\\StartMenuInternet";
 
 std::optional<std::wstring> ReadString(HKEY root, const std::wstring& path, const wchar_t* name)
@@ -116,9 +118,9 @@ std::vector<std::pair<std::wstring, std::wstring>> OtherBrowsers()
     return browsers;
 }
 
-bool IsWebScheme(const std::wstring& scheme)
+bool IsBrowserScheme(const std::wstring& scheme)
 {
-    for (const wchar_t* web : kWebSchemes)
+    for (const wchar_t* web : kBrowserSchemes)
     {
         if (scheme == web)
             return true;
@@ -130,7 +132,7 @@ bool IsWebScheme(const std::wstring& scheme)
 FallbackResult OpenWithFallbackBrowser(const std::wstring& url, const std::wstring& scheme)
 {
     FallbackResult result;
-    if (!IsWebScheme(scheme))
+    if (!IsBrowserScheme(scheme))
         return result;
     std::vector<std::pair<std::wstring, std::wstring>> choices;
     if (auto command = ReadMachineString(kFallbackBrowserValue))

@@ -26,7 +26,7 @@ struct FallbackResult
     DWORD error = 0;      // the last start that failed, when none opened it
 };
 
-// Starts, for an http or https URL, the first of: the administrator's FallbackBrowser, the
+// Starts, for an http, https or file URL, the first of: the administrator's FallbackBrowser, the
 // user's default browser from before --register, the first other browser under
 // StartMenuInternet (the user's, then the machine's). Commands naming velomar-open are skipped;
 // the URL is one argument of a process started directly, never through a shell.
