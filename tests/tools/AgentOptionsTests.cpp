@@ -18,7 +18,8 @@ TEST(AgentCommandLine, AcceptsUrlsAndOptions)
     EXPECT_EQ(250u, r.options.timeoutMs);
 
     // A page file, as the .htm/.html associations pass it; other paths stay refused (below).
-    EXPECT_EQ(L"file:///C:/Users/A%20B/p%23%3F%25.HTML", ParseCommandLine({L"C:\\Users\\A B\\p#?%.HTML"}).options.url);
+    EXPECT_EQ(L"file:///C:/Users/A%20B/p%23%3F%25.HTML",
+              ParseCommandLine({L"C:\\Users\\A B\\p#?%.HTML"}).options.url);
     EXPECT_EQ(L"file://srv/share/x.htm", ParseCommandLine({L"\\\\srv\\share\\x.htm"}).options.url);
     EXPECT_EQ(kExitBadUrl, ParseCommandLine({L"\\\\?\\C:\\x.htm"}).exitCode);
 

@@ -22,5 +22,6 @@ int wmain()
     ::LocalFree(argv);
     DWORD written = 0;
     const auto bytes = static_cast<DWORD>(record.size() * sizeof(wchar_t));
-    return file && ::WriteFile(file.get(), record.data(), bytes, &written, nullptr) && written == bytes ? 0 : 1;
+    return file && ::WriteFile(file.get(), record.data(), bytes, &written, nullptr) && written == bytes ? 0
+                                                                                                        : 1;
 }

@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (args.size() != 1 || args[0] != url)
         __builtin_trap();
     const auto launch = agent::ExpandBrowserCommand(command, url);
-    if (launch && launch->commandLine.find(url) == std::wstring::npos && url.find_first_of(L"\\\"") == std::wstring::npos)
+    if (launch && launch->commandLine.find(url) == std::wstring::npos &&
+        url.find_first_of(L"\\\"") == std::wstring::npos)
         __builtin_trap(); // an URL without quotes or backslashes is carried verbatim
     return 0;
 }

@@ -43,8 +43,9 @@ TEST(BrowserCommandTest, QuotedArgumentsReadBackUnchanged)
 
 TEST(BrowserCommandTest, ReadsArgumentsAsTheRuntimeDoes)
 {
-    EXPECT_EQ((std::vector<std::wstring>{L"a\\\\b", L"c\"d", L"e f", L"g\\\"h", L"", L"i\"j"}),
-              SplitArguments(L"\"C:\\Program Files\\x.exe\" a\\\\b c\\\"d \"e f\" g\\\\\\\"h \"\" \"i\"\"j\""));
+    EXPECT_EQ(
+        (std::vector<std::wstring>{L"a\\\\b", L"c\"d", L"e f", L"g\\\"h", L"", L"i\"j"}),
+        SplitArguments(L"\"C:\\Program Files\\x.exe\" a\\\\b c\\\"d \"e f\" g\\\\\\\"h \"\" \"i\"\"j\""));
     EXPECT_TRUE(SplitArguments(L"\"C:\\x y\\z.exe\"").empty());
 }
 
@@ -52,17 +53,18 @@ TEST(BrowserCommandTest, PlaceholderBecomesTheUrlAsOneArgument)
 {
     for (const std::wstring& url : kHardUrls)
     {
-        for (const std::wstring& command :
-             {std::wstring(L"\"C:\\Program Files\\B\\b.exe\" --single \"%1\""),
-              std::wstring(L"\"C:\\Program Files\\B\\b.exe\" --single %1"),
-              std::wstring(L"C:\\B\\b.exe -osint -url %L"), std::wstring(L"\"C:\\Program Files\\B\\b.exe\" --single")})
+        for (const std::wstring& command : {std::wstring(L"\"C:\\Program Files\\B\\b.exe\" --single \"%1\""),
+                                            std::wstring(L"\"C:\\Program Files\\B\\b.exe\" --single %1"),
+                                            std::wstring(L"C:\\B\\b.exe -osint -url %L"),
+                                            std::wstring(L"\"C:\\Program Files\\B\\b.exe\" --single")})
         {
             const auto launch = ExpandBrowserCommand(command, url);
             ASSERT_TRUE(launch);
             const std::vector<std::wstring> args = SplitArguments(launch->commandLine);
             ASSERT_FALSE(args.empty()) << launch->commandLine;
             EXPECT_EQ(url, args.back()) << command << L" -> " << launch->commandLine;
-            EXPECT_EQ(command.find(L"-osint") != std::wstring::npos ? 3u : 2u, args.size()) << launch->commandLine;
+            EXPECT_EQ(command.find(L"-osint") != std::wstring::npos ? 3u : 2u, args.size())
+                << launch->commandLine;
         }
     }
     const auto launch = ExpandBrowserCommand(L"\"C:\\Program Files\\B\\b.exe\" \"--url=%1\" x", L"u v");

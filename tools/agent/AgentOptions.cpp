@@ -95,7 +95,8 @@ ParseResult ParseCommandLine(const std::vector<std::wstring>& args)
 bool IsPageFilePath(const std::wstring& text)
 {
     const bool drive = text.size() > 3 && std::iswalpha(text[0]) && text[1] == L':' && text[2] == L'\\';
-    const bool share = text.size() > 2 && text[0] == L'\\' && text[1] == L'\\' && text[2] != L'?' && text[2] != L'.';
+    const bool share =
+        text.size() > 2 && text[0] == L'\\' && text[1] == L'\\' && text[2] != L'?' && text[2] != L'.';
     if (!drive && !share)
         return false;
     const size_t dot = text.find_last_of(L".\\");
@@ -115,12 +116,23 @@ std::wstring FileUrlFromPath(const std::wstring& path)
     {
         switch (c)
         {
-        case L'\\': url += L'/'; break;
-        case L' ': url += L"%20"; break;
-        case L'%': url += L"%25"; break;
-        case L'#': url += L"%23"; break;
-        case L'?': url += L"%3F"; break;
-        default: url += c;
+        case L'\\':
+            url += L'/';
+            break;
+        case L' ':
+            url += L"%20";
+            break;
+        case L'%':
+            url += L"%25";
+            break;
+        case L'#':
+            url += L"%23";
+            break;
+        case L'?':
+            url += L"%3F";
+            break;
+        default:
+            url += c;
         }
     }
     return url;

@@ -56,7 +56,10 @@ std::vector<std::wstring> ReadArguments(const std::wstring& line, size_t pos)
                 if (slashes % 2 == 1)
                     arg += L'"';
                 else if (quoted && pos + 1 < line.size() && line[pos + 1] == L'"')
-                    arg += L'"', ++pos; // "" inside quotes is one quote (the runtime since 2008)
+                {
+                    arg += L'"'; // "" inside quotes is one quote (the runtime since 2008)
+                    ++pos;
+                }
                 else
                     quoted = !quoted;
                 ++pos;
@@ -75,7 +78,8 @@ std::wstring Substitute(const std::wstring& arg, const std::wstring& url, bool& 
     std::wstring out;
     for (size_t i = 0; i < arg.size(); ++i)
     {
-        if (arg[i] == L'%' && i + 1 < arg.size() && (arg[i + 1] == L'1' || arg[i + 1] == L'L' || arg[i + 1] == L'l'))
+        if (arg[i] == L'%' && i + 1 < arg.size() &&
+            (arg[i + 1] == L'1' || arg[i + 1] == L'L' || arg[i + 1] == L'l'))
         {
             out += url;
             used = true;
@@ -90,7 +94,8 @@ std::wstring Substitute(const std::wstring& arg, const std::wstring& url, bool& 
 std::wstring Lower(std::wstring text)
 {
     std::transform(text.begin(), text.end(), text.begin(),
-                   [](wchar_t c) { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c; });
+                   [](wchar_t c)
+                   { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c; });
     return text;
 }
 } // namespace

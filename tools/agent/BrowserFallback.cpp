@@ -110,8 +110,8 @@ std::vector<std::pair<std::wstring, std::wstring>> OtherBrowsers()
                 break;
             if (CompareStringOrdinal(name, -1, L"velomar-open", -1, TRUE) == CSTR_EQUAL)
                 continue;
-            if (auto command =
-                    ReadString(root, std::wstring(kClients) + L"\\" + name + L"\\shell\\open\\command", nullptr))
+            if (auto command = ReadString(
+                    root, std::wstring(kClients) + L"\\" + name + L"\\shell\\open\\command", nullptr))
                 browsers.emplace_back(name, *command);
         }
     }
@@ -181,19 +181,20 @@ void RaiseNotOpenedNotice(const std::wstring& url, bool window)
 {
     if (ReadMachineDword(kNoticeValue) == 0u)
         return;
-    const std::wstring text = L"The link could not be opened on your computer, and no browser is available here.";
+    const std::wstring text =
+        L"The link could not be opened on your computer, and no browser is available here.";
     wchar_t path[MAX_PATH];
     const DWORD length = ::GetEnvironmentVariableW(kNoticeFileVariable, path, MAX_PATH);
     if (length > 0 && length < MAX_PATH)
     {
         const std::wstring line = text + L" " + url + L"\r\n";
-        const int size = ::WideCharToMultiByte(CP_UTF8, 0, line.c_str(), static_cast<int>(line.size()), nullptr,
-                                               0, nullptr, nullptr);
+        const int size = ::WideCharToMultiByte(CP_UTF8, 0, line.c_str(), static_cast<int>(line.size()),
+                                               nullptr, 0, nullptr, nullptr);
         std::string bytes(static_cast<size_t>(size > 0 ? size : 0), '\0');
-        ::WideCharToMultiByte(CP_UTF8, 0, line.c_str(), static_cast<int>(line.size()), bytes.data(), size, nullptr,
-                              nullptr);
-        daxlib::unique_hfile file(::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                                OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        ::WideCharToMultiByte(CP_UTF8, 0, line.c_str(), static_cast<int>(line.size()), bytes.data(), size,
+                              nullptr, nullptr);
+        daxlib::unique_hfile file(::CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
         DWORD written = 0;
         if (file)
             ::WriteFile(file.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);

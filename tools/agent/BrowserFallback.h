@@ -22,8 +22,9 @@ constexpr wchar_t kNoticeFileVariable[] = L"VELOMAR_OPEN_NOTICE_FILE";
 struct FallbackResult
 {
     bool opened = false;
-    std::wstring browser; // which choice opened it: "FallbackBrowser", "previous default", or the client's name
-    DWORD error = 0;      // the last start that failed, when none opened it
+    std::wstring
+        browser;     // which choice opened it: "FallbackBrowser", "previous default", or the client's name
+    DWORD error = 0; // the last start that failed, when none opened it
 };
 
 // Starts, for an http, https or file URL, the first of: the administrator's FallbackBrowser, the

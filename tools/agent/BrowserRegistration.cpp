@@ -105,7 +105,8 @@ bool DefaultHandlerIs(const std::wstring& scheme, const std::wstring& exePath)
     if (FAILED(::AssocQueryStringW(ASSOCF_NONE, ASSOCSTR_COMMAND, scheme.c_str(), L"open", command, &size)))
         return false;
     const auto launch = ExpandBrowserCommand(command, L"");
-    return (launch && IsOwnProgram(launch->program)) || Lower(command).find(Lower(exePath)) != std::wstring::npos;
+    return (launch && IsOwnProgram(launch->program)) ||
+           Lower(command).find(Lower(exePath)) != std::wstring::npos;
 }
 
 } // namespace agent
