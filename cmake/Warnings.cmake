@@ -9,6 +9,8 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   # The locking rules written on the lock wrappers and the members they guard (see
   # common/ThreadSafety.h) are checked by the compiler.
   target_compile_options(velomar_options INTERFACE -Wthread-safety -Wthread-safety-beta)
+  # Names reserved to the implementation (leading underscore and capital, double underscore).
+  target_compile_options(velomar_options INTERFACE -Wreserved-identifier)
 endif()
 option(VELOMAR_SANITIZE "Host build: AddressSanitizer and UndefinedBehaviorSanitizer, any report fatal" OFF)
 # Code loaded by a program that is not instrumented (the FreeRDP client add-in) must not carry the

@@ -37,6 +37,11 @@ def read_code(root):
     policy_key = product.replace("Software\\", "Software\\Policies\\", 1)
     expected = {(policy_key, n): "REG_DWORD" for n in log_names}
     expected.update({(url_key, n): types.get(n) for n in url_names})
+    # The reference agent's values, under the same policy key.
+    agent = (root / "tools/agent/BrowserFallback.h").read_text()
+    agent_key = cpp_string(re.search(r'kAgentPolicyKey\[\] = L"([^"]*)"', agent).group(1))
+    for name, kind in re.findall(r'\[\] = L"(\w+)";\s*// (REG_\w+)', agent):
+        expected[(agent_key, name)] = kind
     return expected
 
 

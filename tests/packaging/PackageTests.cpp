@@ -31,6 +31,9 @@ const std::wstring kInstallDir = L"C:\\Program Files\\Corvane\\Velomar";
 const std::wstring kServiceExe = kInstallDir + L"\\velomard.exe";
 const std::wstring kAgentExe = kInstallDir + L"\\velomar-open.exe";
 const std::wstring kStatusExe = kInstallDir + L"\\velomar-status.exe";
+// The agent's console twin and the default-associations file for administrators.
+const std::wstring kAgentCliExe = kInstallDir + L"\\velomar-open-cli.exe";
+const std::wstring kAssociations = kInstallDir + L"\\DefaultAssociations.xml";
 const wchar_t kEventSourceKey[] = L"SYSTEM\\CurrentControlSet\\Services\\EventLog\\Application\\velomard";
 const wchar_t kCapabilitiesKey[] = L"Software\\Clients\\StartMenuInternet\\velomar-open\\Capabilities";
 const wchar_t kProgIdKey[] = L"Software\\Classes\\VelomarOpen.URL";
@@ -212,6 +215,8 @@ TEST_F(FreshInstall, RegistersTheAgentAsABrowserForEveryUser)
               ReadString(L"Software\\Classes\\VelomarOpen.URL\\shell\\open\\command", nullptr));
     EXPECT_TRUE(PathExists(kAgentExe));
     EXPECT_TRUE(PathExists(kStatusExe));
+    EXPECT_TRUE(PathExists(kAgentCliExe));
+    EXPECT_TRUE(PathExists(kAssociations));
 }
 
 TEST_F(FreshInstall, InstalledAgentReachesTheClientSideThroughTheInstalledService)
@@ -246,6 +251,8 @@ TEST(Uninstall, RemovesServiceFilesAndEntriesButKeepsLogAndSettings)
     EXPECT_FALSE(PathExists(kServiceExe));
     EXPECT_FALSE(PathExists(kAgentExe));
     EXPECT_FALSE(PathExists(kStatusExe));
+    EXPECT_FALSE(PathExists(kAgentCliExe));
+    EXPECT_FALSE(PathExists(kAssociations));
     EXPECT_FALSE(KeyExists(kEventSourceKey));
     ExpectBrowserEntriesGone();
     EXPECT_TRUE(PathExists(kLogFile));

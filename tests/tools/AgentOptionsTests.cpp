@@ -17,6 +17,12 @@ TEST(AgentCommandLine, AcceptsUrlsAndOptions)
     EXPECT_FALSE(r.options.fallback);
     EXPECT_EQ(250u, r.options.timeoutMs);
 
+    // A page file, as the .htm/.html associations pass it; other paths stay refused (below).
+    EXPECT_EQ(L"file:///C:/Users/A%20B/p%23%3F%25.HTML",
+              ParseCommandLine({L"C:\\Users\\A B\\p#?%.HTML"}).options.url);
+    EXPECT_EQ(L"file://srv/share/x.htm", ParseCommandLine({L"\\\\srv\\share\\x.htm"}).options.url);
+    EXPECT_EQ(kExitBadUrl, ParseCommandLine({L"\\\\?\\C:\\x.htm"}).exitCode);
+
     EXPECT_EQ(Action::Register, ParseCommandLine({L"--register"}).options.action);
     EXPECT_EQ(Action::Unregister, ParseCommandLine({L"--unregister"}).options.action);
     // Help wins wherever it stands, even beside options that would be refused.
@@ -40,6 +46,8 @@ TEST(AgentCommandLine, RefusesBadInputWithOneLineAndItsExitCode)
         {{L"--register", L"https://a.test"}, kExitUsage},
         {{L"--register", L"--unregister"}, kExitUsage},
         {{L"hello world"}, kExitBadUrl},
+        {{L"https://a.test/trailing "}, kExitBadUrl},
+        {{L"https://a.test/\ttab"}, kExitBadUrl},
         {{L"example.test/page"}, kExitBadUrl},
         {{L"C:\\Windows\\notepad.exe"}, kExitBadUrl},
         {{L"https:"}, kExitBadUrl},

@@ -75,7 +75,8 @@ ParseResult ParseCommandLine(const std::vector<std::wstring>& args)
             if (haveUrl)
                 return refuse(kExitUsage, L"only one URL can be given");
             haveUrl = true;
-            result.options.url = arg;
+            // A page file on this host, as the .htm and .html associations hand it over.
+            result.options.url = IsPageFilePath(arg) ? FileUrlFromPath(arg) : arg;
         }
     }
     if (result.options.action != Action::OpenUrl)
@@ -89,6 +90,52 @@ ParseResult ParseCommandLine(const std::vector<std::wstring>& args)
     if (std::wstring reason = CheckUrl(result.options.url); !reason.empty())
         return refuse(kExitBadUrl, reason);
     return result;
+}
+
+bool IsPageFilePath(const std::wstring& text)
+{
+    const bool drive = text.size() > 3 && std::iswalpha(text[0]) && text[1] == L':' && text[2] == L'\\';
+    const bool share =
+        text.size() > 2 && text[0] == L'\\' && text[1] == L'\\' && text[2] != L'?' && text[2] != L'.';
+    if (!drive && !share)
+        return false;
+    const size_t dot = text.find_last_of(L".\\");
+    if (dot == std::wstring::npos || text[dot] != L'.')
+        return false;
+    std::wstring extension = text.substr(dot + 1);
+    for (wchar_t& c : extension)
+        c = static_cast<wchar_t>(std::towlower(c));
+    return extension == L"htm" || extension == L"html";
+}
+
+std::wstring FileUrlFromPath(const std::wstring& path)
+{
+    // C:\a\b.html -> file:///C:/a/b.html; \\server\share\b.html -> file://server/share/b.html.
+    std::wstring url = path[0] == L'\\' ? L"file:" : L"file:///";
+    for (const wchar_t c : path)
+    {
+        switch (c)
+        {
+        case L'\\':
+            url += L'/';
+            break;
+        case L' ':
+            url += L"%20";
+            break;
+        case L'%':
+            url += L"%25";
+            break;
+        case L'#':
+            url += L"%23";
+            break;
+        case L'?':
+            url += L"%3F";
+            break;
+        default:
+            url += c;
+        }
+    }
+    return url;
 }
 
 std::wstring CheckUrl(const std::wstring& url)
@@ -107,9 +154,13 @@ std::wstring CheckUrl(const std::wstring& url)
     }
     if (colon + 1 == url.size())
         return L"not a URL: nothing follows the scheme";
+    // Spaces inside are taken: links that applications hand to the default browser may hold
+    // them unescaped, and the URL travels as one argument either way.
+    if (url.back() == L' ')
+        return L"not a URL: it contains blanks or control characters";
     for (wchar_t c : url)
     {
-        if (c <= L' ' || c == 0x7F)
+        if (c < L' ' || c == 0x7F)
             return L"not a URL: it contains blanks or control characters";
     }
     return {};
@@ -131,12 +182,16 @@ std::wstring HelpText()
            L"\n"
            L"Hands URL to the velomard service, which opens it on the client side of this remote\n"
            L"session. When the service is absent or cannot send it, the URL is opened on this host\n"
-           L"with its default handler, unless --no-fallback is given. A URL that the host's URL policy\n"
-           L"refuses (it is checked here first, and again by the service) is treated the same way.\n"
+           L"with a browser that is not velomar-open (the administrator's FallbackBrowser, the default\n"
+           L"browser from before --register, another registered browser, the scheme's handler), unless\n"
+           L"--no-fallback is given. A URL that the host's URL policy refuses (it is checked here\n"
+           L"first, and again by the service) is treated the same way. An .htm or .html file path is\n"
+           L"taken as its file: URL. Scripts run velomar-open-cli, which a console waits for.\n"
            L"\n"
            L"  --no-fallback   never open the URL on this host\n"
            L"  --timeout MS    longest wait for the service, in milliseconds (default 5000)\n"
-           L"  --register      make velomar-open selectable as this user's browser for http and https\n"
+           L"  --register      make velomar-open selectable as this user's browser for http and https,\n"
+           L"                  keeping the current default as the fallback browser\n"
            L"  --unregister    undo --register\n"
            L"\n"
            L"Exit codes:\n"

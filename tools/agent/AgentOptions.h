@@ -51,10 +51,16 @@ ParseResult ParseCommandLine(const std::vector<std::wstring>& args); // without 
 
 // Empty when the text is acceptable as a URL, else a one-line reason. A URL is an absolute one:
 // a scheme of two or more characters (letter, then letters, digits, '+', '-', '.'), a colon and
-// something after it; no blanks or control characters; at most kMaxUrlLength characters.
+// something after it; no control characters, tabs or trailing space (spaces inside are kept);
+// at most kMaxUrlLength characters.
 std::wstring CheckUrl(const std::wstring& url);
 
-std::wstring UrlScheme(const std::wstring& url); // lower-case, without the colon
+std::wstring UrlScheme(const std::wstring& url);
+
+// An absolute path (drive or share) of an .htm or .html file, which the command line takes as
+// its file: URL.
+bool IsPageFilePath(const std::wstring& text);
+std::wstring FileUrlFromPath(const std::wstring& path); // lower-case, without the colon
 
 std::wstring HelpText();
 

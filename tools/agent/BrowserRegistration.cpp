@@ -1,6 +1,7 @@
 #include "tools/agent/BrowserRegistration.h"
 
 #include "common/UniqueHandle.h"
+#include "tools/agent/BrowserCommand.h"
 
 #include <shlwapi.h>
 
@@ -103,7 +104,9 @@ bool DefaultHandlerIs(const std::wstring& scheme, const std::wstring& exePath)
     DWORD size = static_cast<DWORD>(std::size(command));
     if (FAILED(::AssocQueryStringW(ASSOCF_NONE, ASSOCSTR_COMMAND, scheme.c_str(), L"open", command, &size)))
         return false;
-    return Lower(command).find(Lower(exePath)) != std::wstring::npos;
+    const auto launch = ExpandBrowserCommand(command, L"");
+    return (launch && IsOwnProgram(launch->program)) ||
+           Lower(command).find(Lower(exePath)) != std::wstring::npos;
 }
 
 } // namespace agent

@@ -1,5 +1,9 @@
 // velomar-open: the reference agent. Hands one URL to the velomard service and, when the
-// service cannot take it, opens it on this host with the user's default handler.
+// service cannot take it, opens it on this host with a browser that is not velomar-open.
+// Built twice from this file: velomar-open.exe (Windows GUI subsystem, the program the browser
+// registration starts, so that no console window flashes on a click; it shows a notice when a
+// URL opens nowhere) and velomar-open-cli.exe (console subsystem, for scripts: cmd.exe waits for
+// it, so its exit code is reliable). Both print the same lines and exit with the same codes.
 #include "common/DaxException.h"
 #include "common/ProcessSecurity.h"
 #include "common/WideFormat.h"
@@ -7,6 +11,8 @@
 #include "pipe/ThreadPool.h"
 #include "tools/agent/AgentOptions.h"
 #include "tools/agent/AgentSession.h"
+#include "tools/agent/BrowserCommand.h"
+#include "tools/agent/BrowserFallback.h"
 #include "tools/agent/BrowserRegistration.h"
 #include "tools/agent/ConsoleOutput.h"
 
@@ -23,6 +29,11 @@ namespace
 {
 
 constexpr wchar_t kProgram[] = L"velomar-open: ";
+#ifdef VELOMAR_OPEN_GUI
+constexpr bool kWindowedProgram = true;
+#else
+constexpr bool kWindowedProgram = false;
+#endif
 
 void PrintError(const std::wstring& line)
 {
@@ -141,11 +152,20 @@ int OpenUrl(const agent::Options& options)
         return notOpened;
     }
     const std::wstring scheme = agent::UrlScheme(options.url);
+    const agent::FallbackResult browser = agent::OpenWithFallbackBrowser(options.url, scheme);
+    if (browser.opened)
+    {
+        PrintError(L"opened on this host (" + browser.browser + L"): " + reason);
+        return refused ? agent::kExitRefusedOpenedLocally : agent::kExitOpenedLocally;
+    }
+    // The scheme's own handler comes last: for other schemes than http and https it is the
+    // only choice, and for those it is the user's browser unless it is velomar-open.
     const std::wstring self = OwnPath();
     if (!self.empty() && agent::DefaultHandlerIs(scheme, self))
     {
-        PrintError(L"not opened: " + reason + L", and the default handler for " + scheme +
-                   L": URLs on this host is velomar-open itself");
+        PrintError(L"not opened: " + reason + L", and no browser but velomar-open itself opens " + scheme +
+                   L": URLs on this host");
+        agent::RaiseNotOpenedNotice(options.url, kWindowedProgram);
         return notOpened;
     }
     const DWORD shellError = OpenLocally(options.url);
@@ -154,19 +174,35 @@ int OpenUrl(const agent::Options& options)
         PrintError(L"not opened: " + reason +
                    daxlib::Format(L", and opening it on this host failed (error %u)",
                                   static_cast<unsigned>(shellError)));
+        agent::RaiseNotOpenedNotice(options.url, kWindowedProgram);
         return notOpened;
     }
     PrintError(L"opened on this host: " + reason);
     return refused ? agent::kExitRefusedOpenedLocally : agent::kExitOpenedLocally;
 }
 
+// The registration names the windowed program, also when the console one is run.
+std::wstring RegisteredProgram(const std::wstring& self)
+{
+    const std::wstring windowed = agent::WindowedProgramBeside(self);
+    return ::GetFileAttributesW(windowed.c_str()) != INVALID_FILE_ATTRIBUTES ? windowed : self;
+}
+
 int Registration(agent::Action action)
 {
     const std::wstring self = OwnPath();
-    const LSTATUS status = self.empty() ? static_cast<LSTATUS>(::GetLastError())
-                           : action == agent::Action::Register
-                               ? agent::RegisterAsBrowser(HKEY_CURRENT_USER, L"Software", self)
-                               : agent::UnregisterAsBrowser(HKEY_CURRENT_USER, L"Software");
+    LSTATUS status = static_cast<LSTATUS>(::GetLastError());
+    if (!self.empty() && action == agent::Action::Register)
+    {
+        // Before the registration: what it replaces is the fallback browser of later clicks.
+        agent::RememberPreviousBrowsers();
+        status = agent::RegisterAsBrowser(HKEY_CURRENT_USER, L"Software", RegisteredProgram(self));
+    }
+    else if (!self.empty())
+    {
+        status = agent::UnregisterAsBrowser(HKEY_CURRENT_USER, L"Software");
+        agent::ForgetPreviousBrowsers();
+    }
     if (status != ERROR_SUCCESS)
     {
         PrintError(daxlib::Format(action == agent::Action::Register ? L"registration failed (error %ld)"
