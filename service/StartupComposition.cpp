@@ -100,6 +100,12 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
             auto server = GetVirtServer();
             return server ? server->SendURL(sessionId, url) : 0;
         });
+    pipeServer->SetRefusalCounter(
+        [](uint32_t sessionId)
+        {
+            if (auto server = GetVirtServer())
+                server->CountRefusedByPolicy(sessionId);
+        });
     {
         daxlib::lock_guard lock(g_slotLock);
         g_pipeServer = pipeServer;
@@ -114,6 +120,13 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
         {
             auto server = GetVirtServer();
             return server ? server->SessionIds() : std::vector<uint32_t>();
+        });
+    statusServer->SetCounterList(
+        []
+        {
+            auto server = GetVirtServer();
+            return server ? server->CounterSnapshots()
+                          : std::vector<std::pair<uint32_t, SessionCountersSnapshot>>();
         });
     virtServer->SetStatusListener(statusServer->Listener());
     {

@@ -393,7 +393,7 @@ std::string Iso8601Utc(uint64_t fileTime)
     const int64_t day = dayOfYear - (153 * mp + 2) / 5 + 1;
     const int64_t month = mp < 10 ? mp + 3 : mp - 9;
     const int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
-    char text[32];
+    char text[128]; // room for any int64 in each field, so the compiler sees no truncation
     std::snprintf(text, sizeof(text), "%04lld-%02lld-%02lldT%02lld:%02lld:%02lldZ",
                   static_cast<long long>(year), static_cast<long long>(month), static_cast<long long>(day),
                   static_cast<long long>(rest / 3600), static_cast<long long>(rest / 60 % 60),
@@ -401,23 +401,19 @@ std::string Iso8601Utc(uint64_t fileTime)
     return text;
 }
 
-std::string DescribeCounters(const CountersEntry& entry)
+std::string DescribeCounters(const SessionCountersSnapshot& c)
 {
-    const SessionCountersSnapshot& c = entry.counters;
     const std::string last = c.lastUrlTime ? Iso8601Utc(c.lastUrlTime) : std::string("none");
-    return "session " + std::to_string(entry.sessionId) + ": URLs " + std::to_string(c.urlsForwarded) +
-           " forwarded, " + std::to_string(c.urlsRefusedByPolicy) + " refused by policy, " +
-           std::to_string(c.urlsFailed) + " failed; handshakes " + std::to_string(c.handshakesCompleted) +
-           " completed, " + std::to_string(c.handshakesRefused) + " refused; reconnects " +
-           std::to_string(c.reconnects) + "; last URL " + last;
+    return "URLs " + std::to_string(c.urlsForwarded) + " forwarded, " + std::to_string(c.urlsRefusedByPolicy) +
+           " refused by policy, " + std::to_string(c.urlsFailed) + " failed; handshakes " +
+           std::to_string(c.handshakesCompleted) + " completed, " + std::to_string(c.handshakesRefused) +
+           " refused; reconnects " + std::to_string(c.reconnects) + "; last URL " + last;
 }
 
-std::string JsonCounters(const CountersEntry& entry)
+std::string JsonCounters(const SessionCountersSnapshot& c)
 {
-    const SessionCountersSnapshot& c = entry.counters;
     const std::string last = c.lastUrlTime ? "\"" + Iso8601Utc(c.lastUrlTime) + "\"" : std::string("null");
-    return "{\"session\":" + std::to_string(entry.sessionId) +
-           ",\"urlsForwarded\":" + std::to_string(c.urlsForwarded) +
+    return "{\"urlsForwarded\":" + std::to_string(c.urlsForwarded) +
            ",\"urlsRefusedByPolicy\":" + std::to_string(c.urlsRefusedByPolicy) +
            ",\"urlsFailed\":" + std::to_string(c.urlsFailed) +
            ",\"handshakesCompleted\":" + std::to_string(c.handshakesCompleted) +

@@ -19,9 +19,9 @@ namespace statusapi
 
 using daxlib::kStatusPipeName;
 // The highest version the service welcomes; it answers every older version's requests exactly
-// as that version did. Version 2 adds GetCounters and CountersAnswer; the service welcomes it
-// once its connections answer GetCounters.
-constexpr uint32_t kProtocolVersion = 1;
+// as that version did, and welcomes each client with the version the client said.
+// Version 2 adds GetCounters and CountersAnswer.
+constexpr uint32_t kProtocolVersion = 2;
 constexpr uint32_t kMinProtocolVersion = 1;
 constexpr uint32_t kCountersVersion = 2; // the first version with GetCounters
 
@@ -201,11 +201,11 @@ std::string VersionText(uint32_t version); // "1.1" for 0x00010001
 std::string DescribeEntry(const SessionEntry& entry);
 // One JSON object, no line end: {"session":1,"state":"connected","stateCode":50,...}.
 std::string JsonEntry(const SessionEntry& entry);
-// "session 1: URLs 12 forwarded, 1 refused by policy, 0 failed; handshakes 2 completed,
-// 0 refused; reconnects 1; last URL 2025-11-25T08:40:12Z" ("none" before the first URL).
-std::string DescribeCounters(const CountersEntry& entry);
-// {"session":1,"urlsForwarded":12,...,"lastUrlTime":"2026-11-25T08:40:12Z"} (null: no URL yet).
-std::string JsonCounters(const CountersEntry& entry);
+// "URLs 12 forwarded, 1 refused by policy, 0 failed; handshakes 2 completed, 0 refused;
+// reconnects 1; last URL 2026-11-25T08:40:12Z" ("none" before the first URL).
+std::string DescribeCounters(const SessionCountersSnapshot& counters);
+// {"urlsForwarded":12,...,"lastUrlTime":"2026-11-25T08:40:12Z"} (null: no URL yet).
+std::string JsonCounters(const SessionCountersSnapshot& counters);
 // FILETIME units as "YYYY-MM-DDTHH:MM:SSZ"; empty for 0.
 std::string Iso8601Utc(uint64_t fileTime);
 

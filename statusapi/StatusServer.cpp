@@ -332,20 +332,26 @@ void CStatusServer::OnStatusChanged(const ChannelStatusRecord& record, uint32_t 
         connection->Offer(sessionId, record);
 }
 
+namespace
+{
+// kOk when the connection may ask with that scope, else the answer's result.
+uint32_t ScopeResult(const CStatusConnection& connection, uint32_t scope)
+{
+    if (scope != kOwnSession && scope != kAllSessions)
+        return kBadScope;
+    if (scope == kAllSessions && !connection.IsAdministrator())
+        return kDenied;
+    return kOk;
+}
+} // namespace
+
 Answer CStatusServer::Respond(CStatusConnection& connection, const Request& request, bool subscribe)
 {
     Answer answer;
     answer.requestId = request.id;
-    if (request.scope != kOwnSession && request.scope != kAllSessions)
-    {
-        answer.result = kBadScope;
+    answer.result = ScopeResult(connection, request.scope);
+    if (answer.result != kOk)
         return answer;
-    }
-    if (request.scope == kAllSessions && !connection.IsAdministrator())
-    {
-        answer.result = kDenied;
-        return answer;
-    }
     // Asked before the lock: the session list is another object's, and OnStatusChanged may be
     // waiting for the lock with a session handler's lock held.
     const std::vector<uint32_t> open = m_sessions ? m_sessions() : std::vector<uint32_t>();
@@ -369,5 +375,22 @@ Answer CStatusServer::Respond(CStatusConnection& connection, const Request& requ
     }
     if (request.scope == kOwnSession && answer.entries.empty())
         answer.result = kNoChannel;
+    return answer;
+}
+
+CountersAnswer CStatusServer::RespondCounters(const CStatusConnection& connection, const Request& request) const
+{
+    CountersAnswer answer;
+    answer.requestId = request.id;
+    answer.result = ScopeResult(connection, request.scope);
+    if (answer.result != kOk)
+        return answer;
+    // The counters are another object's, read without the state lock: a snapshot of relaxed atomics.
+    const auto all = m_counters ? m_counters() : std::vector<std::pair<uint32_t, SessionCountersSnapshot>>();
+    for (const auto& [session, counters] : all)
+        if (Reaches(request.scope, connection.SessionId(), session))
+            answer.entries.push_back({session, counters});
+    if (request.scope == kOwnSession && answer.entries.empty())
+        answer.entries.push_back({connection.SessionId(), {}});
     return answer;
 }

@@ -1,7 +1,8 @@
 #pragma once
 // What one session's channel has carried, refused or failed since the service started. The
-// session handler owns one per session and bumps it on the URL path: plain relaxed atomics, so
-// counting takes no lock and orders nothing. A reader (the status API) takes a snapshot whose
+// channel server keeps one per session id for the life of the process, so that the counts outlive
+// the session handlers that come and go with the remote session; the handler and the agent pipe
+// bump it on the URL path. Plain relaxed atomics: counting takes no lock and orders nothing. A reader (the status API) takes a snapshot whose
 // fields are each exact but not taken at one instant, which is all a monitoring figure needs.
 #include <atomic>
 #include <cstdint>
@@ -27,7 +28,12 @@ public:
     void UrlFailed(uint64_t now) { Bump(m_urlsFailed, now); }
     void HandshakeCompleted() { m_handshakesCompleted.fetch_add(1, std::memory_order_relaxed); }
     void HandshakeRefused() { m_handshakesRefused.fetch_add(1, std::memory_order_relaxed); }
-    void Reconnected() { m_reconnects.fetch_add(1, std::memory_order_relaxed); }
+    // The channel came up; every time after the first is a reconnect, whichever handler made it.
+    void ChannelConnected()
+    {
+        if (m_everConnected.exchange(true, std::memory_order_relaxed))
+            m_reconnects.fetch_add(1, std::memory_order_relaxed);
+    }
 
     SessionCountersSnapshot Snapshot() const
     {
@@ -57,4 +63,5 @@ private:
     std::atomic<uint64_t> m_handshakesRefused{0};
     std::atomic<uint64_t> m_reconnects{0};
     std::atomic<uint64_t> m_lastUrlTime{0};
+    std::atomic<bool> m_everConnected{false};
 };

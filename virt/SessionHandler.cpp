@@ -44,8 +44,10 @@ unsigned HandleBits(HANDLE h) noexcept
 } // namespace
 
 CSessionHandler::CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText,
-                                 uint32_t sessionId, std::wstring name, ChannelStatusListener listener)
+                                 uint32_t sessionId, std::wstring name, ChannelStatusListener listener,
+                                 std::shared_ptr<SessionCounters> counters)
     : IBaseItem(std::move(logger)), m_dwSessionId(sessionId), m_strName(std::move(name)),
+      m_pCounters(counters ? std::move(counters) : std::make_shared<SessionCounters>()),
       m_listener(std::move(listener))
 {
     if (guidText)
@@ -235,7 +237,6 @@ void WINAPI CSessionHandler::ConnectionEventTrampoline(HANDLE connection, DWORD 
 unsigned CSessionHandler::ConnectionThread()
 {
     Log(LogLevel::Info, kConnectionThread, L"Started");
-    bool everConnected = false;
     for (;;)
     {
         const HANDLE wakers[] = {m_hevStop.get(), m_hevDisconnected.get()};
@@ -249,9 +250,7 @@ unsigned CSessionHandler::ConnectionThread()
 
         if (ConnectOnce())
         {
-            if (everConnected)
-                m_counters.Reconnected();
-            everConnected = true;
+            m_pCounters->ChannelConnected();
             AllowSending(true);
             continue; // sleep until the connection breaks
         }
@@ -308,10 +307,10 @@ bool CSessionHandler::ConnectOnce()
     switch (DoHandshake())
     {
     case HandshakeOutcome::Accepted:
-        m_counters.HandshakeCompleted();
+        m_pCounters->HandshakeCompleted();
         return true;
     case HandshakeOutcome::Refused:
-        m_counters.HandshakeRefused();
+        m_pCounters->HandshakeRefused();
         m_bProtocolInvalid = true;
         return false;
     case HandshakeOutcome::Broken:
@@ -391,23 +390,20 @@ void CSessionHandler::ReadOneMessage()
         header.command);
 }
 
-namespace
-{
 uint64_t FileTimeNow()
 {
     FILETIME now{};
     ::GetSystemTimeAsFileTime(&now);
     return (uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
 }
-} // namespace
 
 bool CSessionHandler::SendURL(std::wstring url)
 {
     const bool sent = WriteURL(std::move(url));
     if (sent)
-        m_counters.UrlForwarded(FileTimeNow());
+        m_pCounters->UrlForwarded(FileTimeNow());
     else
-        m_counters.UrlFailed(FileTimeNow());
+        m_pCounters->UrlFailed(FileTimeNow());
     return sent;
 }
 

@@ -159,7 +159,7 @@ void CVirtServer::OnSessionOpened(uint32_t type, const SkApi::SessionNotificatio
     ChannelStatusListener forward = [this](const ChannelStatusRecord& record, uint32_t id)
     { Publish(record, id); };
     auto handler = std::make_shared<CSessionHandler>(m_pLogger, guid.c_str(), sessionId, NameOf(notification),
-                                                     std::move(forward));
+                                                     std::move(forward), CountersOf(sessionId));
     std::shared_ptr<CSessionHandler> replaced;
     daxlib::unique_lock lock(m_srwSessions);
     auto& slot = m_sessions[sessionId];
@@ -210,8 +210,42 @@ int CVirtServer::SendURL(uint32_t sessionId, std::wstring url)
             handler = found->second;
     }
     if (!handler)
+    {
+        CountersOf(sessionId)->UrlFailed(FileTimeNow());
         return 0;
+    }
     return handler->SendURL(std::move(url)) ? 1 : 0;
+}
+
+void CVirtServer::CountRefusedByPolicy(uint32_t sessionId)
+{
+    CountersOf(sessionId)->UrlRefusedByPolicy(FileTimeNow());
+}
+
+std::shared_ptr<SessionCounters> CVirtServer::CountersOf(uint32_t sessionId)
+{
+    {
+        daxlib::shared_lock lock(m_srwCounters);
+        const auto found = m_counters.find(sessionId);
+        if (found != m_counters.end())
+            return found->second;
+    }
+    // One entry per session id the host has had: bounded by the host's sessions, not by agents.
+    daxlib::unique_lock lock(m_srwCounters);
+    auto& slot = m_counters[sessionId];
+    if (!slot)
+        slot = std::make_shared<SessionCounters>();
+    return slot;
+}
+
+std::vector<std::pair<uint32_t, SessionCountersSnapshot>> CVirtServer::CounterSnapshots() const
+{
+    daxlib::shared_lock lock(m_srwCounters);
+    std::vector<std::pair<uint32_t, SessionCountersSnapshot>> snapshots;
+    snapshots.reserve(m_counters.size());
+    for (const auto& [id, counters] : m_counters)
+        snapshots.emplace_back(id, counters->Snapshot());
+    return snapshots;
 }
 
 std::shared_ptr<CSessionHandler> CVirtServer::FindSession(uint32_t sessionId) const

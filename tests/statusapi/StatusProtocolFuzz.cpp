@@ -35,8 +35,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         SameBytes(EncodeCountersAnswer(*counters), data, size);
         for (const CountersEntry& entry : counters->entries)
         {
-            (void)JsonCounters(entry);
-            (void)DescribeCounters(entry);
+            (void)JsonCounters(entry.counters);
+            (void)DescribeCounters(entry.counters);
         }
     }
     DecodeWelcome(data, size);

@@ -176,7 +176,7 @@ TEST(StatusProtocol, CountersAnswerTravelsWholeAndRefusesWrongCounts)
     EXPECT_FALSE(DecodeCountersAnswer(bytes.data() + 8, 11));
 }
 
-TEST(StatusTool, PrintsCountersInWordsAndJson)
+TEST(StatusTool, EachSessionsLineEndsWithItsCounters)
 {
     SessionCountersSnapshot c;
     c.urlsForwarded = 12;
@@ -184,20 +184,37 @@ TEST(StatusTool, PrintsCountersInWordsAndJson)
     c.handshakesCompleted = 2;
     c.reconnects = 1;
     c.lastUrlTime = 134085336120000000ull; // 2025-11-25 08:40:12 UTC
-    EXPECT_EQ(
-        "session 3: URLs 12 forwarded, 1 refused by policy, 0 failed; handshakes 2 completed, 0 refused; "
-        "reconnects 1; last URL 2025-11-25T08:40:12Z",
-        DescribeCounters({3, c}));
-    EXPECT_EQ("{\"session\":3,\"urlsForwarded\":12,\"urlsRefusedByPolicy\":1,\"urlsFailed\":0,"
-              "\"handshakesCompleted\":2,\"handshakesRefused\":0,\"reconnects\":1,"
-              "\"lastUrlTime\":\"2025-11-25T08:40:12Z\"}",
-              JsonCounters({3, c}));
-    EXPECT_NE(std::string::npos, JsonCounters({3, {}}).find("\"lastUrlTime\":null"));
+    // Session 1 has a channel; session 9 carried nothing yet; session 5 has counts but no channel now.
+    const Answer answer{1, kOk, {Entry(1, 50), Entry(9, 49)}};
+    const CountersAnswer counters{2, kOk, {{5, {}}, {1, c}}};
+    const auto words = statustool::AnswerLines(answer, 1, false, &counters);
+    ASSERT_EQ(3u, words.size());
+    EXPECT_EQ("session 1: connected (versions: local 1.1, remote 1.2, negotiated 1.1); URLs 12 forwarded, 1 "
+              "refused by policy, 0 failed; handshakes 2 completed, 0 refused; reconnects 1; last URL "
+              "2025-11-25T08:40:12Z",
+              words[0]);
+    EXPECT_EQ(std::string::npos, words[1].find("URLs"));
+    EXPECT_EQ("session 5: no channel (the service has no remote channel for it); URLs 0 forwarded, 0 refused by "
+              "policy, 0 failed; handshakes 0 completed, 0 refused; reconnects 0; last URL none",
+              words[2]);
+    const auto json = statustool::AnswerLines(answer, 1, true, &counters);
+    ASSERT_EQ(3u, json.size());
+    EXPECT_EQ("{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":\"1.1\",\"remoteVersion\":"
+              "\"1.2\",\"negotiatedVersion\":\"1.1\",\"counters\":{\"urlsForwarded\":12,\"urlsRefusedByPolicy\":1,"
+              "\"urlsFailed\":0,\"handshakesCompleted\":2,\"handshakesRefused\":0,\"reconnects\":1,"
+              "\"lastUrlTime\":\"2025-11-25T08:40:12Z\"}}",
+              json[0]);
+    EXPECT_NE(std::string::npos, json[2].find("\"state\":\"no channel\",\"counters\":{"));
+    EXPECT_NE(std::string::npos, json[2].find("\"lastUrlTime\":null}}"));
+    // The own session without a channel still shows what it carried.
+    const Answer none{1, kNoChannel, {}};
+    const CountersAnswer own{2, kOk, {{4, c}}};
+    EXPECT_EQ(1u, statustool::AnswerLines(none, 4, false, &own).size());
     EXPECT_EQ("1601-01-01T00:00:01Z", Iso8601Utc(10000000));
     EXPECT_EQ("2000-02-29T00:00:00Z", Iso8601Utc(125962560000000000ull));
 }
 
-TEST(SessionCounters, EveryUrlOutcomeSetsTheLastUrlTime)
+TEST(SessionCounters, EveryUrlOutcomeSetsTheLastUrlTimeAndOnlyLaterConnectionsAreReconnects)
 {
     SessionCounters counters;
     counters.UrlForwarded(100);
@@ -205,9 +222,11 @@ TEST(SessionCounters, EveryUrlOutcomeSetsTheLastUrlTime)
     counters.UrlFailed(300);
     counters.HandshakeCompleted();
     counters.HandshakeRefused();
-    counters.Reconnected();
-    const SessionCountersSnapshot s = counters.Snapshot();
-    EXPECT_EQ((SessionCountersSnapshot{1, 1, 1, 1, 1, 1, 300}), s);
+    counters.ChannelConnected();
+    EXPECT_EQ((SessionCountersSnapshot{1, 1, 1, 1, 1, 0, 300}), counters.Snapshot());
+    counters.ChannelConnected();
+    counters.ChannelConnected();
+    EXPECT_EQ(2u, counters.Snapshot().reconnects);
 }
 
 TEST(StatusTool, PrintsStatesInWordsAndJson)

@@ -90,6 +90,15 @@ Status CStatusClient::Connect(DWORD timeoutMs)
     Status status = Open(timeoutMs);
     if (status != Status::Ok)
         return status;
+    status = Greet(m_dwVersion, deadline);
+    if (status != Status::Closed || m_dwCloseReason != kVersionUnsupported || m_dwVersion == kMinProtocolVersion)
+        return status;
+    status = Open(Remaining(deadline));
+    return status == Status::Ok ? Greet(kMinProtocolVersion, deadline) : status;
+}
+
+Status CStatusClient::Greet(uint32_t version, ULONGLONG deadline)
+{
     Hello hello;
     if (!OwnHello(hello))
     {
@@ -97,7 +106,8 @@ Status CStatusClient::Connect(DWORD timeoutMs)
         Close();
         return Status::Failed;
     }
-    status = FromOutcome(WriteAll(m_hPipe.get(), EncodeHello(hello), deadline, m_hevInterrupt));
+    hello.version = version;
+    Status status = FromOutcome(WriteAll(m_hPipe.get(), EncodeHello(hello), deadline, m_hevInterrupt));
     return status == Status::Ok ? ReadAs(kWelcome, DecodeWelcome, m_welcome, deadline) : status;
 }
 
@@ -120,15 +130,15 @@ Status CStatusClient::ReadAs(uint32_t type, std::optional<T> (*decode)(const uin
     return Status::Ok;
 }
 
-Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD timeoutMs)
+Status CStatusClient::Request(uint32_t requestType, uint32_t answerType, uint32_t scope, Packet& packet,
+                              uint32_t& id, DWORD timeoutMs)
 {
     const ULONGLONG deadline = DeadlineAfter(timeoutMs);
-    const uint32_t id = m_dwNextRequest++;
+    id = m_dwNextRequest++;
     Status status =
-        FromOutcome(WriteAll(m_hPipe.get(), EncodeRequest(type, {id, scope}), deadline, m_hevInterrupt));
+        FromOutcome(WriteAll(m_hPipe.get(), EncodeRequest(requestType, {id, scope}), deadline, m_hevInterrupt));
     while (status == Status::Ok)
     {
-        Packet packet;
         status = Read(packet, deadline);
         if (status != Status::Ok)
             break;
@@ -140,18 +150,48 @@ Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD t
                 continue;
             }
         }
-        const auto decoded = packet.header.type == kAnswer
-                                 ? DecodeAnswer(packet.payload.data(), packet.payload.size())
-                                 : std::nullopt;
-        if (!decoded || decoded->requestId != id)
+        if (packet.header.type != answerType)
         {
             Close();
             return Status::ProtocolError;
         }
-        answer = *decoded;
         return Status::Ok;
     }
     return status;
+}
+
+Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD timeoutMs)
+{
+    Packet packet;
+    uint32_t id = 0;
+    const Status status = Request(type, kAnswer, scope, packet, id, timeoutMs);
+    if (status != Status::Ok)
+        return status;
+    const auto decoded = DecodeAnswer(packet.payload.data(), packet.payload.size());
+    if (!decoded || decoded->requestId != id)
+    {
+        Close();
+        return Status::ProtocolError;
+    }
+    answer = *decoded;
+    return Status::Ok;
+}
+
+Status CStatusClient::AskCounters(uint32_t scope, CountersAnswer& answer, DWORD timeoutMs)
+{
+    Packet packet;
+    uint32_t id = 0;
+    const Status status = Request(kGetCounters, kCountersAnswer, scope, packet, id, timeoutMs);
+    if (status != Status::Ok)
+        return status;
+    const auto decoded = DecodeCountersAnswer(packet.payload.data(), packet.payload.size());
+    if (!decoded || decoded->requestId != id)
+    {
+        Close();
+        return Status::ProtocolError;
+    }
+    answer = *decoded;
+    return Status::Ok;
 }
 
 Status CStatusClient::NextNotification(Notification& notification, DWORD timeoutMs)
