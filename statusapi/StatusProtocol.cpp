@@ -404,10 +404,11 @@ std::string Iso8601Utc(uint64_t fileTime)
 std::string DescribeCounters(const SessionCountersSnapshot& c)
 {
     const std::string last = c.lastUrlTime ? Iso8601Utc(c.lastUrlTime) : std::string("none");
-    return "URLs " + std::to_string(c.urlsForwarded) + " forwarded, " + std::to_string(c.urlsRefusedByPolicy) +
-           " refused by policy, " + std::to_string(c.urlsFailed) + " failed; handshakes " +
-           std::to_string(c.handshakesCompleted) + " completed, " + std::to_string(c.handshakesRefused) +
-           " refused; reconnects " + std::to_string(c.reconnects) + "; last URL " + last;
+    return "URLs " + std::to_string(c.urlsForwarded) + " forwarded, " +
+           std::to_string(c.urlsRefusedByPolicy) + " refused by policy, " + std::to_string(c.urlsFailed) +
+           " failed; handshakes " + std::to_string(c.handshakesCompleted) + " completed, " +
+           std::to_string(c.handshakesRefused) + " refused; reconnects " + std::to_string(c.reconnects) +
+           "; last URL " + last;
 }
 
 std::string JsonCounters(const SessionCountersSnapshot& c)

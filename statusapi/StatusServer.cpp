@@ -378,7 +378,8 @@ Answer CStatusServer::Respond(CStatusConnection& connection, const Request& requ
     return answer;
 }
 
-CountersAnswer CStatusServer::RespondCounters(const CStatusConnection& connection, const Request& request) const
+CountersAnswer CStatusServer::RespondCounters(const CStatusConnection& connection,
+                                              const Request& request) const
 {
     CountersAnswer answer;
     answer.requestId = request.id;

@@ -2,8 +2,9 @@
 // What one session's channel has carried, refused or failed since the service started. The
 // channel server keeps one per session id for the life of the process, so that the counts outlive
 // the session handlers that come and go with the remote session; the handler and the agent pipe
-// bump it on the URL path. Plain relaxed atomics: counting takes no lock and orders nothing. A reader (the status API) takes a snapshot whose
-// fields are each exact but not taken at one instant, which is all a monitoring figure needs.
+// bump it on the URL path. Plain relaxed atomics: counting takes no lock and orders nothing. A reader (the
+// status API) takes a snapshot whose fields are each exact but not taken at one instant, which is all a
+// monitoring figure needs.
 #include <atomic>
 #include <cstdint>
 

@@ -194,16 +194,18 @@ TEST(StatusTool, EachSessionsLineEndsWithItsCounters)
               "2025-11-25T08:40:12Z",
               words[0]);
     EXPECT_EQ(std::string::npos, words[1].find("URLs"));
-    EXPECT_EQ("session 5: no channel (the service has no remote channel for it); URLs 0 forwarded, 0 refused by "
-              "policy, 0 failed; handshakes 0 completed, 0 refused; reconnects 0; last URL none",
-              words[2]);
+    EXPECT_EQ(
+        "session 5: no channel (the service has no remote channel for it); URLs 0 forwarded, 0 refused by "
+        "policy, 0 failed; handshakes 0 completed, 0 refused; reconnects 0; last URL none",
+        words[2]);
     const auto json = statustool::AnswerLines(answer, 1, true, &counters);
     ASSERT_EQ(3u, json.size());
-    EXPECT_EQ("{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":\"1.1\",\"remoteVersion\":"
-              "\"1.2\",\"negotiatedVersion\":\"1.1\",\"counters\":{\"urlsForwarded\":12,\"urlsRefusedByPolicy\":1,"
-              "\"urlsFailed\":0,\"handshakesCompleted\":2,\"handshakesRefused\":0,\"reconnects\":1,"
-              "\"lastUrlTime\":\"2025-11-25T08:40:12Z\"}}",
-              json[0]);
+    EXPECT_EQ(
+        "{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":\"1.1\",\"remoteVersion\":"
+        "\"1.2\",\"negotiatedVersion\":\"1.1\",\"counters\":{\"urlsForwarded\":12,\"urlsRefusedByPolicy\":1,"
+        "\"urlsFailed\":0,\"handshakesCompleted\":2,\"handshakesRefused\":0,\"reconnects\":1,"
+        "\"lastUrlTime\":\"2025-11-25T08:40:12Z\"}}",
+        json[0]);
     EXPECT_NE(std::string::npos, json[2].find("\"state\":\"no channel\",\"counters\":{"));
     EXPECT_NE(std::string::npos, json[2].find("\"lastUrlTime\":null}}"));
     // The own session without a channel still shows what it carried.

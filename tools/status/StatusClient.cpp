@@ -91,7 +91,8 @@ Status CStatusClient::Connect(DWORD timeoutMs)
     if (status != Status::Ok)
         return status;
     status = Greet(m_dwVersion, deadline);
-    if (status != Status::Closed || m_dwCloseReason != kVersionUnsupported || m_dwVersion == kMinProtocolVersion)
+    if (status != Status::Closed || m_dwCloseReason != kVersionUnsupported ||
+        m_dwVersion == kMinProtocolVersion)
         return status;
     status = Open(Remaining(deadline));
     return status == Status::Ok ? Greet(kMinProtocolVersion, deadline) : status;
@@ -135,8 +136,8 @@ Status CStatusClient::Request(uint32_t requestType, uint32_t answerType, uint32_
 {
     const ULONGLONG deadline = DeadlineAfter(timeoutMs);
     id = m_dwNextRequest++;
-    Status status =
-        FromOutcome(WriteAll(m_hPipe.get(), EncodeRequest(requestType, {id, scope}), deadline, m_hevInterrupt));
+    Status status = FromOutcome(
+        WriteAll(m_hPipe.get(), EncodeRequest(requestType, {id, scope}), deadline, m_hevInterrupt));
     while (status == Status::Ok)
     {
         status = Read(packet, deadline);

@@ -110,8 +110,8 @@ int Run(int argc, wchar_t** argv)
         return Fail(status, client);
     // A service older than the counters answers without them.
     statusapi::CountersAnswer counters;
-    const bool counted = client.Welcome().version >= statusapi::kCountersVersion &&
-                         answer.result != statusapi::kDenied;
+    const bool counted =
+        client.Welcome().version >= statusapi::kCountersVersion && answer.result != statusapi::kDenied;
     if (counted)
     {
         status = client.AskCounters(options.all ? statusapi::kAllSessions : statusapi::kOwnSession, counters,
