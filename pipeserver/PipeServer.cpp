@@ -82,6 +82,7 @@ int CPipeServer::Start()
                 auto server =
                     std::make_shared<CNamedPipeServer>(m_strPipeName, 255, 3, attributes, GetLogger());
                 server->SetSelf(server);
+                server->SetPurpose(L"the agent pipe, where agents hand over URLs");
                 m_pNamedPipeServer = std::move(server);
             }
             if (!m_replyWatch.IsRunning() &&

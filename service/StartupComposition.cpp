@@ -7,6 +7,7 @@
 #include "pipeserver/UrlPolicyRegistry.h"
 #include "service/ServiceConfig.h"
 #include "statusapi/StatusServer.h"
+#include "virt/SkApi.h"
 #include "virt/VirtServer.h"
 
 #include <mutex>
@@ -73,6 +74,13 @@ std::shared_ptr<CStatusServer> GetStatusServer()
 {
     daxlib::lock_guard lock(g_slotLock);
     return g_statusServer;
+}
+
+std::wstring ChannelTransportText()
+{
+    const auto server = GetVirtServer();
+    const std::wstring library = L"the channel library " + SkApi::LibraryPath();
+    return server && server->IsInitialized() ? library : library + L" (not loaded: no URL is forwarded)";
 }
 
 void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)

@@ -1,6 +1,7 @@
 #include "statusapi/StatusServer.h"
 
 #include "common/Guarded.h"
+#include "common/ServiceEvents.h"
 #include "pipe/NamedPipeServer.h"
 #include "pipe/attributes.h"
 #include "statusapi/PipeIo.h"
@@ -14,6 +15,7 @@ using namespace statusapi;
 
 namespace
 {
+constexpr wchar_t kPurpose[] = L"the status pipe, where programs learn the channel's state";
 // Completion keys of the server's own packets; pipe instances count up from kFirstInstanceKey.
 constexpr ULONG_PTR kStopKey = 1;
 constexpr ULONG_PTR kEndedKey = 2; // the overlapped pointer carries the connection's id
@@ -179,12 +181,16 @@ bool CStatusServer::Listen(ULONG_PTR key)
     if (pipeinstance::NameTaken(first, createError))
     {
         if (!std::exchange(m_bNameTaken, true))
+        {
             Log(LogLevel::Error, L"CStatusServer::Listen: ",
                 L"The pipe %s exists already and was not created by this server: not serving it; trying "
                 L"again "
                 L"every %u ms. GLE = %d",
                 m_strPipeName.c_str(), static_cast<unsigned>(CNamedPipeServer::kNameRetryMs),
                 static_cast<int>(createError));
+            events::Report(events::Level::Warning, events::kPipeNameTaken,
+                           {m_strPipeName, kPurpose, std::to_wstring(CNamedPipeServer::kNameRetryMs)});
+        }
         return false;
     }
     if (!instance->pipe)
@@ -194,8 +200,11 @@ bool CStatusServer::Listen(ULONG_PTR key)
         return false;
     }
     if (std::exchange(m_bNameTaken, false))
+    {
         Log(LogLevel::Info, L"CStatusServer::Listen: ", L"The pipe %s is this server's now: serving it",
             m_strPipeName.c_str());
+        events::Report(events::Level::Information, events::kPipeNameFreed, {m_strPipeName, kPurpose});
+    }
     if (!::CreateIoCompletionPort(instance->pipe.get(), m_hPort.get(), key, 0))
     {
         Log(LogLevel::Error, L"CStatusServer::Listen: ", L"CreateIoCompletionPort failed. GLE = %d",

@@ -71,6 +71,8 @@ private:
         Broken,  // the connection failed on the way: retried like any broken connection
     };
     HandshakeOutcome DoHandshake();
+    // The event for a refusal by the client side (its version, or else its options).
+    void ReportRefusal(bool version, uint32_t localVersion, uint32_t remoteVersion);
     bool WriteURL(std::wstring url); // SendURL without the counting
     void ReadOneMessage();
     void StopThreads();

@@ -2,6 +2,7 @@
 
 #include "common/DaxException.h"
 #include "common/Guarded.h"
+#include "common/ServiceEvents.h"
 #include "common/WideFormat.h"
 #include "virt/SkApi.h"
 
@@ -83,11 +84,14 @@ bool CVirtServer::Init()
         return true;
     if (!SkApiLoadLib())
     {
-        Log(LogLevel::Error, kInit, L"SkApiLoadLib() failed. LastError=%u", ::GetLastError());
+        const DWORD error = ::GetLastError();
+        Log(LogLevel::Error, kInit, L"SkApiLoadLib() failed. LastError=%u", error);
+        ReportUnavailable(daxlib::Format(L"it could not be loaded (error %u)", error));
     }
     else if (const DWORD error = SkApi::pfnSkInit ? SkApi::pfnSkInit() : ERROR_PROC_NOT_FOUND; error != 0)
     {
         Log(LogLevel::Error, kInit, L"SkInit() failed. Error=%u", error);
+        ReportUnavailable(daxlib::Format(L"it loaded but did not initialise (error %u)", error));
     }
     else
     {
@@ -104,6 +108,14 @@ bool CVirtServer::Init()
     if (!m_bInitialized)
         Free();
     return m_bInitialized;
+}
+
+void CVirtServer::ReportUnavailable(const std::wstring& what)
+{
+    // Once per start: the service calls Init once, and a failed Init leaves nothing to retry.
+    if (!m_bUnavailableReported.exchange(true))
+        events::Report(events::Level::Error, events::kChannelLibraryUnavailable,
+                       {SkApi::LibraryPath(), what});
 }
 
 void CVirtServer::Free()

@@ -63,10 +63,12 @@ private:
     static void WINAPI SessionClosedTrampoline(DWORD event, const SkApi::SessionNotification* notification,
                                                void* context);
     void Publish(const ChannelStatusRecord& record, uint32_t sessionId) const;
+    void ReportUnavailable(const std::wstring& what);
     // The session's counters, made on first use; they outlive its handlers and Free.
     std::shared_ptr<SessionCounters> CountersOf(uint32_t sessionId);
 
     std::atomic<bool> m_bInitialized{false};
+    std::atomic<bool> m_bUnavailableReported{false};
     mutable daxlib::srw_lock m_srwSessions;
     std::map<uint32_t, std::shared_ptr<CSessionHandler>> m_sessions TS_GUARDED_BY(m_srwSessions);
     // Never held while another lock is taken.
