@@ -24,14 +24,14 @@ enum class Level
 // The message ids; service/VelomardMessages.mc holds their texts under the same numbers.
 enum EventId : uint32_t
 {
-    kServiceStarted = 100,           // version, channel transport
-    kServiceStopping = 101,          //
+    kServiceStarted = 100,            // version, channel transport
+    kServiceStopping = 101,           //
     kChannelLibraryUnavailable = 200, // library path, what failed
-    kPipeNameTaken = 300,            // pipe name, what the pipe is for, retry period in ms
-    kPipeNameFreed = 301,            // pipe name, what the pipe is for
-    kUrlPolicyValueBroken = 400,     // policy key, what is wrong and what was done
-    kLogFolderUnsafe = 500,          // what was found and done
-    kChannelRefused = 600,           // session id, "version" or "options", local and remote version
+    kPipeNameTaken = 300,             // pipe name, what the pipe is for, retry period in ms
+    kPipeNameFreed = 301,             // pipe name, what the pipe is for
+    kUrlPolicyValueBroken = 400,      // policy key, what is wrong and what was done
+    kLogFolderUnsafe = 500,           // what was found and done
+    kChannelRefused = 600,            // session id, "version" or "options", local and remote version
 };
 
 using Sink = std::function<void(Level level, uint32_t id, const std::vector<std::wstring>& strings)>;

@@ -252,8 +252,9 @@ int wmain(int argc, wchar_t** argv)
         watcher.Take();
         std::printf("with counters polled 10/s, %d agent(s): %.0f URLs/s, answer p50 %.1f us, p99 %.1f us "
                     "(without: %.0f URLs/s, p50 %.1f us, p99 %.1f us)\n",
-                    agents, round.urlsPerSecond, Percentile(round.answers, 0.5), Percentile(round.answers, 0.99),
-                    urlsPerSecond[agents], answerP50[agents], answerP99[agents]);
+                    agents, round.urlsPerSecond, Percentile(round.answers, 0.5),
+                    Percentile(round.answers, 0.99), urlsPerSecond[agents], answerP50[agents],
+                    answerP99[agents]);
     }
     polling = false;
     poller.join();
