@@ -131,15 +131,18 @@ Status CStatusClient::ReadAs(uint32_t type, std::optional<T> (*decode)(const uin
     return Status::Ok;
 }
 
-Status CStatusClient::Request(uint32_t requestType, uint32_t answerType, uint32_t scope, Packet& packet,
-                              uint32_t& id, DWORD timeoutMs)
+template <typename T>
+Status CStatusClient::Request(uint32_t requestType, uint32_t answerType,
+                              std::optional<T> (*decode)(const uint8_t*, size_t), uint32_t scope, T& answer,
+                              DWORD timeoutMs)
 {
     const ULONGLONG deadline = DeadlineAfter(timeoutMs);
-    id = m_dwNextRequest++;
+    const uint32_t id = m_dwNextRequest++;
     Status status = FromOutcome(
         WriteAll(m_hPipe.get(), EncodeRequest(requestType, {id, scope}), deadline, m_hevInterrupt));
     while (status == Status::Ok)
     {
+        Packet packet;
         status = Read(packet, deadline);
         if (status != Status::Ok)
             break;
@@ -151,11 +154,15 @@ Status CStatusClient::Request(uint32_t requestType, uint32_t answerType, uint32_
                 continue;
             }
         }
-        if (packet.header.type != answerType)
+        const auto decoded = packet.header.type == answerType
+                                 ? decode(packet.payload.data(), packet.payload.size())
+                                 : std::nullopt;
+        if (!decoded || decoded->requestId != id)
         {
             Close();
             return Status::ProtocolError;
         }
+        answer = *decoded;
         return Status::Ok;
     }
     return status;
@@ -163,36 +170,12 @@ Status CStatusClient::Request(uint32_t requestType, uint32_t answerType, uint32_
 
 Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD timeoutMs)
 {
-    Packet packet;
-    uint32_t id = 0;
-    const Status status = Request(type, kAnswer, scope, packet, id, timeoutMs);
-    if (status != Status::Ok)
-        return status;
-    const auto decoded = DecodeAnswer(packet.payload.data(), packet.payload.size());
-    if (!decoded || decoded->requestId != id)
-    {
-        Close();
-        return Status::ProtocolError;
-    }
-    answer = *decoded;
-    return Status::Ok;
+    return Request(type, kAnswer, DecodeAnswer, scope, answer, timeoutMs);
 }
 
 Status CStatusClient::AskCounters(uint32_t scope, CountersAnswer& answer, DWORD timeoutMs)
 {
-    Packet packet;
-    uint32_t id = 0;
-    const Status status = Request(kGetCounters, kCountersAnswer, scope, packet, id, timeoutMs);
-    if (status != Status::Ok)
-        return status;
-    const auto decoded = DecodeCountersAnswer(packet.payload.data(), packet.payload.size());
-    if (!decoded || decoded->requestId != id)
-    {
-        Close();
-        return Status::ProtocolError;
-    }
-    answer = *decoded;
-    return Status::Ok;
+    return Request(kGetCounters, kCountersAnswer, DecodeCountersAnswer, scope, answer, timeoutMs);
 }
 
 Status CStatusClient::NextNotification(Notification& notification, DWORD timeoutMs)

@@ -85,9 +85,11 @@ private:
     Status FromOutcome(statusapi::IoOutcome outcome);
     Status Greet(uint32_t version, ULONGLONG deadline);
     // Writes a request and reads up to its answer of `answerType`, keeping notifications that
-    // come first; the answer's payload is left in `packet`.
-    Status Request(uint32_t requestType, uint32_t answerType, uint32_t scope, statusapi::Packet& packet,
-                   uint32_t& id, DWORD timeoutMs);
+    // come first; anything else, or an answer to another request, is a protocol error.
+    template <typename T>
+    Status Request(uint32_t requestType, uint32_t answerType,
+                   std::optional<T> (*decode)(const uint8_t*, size_t), uint32_t scope, T& answer,
+                   DWORD timeoutMs);
 
     std::wstring m_strPipeName;
     std::wstring m_strExpectedService;
