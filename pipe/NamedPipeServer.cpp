@@ -3,6 +3,7 @@
 #include "common/DaxException.h"
 #include "common/Guarded.h"
 #include "common/PipeNames.h"
+#include "common/ServiceEvents.h"
 #include "pipe/ThreadPool.h"
 #include "pipe/attributes.h"
 
@@ -139,17 +140,25 @@ BOOL CNamedPipeServer::WaitForConnection()
             if (pipeinstance::NameTaken(first, createError))
             {
                 if (!std::exchange(m_bNameTaken, true))
+                {
                     Log(LogLevel::Error, L"CNamedPipeServer::WaitForConnection: (186)",
                         L"The pipe %s exists already and was not created by this server: not serving it; "
                         L"trying again every %u ms. GLE = %d",
                         m_strPipeName.c_str(), static_cast<unsigned>(kNameRetryMs),
                         static_cast<int>(createError));
+                    events::Report(events::Level::Warning, events::kPipeNameTaken,
+                                   {m_strPipeName, m_strPurpose, std::to_wstring(kNameRetryMs)});
+                }
                 ::SetLastError(createError);
                 return FALSE;
             }
             if (*pipe && std::exchange(m_bNameTaken, false))
+            {
                 Log(LogLevel::Info, L"CNamedPipeServer::WaitForConnection: (188)",
                     L"The pipe %s is this server's now: serving it", m_strPipeName.c_str());
+                events::Report(events::Level::Information, events::kPipeNameFreed,
+                               {m_strPipeName, m_strPurpose});
+            }
             if (!*pipe)
             {
                 ::SetLastError(createError);

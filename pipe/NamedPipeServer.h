@@ -112,6 +112,8 @@ public:
 
     uint32_t GetAccepts() const { return m_dwAccepts; }
     const std::wstring& GetPipeName() const { return m_strPipeName; }
+    // What the pipe is for, in the administrator's words of the events about its name. Before Start.
+    void SetPurpose(std::wstring purpose) { m_strPurpose = std::move(purpose); }
     size_t AcceptCount() const;
     size_t ConnectionCount() const;
 
@@ -128,6 +130,7 @@ private:
     uint32_t m_dwMaxInstances;
     uint32_t m_dwAccepts;
     std::wstring m_strPipeName;
+    std::wstring m_strPurpose = L"a pipe of the service";
     std::shared_ptr<daxlib::unique_handle> m_pAcceptSemaphore;
     std::unique_ptr<CJoinableThread<int>> m_pAcceptThread;
     mutable daxlib::srw_lock m_srwLists;

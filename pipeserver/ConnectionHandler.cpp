@@ -8,10 +8,10 @@
 CConnectionHandler::CConnectionHandler(const std::shared_ptr<ICvLogger>& logger,
                                        std::shared_ptr<CNamedPipeServerStream> stream,
                                        const ConnectionInformation& information, UrlSender sendUrl,
-                                       UrlPolicySource policy)
+                                       UrlPolicySource policy, UrlRefusalCounter countRefusal)
     : IBaseItem(logger), m_pStream(std::move(stream)), m_information(information),
       m_pRequest(std::make_unique<CPipeServerRequest>(m_pStream, logger)), m_sendUrl(std::move(sendUrl)),
-      m_policy(std::move(policy))
+      m_policy(std::move(policy)), m_countRefusal(std::move(countRefusal))
 {
 }
 
@@ -68,6 +68,8 @@ bool CConnectionHandler::ProcessMessage(const unsigned char* buffer, unsigned lo
                 verdict.scheme.substr(0, 64).c_str(), verdict.host.c_str(), urlpolicy::RuleName(verdict.rule),
                 verdict.pattern.empty() ? "" : " ", verdict.pattern.c_str(),
                 static_cast<unsigned>(m_information.dwClientProcessId));
+            if (m_countRefusal)
+                m_countRefusal(m_information.dwClientSessionId);
         }
         const auto answer = agentpipe::EncodeOpenUrlAnswer(result);
         SendReply(answer.data(), static_cast<uint32_t>(answer.size()));

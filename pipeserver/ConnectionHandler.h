@@ -20,6 +20,8 @@ class CPipeServerRequest;
 using UrlSender = std::function<int(uint32_t sessionId, const std::wstring& url)>;
 // The URL policy in force; null stands for the default policy.
 using UrlPolicySource = std::function<std::shared_ptr<const urlpolicy::Policy>()>;
+// Told of each URL of a session that the policy refused; it never reaches the sender.
+using UrlRefusalCounter = std::function<void(uint32_t sessionId)>;
 
 // What the service knows of a new connection. The texts and the shared reference stay empty.
 struct ConnectionInformation
@@ -38,7 +40,7 @@ public:
     CConnectionHandler(const std::shared_ptr<ICvLogger>& logger,
                        std::shared_ptr<CNamedPipeServerStream> stream,
                        const ConnectionInformation& information, UrlSender sendUrl,
-                       UrlPolicySource policy = nullptr);
+                       UrlPolicySource policy = nullptr, UrlRefusalCounter countRefusal = nullptr);
     ~CConnectionHandler() override;
     CConnectionHandler(const CConnectionHandler&) = delete;
     CConnectionHandler& operator=(const CConnectionHandler&) = delete;
@@ -75,5 +77,6 @@ private:
     std::unique_ptr<CPipeServerRequest> m_pRequest;
     UrlSender m_sendUrl;
     UrlPolicySource m_policy;
+    UrlRefusalCounter m_countRefusal;
     std::atomic<uint64_t> m_qwReplySince{0};
 };

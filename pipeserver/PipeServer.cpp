@@ -48,6 +48,12 @@ void CPipeServer::SetUrlPolicy(UrlPolicySource policy)
     m_policy = std::move(policy);
 }
 
+void CPipeServer::SetRefusalCounter(UrlRefusalCounter counter)
+{
+    daxlib::lock_guard lock(m_srwSender);
+    m_countRefusal = std::move(counter);
+}
+
 int CPipeServer::Start()
 {
     return daxlib::GuardedValue(
@@ -76,6 +82,7 @@ int CPipeServer::Start()
                 auto server =
                     std::make_shared<CNamedPipeServer>(m_strPipeName, 255, 3, attributes, GetLogger());
                 server->SetSelf(server);
+                server->SetPurpose(L"the agent pipe, where agents hand over URLs");
                 m_pNamedPipeServer = std::move(server);
             }
             if (!m_replyWatch.IsRunning() &&
@@ -180,13 +187,15 @@ int CPipeServer::InitConnectionHandler(NewConnectData& data)
     }
     UrlSender sender;
     UrlPolicySource policy;
+    UrlRefusalCounter countRefusal;
     {
         daxlib::lock_guard lock(m_srwSender);
         sender = m_sendUrl;
         policy = m_policy;
+        countRefusal = m_countRefusal;
     }
     auto handler = std::make_shared<CConnectionHandler>(GetLogger(), stream, information, std::move(sender),
-                                                        std::move(policy));
+                                                        std::move(policy), std::move(countRefusal));
     using namespace std::placeholders;
     stream->SetWriteCallback(MakeGlobalCallback<ReadSignature>(
         std::bind(&CPipeServer::OnReplyWritten, this, _1, _2, _3, _4, data.channelId)));

@@ -62,6 +62,8 @@ public:
     void SetUrlSender(UrlSender sender);
     // The URL policy each new connection applies; without it, the default policy.
     void SetUrlPolicy(UrlPolicySource policy);
+    // Told of every URL the policy refuses, by the agent's session. May be left empty.
+    void SetRefusalCounter(UrlRefusalCounter counter);
     // Both before Start. The resolver replaces the pipe's own session report: tests use it to
     // play several sessions, which Wine cannot report.
     void SetSettings(const AgentPipeSettings& settings) { m_settings = settings; }
@@ -112,7 +114,8 @@ private:
     std::atomic<uint32_t> m_dwUnknownSessionBurst{0};
     daxlib::srw_lock m_srwSender;
     UrlSender m_sendUrl TS_GUARDED_BY(m_srwSender);
-    UrlPolicySource m_policy;
+    UrlPolicySource m_policy TS_GUARDED_BY(m_srwSender);
+    UrlRefusalCounter m_countRefusal TS_GUARDED_BY(m_srwSender);
     uint32_t m_dwOverdueInBurst = 0;    // the watch's own
     daxlib::CWorkerThread m_replyWatch; // last: joined before the rest goes
 };

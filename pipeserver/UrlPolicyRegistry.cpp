@@ -1,6 +1,7 @@
 #include "pipeserver/UrlPolicyRegistry.h"
 
 #include "common/RegistryKeys.h"
+#include "common/ServiceEvents.h"
 
 #include "common/WideFormat.h"
 
@@ -209,7 +210,11 @@ void CUrlPolicyWatch::Load()
     std::set<std::wstring> problems(load.problems.begin(), load.problems.end());
     for (const std::wstring& problem : problems)
         if (!m_reported.count(problem))
+        {
             Log(LogLevel::Warning, L"CUrlPolicyWatch::Load: (220)", L"URL policy %s", problem.c_str());
+            events::Report(events::Level::Warning, events::kUrlPolicyValueBroken,
+                           {(m_hRoot == HKEY_LOCAL_MACHINE ? L"HKLM\\" : L"HKCU\\") + m_strSubKey, problem});
+        }
     m_reported = std::move(problems);
     const urlpolicy::Policy& policy = load.policy;
     std::wstring schemes;

@@ -1,7 +1,9 @@
 #include "service/LogSvc.h"
 
 #include "common/DaxException.h"
+#include "common/ServiceEvents.h"
 #include "log/CvLogger.h"
+#include "service/EventLogSink.h"
 #include "service/ServiceConfig.h"
 #include "service/ServiceSingletons.h"
 #include "service/StartupComposition.h"
@@ -35,6 +37,10 @@ CLogSvc::CLogSvc(const wchar_t* name, void* context) : base_service(name, contex
 
 void CLogSvc::main(DWORD, LPWSTR*, void*, SERVICE_STATUS_HANDLE)
 {
+    // First, so that what the logger finds about its folder reaches the event log. A sink that
+    // is there already is a test's.
+    if (!events::HasSink())
+        service::InstallEventLogSink(service::kServiceName);
     m_pLogger = service::GetServiceLogger();
     if (!m_pLogger)
     {
@@ -68,6 +74,8 @@ void CLogSvc::main(DWORD, LPWSTR*, void*, SERVICE_STATUS_HANDLE)
         OnStop();
         return;
     }
+    events::Report(events::Level::Information, events::kServiceStarted,
+                   {L"" VELOMAR_VERSION_TEXT, service::ChannelTransportText()});
     ReportStatus(SERVICE_RUNNING, service::kAcceptedControls);
 }
 
@@ -80,6 +88,7 @@ bool CLogSvc::OnStop()
 {
     if (m_pLogger)
         m_pLogger->Log(LogLevel::Info, L"CLogSvc::OnStop: Service Stopping...");
+    events::Report(events::Level::Information, events::kServiceStopping, {});
     // The servers are not torn down in order: the process ends under them. The ending thread is
     // started before stopped is reported, because the report may let the dispatcher return at
     // once and the main thread must then already know that it is to wait for that thread.

@@ -1,6 +1,7 @@
 #include "service/ServiceSingletons.h"
 
 #include "common/Locks.h"
+#include "common/ServiceEvents.h"
 #include "log/CvLogger.h"
 #include "log/LogFolder.h"
 #include "log/LogSettingsKeys.h"
@@ -39,13 +40,8 @@ std::shared_ptr<CCvLogger> CreateServiceLogger()
         return nullptr;
     // A log folder that failed its check is an attack or a damaged host: administrators learn it
     // from the event log, which no user can redirect, whether or not the folder could be reset.
-    const std::vector<std::wstring> findings = logger->GetFolderFindings();
-    if (!findings.empty())
-    {
-        logger->InitEventLogging(kServiceName);
-        for (const std::wstring& finding : findings)
-            logger->EventLog(LogLevel::Error, kEventError, nullptr, L"%s", finding.c_str());
-    }
+    for (const std::wstring& finding : logger->GetFolderFindings())
+        events::Report(events::Level::Error, events::kLogFolderUnsafe, {finding});
     logger->Log(LogLevel::Info, L"Service logger is working.");
     logger->SetHeaderFlags(kServiceLogHeaderFlags);
     // Unfiltered, like the start record: at the default level 0 an information record would be lost.

@@ -7,6 +7,7 @@
 #include "pipeserver/UrlPolicyRegistry.h"
 #include "service/ServiceConfig.h"
 #include "statusapi/StatusServer.h"
+#include "virt/SkApi.h"
 #include "virt/VirtServer.h"
 
 #include <mutex>
@@ -75,6 +76,13 @@ std::shared_ptr<CStatusServer> GetStatusServer()
     return g_statusServer;
 }
 
+std::wstring ChannelTransportText()
+{
+    const auto server = GetVirtServer();
+    const std::wstring library = L"the channel library " + SkApi::LibraryPath();
+    return server && server->IsInitialized() ? library : library + L" (not loaded: no URL is forwarded)";
+}
+
 void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
 {
     SetThreadPool(std::make_shared<CThreadPool>(kThreadPoolMaximum, logger));
@@ -100,6 +108,12 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
             auto server = GetVirtServer();
             return server ? server->SendURL(sessionId, url) : 0;
         });
+    pipeServer->SetRefusalCounter(
+        [](uint32_t sessionId)
+        {
+            if (auto server = GetVirtServer())
+                server->CountRefusedByPolicy(sessionId);
+        });
     {
         daxlib::lock_guard lock(g_slotLock);
         g_pipeServer = pipeServer;
@@ -114,6 +128,13 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
         {
             auto server = GetVirtServer();
             return server ? server->SessionIds() : std::vector<uint32_t>();
+        });
+    statusServer->SetCounterList(
+        []
+        {
+            auto server = GetVirtServer();
+            return server ? server->CounterSnapshots()
+                          : std::vector<std::pair<uint32_t, SessionCountersSnapshot>>();
         });
     virtServer->SetStatusListener(statusServer->Listener());
     {

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <memory>
+#include <string>
 
 class CCvLogger;
 class CVirtServer;
@@ -29,6 +30,8 @@ std::shared_ptr<CVirtServer> GetVirtServer();
 StatusApiSettings ReadStatusApiSettings(HKEY root = HKEY_LOCAL_MACHINE);
 
 std::shared_ptr<CPipeServer> GetPipeServer();
+// How URLs leave this host, for the start event: the channel library, and whether it loaded.
+std::wstring ChannelTransportText();
 std::shared_ptr<CStatusServer> GetStatusServer();
 
 } // namespace service

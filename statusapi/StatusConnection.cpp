@@ -158,7 +158,10 @@ CStatusConnection::Greeting CStatusConnection::Greet(uint32_t& reason)
     if (reason != kGoodbye)
         return Greeting::Refused;
     m_bAdministrator = identity.administrator;
-    const Welcome welcome{kProtocolVersion, m_dwSessionId, m_bAdministrator ? kMayAskAllSessions : 0u};
+    // A client is answered in its own version: one older than the service's sees the service it
+    // was built for.
+    m_dwVersion = hello->version;
+    const Welcome welcome{m_dwVersion, m_dwSessionId, m_bAdministrator ? kMayAskAllSessions : 0u};
     if (WriteAll(m_hPipe.get(), EncodeWelcome(welcome), DeadlineAfter(m_server.Settings().drainTimeoutMs)) !=
         IoOutcome::Ok)
         return Greeting::Gone;
@@ -272,8 +275,8 @@ void CStatusConnection::Serve()
             if (step != CPacketReader::Step::Complete)
                 continue;
             const Packet packet = reader.Take();
-            const ClientPacket request =
-                InterpretClientPacket(packet.header, packet.payload.data(), packet.payload.size());
+            const ClientPacket request = InterpretClientPacket(packet.header, packet.payload.data(),
+                                                               packet.payload.size(), m_dwVersion);
             if (request.kind == ClientPacket::Kind::Close)
                 break; // answered with nothing
             if (request.kind == ClientPacket::Kind::Malformed)
@@ -281,8 +284,11 @@ void CStatusConnection::Serve()
                 close(kPacketMalformed);
                 continue;
             }
-            const auto answer = EncodeAnswer(
-                m_server.Respond(*this, request.request, request.kind == ClientPacket::Kind::Subscribe));
+            const auto answer =
+                request.kind == ClientPacket::Kind::GetCounters
+                    ? EncodeCountersAnswer(m_server.RespondCounters(*this, request.request))
+                    : EncodeAnswer(m_server.Respond(*this, request.request,
+                                                    request.kind == ClientPacket::Kind::Subscribe));
             next.insert(next.end(), answer.begin(), answer.end());
         }
         else if (wait == WAIT_OBJECT_0 + writerSlot)

@@ -64,6 +64,7 @@ private:
     const uint32_t m_dwProcessId;
     const uint32_t m_dwSessionId;
     bool m_bAdministrator = false;
+    uint32_t m_dwVersion = statusapi::kMinProtocolVersion; // the one the client's hello said
     // Auto-reset: the queue has news, or a stop was asked for (the thread waits for nothing else).
     daxlib::unique_handle m_hevWake;
     std::atomic<bool> m_bStopRequested{false};

@@ -1,5 +1,6 @@
 #include "statusapi/StatusProtocol.h"
 
+#include <cstdio>
 #include <iterator>
 
 namespace statusapi
@@ -35,6 +36,37 @@ void StoreEntry(uint8_t* out, const SessionEntry& entry)
     for (size_t i = 0; i < sizeof(entry.record.reserved); ++i)
         out[16 + i] = entry.record.reserved[i];
     StoreU32(out + 4 + offsetof(ChannelStatusRecord, dwState), entry.record.dwState);
+}
+
+void StoreU64(uint8_t* out, uint64_t value)
+{
+    StoreU32(out, static_cast<uint32_t>(value));
+    StoreU32(out + 4, static_cast<uint32_t>(value >> 32));
+}
+
+uint64_t LoadU64(const uint8_t* in)
+{
+    return LoadU32(in) | (uint64_t{LoadU32(in + 4)} << 32);
+}
+
+// The wire order of the counters, shared by the encoder and the decoder.
+constexpr uint64_t SessionCountersSnapshot::*kCounterFields[] = {
+    &SessionCountersSnapshot::urlsForwarded,     &SessionCountersSnapshot::urlsRefusedByPolicy,
+    &SessionCountersSnapshot::urlsFailed,        &SessionCountersSnapshot::handshakesCompleted,
+    &SessionCountersSnapshot::handshakesRefused, &SessionCountersSnapshot::reconnects,
+    &SessionCountersSnapshot::lastUrlTime,
+};
+static_assert(kCountersEntrySize == 4 + 8 * std::size(kCounterFields));
+
+// The entry count of an answer whose count agrees with its size; none otherwise.
+std::optional<uint32_t> AnswerCount(const uint8_t* payload, size_t size, size_t entrySize)
+{
+    if (!payload || size < kAnswerFixed)
+        return std::nullopt;
+    const uint32_t count = LoadU32(payload + 8);
+    if ((size - kAnswerFixed) % entrySize != 0 || (size - kAnswerFixed) / entrySize != count)
+        return std::nullopt;
+    return count;
 }
 
 SessionEntry LoadEntry(const uint8_t* in)
@@ -159,11 +191,10 @@ std::vector<uint8_t> EncodeAnswer(const Answer& answer)
 
 std::optional<Answer> DecodeAnswer(const uint8_t* payload, size_t size)
 {
-    if (!payload || size < kAnswerFixed)
+    const auto entries = AnswerCount(payload, size, kEntrySize);
+    if (!entries)
         return std::nullopt;
-    const uint32_t count = LoadU32(payload + 8);
-    if ((size - kAnswerFixed) % kEntrySize != 0 || (size - kAnswerFixed) / kEntrySize != count)
-        return std::nullopt;
+    const uint32_t count = *entries;
     Answer answer;
     answer.requestId = LoadU32(payload);
     answer.result = LoadU32(payload + 4);
@@ -188,9 +219,53 @@ std::optional<Notification> DecodeNotification(const uint8_t* payload, size_t si
     return Notification{LoadU32(payload), LoadEntry(payload + 4)};
 }
 
-uint32_t CheckHello(const Hello& hello, const PeerFacts& facts)
+std::vector<uint8_t> EncodeCountersAnswer(const CountersAnswer& answer)
 {
-    if (hello.version != kProtocolVersion)
+    auto bytes = Packet(kCountersAnswer, kAnswerFixed + kCountersEntrySize * answer.entries.size());
+    uint8_t* out = bytes.data() + agentpipe::kHeaderSize;
+    StoreU32(out, answer.requestId);
+    StoreU32(out + 4, answer.result);
+    StoreU32(out + 8, static_cast<uint32_t>(answer.entries.size()));
+    out += kAnswerFixed;
+    for (const CountersEntry& entry : answer.entries)
+    {
+        StoreU32(out, entry.sessionId);
+        out += 4;
+        for (auto field : kCounterFields)
+        {
+            StoreU64(out, entry.counters.*field);
+            out += 8;
+        }
+    }
+    return bytes;
+}
+
+std::optional<CountersAnswer> DecodeCountersAnswer(const uint8_t* payload, size_t size)
+{
+    const auto count = AnswerCount(payload, size, kCountersEntrySize);
+    if (!count)
+        return std::nullopt;
+    CountersAnswer answer;
+    answer.requestId = LoadU32(payload);
+    answer.result = LoadU32(payload + 4);
+    answer.entries.resize(*count);
+    const uint8_t* in = payload + kAnswerFixed;
+    for (CountersEntry& entry : answer.entries)
+    {
+        entry.sessionId = LoadU32(in);
+        in += 4;
+        for (auto field : kCounterFields)
+        {
+            entry.counters.*field = LoadU64(in);
+            in += 8;
+        }
+    }
+    return answer;
+}
+
+uint32_t CheckHello(const Hello& hello, const PeerFacts& facts, uint32_t served)
+{
+    if (hello.version < kMinProtocolVersion || hello.version > served)
         return kVersionUnsupported;
     if (hello.sessionId != facts.sessionId)
         return kSessionMismatch;
@@ -202,7 +277,7 @@ uint32_t CheckHello(const Hello& hello, const PeerFacts& facts)
 }
 
 ClientPacket InterpretClientPacket(const agentpipe::MessageHeader& header, const uint8_t* payload,
-                                   size_t size)
+                                   size_t size, uint32_t version)
 {
     ClientPacket packet;
     if (size != header.length)
@@ -215,6 +290,15 @@ ClientPacket InterpretClientPacket(const agentpipe::MessageHeader& header, const
         {
             packet.kind =
                 header.type == kGetStatus ? ClientPacket::Kind::GetStatus : ClientPacket::Kind::Subscribe;
+            packet.request = *request;
+        }
+        break;
+    case kGetCounters:
+        if (version < kCountersVersion)
+            break;
+        if (auto request = DecodeRequest(payload, size))
+        {
+            packet.kind = ClientPacket::Kind::GetCounters;
             packet.request = *request;
         }
         break;
@@ -283,6 +367,59 @@ std::string JsonEntry(const SessionEntry& entry)
            "\",\"stateCode\":" + std::to_string(r.dwState) + ",\"localVersion\":\"" +
            VersionText(r.dwLocalVersion) + "\",\"remoteVersion\":\"" + VersionText(r.dwRemoteVersion) +
            "\",\"negotiatedVersion\":\"" + VersionText(r.dwNegotiatedVersion) + "\"}";
+}
+
+std::string Iso8601Utc(uint64_t fileTime)
+{
+    if (fileTime == 0)
+        return {};
+    // Whole seconds first, unsigned, so that no value can overflow; then days to a civil date
+    // (proleptic Gregorian) counted from the Unix epoch.
+    constexpr int64_t kUnixEpochSeconds = 11644473600; // 1970-01-01 in seconds since 1601
+    const int64_t seconds = static_cast<int64_t>(fileTime / 10000000) - kUnixEpochSeconds;
+    int64_t days = seconds / 86400;
+    int64_t rest = seconds % 86400;
+    if (rest < 0)
+    {
+        rest += 86400;
+        --days;
+    }
+    days += 719468;
+    const int64_t era = (days >= 0 ? days : days - 146096) / 146097;
+    const int64_t dayOfEra = days - era * 146097;
+    const int64_t yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    const int64_t mp = (5 * dayOfYear + 2) / 153;
+    const int64_t day = dayOfYear - (153 * mp + 2) / 5 + 1;
+    const int64_t month = mp < 10 ? mp + 3 : mp - 9;
+    const int64_t year = yearOfEra + era * 400 + (month <= 2 ? 1 : 0);
+    char text[128]; // room for any int64 in each field, so the compiler sees no truncation
+    std::snprintf(text, sizeof(text), "%04lld-%02lld-%02lldT%02lld:%02lld:%02lldZ",
+                  static_cast<long long>(year), static_cast<long long>(month), static_cast<long long>(day),
+                  static_cast<long long>(rest / 3600), static_cast<long long>(rest / 60 % 60),
+                  static_cast<long long>(rest % 60));
+    return text;
+}
+
+std::string DescribeCounters(const SessionCountersSnapshot& c)
+{
+    const std::string last = c.lastUrlTime ? Iso8601Utc(c.lastUrlTime) : std::string("none");
+    return "URLs " + std::to_string(c.urlsForwarded) + " forwarded, " +
+           std::to_string(c.urlsRefusedByPolicy) + " refused by policy, " + std::to_string(c.urlsFailed) +
+           " failed; handshakes " + std::to_string(c.handshakesCompleted) + " completed, " +
+           std::to_string(c.handshakesRefused) + " refused; reconnects " + std::to_string(c.reconnects) +
+           "; last URL " + last;
+}
+
+std::string JsonCounters(const SessionCountersSnapshot& c)
+{
+    const std::string last = c.lastUrlTime ? "\"" + Iso8601Utc(c.lastUrlTime) + "\"" : std::string("null");
+    return "{\"urlsForwarded\":" + std::to_string(c.urlsForwarded) +
+           ",\"urlsRefusedByPolicy\":" + std::to_string(c.urlsRefusedByPolicy) +
+           ",\"urlsFailed\":" + std::to_string(c.urlsFailed) +
+           ",\"handshakesCompleted\":" + std::to_string(c.handshakesCompleted) +
+           ",\"handshakesRefused\":" + std::to_string(c.handshakesRefused) +
+           ",\"reconnects\":" + std::to_string(c.reconnects) + ",\"lastUrlTime\":" + last + "}";
 }
 
 } // namespace statusapi

@@ -6,6 +6,7 @@
 #include "common/PipeNames.h"
 #include "pipeserver/AgentProtocol.h"
 #include "virt/ChannelStatus.h"
+#include "virt/SessionCounters.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -17,17 +18,24 @@ namespace statusapi
 {
 
 using daxlib::kStatusPipeName;
-constexpr uint32_t kProtocolVersion = 1;
+// The highest version the service welcomes; it answers every older version's requests exactly
+// as that version did, and welcomes each client with the version the client said.
+// Version 2 adds GetCounters and CountersAnswer.
+constexpr uint32_t kProtocolVersion = 2;
+constexpr uint32_t kMinProtocolVersion = 1;
+constexpr uint32_t kCountersVersion = 2; // the first version with GetCounters
 
 enum PacketType : uint32_t
 {
-    kHello = 0x10,        // client, first packet: who the client says it is
-    kWelcome = 0x11,      // service: the hello holds; what the client may ask
-    kClose = 0x12,        // either side, last packet: why the connection ends
-    kGetStatus = 0x13,    // client: the record(s) now
-    kSubscribe = 0x14,    // client: the record(s) now, then every change
-    kAnswer = 0x15,       // service: to one GetStatus or Subscribe, by request id
-    kNotification = 0x16, // service: one change, to a subscriber
+    kHello = 0x10,          // client, first packet: who the client says it is
+    kWelcome = 0x11,        // service: the hello holds; what the client may ask
+    kClose = 0x12,          // either side, last packet: why the connection ends
+    kGetStatus = 0x13,      // client: the record(s) now
+    kSubscribe = 0x14,      // client: the record(s) now, then every change
+    kAnswer = 0x15,         // service: to one GetStatus or Subscribe, by request id
+    kNotification = 0x16,   // service: one change, to a subscriber
+    kGetCounters = 0x17,    // client, version 2: the session(s)' counters now
+    kCountersAnswer = 0x18, // service: to one GetCounters, by request id
 };
 
 enum CloseReason : uint32_t
@@ -73,7 +81,8 @@ constexpr uint32_t kMaxServicePayload = 16u << 20;
 constexpr size_t kMinSidSize = 8;
 constexpr size_t kMaxSidSize = 68;
 constexpr size_t kRecordSize = sizeof(ChannelStatusRecord);
-constexpr size_t kEntrySize = 4 + kRecordSize; // session id, record
+constexpr size_t kEntrySize = 4 + kRecordSize;   // session id, record
+constexpr size_t kCountersEntrySize = 4 + 7 * 8; // session id, seven 64-bit counters
 
 struct Hello
 {
@@ -109,6 +118,19 @@ struct Answer
     std::vector<SessionEntry> entries;
 };
 
+struct CountersEntry
+{
+    uint32_t sessionId = 0;
+    SessionCountersSnapshot counters;
+};
+
+struct CountersAnswer
+{
+    uint32_t requestId = 0;
+    uint32_t result = kOk;
+    std::vector<CountersEntry> entries;
+};
+
 struct Notification
 {
     uint32_t requestId = 0; // of the Subscribe
@@ -127,6 +149,7 @@ std::vector<uint8_t> EncodeClose(uint32_t reason);
 std::vector<uint8_t> EncodeRequest(uint32_t type, const Request& request);
 std::vector<uint8_t> EncodeAnswer(const Answer& answer);
 std::vector<uint8_t> EncodeNotification(const Notification& notification);
+std::vector<uint8_t> EncodeCountersAnswer(const CountersAnswer& answer);
 
 // Payload decoders: none unless the payload is exactly what the type needs.
 std::optional<Hello> DecodeHello(const uint8_t* payload, size_t size);
@@ -135,6 +158,7 @@ std::optional<uint32_t> DecodeClose(const uint8_t* payload, size_t size);
 std::optional<Request> DecodeRequest(const uint8_t* payload, size_t size);
 std::optional<Answer> DecodeAnswer(const uint8_t* payload, size_t size);
 std::optional<Notification> DecodeNotification(const uint8_t* payload, size_t size);
+std::optional<CountersAnswer> DecodeCountersAnswer(const uint8_t* payload, size_t size);
 
 // What the pipe itself says about a client, against which its hello is checked.
 struct PeerFacts
@@ -143,8 +167,9 @@ struct PeerFacts
     uint32_t processId = 0;
     std::vector<uint8_t> sid;
 };
-// kGoodbye when the hello holds, else the reason to close with.
-uint32_t CheckHello(const Hello& hello, const PeerFacts& facts);
+// kGoodbye when the hello holds, else the reason to close with. Any version from
+// kMinProtocolVersion to `served` holds; the connection then speaks the hello's version.
+uint32_t CheckHello(const Hello& hello, const PeerFacts& facts, uint32_t served = kProtocolVersion);
 
 // What the service makes of one complete packet from a client that has been welcomed.
 struct ClientPacket
@@ -153,14 +178,17 @@ struct ClientPacket
     {
         GetStatus,
         Subscribe,
-        Close,     // the client is leaving; answer nothing
-        Malformed, // close with kPacketMalformed
+        GetCounters, // version 2 on
+        Close,       // the client is leaving; answer nothing
+        Malformed,   // close with kPacketMalformed
     };
     Kind kind = Kind::Malformed;
     Request request;
 };
+// `version` is the one the connection speaks: a packet type that version does not know is
+// malformed, as it was for that version's service.
 ClientPacket InterpretClientPacket(const agentpipe::MessageHeader& header, const uint8_t* payload,
-                                   size_t size);
+                                   size_t size, uint32_t version);
 
 // Whether a change of `session` reaches a subscriber of `ownSession` with that scope.
 bool Reaches(uint32_t scope, uint32_t ownSession, uint32_t session);
@@ -173,5 +201,12 @@ std::string VersionText(uint32_t version); // "1.1" for 0x00010001
 std::string DescribeEntry(const SessionEntry& entry);
 // One JSON object, no line end: {"session":1,"state":"connected","stateCode":50,...}.
 std::string JsonEntry(const SessionEntry& entry);
+// "URLs 12 forwarded, 1 refused by policy, 0 failed; handshakes 2 completed, 0 refused;
+// reconnects 1; last URL 2026-11-25T08:40:12Z" ("none" before the first URL).
+std::string DescribeCounters(const SessionCountersSnapshot& counters);
+// {"urlsForwarded":12,...,"lastUrlTime":"2026-11-25T08:40:12Z"} (null: no URL yet).
+std::string JsonCounters(const SessionCountersSnapshot& counters);
+// FILETIME units as "YYYY-MM-DDTHH:MM:SSZ"; empty for 0.
+std::string Iso8601Utc(uint64_t fileTime);
 
 } // namespace statusapi

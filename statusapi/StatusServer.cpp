@@ -1,6 +1,7 @@
 #include "statusapi/StatusServer.h"
 
 #include "common/Guarded.h"
+#include "common/ServiceEvents.h"
 #include "pipe/NamedPipeServer.h"
 #include "pipe/attributes.h"
 #include "statusapi/PipeIo.h"
@@ -14,6 +15,7 @@ using namespace statusapi;
 
 namespace
 {
+constexpr wchar_t kPurpose[] = L"the status pipe, where programs learn the channel's state";
 // Completion keys of the server's own packets; pipe instances count up from kFirstInstanceKey.
 constexpr ULONG_PTR kStopKey = 1;
 constexpr ULONG_PTR kEndedKey = 2; // the overlapped pointer carries the connection's id
@@ -179,12 +181,16 @@ bool CStatusServer::Listen(ULONG_PTR key)
     if (pipeinstance::NameTaken(first, createError))
     {
         if (!std::exchange(m_bNameTaken, true))
+        {
             Log(LogLevel::Error, L"CStatusServer::Listen: ",
                 L"The pipe %s exists already and was not created by this server: not serving it; trying "
                 L"again "
                 L"every %u ms. GLE = %d",
                 m_strPipeName.c_str(), static_cast<unsigned>(CNamedPipeServer::kNameRetryMs),
                 static_cast<int>(createError));
+            events::Report(events::Level::Warning, events::kPipeNameTaken,
+                           {m_strPipeName, kPurpose, std::to_wstring(CNamedPipeServer::kNameRetryMs)});
+        }
         return false;
     }
     if (!instance->pipe)
@@ -194,8 +200,11 @@ bool CStatusServer::Listen(ULONG_PTR key)
         return false;
     }
     if (std::exchange(m_bNameTaken, false))
+    {
         Log(LogLevel::Info, L"CStatusServer::Listen: ", L"The pipe %s is this server's now: serving it",
             m_strPipeName.c_str());
+        events::Report(events::Level::Information, events::kPipeNameFreed, {m_strPipeName, kPurpose});
+    }
     if (!::CreateIoCompletionPort(instance->pipe.get(), m_hPort.get(), key, 0))
     {
         Log(LogLevel::Error, L"CStatusServer::Listen: ", L"CreateIoCompletionPort failed. GLE = %d",
@@ -332,20 +341,26 @@ void CStatusServer::OnStatusChanged(const ChannelStatusRecord& record, uint32_t 
         connection->Offer(sessionId, record);
 }
 
+namespace
+{
+// kOk when the connection may ask with that scope, else the answer's result.
+uint32_t ScopeResult(const CStatusConnection& connection, uint32_t scope)
+{
+    if (scope != kOwnSession && scope != kAllSessions)
+        return kBadScope;
+    if (scope == kAllSessions && !connection.IsAdministrator())
+        return kDenied;
+    return kOk;
+}
+} // namespace
+
 Answer CStatusServer::Respond(CStatusConnection& connection, const Request& request, bool subscribe)
 {
     Answer answer;
     answer.requestId = request.id;
-    if (request.scope != kOwnSession && request.scope != kAllSessions)
-    {
-        answer.result = kBadScope;
+    answer.result = ScopeResult(connection, request.scope);
+    if (answer.result != kOk)
         return answer;
-    }
-    if (request.scope == kAllSessions && !connection.IsAdministrator())
-    {
-        answer.result = kDenied;
-        return answer;
-    }
     // Asked before the lock: the session list is another object's, and OnStatusChanged may be
     // waiting for the lock with a session handler's lock held.
     const std::vector<uint32_t> open = m_sessions ? m_sessions() : std::vector<uint32_t>();
@@ -369,5 +384,23 @@ Answer CStatusServer::Respond(CStatusConnection& connection, const Request& requ
     }
     if (request.scope == kOwnSession && answer.entries.empty())
         answer.result = kNoChannel;
+    return answer;
+}
+
+CountersAnswer CStatusServer::RespondCounters(const CStatusConnection& connection,
+                                              const Request& request) const
+{
+    CountersAnswer answer;
+    answer.requestId = request.id;
+    answer.result = ScopeResult(connection, request.scope);
+    if (answer.result != kOk)
+        return answer;
+    // The counters are another object's, read without the state lock: a snapshot of relaxed atomics.
+    const auto all = m_counters ? m_counters() : std::vector<std::pair<uint32_t, SessionCountersSnapshot>>();
+    for (const auto& [session, counters] : all)
+        if (Reaches(request.scope, connection.SessionId(), session))
+            answer.entries.push_back({session, counters});
+    if (request.scope == kOwnSession && answer.entries.empty())
+        answer.entries.push_back({connection.SessionId(), {}});
     return answer;
 }

@@ -20,6 +20,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 class CDaxSecattr;
@@ -53,6 +54,8 @@ public:
     using SessionResolver = std::function<uint32_t(uint32_t processId, uint32_t reportedSession)>;
     // The sessions that have a channel now.
     using SessionList = std::function<std::vector<uint32_t>()>;
+    // The counters of every session seen since the service started.
+    using CounterList = std::function<std::vector<std::pair<uint32_t, SessionCountersSnapshot>>()>;
     // Who the client of a pipe is; tests play other users and non-administrators with it.
     using PeerInspector = std::function<bool(HANDLE pipe, statusapi::PeerIdentity& identity)>;
 
@@ -69,6 +72,7 @@ public:
     // All before Start.
     void SetSettings(const StatusApiSettings& settings) { m_settings = settings; }
     void SetSessionList(SessionList sessions) { m_sessions = std::move(sessions); }
+    void SetCounterList(CounterList counters) { m_counters = std::move(counters); }
     void SetSessionResolver(SessionResolver resolver) { m_resolveSession = std::move(resolver); }
     void SetPeerInspector(PeerInspector inspector) { m_inspectPeer = std::move(inspector); }
     void SetInstanceCreator(PipeInstanceCreator creator) { m_createInstance = std::move(creator); }
@@ -93,6 +97,10 @@ public:
     // that no change falls between them.
     statusapi::Answer Respond(CStatusConnection& connection, const statusapi::Request& request,
                               bool subscribe);
+    // Answers a GetCounters. A client's own session always has an entry, of zeros before the
+    // session's first URL or channel.
+    statusapi::CountersAnswer RespondCounters(const CStatusConnection& connection,
+                                              const statusapi::Request& request) const;
     // The connection's thread is about to end; the accept thread joins and frees it.
     void ConnectionEnded(uint64_t id);
 
@@ -112,6 +120,7 @@ private:
     std::wstring m_strPipeName;
     StatusApiSettings m_settings;
     SessionList m_sessions;
+    CounterList m_counters;
     SessionResolver m_resolveSession;
     PeerInspector m_inspectPeer;
     PipeInstanceCreator m_createInstance;

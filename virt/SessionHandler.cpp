@@ -44,8 +44,10 @@ unsigned HandleBits(HANDLE h) noexcept
 } // namespace
 
 CSessionHandler::CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText,
-                                 uint32_t sessionId, std::wstring name, ChannelStatusListener listener)
+                                 uint32_t sessionId, std::wstring name, ChannelStatusListener listener,
+                                 std::shared_ptr<SessionCounters> counters)
     : IBaseItem(std::move(logger)), m_dwSessionId(sessionId), m_strName(std::move(name)),
+      m_pCounters(counters ? std::move(counters) : std::make_shared<SessionCounters>()),
       m_listener(std::move(listener))
 {
     if (guidText)
@@ -248,6 +250,7 @@ unsigned CSessionHandler::ConnectionThread()
 
         if (ConnectOnce())
         {
+            m_pCounters->ChannelConnected();
             AllowSending(true);
             continue; // sleep until the connection breaks
         }
@@ -304,8 +307,10 @@ bool CSessionHandler::ConnectOnce()
     switch (DoHandshake())
     {
     case HandshakeOutcome::Accepted:
+        m_pCounters->HandshakeCompleted();
         return true;
     case HandshakeOutcome::Refused:
+        m_pCounters->HandshakeRefused();
         m_bProtocolInvalid = true;
         return false;
     case HandshakeOutcome::Broken:
@@ -385,7 +390,24 @@ void CSessionHandler::ReadOneMessage()
         header.command);
 }
 
+uint64_t FileTimeNow()
+{
+    FILETIME now{};
+    ::GetSystemTimeAsFileTime(&now);
+    return (uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
+}
+
 bool CSessionHandler::SendURL(std::wstring url)
+{
+    const bool sent = WriteURL(std::move(url));
+    if (sent)
+        m_pCounters->UrlForwarded(FileTimeNow());
+    else
+        m_pCounters->UrlFailed(FileTimeNow());
+    return sent;
+}
+
+bool CSessionHandler::WriteURL(std::wstring url)
 {
     daxlib::lock_guard turn(m_fifoSend);
     daxlib::lock_guard lock(m_csSend);

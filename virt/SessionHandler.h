@@ -8,11 +8,15 @@
 #include "common/UniqueHandle.h"
 #include "virt/ChannelStatus.h"
 #include "virt/FmallocBuffer.h"
+#include "virt/SessionCounters.h"
 
 #include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
+
+// The time now in FILETIME units, as the counters keep it.
+uint64_t FileTimeNow();
 
 class CSessionHandler : public IBaseItem
 {
@@ -21,9 +25,11 @@ public:
     static constexpr DWORD kConnectedWaitMs = 3000;
     static constexpr DWORD kReconnectPauseMs = 3000;
 
-    // guidText: up to 64 characters including the terminator (longer text is cut).
+    // guidText: up to 64 characters including the terminator (longer text is cut). `counters`:
+    // the session's, kept by whoever outlives the handler; null gives the handler its own.
     CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText, uint32_t sessionId,
-                    std::wstring name, ChannelStatusListener listener = {});
+                    std::wstring name, ChannelStatusListener listener = {},
+                    std::shared_ptr<SessionCounters> counters = nullptr);
     ~CSessionHandler() override;
     CSessionHandler(const CSessionHandler&) = delete;
     CSessionHandler& operator=(const CSessionHandler&) = delete;
@@ -45,6 +51,10 @@ public:
 
     const wchar_t* GetSessionGUID() const noexcept { return m_szSessionGUID; }
     uint32_t GetSessionId() const noexcept { return m_dwSessionId; }
+    // The session's counts; refusals by the URL policy are counted by whoever judges the URL,
+    // before it reaches the handler.
+    SessionCounters& Counters() noexcept { return *m_pCounters; }
+    const SessionCounters& Counters() const noexcept { return *m_pCounters; }
 
 private:
     static unsigned __stdcall ConnectionThreadEntry(void* self);
@@ -61,6 +71,9 @@ private:
         Broken,  // the connection failed on the way: retried like any broken connection
     };
     HandshakeOutcome DoHandshake();
+    // The event for a refusal by the client side (its version, or else its options).
+    void ReportRefusal(bool version, uint32_t localVersion, uint32_t remoteVersion);
+    bool WriteURL(std::wstring url); // SendURL without the counting
     void ReadOneMessage();
     void StopThreads();
     void DropConnection();
@@ -96,5 +109,6 @@ private:
     fmalloc_buffer<4096> m_fmReceiveBuff TS_GUARDED_BY(m_csRead);
     ChannelStatusRecord m_status TS_GUARDED_BY(m_csState){};
     std::atomic<bool> m_bProtocolInvalid{false};
+    std::shared_ptr<SessionCounters> m_pCounters; // never null
     ChannelStatusListener m_listener;
 };

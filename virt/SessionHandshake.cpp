@@ -1,6 +1,7 @@
 // CSessionHandler's side of the handshake: the channel library's calls under the state lock,
 // the log lines of each step, and the status record the outcome publishes. The exchange itself
 // is UrlNet::RunHandshake.
+#include "common/ServiceEvents.h"
 #include "virt/Handshake.h"
 #include "virt/SessionHandler.h"
 #include "virt/SkApi.h"
@@ -39,6 +40,16 @@ const wchar_t* FailureText(UrlNet::HandshakeStep step)
 }
 
 } // namespace
+
+void CSessionHandler::ReportRefusal(bool version, uint32_t localVersion, uint32_t remoteVersion)
+{
+    // Once per session: a refused handshake is never retried by the session's handler.
+    const auto text = [](uint32_t v)
+    { return std::to_wstring(v >> 16) + L"." + std::to_wstring(v & 0xFFFF); };
+    events::Report(events::Level::Warning, events::kChannelRefused,
+                   {std::to_wstring(m_dwSessionId), version ? L"version" : L"options", text(localVersion),
+                    text(remoteVersion)});
+}
 
 CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
 {
@@ -103,6 +114,8 @@ CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
         Log(LogLevel::Warning, kDoHandshake, L"Remote side is not compatible with local protocol version");
     else if (result.end == HandshakeEnd::OptionsRefused)
         Log(LogLevel::Warning, kDoHandshake, L"Remote side is not compatible with local protocol options");
+    if (result.end == HandshakeEnd::VersionRefused || result.end == HandshakeEnd::OptionsRefused)
+        ReportRefusal(result.end == HandshakeEnd::VersionRefused, result.localVersion, result.remoteVersion);
 
     const bool ok = result.end == HandshakeEnd::Accepted;
     // Whoever learns of state 50 may send at once, so reading and sending are allowed first.

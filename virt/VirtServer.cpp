@@ -2,6 +2,7 @@
 
 #include "common/DaxException.h"
 #include "common/Guarded.h"
+#include "common/ServiceEvents.h"
 #include "common/WideFormat.h"
 #include "virt/SkApi.h"
 
@@ -83,11 +84,14 @@ bool CVirtServer::Init()
         return true;
     if (!SkApiLoadLib())
     {
-        Log(LogLevel::Error, kInit, L"SkApiLoadLib() failed. LastError=%u", ::GetLastError());
+        const DWORD error = ::GetLastError();
+        Log(LogLevel::Error, kInit, L"SkApiLoadLib() failed. LastError=%u", error);
+        ReportUnavailable(daxlib::Format(L"it could not be loaded (error %u)", error));
     }
     else if (const DWORD error = SkApi::pfnSkInit ? SkApi::pfnSkInit() : ERROR_PROC_NOT_FOUND; error != 0)
     {
         Log(LogLevel::Error, kInit, L"SkInit() failed. Error=%u", error);
+        ReportUnavailable(daxlib::Format(L"it loaded but did not initialise (error %u)", error));
     }
     else
     {
@@ -104,6 +108,14 @@ bool CVirtServer::Init()
     if (!m_bInitialized)
         Free();
     return m_bInitialized;
+}
+
+void CVirtServer::ReportUnavailable(const std::wstring& what)
+{
+    // Once per start: the service calls Init once, and a failed Init leaves nothing to retry.
+    if (!m_bUnavailableReported.exchange(true))
+        events::Report(events::Level::Error, events::kChannelLibraryUnavailable,
+                       {SkApi::LibraryPath(), what});
 }
 
 void CVirtServer::Free()
@@ -159,7 +171,7 @@ void CVirtServer::OnSessionOpened(uint32_t type, const SkApi::SessionNotificatio
     ChannelStatusListener forward = [this](const ChannelStatusRecord& record, uint32_t id)
     { Publish(record, id); };
     auto handler = std::make_shared<CSessionHandler>(m_pLogger, guid.c_str(), sessionId, NameOf(notification),
-                                                     std::move(forward));
+                                                     std::move(forward), CountersOf(sessionId));
     std::shared_ptr<CSessionHandler> replaced;
     daxlib::unique_lock lock(m_srwSessions);
     auto& slot = m_sessions[sessionId];
@@ -210,8 +222,42 @@ int CVirtServer::SendURL(uint32_t sessionId, std::wstring url)
             handler = found->second;
     }
     if (!handler)
+    {
+        CountersOf(sessionId)->UrlFailed(FileTimeNow());
         return 0;
+    }
     return handler->SendURL(std::move(url)) ? 1 : 0;
+}
+
+void CVirtServer::CountRefusedByPolicy(uint32_t sessionId)
+{
+    CountersOf(sessionId)->UrlRefusedByPolicy(FileTimeNow());
+}
+
+std::shared_ptr<SessionCounters> CVirtServer::CountersOf(uint32_t sessionId)
+{
+    {
+        daxlib::shared_lock lock(m_srwCounters);
+        const auto found = m_counters.find(sessionId);
+        if (found != m_counters.end())
+            return found->second;
+    }
+    // One entry per session id the host has had: bounded by the host's sessions, not by agents.
+    daxlib::unique_lock lock(m_srwCounters);
+    auto& slot = m_counters[sessionId];
+    if (!slot)
+        slot = std::make_shared<SessionCounters>();
+    return slot;
+}
+
+std::vector<std::pair<uint32_t, SessionCountersSnapshot>> CVirtServer::CounterSnapshots() const
+{
+    daxlib::shared_lock lock(m_srwCounters);
+    std::vector<std::pair<uint32_t, SessionCountersSnapshot>> snapshots;
+    snapshots.reserve(m_counters.size());
+    for (const auto& [id, counters] : m_counters)
+        snapshots.emplace_back(id, counters->Snapshot());
+    return snapshots;
 }
 
 std::shared_ptr<CSessionHandler> CVirtServer::FindSession(uint32_t sessionId) const

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 class CVirtServer : public IBaseItem
@@ -36,6 +37,11 @@ public:
     // Nonzero when the URL was written to that session's channel.
     int SendURL(uint32_t sessionId, std::wstring url);
 
+    // A URL of the session that the URL policy refused before it came here.
+    void CountRefusedByPolicy(uint32_t sessionId);
+    // The counters of every session seen since the process started, by session id.
+    std::vector<std::pair<uint32_t, SessionCountersSnapshot>> CounterSnapshots() const;
+
     // Every status change of every session; set it before Init. May be left empty.
     void SetStatusListener(ChannelStatusListener listener);
 
@@ -57,10 +63,17 @@ private:
     static void WINAPI SessionClosedTrampoline(DWORD event, const SkApi::SessionNotification* notification,
                                                void* context);
     void Publish(const ChannelStatusRecord& record, uint32_t sessionId) const;
+    void ReportUnavailable(const std::wstring& what);
+    // The session's counters, made on first use; they outlive its handlers and Free.
+    std::shared_ptr<SessionCounters> CountersOf(uint32_t sessionId);
 
     std::atomic<bool> m_bInitialized{false};
+    std::atomic<bool> m_bUnavailableReported{false};
     mutable daxlib::srw_lock m_srwSessions;
     std::map<uint32_t, std::shared_ptr<CSessionHandler>> m_sessions TS_GUARDED_BY(m_srwSessions);
+    // Never held while another lock is taken.
+    mutable daxlib::srw_lock m_srwCounters;
+    std::map<uint32_t, std::shared_ptr<SessionCounters>> m_counters TS_GUARDED_BY(m_srwCounters);
     mutable daxlib::critical_section m_csListener;
     ChannelStatusListener m_listener TS_GUARDED_BY(m_csListener);
 };

@@ -8,11 +8,16 @@
 // polls that file every millisecond and stamps each new line when it sees it. The receipt figure
 // therefore includes up to about a millisecond of polling delay and the stand-in's own file write.
 //
+// Then the 1- and 8-agent rounds again while a status client asks for the session's counters
+// 10 times a second, beside the figures without it: counting must cost the URL path nothing
+// measurable.
+//
 // Last, the cost of judging one such URL by a URL policy of 200 patterns (100 allowed hosts,
 // 100 exceptions, some with paths; the URL's host is the last allowed one, so every pattern is
 // tried), as a share of the end-to-end answer time of one agent: it must stay below 1%.
 #include "bench/common/AgentRounds.h"
 #include "tests/e2e/E2eHarness.h"
+#include "tools/status/StatusClient.h"
 
 #include "pipeserver/AgentProtocol.h"
 #include "pipeserver/UrlPolicy.h"
@@ -201,6 +206,7 @@ int wmain(int argc, wchar_t** argv)
                 "answer p50", "answer p99", "rcpt p50/raw", "URLs/s / raw");
     double oneAgentAnswerP50 = 0;
     std::map<int, double> urlsPerSecond;
+    std::map<int, double> answerP50;
     std::map<int, double> answerP99;
     for (int agents : {1, 8, 64})
     {
@@ -208,6 +214,7 @@ int wmain(int argc, wchar_t** argv)
         if (agents == 1)
             oneAgentAnswerP50 = Percentile(round.answers, 0.5);
         urlsPerSecond[agents] = round.urlsPerSecond;
+        answerP50[agents] = Percentile(round.answers, 0.5);
         answerP99[agents] = Percentile(round.answers, 0.99);
         const bool complete = watcher.WaitFor(round.answers.size() - round.failures, 30s);
         const std::vector<long long> receipts = watcher.Take();
@@ -218,6 +225,40 @@ int wmain(int argc, wchar_t** argv)
                     rawPerSecond > 0 ? round.urlsPerSecond / rawPerSecond : 0.0,
                     complete ? "" : "  (receipts missing)", round.failures ? "  (some URLs answered 1)" : "");
     }
+    // A monitoring script's load: the counters of the session, 10 times a second.
+    std::atomic<bool> polling{true};
+    std::atomic<int> polls{0};
+    std::thread poller(
+        [&]
+        {
+            statusclient::CStatusClient client;
+            client.ExpectService(L"velomard");
+            if (client.Connect(10000) != statusclient::Status::Ok)
+                return;
+            while (polling)
+            {
+                statusapi::CountersAnswer answer;
+                if (client.AskCounters(statusapi::kOwnSession, answer, 10000) != statusclient::Status::Ok)
+                    return;
+                ++polls;
+                std::this_thread::sleep_for(100ms);
+            }
+            client.Goodbye();
+        });
+    for (int agents : {1, 8})
+    {
+        const Round round = RunAgents(agents, urls);
+        watcher.WaitFor(round.answers.size() - round.failures, 30s);
+        watcher.Take();
+        std::printf("with counters polled 10/s, %d agent(s): %.0f URLs/s, answer p50 %.1f us, p99 %.1f us "
+                    "(without: %.0f URLs/s, p50 %.1f us, p99 %.1f us)\n",
+                    agents, round.urlsPerSecond, Percentile(round.answers, 0.5),
+                    Percentile(round.answers, 0.99), urlsPerSecond[agents], answerP50[agents],
+                    answerP99[agents]);
+    }
+    polling = false;
+    poller.join();
+    std::printf("counter polls answered: %d\n", polls.load());
     watcher.Stop();
     run.Stop();
     // Each agent waits for its answer before it sends again, so with 64 agents the mean answer

@@ -158,7 +158,9 @@ TEST(StatusE2e, SessionClosedAndOpenedAgain)
     EXPECT_EQ(eCvUrlApiEvent_RdpConnected, open.entries[0].record.dwState);
 }
 
-TEST(StatusE2e, VelomarStatusExitCodesAndJson)
+// What velomar-status prints and exits with, and the counters it shows after URLs sent, one
+// refused by the policy, one sent while the client side was gone, and the reconnect after it.
+TEST(StatusE2e, VelomarStatusExitCodesJsonAndCounters)
 {
     ServiceRun run(ServiceOptions{});
     ASSERT_TRUE(run.SetupError().empty());
@@ -168,26 +170,49 @@ TEST(StatusE2e, VelomarStatusExitCodesAndJson)
 
     StartRunning(run);
     ASSERT_TRUE(ConnectedSubscriber());
+    AgentPipe agent;
+    ASSERT_TRUE(agent.Connect() && agent.Handshake());
+    EXPECT_EQ(std::optional<uint32_t>(agentpipe::kResultSent), agent.OpenUrl(u"https://example.com/1"));
+    EXPECT_EQ(std::optional<uint32_t>(agentpipe::kResultSent), agent.OpenUrl(u"https://example.com/2"));
+    EXPECT_EQ(std::optional<uint32_t>(agentpipe::kResultRefused), agent.OpenUrl(u"ftp://example.com/3"));
     const auto text = VelomarStatus(L"");
     EXPECT_EQ(0u, text.exitCode) << text.err;
     EXPECT_NE(std::string::npos,
-              text.out.find("session 1: connected (versions: local 1.1, remote 1.1, negotiated 1.1)"))
+              text.out.find("session 1: connected (versions: local 1.1, remote 1.1, negotiated 1.1); URLs 2 "
+                            "forwarded, 1 refused by policy, 0 failed; handshakes 1 completed, 0 refused; "
+                            "reconnects 0; last URL 20"))
         << text.out;
-    const auto json = VelomarStatus(L"--json");
-    EXPECT_EQ(0u, json.exitCode) << json.err;
-    EXPECT_EQ(
-        "{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":\"1.1\",\"remoteVersion\":"
-        "\"1.1\",\"negotiatedVersion\":\"1.1\"}\r\n",
-        json.out);
-    const auto all = VelomarStatus(L"--all --json"); // Wine's user is an administrator
-    EXPECT_EQ(0u, all.exitCode) << all.err;
-    EXPECT_EQ(json.out, all.out) << "one session only";
 
     ASSERT_EQ(0, Skeinctl("peer 1 absent").exitCode);
     ASSERT_EQ(0, Skeinctl("break 1").exitCode);
     testsupport::ProcessRun broken;
     EXPECT_TRUE(WaitUntil([&] { return (broken = VelomarStatus(L"--json")).exitCode == 1; }, 15s, 100ms));
     EXPECT_NE(std::string::npos, broken.out.find("\"session\":1")) << broken.out;
+    EXPECT_EQ(std::optional<uint32_t>(agentpipe::kResultNotSent), agent.OpenUrl(u"https://example.com/4"));
+    ASSERT_EQ(0, Skeinctl("peer 1 accept").exitCode);
+    testsupport::ProcessRun json;
+    EXPECT_TRUE(WaitUntil([&] { return (json = VelomarStatus(L"--json")).exitCode == 0; }, 15s, 100ms));
+    const std::string expected =
+        "{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":\"1.1\",\"remoteVersion\":"
+        "\"1.1\",\"negotiatedVersion\":\"1.1\",\"counters\":{\"urlsForwarded\":2,\"urlsRefusedByPolicy\":1,"
+        "\"urlsFailed\":1,\"handshakesCompleted\":2,\"handshakesRefused\":0,\"reconnects\":1,\"lastUrlTime\":"
+        "\"";
+    EXPECT_EQ(expected, json.out.substr(0, expected.size())) << json.out;
+    EXPECT_EQ("Z\"}}\r\n", json.out.substr(json.out.size() - std::min<size_t>(json.out.size(), 6)));
+    const auto all = VelomarStatus(L"--all --json"); // Wine's user is an administrator
+    EXPECT_EQ(0u, all.exitCode) << all.err;
+    EXPECT_EQ(json.out, all.out) << "one session only";
+
+    // A client of the first version is welcomed in it and answered as that version's service did.
+    CStatusClient old;
+    old.SetVersion(1);
+    ASSERT_EQ(Status::Ok, old.Connect(kLimitMs));
+    EXPECT_EQ(1u, old.Welcome().version);
+    Answer now;
+    ASSERT_EQ(Status::Ok, old.Ask(kGetStatus, kOwnSession, now, kLimitMs));
+    EXPECT_EQ(kOk, now.result);
+    ASSERT_EQ(Status::Ok, old.Write(EncodeRequest(kGetCounters, {9, kOwnSession}), kLimitMs));
+    EXPECT_EQ(kPacketMalformed, CloseReasonOf(old));
 }
 
 TEST(StatusE2e, HostileStatusClientsGetTheirReasonsWhileAgentsWorkAndTheServiceGivesEverythingBack)

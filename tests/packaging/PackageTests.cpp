@@ -174,6 +174,31 @@ TEST_F(FreshInstall, EventSourceFindsTheTextOfEveryEventInTheInstalledExecutable
         EXPECT_NE(0u, length) << "event " << id << ", error " << ::GetLastError();
         EXPECT_EQ(0, std::wstring(text).find(L"CLogSvc::main: text")) << "event " << id;
     }
+    // The service's own events: each text takes exactly as many insertion strings as the code
+    // reports with it.
+    const std::pair<DWORD, size_t> events[] = {{VELOMARD_EVENT_SERVICE_STARTED, 2},
+                                               {VELOMARD_EVENT_SERVICE_STOPPING, 0},
+                                               {VELOMARD_EVENT_CHANNEL_LIBRARY_UNAVAILABLE, 2},
+                                               {VELOMARD_EVENT_PIPE_NAME_TAKEN, 3},
+                                               {VELOMARD_EVENT_PIPE_NAME_FREED, 2},
+                                               {VELOMARD_EVENT_URL_POLICY_VALUE_BROKEN, 2},
+                                               {VELOMARD_EVENT_LOG_FOLDER_UNSAFE, 1},
+                                               {VELOMARD_EVENT_CHANNEL_REFUSED, 4}};
+    const wchar_t* const strings[] = {L"<one>", L"<two>", L"<three>", L"<four>", L"<five>"};
+    for (const auto& [id, count] : events)
+    {
+        DWORD_PTR inserts[5] = {};
+        for (size_t i = 0; i < 5; ++i)
+            inserts[i] = reinterpret_cast<DWORD_PTR>(strings[i]);
+        wchar_t text[1024] = {};
+        const DWORD length =
+            ::FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, module.get(), id, 0,
+                             text, 1024, reinterpret_cast<va_list*>(inserts));
+        ASSERT_NE(0u, length) << "event " << id << ", error " << ::GetLastError();
+        for (size_t i = 0; i < 5; ++i)
+            EXPECT_EQ(i < count, std::wstring(text).find(strings[i]) != std::wstring::npos)
+                << "event " << id << ", string " << i + 1;
+    }
 }
 
 // The service's folders exist once the package is installed, made as the system's own. Where the

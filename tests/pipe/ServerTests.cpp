@@ -1,4 +1,5 @@
 #include "pipe/NamedPipeServer.h"
+#include "tests/common/EventRecorder.h"
 #include "tests/pipe/EchoOwner.h"
 #include "tests/pipe/PipeTestSupport.h"
 
@@ -106,6 +107,7 @@ protected:
 
 TEST_F(ServerCreationTest, TakenNameIsRetriedOnTheCadenceAndThenServed)
 {
+    testsupport::EventRecorder events;
     const auto started = std::chrono::steady_clock::now();
     ASSERT_NO_FATAL_FAILURE(StartRecorded());
     EXPECT_GE(std::chrono::steady_clock::now() - started, 900ms)
@@ -116,6 +118,13 @@ TEST_F(ServerCreationTest, TakenNameIsRetriedOnTheCadenceAndThenServed)
     EXPECT_EQ(1u, m_log->Count(L"exists already and was not created by this server"))
         << "one line per outage";
     EXPECT_TRUE(m_log->Contains(L"is this server's now"));
+    // One warning when the outage began, one notice when it ended.
+    const auto taken = events.Of(events::kPipeNameTaken);
+    ASSERT_EQ(1u, taken.size());
+    EXPECT_EQ(events::Level::Warning, taken[0].level);
+    EXPECT_EQ((std::vector<std::wstring>{m_server->GetPipeName(), L"a pipe of the service", L"1000"}),
+              taken[0].strings);
+    EXPECT_EQ(1u, events.Of(events::kPipeNameFreed).size());
 }
 
 TEST_F(ServerCreationTest, TakenNameIsNotJoinedButCreatedAnewThenJoinedByLaterInstances)

@@ -1,6 +1,8 @@
 // Reading the URL policy from the registry: each value of the right type takes effect, and each
 // broken one is reported by name and left at its default while the others still apply.
 #include "pipeserver/UrlPolicyRegistry.h"
+#include "tests/common/CapturingLogger.h"
+#include "tests/common/EventRecorder.h"
 #include "tests/common/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -62,4 +64,28 @@ TEST_F(UrlPolicyRegistry, EachBrokenValueIsNamedOnceAndLeftAtItsDefault)
                           [&](const std::wstring& p) { return p.find(name) != std::wstring::npos; });
         EXPECT_EQ(1, mentions) << std::string(name, name + wcslen(name));
     }
+}
+
+// The watch tells the administrator of each broken value once, when it is first read broken:
+// changes elsewhere under the key leave it unreported, a new broken value is reported.
+TEST_F(UrlPolicyRegistry, WatchReportsEachBrokenValueOnceAsItAppears)
+{
+    testsupport::EventRecorder events;
+    ASSERT_TRUE(m_key.SetText(L"Enabled", L"0"));
+    CUrlPolicyWatch watch(std::make_shared<testsupport::CapturingLogger>(), HKEY_CURRENT_USER, m_key.Path());
+    ASSERT_EQ(1, watch.Start());
+    ASSERT_EQ(1u, events.Of(events::kUrlPolicyValueBroken).size());
+    ASSERT_TRUE(m_key.SetDword(L"MaxUrlLength", 100));
+    ASSERT_TRUE(testsupport::Eventually([&] { return watch.Current()->maxUrlLength == 100; }));
+    EXPECT_EQ(1u, events.Of(events::kUrlPolicyValueBroken).size()) << "the same broken value again";
+    ASSERT_TRUE(m_key.SetText(L"ExceptionHosts", L"x.example"));
+    ASSERT_TRUE(
+        testsupport::Eventually([&] { return events.Of(events::kUrlPolicyValueBroken).size() == 2; }));
+    const auto reported = events.Of(events::kUrlPolicyValueBroken);
+    EXPECT_EQ(events::Level::Warning, reported[1].level);
+    ASSERT_EQ(2u, reported[1].strings.size());
+    EXPECT_EQ(L"HKCU\\" + m_key.Path(), reported[1].strings[0]);
+    EXPECT_NE(std::wstring::npos, reported[1].strings[1].find(L"\"ExceptionHosts\""))
+        << reported[1].strings[1];
+    watch.Stop();
 }

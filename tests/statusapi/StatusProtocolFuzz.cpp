@@ -30,6 +30,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         SameBytes(EncodeAnswer(*answer), data, size);
     if (auto notification = DecodeNotification(data, size))
         SameBytes(EncodeNotification(*notification), data, size);
+    if (auto counters = DecodeCountersAnswer(data, size))
+    {
+        SameBytes(EncodeCountersAnswer(*counters), data, size);
+        for (const CountersEntry& entry : counters->entries)
+        {
+            (void)JsonCounters(entry.counters);
+            (void)DescribeCounters(entry.counters);
+        }
+    }
     DecodeWelcome(data, size);
     DecodeClose(data, size);
 
@@ -43,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (header.length > kMaxClientPayload)
             break; // the service closes here without reading on
         const size_t taken = std::min<size_t>(header.length, size - offset);
-        const ClientPacket packet = InterpretClientPacket(header, data + offset, taken);
+        const ClientPacket packet = InterpretClientPacket(header, data + offset, taken, kCountersVersion);
         if (packet.kind != ClientPacket::Kind::Malformed && packet.kind != ClientPacket::Kind::Close &&
             header.length != 8)
             __builtin_trap(); // a request is exactly its id and scope

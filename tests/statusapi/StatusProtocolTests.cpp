@@ -49,7 +49,11 @@ TEST(StatusProtocol, HelloTravelsWithItsSidAndIsCheckedAgainstThePipe)
     EXPECT_EQ(kSessionMismatch, CheckHello(*decoded, {4, 4242, kUserSid}));
     EXPECT_EQ(kProcessMismatch, CheckHello(*decoded, {3, 1, kUserSid}));
     EXPECT_EQ(kUserMismatch, CheckHello(*decoded, {3, 4242, {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0}}));
-    EXPECT_EQ(kVersionUnsupported, CheckHello(Hello{2, 3, 4242, kUserSid}, facts));
+    EXPECT_EQ(kVersionUnsupported, CheckHello(Hello{2, 3, 4242, kUserSid}, facts, 1));
+    EXPECT_EQ(kVersionUnsupported, CheckHello(Hello{0, 3, 4242, kUserSid}, facts, kCountersVersion));
+    EXPECT_EQ(kVersionUnsupported, CheckHello(Hello{3, 3, 4242, kUserSid}, facts, kCountersVersion));
+    EXPECT_EQ(kGoodbye, CheckHello(Hello{1, 3, 4242, kUserSid}, facts, kCountersVersion))
+        << "a service that speaks version 2 still welcomes version 1";
 }
 
 TEST(StatusProtocol, MalformedHellosAreRefused)
@@ -103,7 +107,8 @@ TEST(StatusProtocol, ClientPacketsAfterTheHello)
     {
         uint8_t raw[8];
         std::copy(b.begin(), b.begin() + 8, raw);
-        return InterpretClientPacket(agentpipe::DecodeHeader(raw), b.data() + 8, b.size() - 8);
+        return InterpretClientPacket(agentpipe::DecodeHeader(raw), b.data() + 8, b.size() - 8,
+                                     kCountersVersion);
     };
     const auto subscribe = interpret(EncodeRequest(kSubscribe, {9, kAllSessions}));
     EXPECT_EQ(ClientPacket::Kind::Subscribe, subscribe.kind);
@@ -116,6 +121,114 @@ TEST(StatusProtocol, ClientPacketsAfterTheHello)
     EXPECT_TRUE(Reaches(kOwnSession, 2, 2));
     EXPECT_FALSE(Reaches(kOwnSession, 2, 3));
     EXPECT_TRUE(Reaches(kAllSessions, 2, 3));
+}
+
+TEST(StatusProtocol, GetCountersIsMalformedOnAVersion1Connection)
+{
+    // Version 1 bytes as a version 1 client sent them: GetCounters did not exist, so its type is
+    // an unknown one and closes the connection with 9, as the version 1 service did.
+    const std::vector<uint8_t> bytes = {0x17, 0, 0, 0, 8, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0};
+    uint8_t raw[8];
+    std::copy(bytes.begin(), bytes.begin() + 8, raw);
+    const auto header = agentpipe::DecodeHeader(raw);
+    EXPECT_EQ(ClientPacket::Kind::Malformed, InterpretClientPacket(header, bytes.data() + 8, 8, 1).kind);
+    const auto v2 = InterpretClientPacket(header, bytes.data() + 8, 8, kCountersVersion);
+    EXPECT_EQ(ClientPacket::Kind::GetCounters, v2.kind);
+    EXPECT_EQ(5u, v2.request.id);
+    EXPECT_EQ(ClientPacket::Kind::Malformed,
+              InterpretClientPacket(header, bytes.data() + 8, 4, kCountersVersion).kind);
+    // A version 1 GetStatus is the same packet on either version.
+    const auto getStatus = EncodeRequest(kGetStatus, {7, kOwnSession});
+    std::copy(getStatus.begin(), getStatus.begin() + 8, raw);
+    EXPECT_EQ(ClientPacket::Kind::GetStatus,
+              InterpretClientPacket(agentpipe::DecodeHeader(raw), getStatus.data() + 8, 8, 1).kind);
+}
+
+TEST(StatusProtocol, CountersAnswerTravelsWholeAndRefusesWrongCounts)
+{
+    SessionCountersSnapshot c;
+    c.urlsForwarded = 0x1'0000'0003; // above 32 bits: both halves travel
+    c.urlsRefusedByPolicy = 1;
+    c.urlsFailed = 2;
+    c.handshakesCompleted = 4;
+    c.handshakesRefused = 5;
+    c.reconnects = 6;
+    c.lastUrlTime = 134085336120000000ull;
+    const CountersAnswer answer{11, kOk, {{1, c}, {2, {}}}};
+    const auto bytes = EncodeCountersAnswer(answer);
+    ASSERT_EQ(8 + 12 + 2 * kCountersEntrySize, bytes.size());
+    EXPECT_EQ(kCountersAnswer, agentpipe::LoadU32(bytes.data()));
+    // Field order on the wire: session, forwarded (low, high), refused by policy, ...
+    EXPECT_EQ(1u, agentpipe::LoadU32(bytes.data() + 20));
+    EXPECT_EQ(3u, agentpipe::LoadU32(bytes.data() + 24));
+    EXPECT_EQ(1u, agentpipe::LoadU32(bytes.data() + 28));
+    EXPECT_EQ(1u, agentpipe::LoadU32(bytes.data() + 32));
+    const auto back = DecodeCountersAnswer(bytes.data() + 8, bytes.size() - 8);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(11u, back->requestId);
+    ASSERT_EQ(2u, back->entries.size());
+    EXPECT_EQ(c, back->entries[0].counters);
+    EXPECT_EQ(2u, back->entries[1].sessionId);
+    EXPECT_FALSE(DecodeCountersAnswer(bytes.data() + 8, bytes.size() - 9));
+    auto wrongCount = bytes;
+    wrongCount[16] = 3;
+    EXPECT_FALSE(DecodeCountersAnswer(wrongCount.data() + 8, wrongCount.size() - 8));
+    EXPECT_FALSE(DecodeCountersAnswer(bytes.data() + 8, 11));
+}
+
+TEST(StatusTool, EachSessionsLineEndsWithItsCounters)
+{
+    SessionCountersSnapshot c;
+    c.urlsForwarded = 12;
+    c.urlsRefusedByPolicy = 1;
+    c.handshakesCompleted = 2;
+    c.reconnects = 1;
+    c.lastUrlTime = 134085336120000000ull; // 2025-11-25 08:40:12 UTC
+    // Session 1 has a channel; session 9 carried nothing yet; session 5 has counts but no channel now.
+    const Answer answer{1, kOk, {Entry(1, 50), Entry(9, 49)}};
+    const CountersAnswer counters{2, kOk, {{5, {}}, {1, c}}};
+    const auto words = statustool::AnswerLines(answer, 1, false, &counters);
+    ASSERT_EQ(3u, words.size());
+    EXPECT_EQ("session 1: connected (versions: local 1.1, remote 1.2, negotiated 1.1); URLs 12 forwarded, 1 "
+              "refused by policy, 0 failed; handshakes 2 completed, 0 refused; reconnects 1; last URL "
+              "2025-11-25T08:40:12Z",
+              words[0]);
+    EXPECT_EQ(std::string::npos, words[1].find("URLs"));
+    EXPECT_EQ(
+        "session 5: no channel (the service has no remote channel for it); URLs 0 forwarded, 0 refused by "
+        "policy, 0 failed; handshakes 0 completed, 0 refused; reconnects 0; last URL none",
+        words[2]);
+    const auto json = statustool::AnswerLines(answer, 1, true, &counters);
+    ASSERT_EQ(3u, json.size());
+    EXPECT_EQ(
+        "{\"session\":1,\"state\":\"connected\",\"stateCode\":50,\"localVersion\":\"1.1\",\"remoteVersion\":"
+        "\"1.2\",\"negotiatedVersion\":\"1.1\",\"counters\":{\"urlsForwarded\":12,\"urlsRefusedByPolicy\":1,"
+        "\"urlsFailed\":0,\"handshakesCompleted\":2,\"handshakesRefused\":0,\"reconnects\":1,"
+        "\"lastUrlTime\":\"2025-11-25T08:40:12Z\"}}",
+        json[0]);
+    EXPECT_NE(std::string::npos, json[2].find("\"state\":\"no channel\",\"counters\":{"));
+    EXPECT_NE(std::string::npos, json[2].find("\"lastUrlTime\":null}}"));
+    // The own session without a channel still shows what it carried.
+    const Answer none{1, kNoChannel, {}};
+    const CountersAnswer own{2, kOk, {{4, c}}};
+    EXPECT_EQ(1u, statustool::AnswerLines(none, 4, false, &own).size());
+    EXPECT_EQ("1601-01-01T00:00:01Z", Iso8601Utc(10000000));
+    EXPECT_EQ("2000-02-29T00:00:00Z", Iso8601Utc(125962560000000000ull));
+}
+
+TEST(SessionCounters, EveryUrlOutcomeSetsTheLastUrlTimeAndOnlyLaterConnectionsAreReconnects)
+{
+    SessionCounters counters;
+    counters.UrlForwarded(100);
+    counters.UrlRefusedByPolicy(200);
+    counters.UrlFailed(300);
+    counters.HandshakeCompleted();
+    counters.HandshakeRefused();
+    counters.ChannelConnected();
+    EXPECT_EQ((SessionCountersSnapshot{1, 1, 1, 1, 1, 0, 300}), counters.Snapshot());
+    counters.ChannelConnected();
+    counters.ChannelConnected();
+    EXPECT_EQ(2u, counters.Snapshot().reconnects);
 }
 
 TEST(StatusTool, PrintsStatesInWordsAndJson)

@@ -1,6 +1,7 @@
 // Channels against scripted client sides: how the handler publishes, logs and retries each end
 // of the handshake (whose verdicts HandshakeTests.cpp covers natively), peers that send what
 // nobody asked for, and what starting and stopping leaves behind.
+#include "tests/common/EventRecorder.h"
 #include "tests/virt/VirtTestSupport.h"
 
 using namespace virttest;
@@ -18,6 +19,7 @@ using ChannelProtocolTest = ChannelTest;
 // Refused by either status, or by a version below the lowest accepted (without a warning).
 TEST_F(ChannelProtocolTest, RefusedHandshakeIsPublishedAndNeverRetried)
 {
+    testsupport::EventRecorder events;
     ASSERT_TRUE(StartServer());
     Command("peer 3 refuse-version");
     Command("peer 4 refuse-options");
@@ -39,6 +41,16 @@ TEST_F(ChannelProtocolTest, RefusedHandshakeIsPublishedAndNeverRetried)
         EXPECT_TRUE(
             m_logger->Contains(Tag(refused) + L"Connection is closed. Module=\"VirtServer\", Line=443"));
     }
+
+    // The administrator hears of each refusal by the client side, with its reason.
+    const auto refusals = events.Of(events::kChannelRefused);
+    ASSERT_EQ(2u, refusals.size()) << "sessions 3 and 4; session 5's low version is no refusal by the client";
+    for (const auto& refusal : refusals)
+        EXPECT_EQ(events::Level::Warning, refusal.level);
+    const bool threeFirst = refusals[0].strings[0] == L"3";
+    EXPECT_EQ((std::vector<std::wstring>{L"3", L"version", L"1.1", L"1.1"}),
+              refusals[threeFirst ? 0 : 1].strings);
+    EXPECT_EQ(L"options", refusals[threeFirst ? 1 : 0].strings[1]);
 }
 
 // Announced option bytes are not waited for: the header sent right after is read at once.

@@ -1,5 +1,6 @@
 // Binding the channel library: found only at its one path, all 40 exports or refused, and
 // the server's start-up when the library is missing or fails to initialise.
+#include "tests/common/EventRecorder.h"
 #include "tests/virt/VirtTestSupport.h"
 
 using namespace virttest;
@@ -10,6 +11,7 @@ class LoaderTest : public ChannelTest
 
 TEST_F(LoaderTest, AbsentThenIncompleteThenCompleteLibraryWithAFailingSkInit)
 {
+    testsupport::EventRecorder events;
     ::DeleteFileW(SkApi::LibraryPath().c_str());
     EXPECT_FALSE(SkApiLoadLib());
     EXPECT_EQ(static_cast<DWORD>(ERROR_MOD_NOT_FOUND), ::GetLastError());
@@ -45,4 +47,10 @@ TEST_F(LoaderTest, AbsentThenIncompleteThenCompleteLibraryWithAFailingSkInit)
     // The next attempt goes through.
     EXPECT_TRUE(m_server->Init());
     EXPECT_TRUE(m_server->Init()); // already initialised
+    // One event for the administrator, naming the library and the first failure.
+    const auto unavailable = events.Of(events::kChannelLibraryUnavailable);
+    ASSERT_EQ(1u, unavailable.size());
+    EXPECT_EQ(events::Level::Error, unavailable[0].level);
+    EXPECT_EQ((std::vector<std::wstring>{SkApi::LibraryPath(), L"it could not be loaded (error 126)"}),
+              unavailable[0].strings);
 }

@@ -90,6 +90,16 @@ Status CStatusClient::Connect(DWORD timeoutMs)
     Status status = Open(timeoutMs);
     if (status != Status::Ok)
         return status;
+    status = Greet(m_dwVersion, deadline);
+    if (status != Status::Closed || m_dwCloseReason != kVersionUnsupported ||
+        m_dwVersion == kMinProtocolVersion)
+        return status;
+    status = Open(Remaining(deadline));
+    return status == Status::Ok ? Greet(kMinProtocolVersion, deadline) : status;
+}
+
+Status CStatusClient::Greet(uint32_t version, ULONGLONG deadline)
+{
     Hello hello;
     if (!OwnHello(hello))
     {
@@ -97,7 +107,8 @@ Status CStatusClient::Connect(DWORD timeoutMs)
         Close();
         return Status::Failed;
     }
-    status = FromOutcome(WriteAll(m_hPipe.get(), EncodeHello(hello), deadline, m_hevInterrupt));
+    hello.version = version;
+    Status status = FromOutcome(WriteAll(m_hPipe.get(), EncodeHello(hello), deadline, m_hevInterrupt));
     return status == Status::Ok ? ReadAs(kWelcome, DecodeWelcome, m_welcome, deadline) : status;
 }
 
@@ -120,12 +131,15 @@ Status CStatusClient::ReadAs(uint32_t type, std::optional<T> (*decode)(const uin
     return Status::Ok;
 }
 
-Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD timeoutMs)
+template <typename T>
+Status CStatusClient::Request(uint32_t requestType, uint32_t answerType,
+                              std::optional<T> (*decode)(const uint8_t*, size_t), uint32_t scope, T& answer,
+                              DWORD timeoutMs)
 {
     const ULONGLONG deadline = DeadlineAfter(timeoutMs);
     const uint32_t id = m_dwNextRequest++;
-    Status status =
-        FromOutcome(WriteAll(m_hPipe.get(), EncodeRequest(type, {id, scope}), deadline, m_hevInterrupt));
+    Status status = FromOutcome(
+        WriteAll(m_hPipe.get(), EncodeRequest(requestType, {id, scope}), deadline, m_hevInterrupt));
     while (status == Status::Ok)
     {
         Packet packet;
@@ -140,8 +154,8 @@ Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD t
                 continue;
             }
         }
-        const auto decoded = packet.header.type == kAnswer
-                                 ? DecodeAnswer(packet.payload.data(), packet.payload.size())
+        const auto decoded = packet.header.type == answerType
+                                 ? decode(packet.payload.data(), packet.payload.size())
                                  : std::nullopt;
         if (!decoded || decoded->requestId != id)
         {
@@ -152,6 +166,16 @@ Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD t
         return Status::Ok;
     }
     return status;
+}
+
+Status CStatusClient::Ask(uint32_t type, uint32_t scope, Answer& answer, DWORD timeoutMs)
+{
+    return Request(type, kAnswer, DecodeAnswer, scope, answer, timeoutMs);
+}
+
+Status CStatusClient::AskCounters(uint32_t scope, CountersAnswer& answer, DWORD timeoutMs)
+{
+    return Request(kGetCounters, kCountersAnswer, DecodeCountersAnswer, scope, answer, timeoutMs);
 }
 
 Status CStatusClient::NextNotification(Notification& notification, DWORD timeoutMs)

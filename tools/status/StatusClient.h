@@ -46,10 +46,14 @@ public:
     // WrongServer before anything is written.
     void ExpectService(std::wstring serviceName) { m_strExpectedService = std::move(serviceName); }
     void SetInterrupt(HANDLE event) { m_hevInterrupt = event; }
+    // The version the hello says (the newest by default); tests play older clients with it.
+    void SetVersion(uint32_t version) { m_dwVersion = version; }
 
     // Opens the pipe only, waiting through "busy" up to the limit.
     Status Open(DWORD timeoutMs);
-    // Open, then the hello (this process's own) and the service's welcome.
+    // Open, then the hello (this process's own) and the service's welcome. A service older than
+    // this client refuses the newest version; the client then says hello again in the oldest,
+    // and Welcome().version tells what may be asked.
     Status Connect(DWORD timeoutMs);
     const statusapi::Welcome& Welcome() const { return m_welcome; }
 
@@ -57,6 +61,8 @@ public:
     // kept for NextNotification.
     Status Ask(uint32_t type, uint32_t scope, statusapi::Answer& answer, DWORD timeoutMs);
     Status NextNotification(statusapi::Notification& notification, DWORD timeoutMs);
+    // Sends a GetCounters (the welcome's version must have it) and waits for its answer.
+    Status AskCounters(uint32_t scope, statusapi::CountersAnswer& answer, DWORD timeoutMs);
     // Sends the close packet (kGoodbye) with a short bound, and closes.
     void Goodbye();
     void Close() { m_hPipe.reset(); }
@@ -77,6 +83,13 @@ private:
     Status ReadAs(uint32_t type, std::optional<T> (*decode)(const uint8_t*, size_t), T& value,
                   ULONGLONG deadline);
     Status FromOutcome(statusapi::IoOutcome outcome);
+    Status Greet(uint32_t version, ULONGLONG deadline);
+    // Writes a request and reads up to its answer of `answerType`, keeping notifications that
+    // come first; anything else, or an answer to another request, is a protocol error.
+    template <typename T>
+    Status Request(uint32_t requestType, uint32_t answerType,
+                   std::optional<T> (*decode)(const uint8_t*, size_t), uint32_t scope, T& answer,
+                   DWORD timeoutMs);
 
     std::wstring m_strPipeName;
     std::wstring m_strExpectedService;
@@ -85,6 +98,7 @@ private:
     statusapi::CPacketReader m_reader{statusapi::kMaxServicePayload};
     statusapi::Welcome m_welcome;
     std::deque<statusapi::Notification> m_notifications;
+    uint32_t m_dwVersion = statusapi::kProtocolVersion;
     uint32_t m_dwNextRequest = 1;
     uint32_t m_dwCloseReason = statusapi::kGoodbye;
     DWORD m_dwError = 0;

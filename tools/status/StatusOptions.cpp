@@ -2,6 +2,8 @@
 
 #include "tools/agent/AgentOptions.h"
 
+#include <map>
+
 namespace statustool
 {
 
@@ -36,10 +38,12 @@ ParseResult ParseCommandLine(const std::vector<std::wstring>& args)
 std::wstring HelpText()
 {
     return L"Usage: velomar-status [--watch] [--all] [--json] [--timeout MS]\n"
-           L"Shows the state of this session's remote URL channel as the velomard service sees it.\n"
+           L"Shows the state of this session's remote URL channel as the velomard service sees it, and\n"
+           L"what the channel has carried since the service started (URLs forwarded, refused by\n"
+           L"the URL policy, failed; handshakes; reconnects; the time of the last URL).\n"
            L"\n"
            L"  --watch       one line per change until Ctrl+C\n"
-           L"  --all         every session (LocalSystem and administrators only)\n"
+           L"  --all         every session, one line each (LocalSystem and administrators only)\n"
            L"  --json        one JSON object per line\n"
            L"  --timeout MS  the limit of every wait for the service (default 5000)\n"
            L"\n"
@@ -52,19 +56,55 @@ std::wstring HelpText()
            L"  77  the status pipe is served by another process than the velomard service\n";
 }
 
-std::vector<std::string> AnswerLines(const statusapi::Answer& answer, uint32_t ownSession, bool json)
+namespace
 {
+// Appends a session's counts to its line: in words, or as a "counters" member of its object.
+std::string WithCounters(std::string line, const SessionCountersSnapshot& counters, bool json)
+{
+    if (json)
+    {
+        line.pop_back(); // the object's closing brace
+        return line + ",\"counters\":" + statusapi::JsonCounters(counters) + "}";
+    }
+    return line + "; " + statusapi::DescribeCounters(counters);
+}
+
+std::string NoChannelLine(uint32_t session, bool json)
+{
+    const std::string id = std::to_string(session);
+    return json ? "{\"session\":" + id + ",\"state\":\"no channel\"}"
+                : "session " + id + ": no channel (the service has no remote channel for it)";
+}
+} // namespace
+
+std::vector<std::string> AnswerLines(const statusapi::Answer& answer, uint32_t ownSession, bool json,
+                                     const statusapi::CountersAnswer* counters)
+{
+    std::map<uint32_t, SessionCountersSnapshot> counts;
+    if (counters && counters->result == statusapi::kOk)
+        for (const statusapi::CountersEntry& entry : counters->entries)
+            counts[entry.sessionId] = entry.counters;
+    const auto line = [&](uint32_t session, std::string text)
+    {
+        const auto found = counts.find(session);
+        if (found == counts.end())
+            return text;
+        text = WithCounters(std::move(text), found->second, json);
+        counts.erase(found);
+        return text;
+    };
+
     std::vector<std::string> lines;
     if (answer.result == statusapi::kNoChannel)
-    {
-        const std::string session = std::to_string(ownSession);
-        lines.push_back(json ? "{\"session\":" + session + ",\"state\":\"no channel\"}"
-                             : "session " + session +
-                                   ": no channel (the service has no remote channel for it)");
-        return lines;
-    }
-    for (const statusapi::SessionEntry& entry : answer.entries)
-        lines.push_back(json ? statusapi::JsonEntry(entry) : statusapi::DescribeEntry(entry));
+        lines.push_back(line(ownSession, NoChannelLine(ownSession, json)));
+    else
+        for (const statusapi::SessionEntry& entry : answer.entries)
+            lines.push_back(
+                line(entry.sessionId, json ? statusapi::JsonEntry(entry) : statusapi::DescribeEntry(entry)));
+    // Sessions that carried URLs but have no channel now (closed, or never connected).
+    if (answer.result == statusapi::kOk || answer.result == statusapi::kNoChannel)
+        for (const auto& [session, snapshot] : counts)
+            lines.push_back(WithCounters(NoChannelLine(session, json), snapshot, json));
     return lines;
 }
 

@@ -42,7 +42,10 @@ ParseResult ParseCommandLine(const std::vector<std::wstring>& args); // without 
 std::wstring HelpText();
 
 // The lines of an answer (text or JSON), one per session, or one saying there is no channel.
-std::vector<std::string> AnswerLines(const statusapi::Answer& answer, uint32_t ownSession, bool json);
+// With counters (a service that keeps them), each session's line ends with its counts, and a
+// session that has counts but no channel now gets a line of its own.
+std::vector<std::string> AnswerLines(const statusapi::Answer& answer, uint32_t ownSession, bool json,
+                                     const statusapi::CountersAnswer* counters = nullptr);
 int ExitCodeOf(const statusapi::Answer& answer);
 
 } // namespace statustool

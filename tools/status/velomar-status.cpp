@@ -108,7 +108,19 @@ int Run(int argc, wchar_t** argv)
                    options.all ? statusapi::kAllSessions : statusapi::kOwnSession, answer, options.timeoutMs);
     if (status != Status::Ok)
         return Fail(status, client);
-    PrintLines(statustool::AnswerLines(answer, client.Welcome().sessionId, options.json));
+    // A service older than the counters answers without them.
+    statusapi::CountersAnswer counters;
+    const bool counted =
+        client.Welcome().version >= statusapi::kCountersVersion && answer.result != statusapi::kDenied;
+    if (counted)
+    {
+        status = client.AskCounters(options.all ? statusapi::kAllSessions : statusapi::kOwnSession, counters,
+                                    options.timeoutMs);
+        if (status != Status::Ok)
+            return Fail(status, client);
+    }
+    PrintLines(statustool::AnswerLines(answer, client.Welcome().sessionId, options.json,
+                                       counted ? &counters : nullptr));
     if (options.watch && answer.result != statusapi::kDenied)
         return Watch(client, options, answer);
     client.Goodbye();
