@@ -7,6 +7,7 @@
 #include "statusapi/StatusServer.h"
 #include "tests/common/CapturingLogger.h"
 #include "tests/common/RawPipeClient.h"
+#include "tests/common/EventRecorder.h"
 #include "tests/common/TestSupport.h"
 #include "tools/status/StatusClient.h"
 
@@ -413,6 +414,35 @@ TEST_F(StatusServerTest, StopSaysGoodbyeToEveryClientAndEndsItsThreads)
     EXPECT_EQ(kServiceStopping, CloseReasonOf(*first));
     EXPECT_EQ(kServiceStopping, CloseReasonOf(*second));
     EXPECT_TRUE(Eventually([&] { return testsupport::CountProcessThreads() <= threadsBefore; }));
+}
+
+// A name another process holds is not served; the administrator hears of it once, and once
+// more when the service has the name again.
+TEST_F(StatusServerTest, TakenNameIsReportedOnceAndItsReturnToo)
+{
+    testsupport::EventRecorder events;
+    std::atomic<int> refusals{3};
+    m_server = std::make_unique<CStatusServer>(m_log, m_name);
+    m_server->SetInstanceCreator(
+        [&](const wchar_t* name, DWORD openMode, DWORD pipeMode, DWORD instances, DWORD out, DWORD in,
+            DWORD timeout, SECURITY_ATTRIBUTES* attributes) -> HANDLE
+        {
+            if (refusals > 0 && refusals-- > 0)
+            {
+                ::SetLastError(ERROR_ACCESS_DENIED);
+                return INVALID_HANDLE_VALUE;
+            }
+            return ::CreateNamedPipeW(name, openMode, pipeMode, instances, out, in, timeout, attributes);
+        });
+    m_server->Start();
+    ASSERT_TRUE(Eventually([&] { return events.Of(events::kPipeNameFreed).size() == 1; }));
+    const auto taken = events.Of(events::kPipeNameTaken);
+    ASSERT_EQ(1u, taken.size()) << "one event per outage, not per retry";
+    EXPECT_EQ(events::Level::Warning, taken[0].level);
+    ASSERT_EQ(3u, taken[0].strings.size());
+    EXPECT_EQ(daxlib::PipePath(m_name), taken[0].strings[0]);
+    EXPECT_NE(std::wstring::npos, taken[0].strings[1].find(L"status pipe"));
+    m_server->Stop();
 }
 
 TEST_F(StatusServerTest, PipeIsLocalOnlyWithTheAgentPipesAccess)
