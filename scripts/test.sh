@@ -4,15 +4,24 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
+# Each step's wall time, so that the run's cost stays in view.
+step_started=$SECONDS
+step_done() {
+  echo "== $1: $((SECONDS - step_started)) s (total $SECONDS s)"
+  step_started=$SECONDS
+}
 scripts/setup.sh
+step_done setup
 
 # Every C++ file as the pinned clang-format lays it out.
 scripts/check-format.sh
+step_done format
 
 # The Windows-free logic on the host, its tests under AddressSanitizer and UBSan.
 cmake --preset native >/dev/null
 cmake --build --preset native
 ctest --preset native --no-tests=ignore
+step_done native
 
 # Every fuzz target for about 30 s from an empty corpus; a crash, a leak or a sanitizer report
 # fails the run, and the fuzzer's output stays in build/fuzz/logs.
@@ -37,15 +46,22 @@ fuzz_one() {
 export -f fuzz_one
 export fuzz_seconds
 printf '%s\0' "${fuzzers[@]}" | xargs -0 -n 1 -P "$(nproc)" bash -c 'fuzz_one "$1"' _
+step_done fuzz
 
 # The Windows build with clang: the locking rules are checked (-Wthread-safety), every warning is
 # an error, clang-tidy reads its compile commands, and the pipe, pipe-server and session suites
 # run under Wine.
 cmake --preset clang >/dev/null
 cmake --build --preset clang
+step_done "clang build"
 scripts/tidy.sh
+step_done clang-tidy
 ctest --preset clang -R "${VELOMAR_CLANG_SUITES:-^(pipe_|pipeserver_|virt_|wine_prefix)}"
+step_done "clang suites"
 
 cmake --preset mingw >/dev/null
 cmake --build --preset mingw
+step_done "mingw build"
 ctest --preset mingw
+
+step_done "mingw suites"
