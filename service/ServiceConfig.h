@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace service
 {
@@ -21,6 +22,30 @@ constexpr uint32_t kProgramVersion =
 constexpr uint32_t kStopDelayMs = 500;
 constexpr uint32_t kThreadPoolMaximum = 1000;
 constexpr uint32_t kServiceLogHeaderFlags = 0x804F;
+
+// Which transport carries the URL channel: the "ChannelTransport" string value under the policy
+// key (which wins) or the product key: "library" (the default), "rdp", or "auto" (the library when
+// it loads, else RDP), without regard to case.
+enum class ChannelTransportChoice
+{
+    Library,
+    Rdp,
+    Automatic,
+};
+constexpr wchar_t kChannelTransportValue[] = L"ChannelTransport";
+constexpr wchar_t kPolicyKey[] = L"Software\\Policies\\Corvane\\Velomar (Server)";
+
+struct ChannelTransportSetting
+{
+    ChannelTransportChoice choice = ChannelTransportChoice::Library;
+    std::wstring from;    // "policy", "product key" or "default"
+    std::wstring problem; // why a value that is set was not used; empty when it was
+};
+// Text as an administrator writes it: "library", "rdp" or "auto"; nothing for anything else.
+bool ParseChannelTransport(std::wstring_view text, ChannelTransportChoice& choice);
+const wchar_t* ChannelTransportName(ChannelTransportChoice choice) noexcept;
+ChannelTransportSetting ReadChannelTransport(void* root = nullptr, const wchar_t* policyKey = kPolicyKey,
+                                             const wchar_t* productKey = kProductKey);
 
 struct ServiceLogSettings
 {

@@ -7,7 +7,8 @@
 #include "pipeserver/UrlPolicyRegistry.h"
 #include "service/ServiceConfig.h"
 #include "statusapi/StatusServer.h"
-#include "virt/SkApi.h"
+#include "virt/LibraryTransport.h"
+#include "virt/rdp/RdpTransport.h"
 #include "virt/VirtServer.h"
 
 #include <mutex>
@@ -79,15 +80,36 @@ std::shared_ptr<CStatusServer> GetStatusServer()
 std::wstring ChannelTransportText()
 {
     const auto server = GetVirtServer();
-    const std::wstring library = L"the channel library " + SkApi::LibraryPath();
-    return server && server->IsInitialized() ? library : library + L" (not loaded: no URL is forwarded)";
+    return server ? server->DescribeTransport() : CLibraryTransport().Describe();
+}
+
+std::shared_ptr<CVirtServer> MakeVirtServer(const std::shared_ptr<CCvLogger>& logger)
+{
+    const CommonHelper::CvLogger::CBaseLogger log(logger);
+    const ChannelTransportSetting setting = ReadChannelTransport();
+    if (!setting.problem.empty())
+        log.Log(LogLevel::Warning, L"RunStartupComposition", L"ChannelTransport in the %s: %s; using library",
+                setting.from.c_str(), setting.problem.c_str());
+    log.Log(LogLevel::Info, L"RunStartupComposition", L"Channel transport: %s (from the %s)",
+            ChannelTransportName(setting.choice), setting.from.c_str());
+    switch (setting.choice)
+    {
+    case ChannelTransportChoice::Rdp:
+        return std::make_shared<CVirtServer>(logger, std::make_shared<CRdpTransport>());
+    case ChannelTransportChoice::Automatic:
+        return std::make_shared<CVirtServer>(logger, std::make_shared<CLibraryTransport>(false),
+                                             std::make_shared<CRdpTransport>());
+    case ChannelTransportChoice::Library:
+        break;
+    }
+    return std::make_shared<CVirtServer>(logger, std::make_shared<CLibraryTransport>());
 }
 
 void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
 {
     SetThreadPool(std::make_shared<CThreadPool>(kThreadPoolMaximum, logger));
 
-    auto virtServer = std::make_shared<CVirtServer>(logger);
+    auto virtServer = MakeVirtServer(logger);
     {
         daxlib::lock_guard lock(g_slotLock);
         g_virtServer = virtServer;

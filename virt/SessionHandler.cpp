@@ -3,7 +3,6 @@
 #include "common/DaxException.h"
 #include "common/Guarded.h"
 #include "common/WideFormat.h"
-#include "virt/SkApi.h"
 #include "virt/UrlProtocol.h"
 
 #include <process.h>
@@ -23,18 +22,9 @@ constexpr wchar_t kOnConnectionEvent[] = L"CSessionHandler::OnConnectionEvent";
 constexpr wchar_t kSendURL[] = L"CSessionHandler::SendURL";
 constexpr wchar_t kCloseConnection[] = L"CSessionHandler::CloseConnection";
 
-constexpr DWORD kEventMask =
-    SkApi::kEventConnected | SkApi::kEventBrokenConnection | SkApi::kEventInvalidAddress;
 // A message this large is read into a buffer that is given back right after, so one odd
 // message from a peer does not pin its memory for the life of the session.
 constexpr size_t kKeepReceiveBuffer = 1u << 20;
-
-bool ChannelFunctionsResolved() noexcept
-{
-    using namespace SkApi;
-    return pfnSkResolveAddressW && pfnSkConnectTo && pfnSkFreeProtocolParameter &&
-           pfnSkRegisterConnectionEventsCallback && pfnSkReadData && pfnSkWriteData && pfnSkCloseConnection;
-}
 
 unsigned HandleBits(HANDLE h) noexcept
 {
@@ -43,10 +33,12 @@ unsigned HandleBits(HANDLE h) noexcept
 
 } // namespace
 
-CSessionHandler::CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText,
+CSessionHandler::CSessionHandler(std::shared_ptr<ICvLogger> logger,
+                                 std::shared_ptr<IChannelTransport> transport, const wchar_t* guidText,
                                  uint32_t sessionId, std::wstring name, ChannelStatusListener listener,
                                  std::shared_ptr<SessionCounters> counters)
-    : IBaseItem(std::move(logger)), m_dwSessionId(sessionId), m_strName(std::move(name)),
+    : IBaseItem(std::move(logger)), m_pTransport(std::move(transport)), m_dwSessionId(sessionId),
+      m_strName(std::move(name)),
       m_pCounters(counters ? std::move(counters) : std::make_shared<SessionCounters>()),
       m_listener(std::move(listener))
 {
@@ -180,8 +172,8 @@ void CSessionHandler::DropConnection()
         daxlib::lock_guard lock(m_csConnection);
         std::swap(connection, m_hConnection);
     }
-    if (connection && SkApi::pfnSkCloseConnection)
-        SkApi::pfnSkCloseConnection(connection);
+    if (connection)
+        m_pTransport->Close(connection);
 }
 
 void CSessionHandler::Publish(const ChannelStatusRecord& record) const
@@ -268,34 +260,13 @@ unsigned CSessionHandler::ConnectionThread()
 
 bool CSessionHandler::ConnectOnce()
 {
-    using namespace SkApi;
     Log(LogLevel::Info, kConnectionThread, L"m_szSessionGUID=\"%s\"", m_szSessionGUID);
-    if (!ChannelFunctionsResolved())
-    {
-        ::SetLastError(ERROR_PROC_NOT_FOUND);
-        Log(LogLevel::Error, kConnectionThread, L"SkResolveAddressW(\"%s\") failed", m_szSessionGUID);
-        return false;
-    }
-
-    void* address = nullptr;
-    if (!pfnSkResolveAddressW(kAddressKindSession, m_szSessionGUID, UrlNet::kChannelPort, &address) ||
-        !address)
-    {
-        Log(LogLevel::Error, kConnectionThread, L"SkResolveAddressW(\"%s\") failed", m_szSessionGUID);
-        return false;
-    }
-    const uint32_t port = UrlNet::kChannelPort;
-    std::memcpy(static_cast<uint8_t*>(address) + kAddressPortOffset, &port, sizeof(port));
-    HANDLE connection = pfnSkConnectTo(address, kConnectModeDefault, INFINITE);
-    pfnSkFreeProtocolParameter(address);
+    HANDLE connection = m_pTransport->Connect(*this, kConnectionThread, m_szSessionGUID, m_dwSessionId);
     if (!connection)
-    {
-        Log(LogLevel::Error, kConnectionThread, L"SkConnectTo() failed");
         return false;
-    }
     SetConnection(connection);
 
-    if (!pfnSkRegisterConnectionEventsCallback(connection, kEventMask, &ConnectionEventTrampoline, this))
+    if (!m_pTransport->WatchConnection(connection, &ConnectionEventTrampoline, this))
     {
         Log(LogLevel::Error, kConnectionThread, L"RegisterConnectionEventsCallback() failed");
         return false;
@@ -344,7 +315,7 @@ void CSessionHandler::ReadOneMessage()
     // the handle is enough.
     if (connection && ::WaitForSingleObject(m_hevStartRead.get(), 0) != WAIT_OBJECT_0)
         return;
-    if (!connection || !SkApi::pfnSkReadData)
+    if (!connection)
     {
         Log(LogLevel::Info, kReadThread, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer",
             1017u);
@@ -361,7 +332,7 @@ void CSessionHandler::ReadOneMessage()
 
     uint8_t headerBytes[UrlNet::kHeaderSize];
     DWORD count = UrlNet::kHeaderSize;
-    if (!SkApi::pfnSkReadData(connection, headerBytes, &count, INFINITE))
+    if (!m_pTransport->Read(connection, headerBytes, &count, INFINITE))
         return readFailed(L"SkReadData(Header)");
     const UrlNet::UrlNetHeader header = UrlNet::DecodeHeader(headerBytes);
     const char* name = UrlNet::CommandName(header.command);
@@ -378,7 +349,7 @@ void CSessionHandler::ReadOneMessage()
             return;
         }
         count = header.cbData;
-        const BOOL ok = SkApi::pfnSkReadData(connection, m_fmReceiveBuff.data(), &count, INFINITE);
+        const BOOL ok = m_pTransport->Read(connection, m_fmReceiveBuff.data(), &count, INFINITE);
         const DWORD error = ::GetLastError();
         if (m_fmReceiveBuff.capacity() > kKeepReceiveBuffer)
             m_fmReceiveBuff.free();
@@ -414,7 +385,7 @@ bool CSessionHandler::WriteURL(std::wstring url)
     // A handle whose handshake has not ended yet counts as no connection: a submit written
     // then would land between the handshake's items.
     const HANDLE connection = m_bSendAllowed.load() ? GetConnection() : nullptr;
-    if (!connection || !SkApi::pfnSkWriteData)
+    if (!connection)
     {
         Log(LogLevel::Info, kSendURL, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer", 443u);
         return false;
@@ -437,7 +408,7 @@ bool CSessionHandler::WriteURL(std::wstring url)
 
     const std::vector<uint8_t> message = UrlNet::BuildSubmitMessage(utf8);
     DWORD count = static_cast<DWORD>(message.size());
-    if (!SkApi::pfnSkWriteData(connection, message.data(), &count, INFINITE))
+    if (!m_pTransport->Write(connection, message.data(), &count, INFINITE))
     {
         // The text names LocalVersion although it reports the submit; kept word for word.
         Log(LogLevel::Error, kSendURL, L"SkWriteData(LocalVersion) failed. Error=%u", ::GetLastError());

@@ -7,6 +7,7 @@
 #include "common/Locks.h"
 #include "common/UniqueHandle.h"
 #include "virt/ChannelStatus.h"
+#include "virt/ChannelTransport.h"
 #include "virt/FmallocBuffer.h"
 #include "virt/SessionCounters.h"
 
@@ -27,9 +28,9 @@ public:
 
     // guidText: up to 64 characters including the terminator (longer text is cut). `counters`:
     // the session's, kept by whoever outlives the handler; null gives the handler its own.
-    CSessionHandler(std::shared_ptr<ICvLogger> logger, const wchar_t* guidText, uint32_t sessionId,
-                    std::wstring name, ChannelStatusListener listener = {},
-                    std::shared_ptr<SessionCounters> counters = nullptr);
+    CSessionHandler(std::shared_ptr<ICvLogger> logger, std::shared_ptr<IChannelTransport> transport,
+                    const wchar_t* guidText, uint32_t sessionId, std::wstring name,
+                    ChannelStatusListener listener = {}, std::shared_ptr<SessionCounters> counters = nullptr);
     ~CSessionHandler() override;
     CSessionHandler(const CSessionHandler&) = delete;
     CSessionHandler& operator=(const CSessionHandler&) = delete;
@@ -84,13 +85,13 @@ private:
     void SetConnection(HANDLE connection);
     void Publish(const ChannelStatusRecord& record) const; // with the state lock held
 
+    std::shared_ptr<IChannelTransport> m_pTransport; // never null
     wchar_t m_szSessionGUID[kGuidTextLength] = {};
     mutable daxlib::critical_section m_csState;
     uint32_t m_dwSessionId;
     std::wstring m_strName;
     mutable daxlib::critical_section m_csConnection;
-    HANDLE m_hConnection TS_GUARDED_BY(m_csConnection) =
-        nullptr; // the library's handle; closed with SkCloseConnection
+    HANDLE m_hConnection TS_GUARDED_BY(m_csConnection) = nullptr; // the transport's; it closes it
     daxlib::unique_handle m_hevStop;
     daxlib::unique_handle m_hevDisconnected;
     daxlib::unique_handle m_hevConnected;

@@ -4,7 +4,6 @@
 #include "common/ServiceEvents.h"
 #include "virt/Handshake.h"
 #include "virt/SessionHandler.h"
-#include "virt/SkApi.h"
 #include "virt/UrlProtocol.h"
 
 namespace
@@ -72,12 +71,12 @@ CSessionHandler::HandshakeOutcome CSessionHandler::DoHandshake()
     io.write = [&](const void* bytes, uint32_t size)
     {
         DWORD count = size;
-        return locked([&](HANDLE c) { return SkApi::pfnSkWriteData(c, bytes, &count, INFINITE); });
+        return locked([&](HANDLE c) { return m_pTransport->Write(c, bytes, &count, INFINITE); });
     };
     io.read = [&](void* bytes, uint32_t size)
     {
         DWORD count = size;
-        return locked([&](HANDLE c) { return SkApi::pfnSkReadData(c, bytes, &count, INFINITE); });
+        return locked([&](HANDLE c) { return m_pTransport->Read(c, bytes, &count, INFINITE); });
     };
     io.passed = [this](HandshakeStep step, const UrlNet::HandshakeResult& sofar)
     {

@@ -4,7 +4,7 @@
 #include "common/Guarded.h"
 #include "common/ServiceEvents.h"
 #include "common/WideFormat.h"
-#include "virt/SkApi.h"
+#include "virt/LibraryTransport.h"
 
 #include <exception>
 #include <mutex>
@@ -32,7 +32,18 @@ std::wstring NameOf(const SkApi::SessionNotification& notification)
 
 } // namespace
 
-CVirtServer::CVirtServer(std::shared_ptr<ICvLogger> logger) : IBaseItem(std::move(logger)) {}
+CVirtServer::CVirtServer(std::shared_ptr<ICvLogger> logger, std::shared_ptr<IChannelTransport> transport,
+                         std::shared_ptr<IChannelTransport> fallback)
+    : IBaseItem(std::move(logger)),
+      m_pTransport(transport ? std::move(transport) : std::make_shared<CLibraryTransport>()),
+      m_pFallback(std::move(fallback))
+{
+}
+
+std::wstring CVirtServer::DescribeTransport() const
+{
+    return m_pTransport->Describe();
+}
 
 CVirtServer::~CVirtServer()
 {
@@ -82,25 +93,18 @@ bool CVirtServer::Init()
 {
     if (m_bInitialized)
         return true;
-    if (!SkApiLoadLib())
+    bool ready = m_pTransport->Init(*this);
+    if (!ready && m_pFallback)
     {
-        const DWORD error = ::GetLastError();
-        Log(LogLevel::Error, kInit, L"SkApiLoadLib() failed. LastError=%u", error);
-        ReportUnavailable(daxlib::Format(L"it could not be loaded (error %u)", error));
+        Log(LogLevel::Info, kInit, L"Falling back from %s to %s", m_pTransport->Describe().c_str(),
+            m_pFallback->Describe().c_str());
+        m_pTransport = std::exchange(m_pFallback, nullptr);
+        ready = m_pTransport->Init(*this);
     }
-    else if (const DWORD error = SkApi::pfnSkInit ? SkApi::pfnSkInit() : ERROR_PROC_NOT_FOUND; error != 0)
+    if (ready)
     {
-        Log(LogLevel::Error, kInit, L"SkInit() failed. Error=%u", error);
-        ReportUnavailable(daxlib::Format(L"it loaded but did not initialise (error %u)", error));
-    }
-    else
-    {
-        if (SkApi::pfnSkRegisterEventNotification)
-        {
-            SkApi::pfnSkRegisterEventNotification(SkApi::kEventSessionOpened, &SessionOpenedTrampoline, this);
-            SkApi::pfnSkRegisterEventNotification(SkApi::kEventSessionClosed, &SessionClosedTrampoline, this);
-        }
-        if (!SkApi::pfnSkStartNotification || !SkApi::pfnSkStartNotification())
+        m_pTransport->Subscribe(&SessionOpenedTrampoline, &SessionClosedTrampoline, this);
+        if (!m_pTransport->StartNotification())
             Log(LogLevel::Warning, kInit, L"SkStartNotification() failed. LastError=%u", ::GetLastError());
         m_bInitialized = true;
         Log(LogLevel::Info, kInit, L"Success");
@@ -108,14 +112,6 @@ bool CVirtServer::Init()
     if (!m_bInitialized)
         Free();
     return m_bInitialized;
-}
-
-void CVirtServer::ReportUnavailable(const std::wstring& what)
-{
-    // Once per start: the service calls Init once, and a failed Init leaves nothing to retry.
-    if (!m_bUnavailableReported.exchange(true))
-        events::Report(events::Level::Error, events::kChannelLibraryUnavailable,
-                       {SkApi::LibraryPath(), what});
 }
 
 void CVirtServer::Free()
@@ -126,10 +122,9 @@ void CVirtServer::Free()
         released.swap(m_sessions);
         released.clear();
     }
-    // Outside the lock: the library's notification thread may be waiting for it, and clean-up
+    // Outside the lock: the transport's notification thread may be waiting for it, and clean-up
     // waits for that thread.
-    if (SkApi::pfnSkCleanUp)
-        SkApi::pfnSkCleanUp();
+    m_pTransport->CleanUp();
     {
         // A session that opened while the library was being cleaned up.
         daxlib::unique_lock lock(m_srwSessions);
@@ -170,8 +165,9 @@ void CVirtServer::OnSessionOpened(uint32_t type, const SkApi::SessionNotificatio
 
     ChannelStatusListener forward = [this](const ChannelStatusRecord& record, uint32_t id)
     { Publish(record, id); };
-    auto handler = std::make_shared<CSessionHandler>(m_pLogger, guid.c_str(), sessionId, NameOf(notification),
-                                                     std::move(forward), CountersOf(sessionId));
+    auto handler =
+        std::make_shared<CSessionHandler>(m_pLogger, m_pTransport, guid.c_str(), sessionId,
+                                          NameOf(notification), std::move(forward), CountersOf(sessionId));
     std::shared_ptr<CSessionHandler> replaced;
     daxlib::unique_lock lock(m_srwSessions);
     auto& slot = m_sessions[sessionId];

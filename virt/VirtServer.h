@@ -1,10 +1,11 @@
 #pragma once
-// The process's virtual-channel server: binds the channel library, follows its session
+// The process's virtual-channel server: readies the channel transport, follows its session
 // notifications with one CSessionHandler per open remote session, and routes each URL to the
 // handler of the agent's session.
 #include "common/BaseItem.h"
 #include "common/Locks.h"
 #include "virt/ChannelStatus.h"
+#include "virt/ChannelTransport.h"
 #include "virt/SessionHandler.h"
 #include "virt/SkApiTypes.h"
 
@@ -19,7 +20,10 @@
 class CVirtServer : public IBaseItem
 {
 public:
-    explicit CVirtServer(std::shared_ptr<ICvLogger> logger);
+    // `transport` null: the channel library. `fallback`: used when `transport` cannot be readied.
+    explicit CVirtServer(std::shared_ptr<ICvLogger> logger,
+                         std::shared_ptr<IChannelTransport> transport = nullptr,
+                         std::shared_ptr<IChannelTransport> fallback = nullptr);
     ~CVirtServer() override;
     CVirtServer(const CVirtServer&) = delete;
     CVirtServer& operator=(const CVirtServer&) = delete;
@@ -31,7 +35,7 @@ public:
         return 1;
     }
 
-    // Loads and initialises the channel library and subscribes to session notifications.
+    // Readies the transport (or else the fallback) and subscribes to its session notifications.
     bool Init();
     void Free();
     // Nonzero when the URL was written to that session's channel.
@@ -49,6 +53,8 @@ public:
     void OnSessionClosed(uint32_t type, const SkApi::SessionNotification& notification);
 
     bool IsInitialized() const noexcept { return m_bInitialized; }
+    // The transport in use (the first one before Init), for the log and the start event.
+    std::wstring DescribeTransport() const;
     // The handler of a session, empty when there is none (for status queries and tests).
     std::shared_ptr<CSessionHandler> FindSession(uint32_t sessionId) const;
     // The sessions that have a handler now. Takes only the session table's lock, never a handler's.
@@ -63,12 +69,13 @@ private:
     static void WINAPI SessionClosedTrampoline(DWORD event, const SkApi::SessionNotification* notification,
                                                void* context);
     void Publish(const ChannelStatusRecord& record, uint32_t sessionId) const;
-    void ReportUnavailable(const std::wstring& what);
     // The session's counters, made on first use; they outlive its handlers and Free.
     std::shared_ptr<SessionCounters> CountersOf(uint32_t sessionId);
 
     std::atomic<bool> m_bInitialized{false};
-    std::atomic<bool> m_bUnavailableReported{false};
+    // Chosen by Init, before any session exists; fixed from then on.
+    std::shared_ptr<IChannelTransport> m_pTransport;
+    std::shared_ptr<IChannelTransport> m_pFallback;
     mutable daxlib::srw_lock m_srwSessions;
     std::map<uint32_t, std::shared_ptr<CSessionHandler>> m_sessions TS_GUARDED_BY(m_srwSessions);
     // Never held while another lock is taken.

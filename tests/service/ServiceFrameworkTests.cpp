@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <vector>
 
 namespace
@@ -116,4 +117,46 @@ TEST(ServiceLogSettings, MissingValuesTakeDefaultsAndPresentOnesAreTaken)
 
     service::CServiceConfig missing(testsupport::UniqueName(L"velomar-absent"));
     EXPECT_FALSE(missing.ReadServiceLogSettings(file, level, nullptr));
+}
+
+// The policy key wins, also with a value it cannot use (the default is then the safe reading);
+// the product key counts only without a policy value.
+TEST(ServiceChannelTransport, PolicyWinsAndAnUnusableValueMeansTheLibrary)
+{
+    using service::ChannelTransportChoice;
+    const std::wstring base = L"Software\\" + testsupport::UniqueName(L"velomar-transport");
+    const testsupport::TempKey policy(base + L"\\Policy", HKEY_CURRENT_USER);
+    const testsupport::TempKey product(base + L"\\Product", HKEY_CURRENT_USER);
+    ASSERT_NE(nullptr, policy.Get());
+    ASSERT_NE(nullptr, product.Get());
+    const auto read = [&] {
+        return service::ReadChannelTransport(HKEY_CURRENT_USER, policy.Path().c_str(),
+                                             product.Path().c_str());
+    };
+
+    auto setting = read();
+    EXPECT_EQ(ChannelTransportChoice::Library, setting.choice);
+    EXPECT_EQ(L"default", setting.from);
+
+    ASSERT_TRUE(product.SetText(service::kChannelTransportValue, L"RDP"));
+    setting = read();
+    EXPECT_EQ(ChannelTransportChoice::Rdp, setting.choice);
+    EXPECT_EQ(L"product key", setting.from);
+    EXPECT_TRUE(setting.problem.empty());
+
+    ASSERT_TRUE(policy.SetText(service::kChannelTransportValue, L"Auto"));
+    EXPECT_EQ(ChannelTransportChoice::Automatic, read().choice);
+
+    for (const auto& [set, problem] :
+         {std::pair<std::function<bool()>, std::wstring>{
+              [&] { return policy.SetText(service::kChannelTransportValue, L"rdp "); },
+              L"\"rdp \" is none of library, rdp, auto"},
+          {[&] { return policy.SetDword(service::kChannelTransportValue, 2); }, L"it is not a short text"}})
+    {
+        ASSERT_TRUE(set());
+        setting = read();
+        EXPECT_EQ(ChannelTransportChoice::Library, setting.choice);
+        EXPECT_EQ(L"policy", setting.from);
+        EXPECT_EQ(0u, setting.problem.rfind(problem, 0)) << setting.problem;
+    }
 }

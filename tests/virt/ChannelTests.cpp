@@ -3,6 +3,7 @@
 // nobody asked for, and what starting and stopping leaves behind.
 #include "tests/common/EventRecorder.h"
 #include "tests/virt/VirtTestSupport.h"
+#include "virt/LibraryTransport.h"
 
 using namespace virttest;
 
@@ -207,7 +208,8 @@ TEST(SessionHandler, StartsOnceStopsTwiceAndKeepsItsStateWithoutALibrary)
     auto logger = std::make_shared<testsupport::CapturingLogger>(4);
     const long long threadsBefore = testsupport::CountProcessThreads();
     {
-        CSessionHandler handler(logger, L"00000007-5e1c-4a3b-9d2e-0000c0ffee07", 7, L"seven");
+        CSessionHandler handler(logger, std::make_shared<CLibraryTransport>(),
+                                L"00000007-5e1c-4a3b-9d2e-0000c0ffee07", 7, L"seven");
         ChannelStatusRecord record{};
         handler.GetChannelStatus(record);
         EXPECT_EQ(51u, record.dwState);
