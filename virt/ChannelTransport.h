@@ -30,7 +30,8 @@ public:
 
     // A new connection to the client side of the session, or null after logging why under
     // `origin`. The handle is the transport's own and goes back through Close.
-    virtual HANDLE Connect(const Log& log, const wchar_t* origin, const wchar_t* guidText, uint32_t sessionId) = 0;
+    virtual HANDLE Connect(const Log& log, const wchar_t* origin, const wchar_t* guidText,
+                           uint32_t sessionId) = 0;
     // Connected, broken and invalid-address events of the connection go to the callback, from
     // any thread; a connection that is usable at once reports connected before this returns.
     virtual bool WatchConnection(HANDLE connection, SkApi::ConnectionCallback callback, void* context) = 0;

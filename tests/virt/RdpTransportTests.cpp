@@ -101,7 +101,8 @@ BOOL WINAPI Query(HANDLE, DWORD id, WTS_INFO_CLASS what, LPWSTR* out, DWORD* siz
     for (const auto& s : g_host->sessions)
         if (s.id == id && what == WTSSessionInfo && s.logonTime != 0)
         {
-            auto* info = static_cast<WTSINFOW*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(WTSINFOW)));
+            auto* info =
+                static_cast<WTSINFOW*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(WTSINFOW)));
             info->LogonTime.QuadPart = static_cast<LONGLONG>(s.logonTime);
             *out = reinterpret_cast<LPWSTR>(info);
             *size = sizeof(WTSINFOW);
@@ -177,8 +178,9 @@ BOOL WINAPI Read(HANDLE handle, ULONG timeoutMs, PCHAR buffer, ULONG size, PULON
     if (size == 0)
     {
         // Waits like the host's read into no room: "insufficient buffer" once something is there.
-        g_host->cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&]
-                            { return !(channel = Find(handle)) || channel->broken || !channel->toService.empty(); });
+        g_host->cv.wait_for(
+            lock, std::chrono::milliseconds(timeoutMs),
+            [&] { return !(channel = Find(handle)) || channel->broken || !channel->toService.empty(); });
         if (!channel || channel->broken)
         {
             ::SetLastError(ERROR_BROKEN_PIPE);
@@ -281,7 +283,8 @@ protected:
     }
 
     FakeHost m_host;
-    std::shared_ptr<testsupport::CapturingLogger> m_logger = std::make_shared<testsupport::CapturingLogger>(4);
+    std::shared_ptr<testsupport::CapturingLogger> m_logger =
+        std::make_shared<testsupport::CapturingLogger>(4);
 };
 
 struct Reported
@@ -373,11 +376,13 @@ TEST_F(RdpTransportTest, AutoFallsBackToRdpAndCarriesUrlsAcrossABreak)
     testsupport::EventRecorder events;
     ::DeleteFileW(SkApi::LibraryPath().c_str());
     SetSessions({{2, WTSActive, L"RDP-Tcp#1", 1111}});
-    auto server = std::make_shared<CVirtServer>(m_logger, std::make_shared<CLibraryTransport>(false),
-                                                std::make_shared<CRdpTransport>(kSessionCalls, kChannelCalls));
+    auto server =
+        std::make_shared<CVirtServer>(m_logger, std::make_shared<CLibraryTransport>(false),
+                                      std::make_shared<CRdpTransport>(kSessionCalls, kChannelCalls));
     ASSERT_TRUE(server->Init());
     EXPECT_NE(std::wstring::npos, server->DescribeTransport().find(L"RDP"));
-    EXPECT_TRUE(events.Of(events::kChannelLibraryUnavailable).empty()) << "nothing to do for the administrator";
+    EXPECT_TRUE(events.Of(events::kChannelLibraryUnavailable).empty())
+        << "nothing to do for the administrator";
     ASSERT_TRUE(Eventually([&] { return server->FindSession(2) != nullptr; }));
 
     // No add-in yet: said once, although it is retried every 3 seconds.

@@ -13,7 +13,6 @@ namespace
 
 constexpr wchar_t kSessions[] = L"CRdpTransport::SessionThread";
 
-
 // Sessions that may have, or get again, an RDP connection; session 0 holds the services.
 bool IsUserSession(const WTS_SESSION_INFOW& session) noexcept
 {
@@ -36,8 +35,8 @@ bool IsUserSession(const WTS_SESSION_INFOW& session) noexcept
 
 const WtsSessionCalls& SystemWtsSessionCalls() noexcept
 {
-    static const WtsSessionCalls calls{&::WTSEnumerateSessionsW, &::WTSFreeMemory, &::WTSQuerySessionInformationW,
-                                       &::WTSWaitSystemEvent};
+    static const WtsSessionCalls calls{&::WTSEnumerateSessionsW, &::WTSFreeMemory,
+                                       &::WTSQuerySessionInformationW, &::WTSWaitSystemEvent};
     return calls;
 }
 
@@ -206,7 +205,8 @@ void CRdpTransport::Refresh()
         known.notification.dwSessionType = static_cast<uint32_t>(session.State);
         known.notification.guidSession = SessionGuid(session.SessionId, known.logonTime);
         if (session.pWinStationName)
-            wcsncpy(known.notification.szName, session.pWinStationName, std::size(known.notification.szName) - 1);
+            wcsncpy(known.notification.szName, session.pWinStationName,
+                    std::size(known.notification.szName) - 1);
         now[session.SessionId] = known;
     }
     if (sessions)
@@ -228,15 +228,18 @@ void CRdpTransport::Refresh()
     m_known = std::move(now);
 }
 
-HANDLE CRdpTransport::Connect(const Log& log, const wchar_t* origin, const wchar_t* guidText, uint32_t sessionId)
+HANDLE CRdpTransport::Connect(const Log& log, const wchar_t* origin, const wchar_t* guidText,
+                              uint32_t sessionId)
 {
     {
         daxlib::shared_lock lock(m_srwConnections);
-        const bool live = std::any_of(m_connections.begin(), m_connections.end(),
-                                      [&](const auto& entry) { return entry.second->sessionId == sessionId; });
+        const bool live =
+            std::any_of(m_connections.begin(), m_connections.end(),
+                        [&](const auto& entry) { return entry.second->sessionId == sessionId; });
         if (live)
         {
-            log.Log(LogLevel::Error, origin, L"Session %u (%s) still has a channel open", sessionId, guidText);
+            log.Log(LogLevel::Error, origin, L"Session %u (%s) still has a channel open", sessionId,
+                    guidText);
             ::SetLastError(ERROR_BUSY);
             return nullptr;
         }
@@ -265,7 +268,8 @@ HANDLE CRdpTransport::Connect(const Log& log, const wchar_t* origin, const wchar
         // and again only when the reason changes.
         if (error != lastError)
             log.Log(LogLevel::Info, origin,
-                    L"WTSVirtualChannelOpenEx(%u, \"velomar\") failed. LastError=%u (said again only when it changes)",
+                    L"WTSVirtualChannelOpenEx(%u, \"velomar\") failed. LastError=%u (said again only when it "
+                    L"changes)",
                     sessionId, error);
         lastError = error;
         ::SetLastError(error);

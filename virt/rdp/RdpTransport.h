@@ -46,7 +46,8 @@ public:
     bool StartNotification() override;
     void CleanUp() override;
 
-    HANDLE Connect(const Log& log, const wchar_t* origin, const wchar_t* guidText, uint32_t sessionId) override;
+    HANDLE Connect(const Log& log, const wchar_t* origin, const wchar_t* guidText,
+                   uint32_t sessionId) override;
     bool WatchConnection(HANDLE connection, SkApi::ConnectionCallback callback, void* context) override;
     BOOL Read(HANDLE connection, void* buffer, DWORD* count, DWORD timeoutMs) override;
     BOOL Write(HANDLE connection, const void* bytes, DWORD* count, DWORD timeoutMs) override;
