@@ -13,8 +13,8 @@ import xml.etree.ElementTree as ET
 from pathlib import Path
 
 NS = {"p": "http://schemas.microsoft.com/GroupPolicy/2006/07/PolicyDefinitions"}
-ELEMENT_TYPES = {"decimal": "REG_DWORD", "multiText": "REG_MULTI_SZ", "text": "REG_SZ"}
-CONTROLS = {"decimal": "decimalTextBox", "multiText": "multiTextBox", "text": "textBox"}
+ELEMENT_TYPES = {"decimal": "REG_DWORD", "multiText": "REG_MULTI_SZ", "text": "REG_SZ", "enum": "REG_SZ"}
+CONTROLS = {"decimal": "decimalTextBox", "multiText": "multiTextBox", "text": "textBox", "enum": "dropdownList"}
 
 
 def cpp_string(text):
@@ -37,6 +37,9 @@ def read_code(root):
     policy_key = product.replace("Software\\", "Software\\Policies\\", 1)
     expected = {(policy_key, n): "REG_DWORD" for n in log_names}
     expected.update({(url_key, n): types.get(n) for n in url_names})
+    # The channel transport: a text under the policy key.
+    transport = cpp_string(re.search(r'kChannelTransportValue\[\] = L"(\w+)"', config).group(1))
+    expected[(policy_key, transport)] = "REG_SZ"
     # The reference agent's values, under the same policy key.
     agent = (root / "tools/agent/BrowserFallback.h").read_text()
     agent_key = cpp_string(re.search(r'kAgentPolicyKey\[\] = L"([^"]*)"', agent).group(1))
@@ -75,6 +78,11 @@ def main():
             written[(key, policy.get("valueName"))] = "REG_DWORD" if policy.find("p:enabledValue/p:decimal", NS) is not None else None
         for element in elements.values():
             kind = element.tag.split("}")[1]
+            if kind == "enum":
+                # Every item must be a word the service understands.
+                words = {v.text for v in element.iterfind("p:item/p:value/p:string", NS)}
+                if words != {"library", "rdp", "auto"}:
+                    errors.append(f"{name}: enum items {sorted(words)} are not library, rdp, auto")
             written[(element.get("key") or key, element.get("valueName"))] = ELEMENT_TYPES.get(kind)
         ref = re.fullmatch(r"\$\(presentation\.(\w+)\)", policy.get("presentation") or "")
         if elements and not ref:
