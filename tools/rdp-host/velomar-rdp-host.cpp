@@ -3,8 +3,13 @@
 // through the virtual-channel stream, then sends each line of its standard input as a URL. It
 // reads and reports whatever the client side sends, and says on standard output, one line at a
 // time, what happened, for tests to wait on.
+//
+// With --forward it plays the Remote Desktop host of the service under Wine instead: it accepts
+// clients one after another, as session 1, and answers the WTS calls of the test-only
+// wtsapi32.dll (tools/wts-forward) with the channel of the client connected at the time.
 #include "virt/Handshake.h"
 #include "virt/UrlProtocol.h"
+#include "tools/rdp-host/WtsForwardServer.h"
 #include "virt/rdp/VirtualChannelStream.h"
 
 #include <freerdp/channels/channels.h>
@@ -41,6 +46,7 @@ struct Options
     unsigned lifetimeSeconds = 60;
     DWORD handshakeTimeoutMs = 10000;
     bool overrideVersion = false;
+    bool forward = false;
     uint32_t announcedVersion = UrlNet::LocalVersion;
 };
 
@@ -287,13 +293,33 @@ struct HostContext
     rdpContext base; // first: FreeRDP allocates ContextSize bytes and hands out rdpContext*
     HANDLE manager;
     Session* session;
+    CWtsForwardServer* forward;
 };
+
+// The client's channel for the forwarded calls, opened as soon as the client has said which
+// channels it joins; null when it joined none of that name.
+HANDLE OpenForwardedChannel(HANDLE manager, const std::string& name)
+{
+    const BOOL joined = WTSVirtualChannelManagerIsChannelJoined(manager, name.c_str());
+    Say("client joined %s: %s", name.c_str(), joined ? "yes" : "no");
+    DWORD sessionId = 0;
+    LPSTR info = nullptr;
+    DWORD size = 0;
+    if (WTSQuerySessionInformationA(manager, WTS_CURRENT_SESSION, WTSSessionId, &info, &size) && info)
+    {
+        std::memcpy(&sessionId, info, sizeof sessionId);
+        WTSFreeMemory(info);
+    }
+    std::string writable = name;
+    return joined ? WTSVirtualChannelOpenEx(sessionId, writable.data(), 0) : nullptr;
+}
 
 BOOL ContextNew(freerdp_peer* peer, rdpContext* context)
 {
     auto* host = reinterpret_cast<HostContext*>(context);
     host->manager = WTSOpenServerA(reinterpret_cast<LPSTR>(peer->context));
     host->session = nullptr;
+    host->forward = nullptr;
     return host->manager != INVALID_HANDLE_VALUE && host->manager != nullptr;
 }
 
@@ -307,14 +333,20 @@ void ContextFree(freerdp_peer*, rdpContext* context)
 BOOL PostConnect(freerdp_peer* peer)
 {
     Say("client connected");
-    reinterpret_cast<HostContext*>(peer->context)->session->OpenChannel();
+    auto* host = reinterpret_cast<HostContext*>(peer->context);
+    if (host->forward)
+        host->forward->ClientConnected(OpenForwardedChannel(host->manager, "velomar"));
+    else
+        host->session->OpenChannel();
     return TRUE;
 }
 
 BOOL Activate(freerdp_peer* peer)
 {
     Say("client activated");
-    reinterpret_cast<HostContext*>(peer->context)->session->StartProtocol();
+    auto* host = reinterpret_cast<HostContext*>(peer->context);
+    if (host->session)
+        host->session->StartProtocol();
     return TRUE;
 }
 
@@ -367,6 +399,10 @@ public:
     }
     HANDLE Manager() const { return reinterpret_cast<HostContext*>(m_peer->context)->manager; }
     void Attach(Session* session) { reinterpret_cast<HostContext*>(m_peer->context)->session = session; }
+    void Attach(CWtsForwardServer* forward)
+    {
+        reinterpret_cast<HostContext*>(m_peer->context)->forward = forward;
+    }
 
     // Drives the connection until the client goes (true) or `quit` is set (false).
     bool Run(HANDLE quit)
@@ -394,6 +430,66 @@ private:
     bool m_bContext = false;
 };
 
+// Waits for the next client; false when `quit` is set or the listener fails.
+bool AcceptNext(freerdp_listener* listener, HANDLE quit)
+{
+    while (!g_accepted.load())
+    {
+        HANDLE handles[33];
+        DWORD count = listener->GetEventHandles(listener, handles, 32);
+        if (count == 0)
+            return false;
+        handles[count++] = quit;
+        if (WaitForMultipleObjects(count, handles, FALSE, 1000) == WAIT_FAILED ||
+            WaitForSingleObject(quit, 0) == WAIT_OBJECT_0 || !listener->CheckFileDescriptor(listener))
+            return false;
+    }
+    return true;
+}
+
+// The forwarding host: clients one after another until standard input ends or says "quit".
+int ServeForwarded(const Options& options, freerdp_listener* listener)
+{
+    CWtsForwardServer forward(options.channel);
+    uint16_t port = 0;
+    if (!forward.Start(port))
+    {
+        Say("cannot listen for forwarded calls");
+        return 1;
+    }
+    Say("forwarding 127.0.0.1:%u", port);
+    // Shared with the input thread, which may wait on standard input until the process ends.
+    const auto quit = std::make_shared<Event>();
+    std::thread(
+        [quit]
+        {
+            std::string line;
+            char ch;
+            while (read(STDIN_FILENO, &ch, 1) == 1 && !(ch == '\n' && line == "quit"))
+                line = ch == '\n' ? std::string() : line + ch;
+            quit->Set();
+        })
+        .detach();
+    while (AcceptNext(listener, quit->get()))
+    {
+        Peer peer(g_accepted.exchange(nullptr));
+        if (!peer.Initialize(options))
+        {
+            Say("peer setup failed");
+            continue;
+        }
+        peer.Attach(&forward);
+        const bool gone = peer.Run(quit->get());
+        forward.ClientGone();
+        Say(gone ? "client disconnected" : "quit");
+        if (!gone)
+            break;
+    }
+    forward.Stop();
+    Say("done");
+    return 0;
+}
+
 bool ParseOptions(int argc, char** argv, Options& options)
 {
     for (int i = 1; i < argc; ++i)
@@ -406,6 +502,8 @@ bool ParseOptions(int argc, char** argv, Options& options)
             options.channel = argv[++i];
         else if (arg == "--lifetime" && hasValue)
             options.lifetimeSeconds = static_cast<unsigned>(std::strtoul(argv[++i], nullptr, 10));
+        else if (arg == "--forward")
+            options.forward = true;
         else if (arg == "--announce-version" && hasValue)
         {
             options.overrideVersion = true;
@@ -441,7 +539,7 @@ int main(int argc, char** argv)
     {
         std::fprintf(stderr,
                      "usage: velomar-rdp-host --cert-dir DIR [--channel NAME] [--lifetime SECONDS] "
-                     "[--announce-version 0xVERSION]\n"
+                     "[--announce-version 0xVERSION] [--forward]\n"
                      "DIR holds server.crt and server.key (winpr-makecert -rdp -path DIR -n server);\n"
                      "each line of standard input is sent as a URL once the handshake is done.\n");
         return 2;
@@ -470,6 +568,8 @@ int main(int argc, char** argv)
         return 1;
     }
     Say("listening 127.0.0.1:%u", port);
+    if (options.forward)
+        return ServeForwarded(options, listener.get());
 
     while (!g_accepted.load())
     {

@@ -316,7 +316,7 @@ void CRdpTransport::ReportBroken(const std::shared_ptr<Connection>& connection)
         callback(connection->handle, SkApi::kEventBrokenConnection, connection->context.load());
 }
 
-BOOL CRdpTransport::Read(HANDLE handle, void* buffer, DWORD* count, DWORD timeoutMs)
+template <typename Call> BOOL CRdpTransport::Use(HANDLE handle, Call call)
 {
     const auto connection = Find(handle);
     if (!connection)
@@ -325,11 +325,14 @@ BOOL CRdpTransport::Read(HANDLE handle, void* buffer, DWORD* count, DWORD timeou
         return FALSE;
     }
     BOOL ok = FALSE;
-    DWORD error = ERROR_SUCCESS;
+    DWORD error = ERROR_NOT_CONNECTED;
     {
         daxlib::shared_lock use(connection->inUse);
-        ok = connection->stream ? connection->stream->Read(buffer, count, timeoutMs) : FALSE;
-        error = connection->stream ? ::GetLastError() : ERROR_NOT_CONNECTED;
+        if (connection->stream)
+        {
+            ok = call(*connection->stream);
+            error = ::GetLastError();
+        }
     }
     if (!ok && error == ERROR_NOT_CONNECTED)
         ReportBroken(connection);
@@ -337,25 +340,14 @@ BOOL CRdpTransport::Read(HANDLE handle, void* buffer, DWORD* count, DWORD timeou
     return ok;
 }
 
+BOOL CRdpTransport::Read(HANDLE handle, void* buffer, DWORD* count, DWORD timeoutMs)
+{
+    return Use(handle, [&](CVirtualChannelStream& stream) { return stream.Read(buffer, count, timeoutMs); });
+}
+
 BOOL CRdpTransport::Write(HANDLE handle, const void* bytes, DWORD* count, DWORD)
 {
-    const auto connection = Find(handle);
-    if (!connection)
-    {
-        ::SetLastError(ERROR_NOT_CONNECTED);
-        return FALSE;
-    }
-    BOOL ok = FALSE;
-    DWORD error = ERROR_SUCCESS;
-    {
-        daxlib::shared_lock use(connection->inUse);
-        ok = connection->stream ? connection->stream->Write(bytes, count) : FALSE;
-        error = connection->stream ? ::GetLastError() : ERROR_NOT_CONNECTED;
-    }
-    if (!ok && error == ERROR_NOT_CONNECTED)
-        ReportBroken(connection);
-    ::SetLastError(error);
-    return ok;
+    return Use(handle, [&](CVirtualChannelStream& stream) { return stream.Write(bytes, count); });
 }
 
 void CRdpTransport::Close(HANDLE handle)

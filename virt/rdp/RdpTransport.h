@@ -71,6 +71,8 @@ private:
     void Refresh();
     uint64_t LogonTimeOf(uint32_t sessionId);
     std::shared_ptr<Connection> Find(HANDLE connection) const;
+    // Runs a read or write on the connection's stream, which Close cannot take away meanwhile.
+    template <typename Call> BOOL Use(HANDLE connection, Call call);
     // Tells the connection's watcher it broke, once, unless it was closed on purpose.
     void ReportBroken(const std::shared_ptr<Connection>& connection);
 
