@@ -77,7 +77,8 @@ bool WaitUntil(const std::function<bool()>& condition, Millis limit)
 // messages).
 std::string ServiceLog(size_t tail = 6000)
 {
-    std::ifstream in(kPrefix + "/drive_c/ProgramData/Corvane/Velomar (Server)/velomard.txt", std::ios::binary);
+    std::ifstream in(kPrefix + "/drive_c/ProgramData/Corvane/Velomar (Server)/velomard.txt",
+                     std::ios::binary);
     std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     std::string text;
     for (size_t i = 0; i + 1 < bytes.size(); i += 2)
@@ -117,13 +118,13 @@ protected:
         const Args settings[] = {
             {"reg", "add", product, "/v", "ChannelTransport", "/t", "REG_SZ", "/d", "rdp", "/f"},
             {"reg", "add", product, "/v", "LogLevel", "/t", "REG_DWORD", "/d", "3", "/f"},
-            {"reg", "add", "HKLM\\Software\\Corvane\\Velomar Test\\WtsForward", "/v", "Address", "/t", "REG_SZ",
-             "/d", forwarding.substr(forwarding.find("127.")), "/f"},
+            {"reg", "add", "HKLM\\Software\\Corvane\\Velomar Test\\WtsForward", "/v", "Address", "/t",
+             "REG_SZ", "/d", forwarding.substr(forwarding.find("127.")), "/f"},
             // The forwarding library for the service alone; every other program keeps Wine's.
-            {"reg", "add", "HKCU\\Software\\Wine\\AppDefaults\\velomard.exe\\DllOverrides", "/v", "wtsapi32", "/t",
-             "REG_SZ", "/d", "native,builtin", "/f"},
-            {"sc", "create", "velomard", "binpath=", std::string(kInstallDir) + "velomard.exe", "type=", "own",
-             "start=", "demand"},
+            {"reg", "add", "HKCU\\Software\\Wine\\AppDefaults\\velomard.exe\\DllOverrides", "/v", "wtsapi32",
+             "/t", "REG_SZ", "/d", "native,builtin", "/f"},
+            {"sc", "create", "velomard", "binpath=", std::string(kInstallDir) + "velomard.exe",
+             "type=", "own", "start=", "demand"},
         };
         for (const auto& setting : settings)
             Wine(setting);
@@ -177,7 +178,8 @@ TEST_F(RdpService, ARefusedSchemeNeverReachesTheClient)
 {
     const size_t before = ReadRecords(s_record).size();
     EXPECT_EQ(4, Open("file:///etc/passwd"));
-    EXPECT_EQ(std::vector<Args>{{"https://example.com/after-refusal"}}, Deliver("https://example.com/after-refusal"));
+    EXPECT_EQ(std::vector<Args>{{"https://example.com/after-refusal"}},
+              Deliver("https://example.com/after-refusal"));
     EXPECT_EQ(before + 1, ReadRecords(s_record).size());
 }
 

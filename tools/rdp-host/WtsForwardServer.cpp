@@ -235,7 +235,8 @@ void CWtsForwardServer::Serve(int socket)
             }
             const uint64_t changes = m_changes, flushes = m_flushes;
             m_changed.wait(lock, [&] { return m_changes != changes || m_flushes != flushes; });
-            value = m_flushes != flushes ? WTS_EVENT_FLUSH : (m_connected ? WTS_EVENT_CONNECT : WTS_EVENT_DISCONNECT);
+            value = m_flushes != flushes ? WTS_EVENT_FLUSH
+                                         : (m_connected ? WTS_EVENT_CONNECT : WTS_EVENT_DISCONNECT);
             break;
         }
         case Op::OpenEx:

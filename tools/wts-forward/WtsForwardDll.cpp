@@ -111,7 +111,8 @@ BOOL Call(Op op, uint32_t a, uint32_t b, uint32_t c, const void* payload, uint32
         if (t_connection.s != INVALID_SOCKET && SendAll(t_connection.s, &request, sizeof request) &&
             SendAll(t_connection.s, payload, length) && ReceiveAll(t_connection.s, &answer, sizeof answer) &&
             answer.payloadLength <= kMaxPayload &&
-            (received.resize(answer.payloadLength), ReceiveAll(t_connection.s, received.data(), received.size())))
+            (received.resize(answer.payloadLength),
+             ReceiveAll(t_connection.s, received.data(), received.size())))
         {
             if (value)
                 *value = answer.value;
@@ -135,127 +136,131 @@ uint32_t U32(const uint8_t* at)
 
 } // namespace
 
-extern "C" {
-
-BOOL WINAPI WTSEnumerateSessionsW(HANDLE, DWORD, DWORD, PWTS_SESSION_INFOW* sessions, DWORD* count)
+extern "C"
 {
-    std::vector<uint8_t> list;
-    if (!sessions || !count || !Call(Op::Enumerate, 0, 0, 0, nullptr, 0, nullptr, &list))
-        return FALSE;
-    // First pass: how many and how long; then one block holding the records and their names.
-    std::vector<WTS_SESSION_INFOW> infos;
-    std::vector<std::wstring> names;
-    for (size_t at = 0; at + 12 <= list.size();)
+
+    BOOL WINAPI WTSEnumerateSessionsW(HANDLE, DWORD, DWORD, PWTS_SESSION_INFOW* sessions, DWORD* count)
     {
-        const uint32_t length = U32(&list[at + 8]);
-        if (list.size() - at - 12 < size_t{length} * 2)
-            break;
-        infos.push_back({U32(&list[at]), nullptr, static_cast<WTS_CONNECTSTATE_CLASS>(U32(&list[at + 4]))});
-        names.emplace_back(reinterpret_cast<const wchar_t*>(&list[at + 12]), length);
-        at += 12 + size_t{length} * 2;
+        std::vector<uint8_t> list;
+        if (!sessions || !count || !Call(Op::Enumerate, 0, 0, 0, nullptr, 0, nullptr, &list))
+            return FALSE;
+        // First pass: how many and how long; then one block holding the records and their names.
+        std::vector<WTS_SESSION_INFOW> infos;
+        std::vector<std::wstring> names;
+        for (size_t at = 0; at + 12 <= list.size();)
+        {
+            const uint32_t length = U32(&list[at + 8]);
+            if (list.size() - at - 12 < size_t{length} * 2)
+                break;
+            infos.push_back(
+                {U32(&list[at]), nullptr, static_cast<WTS_CONNECTSTATE_CLASS>(U32(&list[at + 4]))});
+            names.emplace_back(reinterpret_cast<const wchar_t*>(&list[at + 12]), length);
+            at += 12 + size_t{length} * 2;
+        }
+        size_t bytes = infos.size() * sizeof(WTS_SESSION_INFOW);
+        for (const auto& name : names)
+            bytes += (name.size() + 1) * sizeof(wchar_t);
+        auto* block = static_cast<uint8_t*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, bytes + 1));
+        if (!block)
+        {
+            ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+            return FALSE;
+        }
+        auto* records = reinterpret_cast<WTS_SESSION_INFOW*>(block);
+        auto* text = reinterpret_cast<wchar_t*>(block + infos.size() * sizeof(WTS_SESSION_INFOW));
+        for (size_t i = 0; i < infos.size(); ++i)
+        {
+            records[i] = infos[i];
+            records[i].pWinStationName = text;
+            std::memcpy(text, names[i].c_str(), (names[i].size() + 1) * sizeof(wchar_t));
+            text += names[i].size() + 1;
+        }
+        *sessions = records;
+        *count = static_cast<DWORD>(infos.size());
+        return TRUE;
     }
-    size_t bytes = infos.size() * sizeof(WTS_SESSION_INFOW);
-    for (const auto& name : names)
-        bytes += (name.size() + 1) * sizeof(wchar_t);
-    auto* block = static_cast<uint8_t*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, bytes + 1));
-    if (!block)
+
+    void WINAPI WTSFreeMemory(PVOID memory)
     {
-        ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-        return FALSE;
+        if (memory)
+            ::HeapFree(::GetProcessHeap(), 0, memory);
     }
-    auto* records = reinterpret_cast<WTS_SESSION_INFOW*>(block);
-    auto* text = reinterpret_cast<wchar_t*>(block + infos.size() * sizeof(WTS_SESSION_INFOW));
-    for (size_t i = 0; i < infos.size(); ++i)
+
+    BOOL WINAPI WTSQuerySessionInformationW(HANDLE, DWORD session, WTS_INFO_CLASS what, LPWSTR* buffer,
+                                            DWORD* size)
     {
-        records[i] = infos[i];
-        records[i].pWinStationName = text;
-        std::memcpy(text, names[i].c_str(), (names[i].size() + 1) * sizeof(wchar_t));
-        text += names[i].size() + 1;
+        std::vector<uint8_t> logon;
+        if (what != WTSSessionInfo || !buffer || !size)
+        {
+            ::SetLastError(ERROR_NOT_SUPPORTED);
+            return FALSE;
+        }
+        if (!Call(Op::QueryLogon, session, 0, 0, nullptr, 0, nullptr, &logon) || logon.size() != 8)
+            return FALSE;
+        auto* info =
+            static_cast<WTSINFOW*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(WTSINFOW)));
+        if (!info)
+            return FALSE;
+        info->SessionId = session;
+        std::memcpy(&info->LogonTime.QuadPart, logon.data(), 8);
+        *buffer = reinterpret_cast<LPWSTR>(info);
+        *size = sizeof(WTSINFOW);
+        return TRUE;
     }
-    *sessions = records;
-    *count = static_cast<DWORD>(infos.size());
-    return TRUE;
-}
 
-void WINAPI WTSFreeMemory(PVOID memory)
-{
-    if (memory)
-        ::HeapFree(::GetProcessHeap(), 0, memory);
-}
-
-BOOL WINAPI WTSQuerySessionInformationW(HANDLE, DWORD session, WTS_INFO_CLASS what, LPWSTR* buffer, DWORD* size)
-{
-    std::vector<uint8_t> logon;
-    if (what != WTSSessionInfo || !buffer || !size)
+    BOOL WINAPI WTSWaitSystemEvent(HANDLE, DWORD mask, DWORD* flags)
     {
-        ::SetLastError(ERROR_NOT_SUPPORTED);
-        return FALSE;
+        uint32_t value = 0;
+        const BOOL ok = Call(Op::WaitEvent, mask, 0, 0, nullptr, 0, &value, nullptr);
+        if (ok && flags)
+            *flags = value;
+        return ok;
     }
-    if (!Call(Op::QueryLogon, session, 0, 0, nullptr, 0, nullptr, &logon) || logon.size() != 8)
-        return FALSE;
-    auto* info = static_cast<WTSINFOW*>(::HeapAlloc(::GetProcessHeap(), HEAP_ZERO_MEMORY, sizeof(WTSINFOW)));
-    if (!info)
-        return FALSE;
-    info->SessionId = session;
-    std::memcpy(&info->LogonTime.QuadPart, logon.data(), 8);
-    *buffer = reinterpret_cast<LPWSTR>(info);
-    *size = sizeof(WTSINFOW);
-    return TRUE;
-}
 
-BOOL WINAPI WTSWaitSystemEvent(HANDLE, DWORD mask, DWORD* flags)
-{
-    uint32_t value = 0;
-    const BOOL ok = Call(Op::WaitEvent, mask, 0, 0, nullptr, 0, &value, nullptr);
-    if (ok && flags)
-        *flags = value;
-    return ok;
-}
+    HANDLE WINAPI WTSVirtualChannelOpenEx(DWORD session, LPSTR name, DWORD flags)
+    {
+        uint32_t handle = 0;
+        const uint32_t length = name ? static_cast<uint32_t>(strlen(name)) : 0;
+        if (!Call(Op::OpenEx, session, flags, 0, name, length, &handle, nullptr))
+            return nullptr;
+        return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(handle));
+    }
 
-HANDLE WINAPI WTSVirtualChannelOpenEx(DWORD session, LPSTR name, DWORD flags)
-{
-    uint32_t handle = 0;
-    const uint32_t length = name ? static_cast<uint32_t>(strlen(name)) : 0;
-    if (!Call(Op::OpenEx, session, flags, 0, name, length, &handle, nullptr))
-        return nullptr;
-    return reinterpret_cast<HANDLE>(static_cast<uintptr_t>(handle));
-}
+    HANDLE WINAPI WTSVirtualChannelOpen(HANDLE, DWORD session, LPSTR name)
+    {
+        return WTSVirtualChannelOpenEx(session, name, 0);
+    }
 
-HANDLE WINAPI WTSVirtualChannelOpen(HANDLE, DWORD session, LPSTR name)
-{
-    return WTSVirtualChannelOpenEx(session, name, 0);
-}
+    BOOL WINAPI WTSVirtualChannelRead(HANDLE channel, ULONG timeoutMs, PCHAR buffer, ULONG size, PULONG got)
+    {
+        std::vector<uint8_t> bytes;
+        if (got)
+            *got = 0;
+        const auto handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(channel));
+        if (!Call(Op::Read, handle, timeoutMs, size, nullptr, 0, nullptr, &bytes))
+            return FALSE;
+        const size_t taken = bytes.size() < size ? bytes.size() : size;
+        if (taken > 0)
+            std::memcpy(buffer, bytes.data(), taken);
+        if (got)
+            *got = static_cast<ULONG>(taken);
+        return TRUE;
+    }
 
-BOOL WINAPI WTSVirtualChannelRead(HANDLE channel, ULONG timeoutMs, PCHAR buffer, ULONG size, PULONG got)
-{
-    std::vector<uint8_t> bytes;
-    if (got)
-        *got = 0;
-    const auto handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(channel));
-    if (!Call(Op::Read, handle, timeoutMs, size, nullptr, 0, nullptr, &bytes))
-        return FALSE;
-    const size_t taken = bytes.size() < size ? bytes.size() : size;
-    if (taken > 0)
-        std::memcpy(buffer, bytes.data(), taken);
-    if (got)
-        *got = static_cast<ULONG>(taken);
-    return TRUE;
-}
+    BOOL WINAPI WTSVirtualChannelWrite(HANDLE channel, PCHAR bytes, ULONG size, PULONG written)
+    {
+        uint32_t value = 0;
+        const auto handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(channel));
+        const BOOL ok = Call(Op::Write, handle, 0, 0, bytes, size, &value, nullptr);
+        if (written)
+            *written = ok ? value : 0;
+        return ok;
+    }
 
-BOOL WINAPI WTSVirtualChannelWrite(HANDLE channel, PCHAR bytes, ULONG size, PULONG written)
-{
-    uint32_t value = 0;
-    const auto handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(channel));
-    const BOOL ok = Call(Op::Write, handle, 0, 0, bytes, size, &value, nullptr);
-    if (written)
-        *written = ok ? value : 0;
-    return ok;
-}
-
-BOOL WINAPI WTSVirtualChannelClose(HANDLE channel)
-{
-    const auto handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(channel));
-    return Call(Op::Close, handle, 0, 0, nullptr, 0, nullptr, nullptr);
-}
+    BOOL WINAPI WTSVirtualChannelClose(HANDLE channel)
+    {
+        const auto handle = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(channel));
+        return Call(Op::Close, handle, 0, 0, nullptr, 0, nullptr, nullptr);
+    }
 
 } // extern "C"
