@@ -4,9 +4,12 @@
 # "velomard", hand it a URL with the installed reference agent, show what the client side of
 # session 1 received and the service's log, stop it, show that it reported stopped and that its
 # process ended, and remove the package again.
+#
+# scripts/demo.sh --rdp shows the same over plain Remote Desktop instead (scripts/demo-rdp.sh).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
+if [ "${1:-}" = --rdp ]; then exec scripts/demo-rdp.sh; fi
 scripts/setup.sh
 
 cmake --preset mingw >/dev/null
