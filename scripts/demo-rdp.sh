@@ -16,66 +16,28 @@ cmake --build --preset mingw --target velomard velomar-open velomar-status velom
 cmake --preset native >/dev/null
 cmake --build --preset native --target velomar-rdp-host velomar-client
 msi=$(sed -n 's/^VELOMAR_MSI:INTERNAL=//p' build/mingw/CMakeCache.txt)
-addins=$(sed -n 's/^VELOMAR_ADDIN_BUILD_DIR:INTERNAL=//p' build/native/CMakeCache.txt)
 
-prefix="$root/build/mingw/demo-rdp-wineprefix"
-work=$(mktemp -d /tmp/velomar-demo-rdp-XXXXXX)
-export WINEPREFIX="$prefix" WINEDEBUG=-all
-pids=()
-cleanup() {
-  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
-  "$root/cmake/wine-prefix.sh" stop "$prefix" >/dev/null
-  rm -rf "$work"
-}
-trap cleanup EXIT
-"$root/cmake/wine-prefix.sh" fresh "$prefix"
+export WINEPREFIX="$root/build/mingw/demo-rdp-wineprefix" WINEDEBUG=-all
+prefix=$WINEPREFIX
+# shellcheck source=lib/rdp-wine.sh
+. scripts/lib/rdp-wine.sh
+trap rdp_stop EXIT
 sc() { wine sc "$@" 2>/dev/null | tr -d '\r'; }
 state() { sc query velomard | awk '/STATE/ {print $4; exit}'; }
 
-echo "== the test RDP host and a FreeRDP client"
-winpr-makecert -rdp -path "$work/cert" -n server >/dev/null 2>&1
-exec 3<>"$work/xvfb.fd"
-Xvfb -displayfd 3 -nolisten tcp -screen 0 800x600x24 >/dev/null 2>&1 &
-pids+=($!)
-for _ in $(seq 1 100); do [ -s "$work/xvfb.fd" ] && break; sleep 0.1; done
-display=":$(head -n 1 "$work/xvfb.fd")"
-mkfifo "$work/host.in"
-WLOG_LEVEL=WARN build/native/tools/rdp-host/velomar-rdp-host --cert-dir "$work/cert" --forward --lifetime 300 \
-  <"$work/host.in" >"$work/host.log" 2>&1 &
-pids+=($!)
-exec 4>"$work/host.in" # the host runs until this closes
-for _ in $(seq 1 100); do grep -q '^forwarding' "$work/host.log" 2>/dev/null && break; sleep 0.1; done
-rdp=$(sed -n 's/^listening //p' "$work/host.log")
-forward=$(sed -n 's/^forwarding //p' "$work/host.log")
-echo "RDP on $rdp, WTS calls forwarded on $forward"
-
 # The client side's opener: writes down each URL it is given, one line each.
-received="$work/received.txt"
-cat >"$work/opener.sh" <<OPENER
+received="$rdp_work/received.txt"
+cat >"$rdp_work/opener.sh" <<OPENER
 #!/bin/sh
 printf '%s\n' "\$1" >>"$received"
 OPENER
-chmod +x "$work/opener.sh"
-mkdir -p "$work/home"
-HOME="$work/home" DISPLAY="$display" unshare -rm sh -c 'mount --bind "$1" "$2" && shift 2 && exec "$@"' sh \
-  "$addins" "/usr/lib/$(gcc -print-multiarch)/freerdp2" \
-  xfreerdp "/v:$rdp" /cert:ignore /u:velomar /p:velomar -sec-nla /size:640x480 \
-  "/vc:velomar,opener:$work/opener.sh" >"$work/client.log" 2>&1 &
-pids+=($!)
-for _ in $(seq 1 150); do grep -q 'client connected' "$work/host.log" && break; sleep 0.1; done
-grep -E 'client (connected|joined)' "$work/host.log"
+chmod +x "$rdp_work/opener.sh"
+echo "== the test RDP host and a FreeRDP client"
+rdp_start "$rdp_work/opener.sh"
+echo "RDP on $rdp_address, WTS calls forwarded on $rdp_forward"
+grep -E 'client (connected|joined)' "$rdp_work/host.log"
 
 echo "== installing $(basename "$msi") with ChannelTransport=rdp"
-product='HKLM\Software\Corvane\Velomar (Server)'
-wine reg add "$product" /v ChannelTransport /t REG_SZ /d rdp /f >/dev/null 2>&1
-wine reg add "$product" /v LogLevel /t REG_DWORD /d 2 /f >/dev/null 2>&1
-wine reg add 'HKLM\Software\Corvane\Velomar Test\WtsForward' /v Address /t REG_SZ /d "$forward" /f >/dev/null 2>&1
-# The forwarding library is loaded by the service alone, from its own folder.
-wine reg add 'HKCU\Software\Wine\AppDefaults\velomard.exe\DllOverrides' /v wtsapi32 /t REG_SZ /d native,builtin /f \
-  >/dev/null 2>&1
-program="$prefix/drive_c/Program Files/Corvane/Velomar"
-mkdir -p "$program"
-cp build/mingw/tools/wts-forward/wtsapi32.dll "$program/"
 if ! wine msiexec /i "$(winepath -w "$msi")" /qn; then echo "the installation failed"; exit 1; fi
 for _ in $(seq 1 300); do [ "$(state)" = RUNNING ] && break; sleep 0.1; done
 sc query velomard | grep STATE
@@ -103,6 +65,5 @@ echo "== removing the package"
 if ! wine msiexec /x "$(winepath -w "$msi")" /qn; then echo "the removal failed"; exit 1; fi
 for _ in $(seq 1 100); do [ -z "$(state)" ] && break; sleep 0.1; done
 echo "service registered: $([ -n "$(state)" ] && echo yes || echo no)"
-rm -f "$program/wtsapi32.dll"
-exec 4>&-
+rm -f "$rdp_program/wtsapi32.dll"
 [ "$status" = 0 ] && grep -qxF "$url" "$received"
