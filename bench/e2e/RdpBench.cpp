@@ -25,8 +25,9 @@ int wmain(int argc, wchar_t** argv)
     for (int agents : {1, 8})
     {
         const Round round = RunAgents(agents, urls);
-        std::printf("%7d %10.0f %10.1fus %10.1fus%s\n", agents, round.urlsPerSecond, Percentile(round.answers, 0.5),
-                    Percentile(round.answers, 0.99), round.failures ? "  (some URLs answered 1)" : "");
+        std::printf("%7d %10.0f %10.1fus %10.1fus%s\n", agents, round.urlsPerSecond,
+                    Percentile(round.answers, 0.5), Percentile(round.answers, 0.99),
+                    round.failures ? "  (some URLs answered 1)" : "");
     }
     return 0;
 }

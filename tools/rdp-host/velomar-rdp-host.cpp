@@ -97,6 +97,20 @@ const char* ErrorName(DWORD error)
     }
 }
 
+// The session id WinPR gave the connected client, which its channels are opened by.
+DWORD PeerSessionId(HANDLE manager)
+{
+    DWORD sessionId = 0;
+    LPSTR info = nullptr;
+    DWORD size = 0;
+    if (WTSQuerySessionInformationA(manager, WTS_CURRENT_SESSION, WTSSessionId, &info, &size) && info)
+    {
+        std::memcpy(&sessionId, info, sizeof sessionId);
+        WTSFreeMemory(info);
+    }
+    return sessionId;
+}
+
 // A WinPR event, closed with its owner.
 class Event
 {
@@ -131,16 +145,8 @@ public:
     {
         const BOOL joined = WTSVirtualChannelManagerIsChannelJoined(m_hManager, m_options.channel.c_str());
         Say("client joined %s: %s", m_options.channel.c_str(), joined ? "yes" : "no");
-        DWORD sessionId = 0;
-        LPSTR info = nullptr;
-        DWORD size = 0;
-        if (WTSQuerySessionInformationA(m_hManager, WTS_CURRENT_SESSION, WTSSessionId, &info, &size) && info)
-        {
-            std::memcpy(&sessionId, info, sizeof sessionId);
-            WTSFreeMemory(info);
-        }
         m_stream =
-            CVirtualChannelStream::OpenEx(sessionId, m_options.channel.c_str(),
+            CVirtualChannelStream::OpenEx(PeerSessionId(m_hManager), m_options.channel.c_str(),
                                           [this](HANDLE channel, DWORD ms) { return Wait(channel, ms); });
         if (!m_stream)
         {
@@ -302,16 +308,8 @@ HANDLE OpenForwardedChannel(HANDLE manager, const std::string& name)
 {
     const BOOL joined = WTSVirtualChannelManagerIsChannelJoined(manager, name.c_str());
     Say("client joined %s: %s", name.c_str(), joined ? "yes" : "no");
-    DWORD sessionId = 0;
-    LPSTR info = nullptr;
-    DWORD size = 0;
-    if (WTSQuerySessionInformationA(manager, WTS_CURRENT_SESSION, WTSSessionId, &info, &size) && info)
-    {
-        std::memcpy(&sessionId, info, sizeof sessionId);
-        WTSFreeMemory(info);
-    }
     std::string writable = name;
-    return joined ? WTSVirtualChannelOpenEx(sessionId, writable.data(), 0) : nullptr;
+    return joined ? WTSVirtualChannelOpenEx(PeerSessionId(manager), writable.data(), 0) : nullptr;
 }
 
 BOOL ContextNew(freerdp_peer* peer, rdpContext* context)
