@@ -118,6 +118,8 @@ void CSessionHandler::StopThreads()
 {
     if (m_hevStop)
         ::SetEvent(m_hevStop.get());
+    // A handshake that began before the stop waits in a read that only a closed connection ends.
+    DropConnection();
     if (m_hReadThread)
         ::WaitForSingleObject(m_hReadThread.get(), INFINITE);
     if (m_hConnectionThread)

@@ -47,6 +47,9 @@ std::wstring CVirtServer::DescribeTransport() const
 
 CVirtServer::~CVirtServer()
 {
+    // No session callback may reach a server being destroyed; after Free there is none already.
+    if (m_bInitialized)
+        m_pTransport->CleanUp();
     // The handlers go first, while the listener they publish to still exists.
     std::map<uint32_t, std::shared_ptr<CSessionHandler>> released;
     {
@@ -197,11 +200,14 @@ void CVirtServer::OnSessionClosed(uint32_t type, const SkApi::SessionNotificatio
                 Log(LogLevel::Info, kOnSessionClosed, L"Session mismatch");
                 return;
             }
-            found->second->GetChannelStatus(record);
             closed = std::move(found->second);
             m_sessions.erase(found);
+            // Closed before its state is read: a handshake holds the state lock until its
+            // connection is closed.
+            closed->CloseConnection();
+            closed->GetChannelStatus(record);
         }
-        closed.reset(); // stops its threads while the lock is held
+        closed.reset(); // its threads have stopped while the lock is held
     }
     record.dwState = eCvUrlApiEvent_RdpNotConnected;
     Publish(record, sessionId);

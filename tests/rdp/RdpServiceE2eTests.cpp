@@ -110,8 +110,9 @@ protected:
         const std::string forwarding = s_host->WaitFor("forwarding 127.0.0.1:");
         const fs::path install = kPrefix + "/drive_c/velomar";
         fs::create_directories(install);
-        for (const char* built : {"service/velomard.exe", "tools/wts-forward/wtsapi32.dll",
-                                  "tools/agent/velomar-open-cli.exe", "tools/status/velomar-status.exe"})
+        for (const char* built :
+             {"service/velomard.exe", "tools/wts-forward/wtsapi32.dll", "tools/agent/velomar-open-cli.exe",
+              "tools/status/velomar-status.exe", "tests/rdp/velomar-raw-agent.exe"})
             fs::copy_file(kWindowsBuild + "/" + built, install / fs::path(built).filename(),
                           fs::copy_options::overwrite_existing);
         const std::string product = "HKLM\\Software\\Corvane\\Velomar (Server)";
@@ -172,12 +173,13 @@ TEST_F(RdpService, AUrlFromTheSessionOpensOnTheClientByteExact)
     EXPECT_EQ(0, Status()) << "connected";
 }
 
-// The agent checks the policy before it asks the service (exit code 4: refused by the host's URL
-// policy, not opened); the service's own answer 2 to a refused URL is covered over the library.
-TEST_F(RdpService, ARefusedSchemeNeverReachesTheClient)
+// The reference agent checks the policy before it asks (exit code 4: refused by the host's URL
+// policy, not opened); an agent that does not is answered 2 by the service.
+TEST_F(RdpService, ARefusedSchemeIsAnsweredTwoAndNeverReachesTheClient)
 {
     const size_t before = ReadRecords(s_record).size();
     EXPECT_EQ(4, Open("file:///etc/passwd"));
+    EXPECT_EQ(2, Wine({std::string(kInstallDir) + "velomar-raw-agent.exe", "file:///etc/shadow"}).status);
     EXPECT_EQ(std::vector<Args>{{"https://example.com/after-refusal"}},
               Deliver("https://example.com/after-refusal"));
     EXPECT_EQ(before + 1, ReadRecords(s_record).size());

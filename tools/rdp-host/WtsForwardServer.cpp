@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <random>
@@ -188,6 +189,19 @@ bool CWtsForwardServer::Answer(int socket, uint32_t ok, uint32_t error, uint32_t
 }
 
 void CWtsForwardServer::Serve(int socket)
+{
+    ServeCalls(socket);
+    // The caller's thread has ended or sent what makes no sense: its connection goes now.
+    std::lock_guard lock(m_lock);
+    const auto found = std::find(m_sockets.begin(), m_sockets.end(), socket);
+    if (found != m_sockets.end())
+    {
+        m_sockets.erase(found);
+        ::close(socket);
+    }
+}
+
+void CWtsForwardServer::ServeCalls(int socket)
 {
     std::vector<uint8_t> payload;
     std::vector<uint8_t> out;

@@ -27,6 +27,8 @@ public:
     CWtsForwardServer(const CWtsForwardServer&) = delete;
     CWtsForwardServer& operator=(const CWtsForwardServer&) = delete;
 
+    const std::string& ChannelName() const noexcept { return m_channelName; }
+
     // Listens on 127.0.0.1 at a free port and starts accepting.
     bool Start(uint16_t& port);
     void Stop();
@@ -48,6 +50,7 @@ private:
 
     void AcceptLoop();
     void Serve(int socket);
+    void ServeCalls(int socket);
     bool Answer(int socket, uint32_t ok, uint32_t error, uint32_t value, const std::vector<uint8_t>& payload);
     std::shared_ptr<PeerChannel> Attached(uint32_t handle);
 

@@ -333,7 +333,7 @@ BOOL PostConnect(freerdp_peer* peer)
     Say("client connected");
     auto* host = reinterpret_cast<HostContext*>(peer->context);
     if (host->forward)
-        host->forward->ClientConnected(OpenForwardedChannel(host->manager, "velomar"));
+        host->forward->ClientConnected(OpenForwardedChannel(host->manager, host->forward->ChannelName()));
     else
         host->session->OpenChannel();
     return TRUE;

@@ -101,6 +101,11 @@ BOOL Call(Op op, uint32_t a, uint32_t b, uint32_t c, const void* payload, uint32
         WSADATA data;
         g_started = ::WSAStartup(MAKEWORD(2, 2), &data) == 0;
     }
+    if (length > kMaxPayload)
+    {
+        ::SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
     const Request request{static_cast<uint32_t>(op), a, b, c, length};
     for (int attempt = 0; attempt < 2; ++attempt)
     {

@@ -39,7 +39,8 @@ struct Answer
 
 static_assert(sizeof(Request) == 20 && sizeof(Answer) == 16, "sent as they are in memory");
 
-// No payload is larger than one channel read or write of the tests (64 KiB) plus a session list.
-constexpr uint32_t kMaxPayload = 1u << 20;
+// Room for the longest URL the service takes (2^19 UTF-16 units, at most 1.5 MiB of UTF-8) in one
+// channel write.
+constexpr uint32_t kMaxPayload = 4u << 20;
 
 } // namespace WtsForward

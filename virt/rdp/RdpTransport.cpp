@@ -4,7 +4,6 @@
 
 #include <process.h>
 
-#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -232,11 +231,11 @@ HANDLE CRdpTransport::Connect(const Log& log, const wchar_t* origin, const wchar
                               uint32_t sessionId)
 {
     {
-        daxlib::shared_lock lock(m_srwConnections);
-        const bool live =
-            std::any_of(m_connections.begin(), m_connections.end(),
-                        [&](const auto& entry) { return entry.second->sessionId == sessionId; });
-        if (live)
+        // Held from before the open until the handle is closed, so that two handlers of one
+        // session (an old one still held by a sender, and its replacement) never open it side by
+        // side.
+        daxlib::unique_lock lock(m_srwConnections);
+        if (!m_sessionsWithChannel.insert(sessionId).second)
         {
             log.Log(LogLevel::Error, origin, L"Session %u (%s) still has a channel open", sessionId,
                     guidText);
@@ -249,14 +248,21 @@ HANDLE CRdpTransport::Connect(const Log& log, const wchar_t* origin, const wchar
     // "insufficient buffer") or the time is up, and takes no bytes.
     ChannelReadableWait wait = [calls](HANDLE channel, DWORD timeoutMs)
     {
+        const ULONGLONG started = ::GetTickCount64();
         char none = 0;
         ULONG got = 0;
-        if (calls.read(channel, timeoutMs, &none, 0, &got))
-            return ChannelReadiness::TimedOut;
-        const DWORD error = ::GetLastError();
-        if (error == ERROR_INSUFFICIENT_BUFFER || error == ERROR_MORE_DATA)
+        const BOOL ok = calls.read(channel, timeoutMs, &none, 0, &got);
+        const DWORD error = ok ? ERROR_SUCCESS : ::GetLastError();
+        if (!ok && (error == ERROR_INSUFFICIENT_BUFFER || error == ERROR_MORE_DATA))
             return ChannelReadiness::Readable;
-        return IsNothingArrivedYet(error) ? ChannelReadiness::TimedOut : ChannelReadiness::Broken;
+        if (!ok && !IsNothingArrivedYet(error))
+            return ChannelReadiness::Broken;
+        // A read that came back before its time (should the system not wait on an empty read) is
+        // made up for here, so that an idle session's reader never spins.
+        const ULONGLONG waited = ::GetTickCount64() - started;
+        if (waited < timeoutMs)
+            ::Sleep(static_cast<DWORD>(timeoutMs - waited));
+        return ChannelReadiness::TimedOut;
     };
     auto stream = CVirtualChannelStream::OpenEx(sessionId, kChannelName, std::move(wait), calls);
     const DWORD error = stream ? ERROR_SUCCESS : ::GetLastError();
@@ -264,6 +270,7 @@ HANDLE CRdpTransport::Connect(const Log& log, const wchar_t* origin, const wchar
     DWORD& lastError = m_lastOpenError[sessionId];
     if (!stream)
     {
+        m_sessionsWithChannel.erase(sessionId);
         // Retried every few seconds while the client side has not joined the channel: said once,
         // and again only when the reason changes.
         if (error != lastError)
@@ -366,6 +373,10 @@ void CRdpTransport::Close(HANDLE handle)
         connection->stream->Break(); // a waiting read gives up within one wait slice
     // Once no call uses it, the channel handle is closed here, before Close returns: the
     // session's next channel is never opened beside this one.
-    daxlib::unique_lock alone(connection->inUse);
-    connection->stream.reset();
+    {
+        daxlib::unique_lock alone(connection->inUse);
+        connection->stream.reset();
+    }
+    daxlib::unique_lock lock(m_srwConnections);
+    m_sessionsWithChannel.erase(connection->sessionId);
 }

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 // The session calls the transport makes; tests replace them.
@@ -91,5 +92,7 @@ private:
     mutable daxlib::srw_lock m_srwConnections;
     std::map<uintptr_t, std::shared_ptr<Connection>> m_connections TS_GUARDED_BY(m_srwConnections);
     std::map<uint32_t, DWORD> m_lastOpenError TS_GUARDED_BY(m_srwConnections); // by session
+    // Sessions whose channel is open or being opened.
+    std::set<uint32_t> m_sessionsWithChannel TS_GUARDED_BY(m_srwConnections);
     uintptr_t m_nextConnection TS_GUARDED_BY(m_srwConnections) = 0;
 };
