@@ -16,7 +16,8 @@ int wmain(int argc, wchar_t** argv)
     const std::wstring path = std::wstring(daxlib::kPipePrefix) + daxlib::kAgentPipeName;
     if (!::WaitNamedPipeW(path.c_str(), 10000))
         return 100;
-    HANDLE pipe = ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    HANDLE pipe =
+        ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     if (pipe == INVALID_HANDLE_VALUE)
         return 100;
     const std::wstring url = argv[1];
@@ -24,9 +25,10 @@ int wmain(int argc, wchar_t** argv)
     DWORD done = 0;
     uint8_t answer[12] = {};
     DWORD got = 0;
-    const bool answered = ::WriteFile(pipe, message.data(), static_cast<DWORD>(message.size()), &done, nullptr) &&
-                          ::ReadFile(pipe, answer, sizeof(answer), &got, nullptr) && got == sizeof(answer) &&
-                          agentpipe::LoadU32(answer) == agentpipe::kTypeOpenUrl;
+    const bool answered =
+        ::WriteFile(pipe, message.data(), static_cast<DWORD>(message.size()), &done, nullptr) &&
+        ::ReadFile(pipe, answer, sizeof(answer), &got, nullptr) && got == sizeof(answer) &&
+        agentpipe::LoadU32(answer) == agentpipe::kTypeOpenUrl;
     ::CloseHandle(pipe);
     return answered ? static_cast<int>(agentpipe::LoadU32(answer + 8)) : 100;
 }
