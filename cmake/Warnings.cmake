@@ -5,6 +5,13 @@ if(MSVC)
 else()
   target_compile_options(velomar_options INTERFACE -Wall -Wextra)
 endif()
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # In a unity build (the mingw preset) every source is #included into a generated file, and g++
+  # then takes each type defined in a source for one defined in a header: a test fixture or helper
+  # in an anonymous namespace, used as a base or member of a type of that same source, would be
+  # reported as a type with internal linkage leaking out of its unit, which it is not.
+  target_compile_options(velomar_options INTERFACE -Wno-subobject-linkage)
+endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   # The locking rules written on the lock wrappers and the members they guard (see
   # common/ThreadSafety.h) are checked by the compiler.

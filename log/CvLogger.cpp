@@ -17,7 +17,7 @@
 
 namespace
 {
-constexpr uint32_t kNotFound = ERROR_NOT_FOUND;
+constexpr uint32_t kNoFileToWrite = ERROR_NOT_FOUND;
 constexpr uint32_t kBadParameter = ERROR_INVALID_PARAMETER;
 
 cvlog::HeaderAlignment& ProcessAlignment()
@@ -225,7 +225,7 @@ void CCvLogger::DumpToFileV(uint32_t fileIndex, uint32_t level, const void* byte
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
     {
-        keep.set(kNotFound);
+        keep.set(kNoFileToWrite);
         return;
     }
     CCvLoggerBuffer& file = *it->second;

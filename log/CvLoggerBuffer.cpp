@@ -1,5 +1,6 @@
 #include "log/CvLoggerBuffer.h"
 
+#include "log/LogConversions.h"
 #include "log/LogFolder.h"
 #include "log/LogText.h"
 #include "log/RestrictedToken.h"
@@ -12,16 +13,10 @@
 namespace
 {
 constexpr uint32_t kSizeCheckInterval = 5000;
-
-std::u16string ToU16(const std::wstring& text)
-{
-    return std::u16string(text.begin(), text.end());
-}
-std::wstring FromU16(const std::u16string& text)
-{
-    return std::wstring(text.begin(), text.end());
-}
 } // namespace
+
+using cvlog::FromU16;
+using cvlog::ToU16;
 
 CCvLoggerBuffer::CCvLoggerBuffer(Options options)
     : m_pFolder(std::move(options.folder)), m_strFileStem(std::move(options.fileStem)),
@@ -180,7 +175,7 @@ bool CCvLoggerBuffer::CheckRotation()
     if (m_dwRotation >= m_dwRotationCount.load())
         m_dwRotation = Compact();
     ++m_dwRotation;
-    const std::wstring rotated = FromU16(cvlog::RotatedFileName(ToU16(m_strFileStem), m_dwRotation));
+    const std::wstring rotated = FromU16(cvlog::RotatedFileName(ToU16(m_strFileStem.c_str()), m_dwRotation));
     // A failed rename still starts a new live file, and the old text is lost with it.
     if (!m_pFolder->Rename(m_strLiveName, rotated))
         --m_dwRotation;
@@ -196,10 +191,10 @@ uint32_t CCvLoggerBuffer::Compact()
 {
     std::vector<std::u16string> names;
     for (const auto& entry : m_pFolder->List(m_strFileStem + L"(*).txt"))
-        names.push_back(ToU16(entry.name));
+        names.push_back(ToU16(entry.name.c_str()));
     std::sort(names.begin(), names.end());
     const cvlog::CompactionPlan plan =
-        cvlog::PlanCompaction(names, ToU16(m_strFileStem), m_dwRotationCount.load());
+        cvlog::PlanCompaction(names, ToU16(m_strFileStem.c_str()), m_dwRotationCount.load());
     for (const auto& name : plan.deletes)
         m_pFolder->Delete(FromU16(name));
     for (const auto& [from, to] : plan.renames)

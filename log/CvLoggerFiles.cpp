@@ -19,7 +19,7 @@
 
 namespace
 {
-constexpr uint32_t kNotFound = ERROR_NOT_FOUND;
+constexpr uint32_t kNoFileAtIndex = ERROR_NOT_FOUND;
 } // namespace
 
 using cvlog::FileTimeValue;
@@ -156,7 +156,7 @@ BOOL CCvLogger::RemoveLogFile(uint32_t fileIndex)
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
     {
-        ::SetLastError(kNotFound);
+        ::SetLastError(kNoFileAtIndex);
         return FALSE;
     }
     doomed = std::move(it->second);
@@ -172,7 +172,7 @@ BOOL CCvLogger::RequestRecreate(uint32_t fileIndex)
     const auto it = m_files.find(fileIndex);
     if (it == m_files.end())
     {
-        ::SetLastError(kNotFound);
+        ::SetLastError(kNoFileAtIndex);
         return FALSE;
     }
     it->second->RequestRecreate();

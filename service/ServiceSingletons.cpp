@@ -16,19 +16,19 @@ namespace service
 
 namespace
 {
-daxlib::srw_lock g_slotLock;
+daxlib::srw_lock g_loggerSlotLock;
 std::shared_ptr<CCvLogger> g_logger;
 } // namespace
 
 std::shared_ptr<CCvLogger> GetServiceLogger()
 {
-    daxlib::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_loggerSlotLock);
     return g_logger;
 }
 
 void SetServiceLogger(std::shared_ptr<CCvLogger> logger)
 {
-    daxlib::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_loggerSlotLock);
     g_logger = std::move(logger);
 }
 

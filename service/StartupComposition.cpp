@@ -18,7 +18,7 @@ namespace service
 
 namespace
 {
-daxlib::srw_lock g_slotLock;
+daxlib::srw_lock g_serverSlotsLock;
 std::shared_ptr<CVirtServer> g_virtServer;
 std::shared_ptr<CPipeServer> g_pipeServer;
 std::shared_ptr<CUrlPolicyWatch> g_urlPolicy;
@@ -37,13 +37,13 @@ DWORD ReadProductDword(HKEY root, const wchar_t* name)
 
 std::shared_ptr<CVirtServer> GetVirtServer()
 {
-    daxlib::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_serverSlotsLock);
     return g_virtServer;
 }
 
 std::shared_ptr<CPipeServer> GetPipeServer()
 {
-    daxlib::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_serverSlotsLock);
     return g_pipeServer;
 }
 
@@ -73,7 +73,7 @@ StatusApiSettings ReadStatusApiSettings(HKEY root)
 
 std::shared_ptr<CStatusServer> GetStatusServer()
 {
-    daxlib::lock_guard lock(g_slotLock);
+    daxlib::lock_guard lock(g_serverSlotsLock);
     return g_statusServer;
 }
 
@@ -111,14 +111,14 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
 
     auto virtServer = MakeVirtServer(logger);
     {
-        daxlib::lock_guard lock(g_slotLock);
+        daxlib::lock_guard lock(g_serverSlotsLock);
         g_virtServer = virtServer;
     }
     // Read before the pipe opens, so that the first URL already meets the administrator's policy.
     auto urlPolicy = std::make_shared<CUrlPolicyWatch>(logger);
     urlPolicy->Start();
     {
-        daxlib::lock_guard lock(g_slotLock);
+        daxlib::lock_guard lock(g_serverSlotsLock);
         g_urlPolicy = urlPolicy;
     }
     auto pipeServer = std::make_shared<CPipeServer>(logger);
@@ -137,7 +137,7 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
                 server->CountRefusedByPolicy(sessionId);
         });
     {
-        daxlib::lock_guard lock(g_slotLock);
+        daxlib::lock_guard lock(g_serverSlotsLock);
         g_pipeServer = pipeServer;
     }
 
@@ -160,7 +160,7 @@ void RunStartupComposition(const std::shared_ptr<CCvLogger>& logger)
         });
     virtServer->SetStatusListener(statusServer->Listener());
     {
-        daxlib::lock_guard lock(g_slotLock);
+        daxlib::lock_guard lock(g_serverSlotsLock);
         g_statusServer = statusServer;
     }
 

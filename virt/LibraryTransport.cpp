@@ -11,7 +11,7 @@ namespace
 {
 
 // The log texts name the server's initialisation, as they always have.
-constexpr wchar_t kInit[] = L"CVirtServer::Init";
+constexpr wchar_t kLibraryInit[] = L"CVirtServer::Init";
 
 bool ChannelFunctionsResolved() noexcept
 {
@@ -47,12 +47,12 @@ bool CLibraryTransport::Init(const Log& log)
     if (!SkApiLoadLib())
     {
         const DWORD error = ::GetLastError();
-        log.Log(LogLevel::Error, kInit, L"SkApiLoadLib() failed. LastError=%u", error);
+        log.Log(LogLevel::Error, kLibraryInit, L"SkApiLoadLib() failed. LastError=%u", error);
         return unavailable(daxlib::Format(L"it could not be loaded (error %u)", error));
     }
     if (const DWORD error = SkApi::pfnSkInit ? SkApi::pfnSkInit() : ERROR_PROC_NOT_FOUND; error != 0)
     {
-        log.Log(LogLevel::Error, kInit, L"SkInit() failed. Error=%u", error);
+        log.Log(LogLevel::Error, kLibraryInit, L"SkInit() failed. Error=%u", error);
         return unavailable(daxlib::Format(L"it loaded but did not initialise (error %u)", error));
     }
     m_bLoaded = true;

@@ -19,7 +19,7 @@ constexpr wchar_t kStopThreads[] = L"CSessionHandler::StopThreads";
 constexpr wchar_t kConnectionThread[] = L"CSessionHandler::ConnectionThread";
 constexpr wchar_t kReadThread[] = L"CSessionHandler::ReadThread";
 constexpr wchar_t kOnConnectionEvent[] = L"CSessionHandler::OnConnectionEvent";
-constexpr wchar_t kSendURL[] = L"CSessionHandler::SendURL";
+constexpr wchar_t kHandlerSendURL[] = L"CSessionHandler::SendURL";
 constexpr wchar_t kCloseConnection[] = L"CSessionHandler::CloseConnection";
 
 // A message this large is read into a buffer that is given back right after, so one odd
@@ -389,7 +389,8 @@ bool CSessionHandler::WriteURL(std::wstring url)
     const HANDLE connection = m_bSendAllowed.load() ? GetConnection() : nullptr;
     if (!connection)
     {
-        Log(LogLevel::Info, kSendURL, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer", 443u);
+        Log(LogLevel::Info, kHandlerSendURL, L"Connection is closed. Module=\"%s\", Line=%u", L"VirtServer",
+            443u);
         return false;
     }
     const int length = url.size() > static_cast<size_t>(INT_MAX / 4) ? -1 : static_cast<int>(url.size());
@@ -403,7 +404,7 @@ bool CSessionHandler::WriteURL(std::wstring url)
     }
     if (n < 1)
     {
-        Log(LogLevel::Error, kSendURL, L"WideCharToMultiByte failed. ret=%i, gle=%d", n,
+        Log(LogLevel::Error, kHandlerSendURL, L"WideCharToMultiByte failed. ret=%i, gle=%d", n,
             static_cast<int>(::GetLastError()));
         return false;
     }
@@ -413,7 +414,8 @@ bool CSessionHandler::WriteURL(std::wstring url)
     if (!m_pTransport->Write(connection, message.data(), &count, INFINITE))
     {
         // The text names LocalVersion although it reports the submit; kept word for word.
-        Log(LogLevel::Error, kSendURL, L"SkWriteData(LocalVersion) failed. Error=%u", ::GetLastError());
+        Log(LogLevel::Error, kHandlerSendURL, L"SkWriteData(LocalVersion) failed. Error=%u",
+            ::GetLastError());
         return false;
     }
     return true;
