@@ -23,31 +23,6 @@ cmake --build --preset native
 ctest --preset native --no-tests=ignore -LE rdp_service
 step_done native
 
-# Every fuzz target for about 30 s from an empty corpus; a crash, a leak or a sanitizer report
-# fails the run, and the fuzzer's output stays in build/fuzz/logs.
-fuzz_seconds=${VELOMAR_FUZZ_SECONDS:-30}
-cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz
-mkdir -p build/fuzz/logs
-mapfile -t fuzzers < <(find build/fuzz/tests -type f -name '*_fuzz' -perm -u+x | sort)
-[ ${#fuzzers[@]} -gt 0 ] || { echo "no fuzz targets were built" >&2; exit 1; }
-# One fuzzer per core at a time: each is single-threaded and gets its full time.
-fuzz_one() {
-  local fuzzer=$1 name
-  name=$(basename "$fuzzer")
-  echo "fuzzing $name for ${fuzz_seconds} s"
-  if ! "$fuzzer" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 \
-       -artifact_prefix="build/fuzz/logs/$name-" >"build/fuzz/logs/$name.log" 2>&1; then
-    tail -n 40 "build/fuzz/logs/$name.log" >&2
-    echo "$name failed; its input is in build/fuzz/logs/" >&2
-    return 1
-  fi
-}
-export -f fuzz_one
-export fuzz_seconds
-printf '%s\0' "${fuzzers[@]}" | xargs -0 -n 1 -P "$(nproc)" bash -c 'fuzz_one "$1"' _
-step_done fuzz
-
 # The Windows build with clang: the locking rules are checked (-Wthread-safety), every warning is
 # an error, clang-tidy reads its compile commands, and the pipe, pipe-server and session suites
 # run under Wine.
@@ -56,17 +31,67 @@ cmake --build --preset clang
 step_done "clang build"
 scripts/tidy.sh
 step_done clang-tidy
-ctest --preset clang -R "${VELOMAR_CLANG_SUITES:-^(pipe_|pipeserver_|virt_|wine_prefix)}"
-step_done "clang suites"
-
 cmake --preset mingw >/dev/null
 cmake --build --preset mingw
 step_done "mingw build"
-ctest --preset mingw
 
+# Every fuzz target for about 30 s from an empty corpus. The fuzzers take one core beside the
+# Wine suites below, which wait on timers and on Wine's server for more than half of their time,
+# and both cores once the suites are done; each fuzzer is claimed by the first lane to reach it. A
+# crash, a leak or a sanitizer report fails the run, and the fuzzer's output stays in
+# build/fuzz/logs.
+fuzz_seconds=${VELOMAR_FUZZ_SECONDS:-30}
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+mkdir -p build/fuzz/logs
+rm -rf build/fuzz/logs/*.claimed
+mapfile -t fuzzers < <(find build/fuzz/tests -type f -name '*_fuzz' -perm -u+x | sort)
+[ ${#fuzzers[@]} -gt 0 ] || { echo "no fuzz targets were built" >&2; exit 1; }
+step_done "fuzz build"
+fuzz_lane() {
+  local fuzzer name failed=0 child=
+  # Ended early (a suite failed), the lane ends the fuzzer it is running.
+  trap '[ -z "$child" ] || kill "$child" 2>/dev/null; exit 1' TERM
+  for fuzzer in "${fuzzers[@]}"; do
+    name=$(basename "$fuzzer")
+    mkdir "build/fuzz/logs/$name.claimed" 2>/dev/null || continue
+    "$fuzzer" -max_total_time="$fuzz_seconds" -timeout=10 -rss_limit_mb=2048 \
+      -artifact_prefix="build/fuzz/logs/$name-" >"build/fuzz/logs/$name.log" 2>&1 &
+    child=$!
+    if wait "$child"; then
+      echo "fuzzed $name for ${fuzz_seconds} s: $(grep -oE 'Done [0-9]+ runs' "build/fuzz/logs/$name.log" || true)"
+    else
+      tail -n 40 "build/fuzz/logs/$name.log"
+      echo "$name failed; its input is in build/fuzz/logs/"
+      failed=1
+    fi
+  done
+  return $failed
+}
+fuzz_lane >build/fuzz/logs/lane-1.txt 2>&1 &
+fuzz_lanes=($!)
+# If a suite fails, the fuzzing started here is ended with the run.
+trap 'kill "${fuzz_lanes[@]}" 2>/dev/null || true' EXIT
+
+# The Windows build with clang runs the pipe, pipe-server and session suites under Wine; the
+# g++ build runs every suite.
+ctest --preset clang -R "${VELOMAR_CLANG_SUITES:-^(pipe_|pipeserver_|virt_|wine_prefix)}"
+step_done "clang suites"
+ctest --preset mingw
 step_done "mingw suites"
 
 # The service itself over RDP: the Windows build under Wine with the forwarding wtsapi32.dll, the
 # test RDP host and xfreerdp with the add-in.
 ctest --preset native -L rdp_service
 step_done "rdp service"
+
+fuzz_lane >build/fuzz/logs/lane-2.txt 2>&1 &
+fuzz_lanes+=($!)
+fuzz_status=0
+for lane in "${fuzz_lanes[@]}"; do
+  wait "$lane" || fuzz_status=1
+done
+trap - EXIT
+cat build/fuzz/logs/lane-1.txt build/fuzz/logs/lane-2.txt
+[ "$fuzz_status" -eq 0 ] || { echo "fuzzing failed" >&2; exit 1; }
+step_done "fuzz (after the suites)"
