@@ -3,6 +3,7 @@
 // there is no answer. The RDP end-to-end test runs it in the Wine prefix to see the service judge.
 //   velomar-raw-agent URL
 #include "common/PipeNames.h"
+#include "common/UniqueHandle.h"
 #include "pipeserver/AgentProtocol.h"
 
 #include <windows.h>
@@ -16,9 +17,9 @@ int wmain(int argc, wchar_t** argv)
     const std::wstring path = std::wstring(daxlib::kPipePrefix) + daxlib::kAgentPipeName;
     if (!::WaitNamedPipeW(path.c_str(), 10000))
         return 100;
-    HANDLE pipe =
-        ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (pipe == INVALID_HANDLE_VALUE)
+    const daxlib::unique_hfile pipe(
+        ::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!pipe)
         return 100;
     const std::wstring url = argv[1];
     const auto message = agentpipe::EncodeOpenUrl(std::u16string(url.begin(), url.end()));
@@ -26,9 +27,8 @@ int wmain(int argc, wchar_t** argv)
     uint8_t answer[12] = {};
     DWORD got = 0;
     const bool answered =
-        ::WriteFile(pipe, message.data(), static_cast<DWORD>(message.size()), &done, nullptr) &&
-        ::ReadFile(pipe, answer, sizeof(answer), &got, nullptr) && got == sizeof(answer) &&
+        ::WriteFile(pipe.get(), message.data(), static_cast<DWORD>(message.size()), &done, nullptr) &&
+        ::ReadFile(pipe.get(), answer, sizeof(answer), &got, nullptr) && got == sizeof(answer) &&
         agentpipe::LoadU32(answer) == agentpipe::kTypeOpenUrl;
-    ::CloseHandle(pipe);
     return answered ? static_cast<int>(agentpipe::LoadU32(answer + 8)) : 100;
 }
