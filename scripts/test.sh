@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds everything and runs the whole suite: the Windows-free logic natively, each fuzz target
-# for a while, then the Windows build under Wine in a private prefix inside build/mingw.
+# Builds everything and runs the whole suite: the Windows-free logic natively, the Windows builds
+# with their checks, then the Wine suites in private prefixes inside the build folders, with each
+# fuzz target run for a while beside them.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 cd "$root"
@@ -24,8 +25,7 @@ ctest --preset native --no-tests=ignore -LE rdp_service
 step_done native
 
 # The Windows build with clang: the locking rules are checked (-Wthread-safety), every warning is
-# an error, clang-tidy reads its compile commands, and the pipe, pipe-server and session suites
-# run under Wine.
+# an error, and clang-tidy reads its compile commands.
 cmake --preset clang >/dev/null
 cmake --build --preset clang
 step_done "clang build"
@@ -36,7 +36,7 @@ cmake --build --preset mingw
 step_done "mingw build"
 
 # Every fuzz target for about 30 s from an empty corpus. The fuzzers take one core beside the
-# Wine suites below, which wait on timers and on Wine's server for more than half of their time,
+# Wine suites below, which wait on timers and on Wine's server for much of their time,
 # and both cores once the suites are done; each fuzzer is claimed by the first lane to reach it. A
 # crash, a leak or a sanitizer report fails the run, and the fuzzer's output stays in
 # build/fuzz/logs.
