@@ -28,10 +28,11 @@ function(velomar_add_test)
     set(T_TIMEOUT 300)
   endif()
   # Judged by what the program printed, not only by its exit code: a program that dies without its
-  # summary (Wine can end a process with a zero exit code) fails, as does any sanitizer report.
+  # summary (Wine can end a process with a zero exit code) fails, as does any sanitizer report or
+  # a death of the prefix's Wine server.
   set_tests_properties(${T_NAME} PROPERTIES TIMEOUT ${T_TIMEOUT}
     PASS_REGULAR_EXPRESSION "\\[  PASSED  \\]"
-    FAIL_REGULAR_EXPRESSION "\\[  FAILED  \\];died of an unhandled exception;ERROR: [A-Za-z]+Sanitizer;runtime error:")
+    FAIL_REGULAR_EXPRESSION "\\[  FAILED  \\];died of an unhandled exception;Wine server .pid [0-9]+. ended;ERROR: [A-Za-z]+Sanitizer;runtime error:")
   if(T_RESOURCE_LOCK)
     set_tests_properties(${T_NAME} PROPERTIES RESOURCE_LOCK "${T_RESOURCE_LOCK}")
   endif()

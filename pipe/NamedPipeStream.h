@@ -27,7 +27,9 @@ struct PIPE_OVERLAPPED
 {
     virtual ~PIPE_OVERLAPPED() = default;
 
-    HANDLE m_hEvent = nullptr; // only for a blocked write
+    // Only for a blocked write, set before the record is listed and never changed: borrowed from
+    // the writer, who closes or keeps it.
+    HANDLE m_hEvent = nullptr;
     uint32_t m_dwIoStatus = 0; // 0 or the Windows error of the completion
     uint32_t m_dwBytesTransferred = 0;
     std::shared_ptr<PIPE_IO_REQUEST> m_pRequest; // set when the stream accepts the operation

@@ -126,8 +126,9 @@ BOOL CPipeRequest::Write(const void* data, uint32_t length)
         error = ERROR_NOT_ENOUGH_MEMORY;
         LogStdException(LogLevel::Error, At(L"Write: ").c_str(), e);
     }
-    // The event is this function's to keep or close, not the record's.
-    record->m_hEvent = nullptr;
+    // The event is this function's to keep or close; the record keeps the value to the end, as
+    // the mark by which a cancel-all leaves the record to this writer. Cleared here, a cancel-all
+    // still walking the list would take the record for one of its own and free it under us.
     EndAsync(record);
     if (!result)
         ::SetLastError(error ? error : ERROR_WRITE_FAULT);
@@ -259,11 +260,6 @@ void CPipeRequest::EndAsync(PIPE_OVERLAPPED* record)
     }
     if (m_pStream)
         m_pStream->DetachRecord(record);
-    if (record->m_hEvent)
-    {
-        ::CloseHandle(record->m_hEvent);
-        record->m_hEvent = nullptr;
-    }
     Log(LogLevel::Trace, At(L"EndAsync: (57)").c_str(), L"delete ov = 0x%p", daxlib::Addr(record));
     delete record;
 }

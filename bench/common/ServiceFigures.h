@@ -21,7 +21,7 @@ namespace bench
 
 struct ProcessFigures
 {
-    long long handles = -1; // from the system's handle table: GetProcessHandleCount says 0 under Wine
+    long long handles = -1; // testsupport::CountProcessHandles: GetProcessHandleCount says 0 under Wine
     long long threads = -1;
     long long privateBytes = -1;
 };

@@ -89,7 +89,7 @@ TEST(BaseLogger, WritesOriginTagAndMessageAndKeepsLastError)
 TEST(LeakCounters, SeeHandlesAndThreadsComeAndGo)
 {
     const long long handlesBefore = testsupport::CountProcessHandles();
-    ASSERT_GT(handlesBefore, 0) << "the system handle table could not be read";
+    ASSERT_GT(handlesBefore, 0) << "the process's handles could not be counted";
     {
         daxlib::unique_handle a(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
         daxlib::unique_handle b(::CreateEventW(nullptr, TRUE, FALSE, nullptr));

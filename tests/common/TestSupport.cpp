@@ -108,56 +108,61 @@ DWORD ReadRegDword(HKEY root, const std::wstring& path, const wchar_t* name, DWO
 
 namespace
 {
-struct HandleEntryEx
+// Whether a handle value names a handle of the process. Asking about one's own handle creates
+// nothing; another process's handle is copied here and the copy closed at once.
+bool IsLiveHandle(HANDLE process, uintptr_t value)
 {
-    PVOID Object;
-    ULONG_PTR UniqueProcessId;
-    ULONG_PTR HandleValue;
-    ULONG GrantedAccess;
-    USHORT CreatorBackTraceIndex;
-    USHORT ObjectTypeIndex;
-    ULONG HandleAttributes;
-    ULONG Reserved;
-};
-struct HandleInformationEx
-{
-    ULONG_PTR NumberOfHandles;
-    ULONG_PTR Reserved;
-    HandleEntryEx Handles[1];
-};
-using NtQuerySystemInformationFn = LONG(WINAPI*)(ULONG, PVOID, ULONG, PULONG);
-constexpr ULONG kSystemExtendedHandleInformation = 64;
-constexpr LONG kStatusInfoLengthMismatch = static_cast<LONG>(0xC0000004L);
+    const auto handle = reinterpret_cast<HANDLE>(value);
+    if (!process)
+    {
+        DWORD flags = 0;
+        return ::GetHandleInformation(handle, &flags) != FALSE;
+    }
+    daxlib::unique_handle copy;
+    return ::DuplicateHandle(process, handle, ::GetCurrentProcess(), copy.put(), 0, FALSE,
+                             DUPLICATE_SAME_ACCESS) != FALSE;
+}
 } // namespace
 
 long long CountProcessHandles(DWORD processId)
 {
-    HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
-    auto query = ntdll ? reinterpret_cast<NtQuerySystemInformationFn>(
-                             reinterpret_cast<void*>(::GetProcAddress(ntdll, "NtQuerySystemInformation")))
-                       : nullptr;
-    if (!query)
-        return -1;
-    std::vector<unsigned char> buffer(1 << 20);
-    for (int attempt = 0; attempt < 8; ++attempt)
+    const bool self = processId == ::GetCurrentProcessId();
+    daxlib::unique_handle process;
+    if (!self)
     {
-        ULONG needed = 0;
-        const LONG status = query(kSystemExtendedHandleInformation, buffer.data(),
-                                  static_cast<ULONG>(buffer.size()), &needed);
-        if (status == kStatusInfoLengthMismatch)
-        {
-            buffer.resize(std::max<size_t>(buffer.size() * 2, needed + 65536));
-            continue;
-        }
-        if (status < 0)
+        process.reset(::OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+        if (!process)
             return -1;
-        const auto* info = reinterpret_cast<const HandleInformationEx*>(buffer.data());
-        long long count = 0;
-        for (ULONG_PTR i = 0; i < info->NumberOfHandles; ++i)
-            count += info->Handles[i].UniqueProcessId == processId ? 1 : 0;
-        return count;
     }
-    return -1;
+    DWORD reported = 0;
+    if (::GetProcessHandleCount(self ? ::GetCurrentProcess() : process.get(), &reported) && reported > 0)
+        return reported;
+
+    // Wine reports no handles at all. Nor can its system handle table be read instead: Wine 8's
+    // server crashes on it whenever some process of the prefix is just starting (its handle
+    // table still empty), and takes every process of the prefix with it. So each handle value
+    // is asked about in turn. Wine gives out the lowest free value first, so a process's handles
+    // sit close together and a long run of values that name nothing ends the count.
+    if (!self)
+    {
+        process.reset(::OpenProcess(PROCESS_DUP_HANDLE, FALSE, processId));
+        if (!process)
+            return -1;
+    }
+    constexpr unsigned kEmptyValuesThatEnd = 4096;
+    long long count = 0;
+    unsigned empty = 0;
+    for (uintptr_t value = 4; empty < kEmptyValuesThatEnd; value += 4)
+    {
+        if (IsLiveHandle(process.get(), value))
+        {
+            ++count;
+            empty = 0;
+        }
+        else
+            ++empty;
+    }
+    return count;
 }
 
 long long CountProcessThreads(DWORD processId)

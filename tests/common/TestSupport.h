@@ -36,8 +36,8 @@ private:
 
 void RemoveTree(const std::wstring& path);
 
-// Handles the process holds, counted from the system's handle table (GetProcessHandleCount
-// reports 0 under Wine). Returns -1 when the table cannot be read.
+// Handles the process holds: the system's count, or under Wine (which reports none) each handle
+// value asked about in turn. Returns -1 when the process cannot be opened.
 long long CountProcessHandles(DWORD processId = ::GetCurrentProcessId());
 // Threads of the process.
 long long CountProcessThreads(DWORD processId = ::GetCurrentProcessId());
