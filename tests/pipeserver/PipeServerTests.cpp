@@ -201,7 +201,8 @@ TEST_F(AgentPipeServer, OversizedPayloadClosesOnlyItsConnectionAndStopClosesTheR
         ASSERT_TRUE(agents.back()->OpenUrl(u"https://a.test/"));
     }
     ASSERT_TRUE(hostile.Write(Header(agentpipe::kTypeOpenUrl, 0xFFFFFFF0u)));
-    ASSERT_TRUE(hostile.Write(std::vector<uint8_t>(100, 'x')));
+    // The header alone is refused, so the service may have closed the pipe before this write.
+    (void)hostile.Write(std::vector<uint8_t>(100, 'x'));
     EXPECT_TRUE(hostile.Ended());
     EXPECT_TRUE(m_logger->Contains(L"refused"));
     EXPECT_EQ(agentpipe::kResultSent, agents[0]->OpenUrl(u"https://still.works/"));
