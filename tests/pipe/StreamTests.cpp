@@ -313,8 +313,9 @@ TEST_F(StreamTest, MessageLongerThanTheReadBufferArrivesWhole)
     // Sent once the first read waits. Under Wine a message longer than the buffer that is
     // already there when the first read starts is never delivered (Windows reports its first
     // part through the completion port); the service's own pipes are byte pipes.
-    ReadSeam seam;
+    // Declared first, so that the seam, and the hook that uses it, is gone before the event.
     daxlib::unique_handle readWaits(::CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    ReadSeam seam;
     g_afterRealRead = [&] { ::SetEvent(readWaits.get()); };
     ASSERT_TRUE(stream->BeginRead());
     ASSERT_EQ(WAIT_OBJECT_0, ::WaitForSingleObject(readWaits.get(), 10000));
